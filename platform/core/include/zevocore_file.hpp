@@ -1,0 +1,426 @@
+// Careful access to files in places where strangers may write: header-only, so that a caller of
+// another platform library compiles it in. No link is followed at a path's last two components,
+// nothing blocks on a FIFO or a lease, only regular files of bounded size are read, and a file is
+// replaced whole or not at all. Nothing here throws, logs or touches the error slot; guards keep
+// errno.
+#ifndef ZEVOCORE_FILE_HPP
+#define ZEVOCORE_FILE_HPP
+
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace zevo {
+
+enum FileError : unsigned {
+    kFileNoMemory = 0x0200,
+    kFileOpen = 0x0900,
+    kFileRead = 0x0A00,
+    kFileWrite = 0x0B00,
+    kFileStat = 0x2700,
+    kFileRename = 0x2800,
+};
+
+constexpr mode_t kPermissionBits = 0777;            // never set-id or sticky bits
+constexpr size_t kMostFileBytes = size_t{64} << 20; // what stands above is nobody's honest file
+constexpr int kMostRewriteRetries = 5;              // then the last rename wins
+constexpr size_t kPathBytes = 4096;
+
+class KeepErrno {
+public:
+    KeepErrno() noexcept : saved_(errno) {}
+    ~KeepErrno() { errno = saved_; }
+    KeepErrno(const KeepErrno &) = delete;
+    KeepErrno &operator=(const KeepErrno &) = delete;
+
+private:
+    int saved_;
+};
+
+template <class Call> auto RetryInterrupted(Call call) noexcept
+{
+    for (;;) {
+        const auto result = call();
+        if (result != -1 || errno != EINTR) return result;
+    }
+}
+
+// A descriptor of ours: closed on exec, and never 0 to 2, which a host may have closed.
+class Fd {
+public:
+    Fd() noexcept = default;
+    explicit Fd(int fd) noexcept : fd_(fd)
+    {
+        if (fd_ < 0 || fd_ > STDERR_FILENO) return;
+        fd_ = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        const KeepErrno keep;
+        ::close(fd);
+    }
+    Fd(Fd &&other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+    Fd &operator=(Fd &&other) noexcept
+    {
+        if (this != &other) {
+            Close();
+            fd_ = other.fd_;
+            other.fd_ = -1;
+        }
+        return *this;
+    }
+    ~Fd() { Close(); }
+
+    explicit operator bool() const noexcept { return fd_ >= 0; }
+    int get() const noexcept { return fd_; }
+    // Hands the descriptor over to somebody else who closes it.
+    int Release() noexcept
+    {
+        const int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+
+private:
+    void Close() noexcept
+    {
+        const KeepErrno keep;
+        if (fd_ >= 0) ::close(fd_); // never retried: the number is free, whatever close says
+        fd_ = -1;
+    }
+
+    int fd_ = -1;
+};
+
+inline Fd OpenAt(int dirFd, const char *szName, int flags, mode_t mode = 0) noexcept
+{
+    return Fd(RetryInterrupted(
+        [&] { return ::openat(dirFd, szName, flags | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, mode); }));
+}
+
+// A file's name in its open parent directory; false when there is no such directory (errno tells).
+// The path must outlive the place.
+class Place {
+public:
+    explicit Place(const char *szPath) noexcept
+    {
+        char szParent[kPathBytes] = ".";
+        const char *const szSlash = std::strrchr(szPath, '/');
+        szName_ = szSlash == nullptr ? szPath : szSlash + 1;
+        if (szSlash != nullptr) {
+            size_t cbParent = szSlash == szPath ? 1 : static_cast<size_t>(szSlash - szPath);
+            while (cbParent > 1 && szPath[cbParent - 1] == '/')
+                --cbParent; // with a slash at its end a link would be followed
+            if (cbParent >= sizeof(szParent)) {
+                errno = ENAMETOOLONG;
+                return;
+            }
+            std::memcpy(szParent, szPath, cbParent);
+            szParent[cbParent] = '\0';
+        }
+        dir_ = OpenAt(AT_FDCWD, szParent, O_PATH | O_DIRECTORY);
+    }
+
+    explicit operator bool() const noexcept { return static_cast<bool>(dir_); }
+    int dir() const noexcept { return dir_.get(); }
+    const char *name() const noexcept { return szName_; }
+
+private:
+    Fd dir_;
+    const char *szName_;
+};
+
+// Bytes in one growing block; false results mean that memory ran out.
+class Bytes {
+public:
+    Bytes() noexcept = default;
+    ~Bytes() { std::free(data_); }
+    Bytes(const Bytes &) = delete;
+    Bytes &operator=(const Bytes &) = delete;
+
+    std::string_view view() const noexcept { return {data_ == nullptr ? "" : data_, size_}; }
+    size_t size() const noexcept { return size_; }
+    char *end() noexcept { return data_ + size_; }
+    size_t room() const noexcept { return capacity_ - size_; }
+    void Clear() noexcept { size_ = 0; }
+    void Grow(size_t cb) noexcept { size_ += cb; }
+
+    bool Reserve(size_t cbMore) noexcept
+    {
+        if (room() >= cbMore) return true;
+        size_t cbWanted = capacity_ < 4096 ? 4096 : capacity_ * 2;
+        if (cbWanted < size_ + cbMore) cbWanted = size_ + cbMore;
+        char *const pLarger = static_cast<char *>(std::realloc(data_, cbWanted));
+        if (pLarger == nullptr) return false;
+        data_ = pLarger;
+        capacity_ = cbWanted;
+        return true;
+    }
+    bool Append(std::string_view text) noexcept
+    {
+        if (text.empty()) return true;
+        if (!Reserve(text.size())) return false;
+        std::memcpy(end(), text.data(), text.size());
+        size_ += text.size();
+        return true;
+    }
+
+private:
+    char *data_ = nullptr;
+    size_t size_ = 0;
+    size_t capacity_ = 0;
+};
+
+// An open regular file. false: code() says why.
+class RegularFile {
+public:
+    // flags: O_RDONLY, O_RDWR, O_APPEND; an existing file is never created anew or cut.
+    RegularFile(const Place &place, int flags) noexcept
+    {
+        // O_NONBLOCK: neither a FIFO without a peer nor somebody's lease may hold the host up.
+        fd_ = OpenAt(place.dir(), place.name(), flags | O_NONBLOCK);
+        if (!fd_) return;
+        if (::fstat(fd_.get(), &stat_) < 0) {
+            Refuse(kFileStat);
+        } else if (!S_ISREG(stat_.st_mode) || stat_.st_size > static_cast<off_t>(kMostFileBytes)) {
+            Refuse(kFileOpen);
+            errno = S_ISDIR(stat_.st_mode) ? EISDIR : S_ISREG(stat_.st_mode) ? EFBIG : EINVAL;
+        }
+    }
+
+    explicit operator bool() const noexcept { return static_cast<bool>(fd_); }
+    unsigned code() const noexcept { return code_; }
+    int get() const noexcept { return fd_.get(); }
+    const struct stat &stat() const noexcept { return stat_; }
+
+    // Reads the file from its start, as long as it was when it was opened or longer; 0, or the
+    // error code.
+    unsigned ReadWhole(Bytes &bytes) const noexcept
+    {
+        const size_t cbExpected = static_cast<size_t>(stat_.st_size);
+        if (!bytes.Reserve(cbExpected + 1)) return kFileNoMemory; // + 1: some buffer, always
+        while (bytes.size() < cbExpected) {
+            const ssize_t cbRead = RetryInterrupted([&] {
+                return ::pread(fd_.get(), bytes.end(), bytes.room(),
+                               static_cast<off_t>(bytes.size()));
+            });
+            if (cbRead < 0) return kFileRead;
+            if (cbRead == 0) break; // somebody has cut it
+            bytes.Grow(static_cast<size_t>(cbRead));
+        }
+        return 0;
+    }
+
+private:
+    void Refuse(unsigned code) noexcept
+    {
+        code_ = code;
+        fd_ = Fd();
+    }
+
+    Fd fd_;
+    struct stat stat_ = {};
+    unsigned code_ = kFileOpen;
+};
+
+// Whether the path names that file now; the file found there is told in now.
+inline bool Names(const Place &place, const struct stat &file, struct stat &now) noexcept
+{
+    return ::fstatat(place.dir(), place.name(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+           now.st_dev == file.st_dev && now.st_ino == file.st_ino;
+}
+
+// Whether the path still names the open file. Ask while the file is open: inode numbers are given
+// anew once it is closed.
+inline bool NamesSameFile(const Place &place, const struct stat &opened,
+                          struct stat *pNow = nullptr) noexcept
+{
+    struct stat now = {};
+    if (pNow == nullptr) pNow = &now;
+    return ::fstatat(place.dir(), place.name(), pNow, AT_SYMLINK_NOFOLLOW) == 0 &&
+           pNow->st_dev == opened.st_dev && pNow->st_ino == opened.st_ino;
+}
+
+// The same, and nobody has appended to the cbKnown bytes that were read of it.
+inline bool StillNames(const Place &place, const struct stat &opened, size_t cbKnown) noexcept
+{
+    struct stat now = {};
+    return NamesSameFile(place, opened, &now) && now.st_size == static_cast<off_t>(cbKnown);
+}
+
+// While it lives a write beyond the file-size limit fails with EFBIG instead of ending the process
+// by SIGXFSZ. Most processes have no such limit: then nothing is changed.
+class FileSizeScope {
+public:
+    FileSizeScope() noexcept
+    {
+        struct rlimit limit = {};
+        if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur == RLIM_INFINITY) return;
+        ::sigemptyset(&signal_);
+        ::sigaddset(&signal_, SIGXFSZ);
+        sigset_t pending;
+        ::sigpending(&pending);
+        if (::sigismember(&pending, SIGXFSZ) != 0) return; // blocked by the host, and its own
+        blocked_ = ::pthread_sigmask(SIG_BLOCK, &signal_, &saved_) == 0;
+    }
+    ~FileSizeScope()
+    {
+        if (!blocked_) return;
+        const KeepErrno keep;
+        const struct timespec kAtOnce = {};
+        RetryInterrupted([&] { return ::sigtimedwait(&signal_, nullptr, &kAtOnce); });
+        ::pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+    }
+    FileSizeScope(const FileSizeScope &) = delete;
+    FileSizeScope &operator=(const FileSizeScope &) = delete;
+
+private:
+    sigset_t signal_ = {};
+    sigset_t saved_ = {};
+    bool blocked_ = false;
+};
+
+inline bool WriteAll(int fd, std::string_view text) noexcept
+{
+    const FileSizeScope limit;
+    while (!text.empty()) {
+        const ssize_t cb = RetryInterrupted([&] { return ::write(fd, text.data(), text.size()); });
+        if (cb <= 0) return false;
+        text.remove_prefix(static_cast<size_t>(cb));
+    }
+    return true;
+}
+
+// One write at the end of a file opened with O_APPEND; a short one is a failure.
+inline bool AppendOnce(int fd, std::string_view text) noexcept
+{
+    const FileSizeScope limit;
+    return RetryInterrupted([&] { return ::write(fd, text.data(), text.size()); }) ==
+           static_cast<ssize_t>(text.size());
+}
+
+// A new file beside the place, named after it with a dot and six random letters; gone unless
+// renamed.
+class TempFile {
+public:
+    explicit TempFile(const Place &place) noexcept : place_(place)
+    {
+        constexpr int kMostNames = 100;
+        for (int tries = 0; tries < kMostNames && !fd_; ++tries) {
+            if (!MakeName()) return;
+            fd_ = OpenAt(place_.dir(), szName_, O_WRONLY | O_CREAT | O_EXCL, 0600);
+            if (!fd_ && errno != EEXIST) {
+                Unlink(); // made, but no descriptor above 2 was left for it
+                return;
+            }
+        }
+    }
+    ~TempFile()
+    {
+        if (fd_ && !renamed_) Unlink();
+    }
+    TempFile(const TempFile &) = delete;
+    TempFile &operator=(const TempFile &) = delete;
+
+    explicit operator bool() const noexcept { return static_cast<bool>(fd_); }
+    bool Write(std::string_view text) noexcept
+    {
+        if (text.size() <= kMostFileBytes) return WriteAll(fd_.get(), text);
+        errno = EFBIG; // nobody could read it again
+        return false;
+    }
+    bool Sync() noexcept
+    {
+        return RetryInterrupted([&] { return ::fsync(fd_.get()); }) == 0;
+    }
+    bool SetMode(mode_t mode) noexcept { return ::fchmod(fd_.get(), mode) == 0; }
+    // An ordinary user may not give files away: then it stays his.
+    void TryOwner(uid_t uid, gid_t gid) noexcept
+    {
+        const KeepErrno keep;
+        if (::fchown(fd_.get(), uid, gid) < 0 && ::fchown(fd_.get(), uid_t(-1), gid) < 0) return;
+    }
+    bool RenameOver() noexcept
+    {
+        renamed_ = ::renameat(place_.dir(), szName_, place_.dir(), place_.name()) == 0;
+        return renamed_;
+    }
+
+private:
+    void Unlink() noexcept
+    {
+        const KeepErrno keep;
+        ::unlinkat(place_.dir(), szName_, 0);
+    }
+    bool MakeName() noexcept
+    {
+        constexpr char kLetters[] =
+            "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+        unsigned char random[6] = {};
+        if (::getrandom(random, sizeof(random), GRND_NONBLOCK) != sizeof(random)) return false;
+        const int cb = std::snprintf(szName_, sizeof(szName_), "%s.", place_.name());
+        if (cb < 0 || static_cast<size_t>(cb) + sizeof(random) >= sizeof(szName_)) {
+            errno = ENAMETOOLONG;
+            return false;
+        }
+        char *pNext = szName_ + cb;
+        for (const unsigned char byte : random)
+            *pNext++ = kLetters[byte % (sizeof(kLetters) - 1)];
+        *pNext = '\0';
+        return true;
+    }
+
+    const Place &place_;
+    Fd fd_;
+    char szName_[256] = {};
+    bool renamed_ = false;
+};
+
+struct RewriteResult {
+    int result;    // 1 replaced, 0 nothing to replace (file untouched), -1 failed
+    unsigned code; // why it failed
+};
+
+constexpr int kComposeFailed = -1; // for want of memory
+
+// Replaces a file that many processes rewrite without a lock. compose(old, new) puts the new text
+// together: 1 to write it, 0 to leave the file as it is, kComposeFailed. Each attempt starts
+// from what the path names then; when another process was faster it starts over, and after the last
+// retry the later rename wins.
+template <class Compose> RewriteResult RewriteFile(const char *szPath, Compose compose) noexcept
+{
+    const Place place(szPath);
+    if (!place) return {-1, kFileOpen};
+    Bytes oldText;
+    Bytes newText;
+    for (int attempt = 0;; ++attempt) {
+        const RegularFile in(place, O_RDONLY);
+        if (!in) return {-1, in.code()};
+        oldText.Clear();
+        newText.Clear();
+        if (const unsigned code = in.ReadWhole(oldText); code != 0) return {-1, code};
+        const int found = compose(oldText.view(), newText);
+        if (found == kComposeFailed) return {-1, kFileNoMemory};
+        if (found == 0) return {0, 0};
+        TempFile temp(place);
+        if (!temp) return {-1, kFileOpen};
+        if (!temp.Write(newText.view()) || !temp.Sync() ||
+            !temp.SetMode(in.stat().st_mode & kPermissionBits))
+            return {-1, kFileWrite};
+        if (attempt < kMostRewriteRetries && !StillNames(place, in.stat(), oldText.size()))
+            continue;
+        if (!temp.RenameOver()) return {-1, kFileRename};
+        return {1, 0};
+    }
+}
+
+} // namespace zevo
+
+#endif // ZEVOCORE_FILE_HPP

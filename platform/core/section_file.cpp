@@ -1,0 +1,289 @@
+// Section files on disk. Reading takes no lock: a file is only ever replaced whole, so whoever
+// opens it sees the old text or the new one.
+//
+// Two kinds of writers. Settings (set, add) must not lose each other's changes: they hold a write
+// lock on the file itself from before it is read until its successor has taken its place. The lock
+// belongs to the open file (OFD), so it excludes threads of one process too, and goes when its
+// holder dies. Since every writer leaves another file under the name, a lock counts only if the
+// name still leads to the locked file once it is granted. Removing a section serves files that are
+// rewritten many times a second without any lock; it takes part in their way, see RewriteFile().
+#include "section_text.hpp"
+#include "sz_list.hpp"
+#include "zevocore_frame.hpp"
+
+namespace zevo {
+namespace {
+
+// The file, open for reading and write-locked. false: code() says why.
+class LockedFile {
+public:
+    explicit LockedFile(const Place &place) noexcept : file_(place, O_RDWR)
+    {
+        while (file_ && Lock(F_OFD_SETLKW, F_WRLCK)) {
+            if (Names(place, file_.stat(), current_)) return;
+            Unlock();
+            file_ = RegularFile(place, O_RDWR); // its successor, which another writer has made
+        }
+        code_ = file_ ? unsigned{kFileOpen} : file_.code();
+    }
+    ~LockedFile() { Unlock(); }
+    LockedFile(const LockedFile &) = delete;
+    LockedFile &operator=(const LockedFile &) = delete;
+
+    explicit operator bool() const noexcept { return code_ == 0; }
+    unsigned code() const noexcept { return code_; }
+    const struct stat &stat() const noexcept { return current_; }
+    unsigned ReadWhole(Bytes &bytes) const noexcept { return file_.ReadWhole(bytes); }
+
+private:
+    // Not left to close: a child forked meanwhile would keep the lock until it runs its program.
+    void Unlock() const noexcept
+    {
+        const KeepErrno keep;
+        if (file_) Lock(F_OFD_SETLK, F_UNLCK);
+    }
+
+    bool Lock(int command, short type) const noexcept
+    {
+        struct flock lock = {}; // the whole file
+        lock.l_type = type;
+        lock.l_whence = SEEK_SET;
+        return RetryInterrupted([&] { return ::fcntl(file_.get(), command, &lock); }) == 0;
+    }
+
+    RegularFile file_;
+    struct stat current_ = {}; // as of the time the lock was granted
+    unsigned code_ = 0;
+};
+
+// The old file's text on its way to the new one. The results: 1 changed, 0 section not there, -1 no
+// memory.
+class Composer {
+public:
+    Composer(std::string_view oldText, const char *szSection, Bytes &out) noexcept
+        : reader_(oldText), szSection_(szSection), out_(out)
+    {
+    }
+
+    // The new pairs take the place of the old ones, below the comments at the section's head.
+    int Set(const VLIB_SZ_HASH &hash) noexcept
+    {
+        const VLIB_SZ_HASH *pAwaited = nullptr;
+        for (Line line; reader_.Next(line);) {
+            const bool isFirst = Enter(line) && !found_;
+            if (pAwaited != nullptr && line.kind != LineKind::kComment) {
+                if (!WritePairs(out_, *pAwaited)) return -1;
+                pAwaited = nullptr;
+            }
+            const bool isOld = line.kind == LineKind::kHeader || line.kind == LineKind::kPair;
+            if ((!inside_ || !isOld || isFirst) && !out_.Append(line.whole)) return -1;
+            if (!isFirst) continue;
+            found_ = true;
+            pAwaited = &hash;
+        }
+        if (pAwaited != nullptr && !(EndLine(out_) && WritePairs(out_, *pAwaited))) return -1;
+        return found_ ? 1 : 0;
+    }
+
+    // Of a removed section its comments stay: somebody wrote them by hand.
+    int Remove() noexcept
+    {
+        for (Line line; reader_.Next(line);) {
+            found_ |= Enter(line);
+            if (inside_ && line.kind != LineKind::kComment) continue;
+            if (!out_.Append(line.whole)) return -1;
+        }
+        return found_ ? 1 : 0;
+    }
+
+private:
+    // Notes whether the line lies inside the section; true for a header of it.
+    bool Enter(const Line &line) noexcept
+    {
+        if (line.kind != LineKind::kHeader) return false;
+        return inside_ = IsWord(line.name, szSection_);
+    }
+
+    Reader reader_;
+    const char *szSection_;
+    Bytes &out_;
+    bool inside_ = false;
+    bool found_ = false;
+};
+
+// Adds a section below the text, after a blank line.
+bool AppendSection(Bytes &out, const char *szSection, const VLIB_SZ_HASH &hash) noexcept
+{
+    const bool isApart = out.size() == 0 || out.view().ends_with("\n\n");
+    return EndLine(out) && (isApart || out.Append("\n")) && WriteHeader(out, szSection) &&
+           WritePairs(out, hash);
+}
+
+// Puts a file with the new text in the old one's place; 0, or the error code.
+unsigned Replace(const Place &place, const struct stat &old, std::string_view text) noexcept
+{
+    TempFile temp(place);
+    if (!temp) return kFileOpen;
+    if (!temp.Write(text)) return kFileWrite;
+    temp.TryOwner(old.st_uid, old.st_gid);
+    if (!temp.SetMode(old.st_mode & kPermissionBits) || !temp.Sync()) return kFileWrite;
+    if (!temp.RenameOver()) return kFileRename;
+    // The new file stands, so there is no failure to tell any more.
+    if (const Fd dir = OpenAt(place.dir(), ".", O_RDONLY | O_DIRECTORY)) (void)::fsync(dir.get());
+    return 0;
+}
+
+enum class IfAbsent { kLeave, kAdd };
+
+// 1 written, 0 not there and left; -1 failed, with the code.
+RewriteResult WriteSection(const char *szPath, const char *szSection, const VLIB_SZ_HASH &hash,
+                           IfAbsent ifAbsent) noexcept
+{
+    const CancelScope cancel;
+    const Place place(szPath);
+    if (!place) return {-1, kFileOpen};
+    const LockedFile file(place);
+    if (!file) return {-1, file.code()};
+    Bytes oldText;
+    if (const unsigned code = file.ReadWhole(oldText); code != 0) return {-1, code};
+    Bytes newText;
+    const int found = Composer(oldText.view(), szSection, newText).Set(hash);
+    if (found == 0 && ifAbsent == IfAbsent::kLeave) return {0, 0};
+    if (found < 0 || (found == 0 && !AppendSection(newText, szSection, hash)))
+        return {-1, kFileNoMemory};
+    const unsigned code = Replace(place, file.stat(), newText.view());
+    return {code == 0 ? 1 : -1, code};
+}
+
+unsigned ReadFile(const char *szPath, Bytes &text) noexcept
+{
+    const Place place(szPath);
+    if (!place) return kFileOpen;
+    const RegularFile file(place, O_RDONLY);
+    return file ? file.ReadWhole(text) : file.code();
+}
+
+// Puts the pairs below a header into the hash; false without memory.
+bool TakePairs(Reader &reader, VLIB_SZ_HASH &hash) noexcept
+{
+    Bytes keyScratch;
+    Bytes valueScratch;
+    for (Line line; reader.Next(line) && line.kind != LineKind::kHeader;) {
+        if (line.kind != LineKind::kPair) continue;
+        std::string_view key;
+        std::string_view value;
+        if (!Decode(line.name, keyScratch, key) || !Decode(line.value, valueScratch, value) ||
+            !hash.Set(key, value))
+            return false;
+    }
+    return true;
+}
+
+// Appends the names of the sections to the list, each once; false without memory.
+bool TakeNames(std::string_view text, VLIB_SZ_LIST &list) noexcept
+{
+    VLIB_SZ_HASH *const pSeen = VLIBCSzHashAlloc(0);
+    if (pSeen == nullptr) return false;
+    Reader reader(text);
+    Bytes scratch;
+    bool done = true;
+    for (Line line; done && reader.NextHeader(line);) {
+        std::string_view name;
+        done = Decode(line.name, scratch, name) &&
+               (pSeen->Get(name) != nullptr || (pSeen->Set(name, "") && ListAppend(list, name)));
+    }
+    VLIBCSzHashFree(pSeen);
+    return done;
+}
+
+std::string_view OneLine(const char *szLine, int cbLine) noexcept
+{
+    return szLine == nullptr || cbLine <= 0 ? std::string_view()
+                                            : std::string_view(szLine, static_cast<size_t>(cbLine));
+}
+
+} // namespace
+} // namespace zevo
+
+using namespace zevo;
+
+int VLIBCFileGetSection(const char *szPath, const char *szSection, VLIB_SZ_HASH **ppHash) noexcept
+{
+    if (szPath == nullptr || szSection == nullptr || ppHash == nullptr || *ppHash == nullptr)
+        return ZEVO_FAIL(kBadArgument);
+    const CancelScope cancel;
+    Bytes text;
+    if (const unsigned code = ReadFile(szPath, text); code != 0) return ZEVO_FAIL(code);
+    Reader reader(text.view());
+    for (Line line; reader.NextHeader(line);) {
+        if (!IsWord(line.name, szSection)) continue;
+        return TakePairs(reader, **ppHash) ? 1 : ZEVO_FAIL(kFileNoMemory);
+    }
+    return 0;
+}
+
+int VLIBCFileSetSection(const char *szPath, const char *szSection, const char *,
+                        const VLIB_SZ_HASH *pHash, int) noexcept
+{
+    if (szPath == nullptr || szSection == nullptr || pHash == nullptr)
+        return ZEVO_FAIL(kBadArgument);
+    const RewriteResult done = WriteSection(szPath, szSection, *pHash, IfAbsent::kLeave);
+    return done.result < 0 ? ZEVO_FAIL(done.code) : done.result;
+}
+
+int VLIBCFileAddSection(const char *szPath, const char *szSection, const VLIB_SZ_HASH *pHash,
+                        int) noexcept
+{
+    if (szPath == nullptr || szSection == nullptr || pHash == nullptr)
+        return ZEVO_FAIL(kBadArgument);
+    const RewriteResult done = WriteSection(szPath, szSection, *pHash, IfAbsent::kAdd);
+    return done.result < 0 ? ZEVO_FAIL(done.code) : 0;
+}
+
+int VLIBCFileRemoveSection(const char *szPath, const char *szSection) noexcept
+{
+    if (szPath == nullptr || szSection == nullptr) return ZEVO_FAIL(kBadArgument);
+    const CancelScope cancel;
+    const RewriteResult done = RewriteFile(szPath, [&](std::string_view oldText, Bytes &newText) {
+        return Composer(oldText, szSection, newText).Remove();
+    });
+    return done.result < 0 ? ZEVO_FAIL(done.code) : done.result;
+}
+
+int VLIBCFileEnumSection(const char *szPath, VLIB_SZ_LIST **ppList) noexcept
+{
+    if (szPath == nullptr || ppList == nullptr || *ppList == nullptr)
+        return ZEVO_FAIL(kBadArgument);
+    const CancelScope cancel;
+    Bytes text;
+    if (const unsigned code = ReadFile(szPath, text); code != 0) return ZEVO_FAIL(code);
+    VLIB_SZ_LIST &list = **ppList;
+    const int32_t nBefore = list.nItem;
+    if (TakeNames(text.view(), list)) return list.nItem - nBefore;
+    ListCut(list, nBefore);
+    return ZEVO_FAIL(kFileNoMemory);
+}
+
+int VLIBCFileHash2File(FILE *pFile, const char *szSection, const VLIB_SZ_HASH *pHash, int) noexcept
+{
+    if (pFile == nullptr || szSection == nullptr || pHash == nullptr)
+        return ZEVO_FAIL(kBadArgument);
+    const CancelScope cancel;
+    Bytes text;
+    if (!WriteHeader(text, szSection) || !WritePairs(text, *pHash)) return ZEVO_FAIL(kFileNoMemory);
+    const size_t cbWritten = std::fwrite(text.view().data(), 1, text.size(), pFile);
+    return cbWritten == text.size() ? 0 : ZEVO_FAIL(kFileWrite);
+}
+
+int VLIBCIFileIsSection(const char *szLine, int cbLine) noexcept
+{
+    return ReadLine(OneLine(szLine, cbLine)).kind == LineKind::kHeader ? 1 : 0;
+}
+
+int VLIBCIFileMatchSection(const char *szLine, int cbLine, const char *szSection) noexcept
+{
+    const Line line = ReadLine(OneLine(szLine, cbLine));
+    const bool isIt =
+        szSection != nullptr && line.kind == LineKind::kHeader && IsWord(line.name, szSection);
+    return isIt ? 1 : 0;
+}

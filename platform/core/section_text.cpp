@@ -1,0 +1,302 @@
+// The text of section files. A line is read by the first byte that decides: ';' or '#' a comment,
+// '[' a header or junk, anything else a pair, a blank line or junk. A text that begins with a quote
+// ends at the next unescaped one; any other is taken as it stands, less the blanks around it. The
+// writer follows from that: it quotes exactly the texts that would not come back equal, and those a
+// terminal or an editor would mangle.
+#include "section_text.hpp"
+
+#include <cstring>
+
+namespace zevo {
+namespace {
+
+constexpr std::string_view kBlanks = " \t\r"; // "\r": files that were edited elsewhere
+
+std::string_view TrimFront(std::string_view text) noexcept
+{
+    const size_t first = text.find_first_not_of(kBlanks);
+    return first == text.npos ? std::string_view() : text.substr(first);
+}
+
+std::string_view Trim(std::string_view text) noexcept
+{
+    const std::string_view rest = TrimFront(text);
+    return rest.substr(0, rest.find_last_not_of(kBlanks) + 1);
+}
+
+int HexDigit(char digit) noexcept
+{
+    if (digit >= '0' && digit <= '9') return digit - '0';
+    if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
+    if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
+    return -1;
+}
+
+// The byte that an escape stands for, taken off the front behind its backslash; 0 for no escape:
+// texts hold no NUL.
+char TakeEscape(std::string_view &rest) noexcept
+{
+    if (rest.empty()) return 0;
+    const char letter = rest.front();
+    rest.remove_prefix(1);
+    switch (letter) {
+    case '\\':
+    case '"':
+        return letter;
+    case 'n':
+        return '\n';
+    case 'r':
+        return '\r';
+    case 't':
+        return '\t';
+    case 'x':
+        break;
+    default:
+        return 0;
+    }
+    if (rest.size() < 2) return 0;
+    const int high = HexDigit(rest[0]);
+    const int low = HexDigit(rest[1]);
+    rest.remove_prefix(2);
+    return high < 0 || low < 0 ? '\0' : static_cast<char>(high * 16 + low);
+}
+
+char TakeByte(std::string_view &rest) noexcept
+{
+    const char first = rest.front();
+    rest.remove_prefix(1);
+    return first == '\\' ? TakeEscape(rest) : first;
+}
+
+// Takes a quoted word off the front; false when it is malformed.
+bool TakeQuoted(std::string_view &text, Word &word) noexcept
+{
+    const std::string_view inside = text.substr(1);
+    std::string_view rest = inside;
+    while (!rest.empty() && rest.front() != '"') {
+        if (rest.front() == '\\') word.hasEscapes = true;
+        if (TakeByte(rest) == 0) return false;
+    }
+    if (rest.empty()) return false;
+    word.raw = inside.substr(0, inside.size() - rest.size());
+    text = rest.substr(1);
+    return true;
+}
+
+// Takes a word and the end mark behind it off the front; false when they do not stand there.
+bool TakeWord(std::string_view &text, char endMark, Word &word) noexcept
+{
+    std::string_view rest = TrimFront(text);
+    if (!rest.empty() && rest.front() == '"') {
+        if (!TakeQuoted(rest, word)) return false;
+        rest = TrimFront(rest);
+        if (rest.empty() || rest.front() != endMark) return false;
+        text = rest.substr(1);
+        return true;
+    }
+    const size_t end = rest.find(endMark);
+    if (end == rest.npos) return false;
+    word.raw = Trim(rest.substr(0, end));
+    text = rest.substr(end + 1);
+    return !word.raw.empty();
+}
+
+bool ReadHeader(std::string_view text, Line &line) noexcept
+{
+    text.remove_prefix(1);
+    return TakeWord(text, ']', line.name) && Trim(text).empty();
+}
+
+bool ReadPair(std::string_view text, Line &line) noexcept
+{
+    if (!TakeWord(text, '=', line.name)) return false;
+    text = Trim(text);
+    if (text.empty() || text.front() != '"') {
+        line.value.raw = text;
+        return true;
+    }
+    return TakeQuoted(text, line.value) && text.empty();
+}
+
+LineKind Classify(std::string_view text, Line &line) noexcept
+{
+    if (Trim(text).empty()) return LineKind::kBlank;
+    if (text.front() == ';' || text.front() == '#') return LineKind::kComment;
+    if (text.find('\0') != text.npos) return LineKind::kJunk;
+    if (text.front() == '[') return ReadHeader(text, line) ? LineKind::kHeader : LineKind::kJunk;
+    return ReadPair(text, line) ? LineKind::kPair : LineKind::kJunk;
+}
+
+bool Within(std::string_view text, size_t at, unsigned low, unsigned high) noexcept
+{
+    if (at >= text.size()) return false;
+    const unsigned byte = static_cast<unsigned char>(text[at]);
+    return low <= byte && byte <= high;
+}
+
+// The length of the character at the front when it is fit to be seen, else 0: control characters,
+// those above ASCII included, and bytes that are no UTF-8.
+size_t ReadableLength(std::string_view text) noexcept
+{
+    const unsigned first = static_cast<unsigned char>(text.front());
+    if (first < 0x80) return first >= 0x20 && first != 0x7F ? 1 : 0;
+    if (first >= 0xC2 && first <= 0xDF)
+        return Within(text, 1, first == 0xC2 ? 0xA0 : 0x80, 0xBF) ? 2 : 0;
+    if (first >= 0xE0 && first <= 0xEF) {
+        const bool fits = Within(text, 1, first == 0xE0 ? 0xA0 : 0x80, first == 0xED ? 0x9F : 0xBF);
+        return fits && Within(text, 2, 0x80, 0xBF) ? 3 : 0;
+    }
+    if (first >= 0xF0 && first <= 0xF4) {
+        const bool fits = Within(text, 1, first == 0xF0 ? 0x90 : 0x80, first == 0xF4 ? 0x8F : 0xBF);
+        return fits && Within(text, 2, 0x80, 0xBF) && Within(text, 3, 0x80, 0xBF) ? 4 : 0;
+    }
+    return 0;
+}
+
+bool IsReadable(std::string_view text) noexcept
+{
+    while (!text.empty()) {
+        const size_t cb = ReadableLength(text);
+        if (cb == 0) return false;
+        text.remove_prefix(cb);
+    }
+    return true;
+}
+
+// Whether a text may stand without quotes: endMark would end it, notFirst must not begin it.
+bool IsPlain(std::string_view text, char endMark, std::string_view notFirst) noexcept
+{
+    return !text.empty() && notFirst.find(text.front()) == notFirst.npos && text.front() != ' ' &&
+           text.back() != ' ' && text.find(endMark) == text.npos && IsReadable(text);
+}
+
+bool WriteEscape(Bytes &out, char byte) noexcept
+{
+    switch (byte) {
+    case '\n':
+        return out.Append("\\n");
+    case '\r':
+        return out.Append("\\r");
+    case '\t':
+        return out.Append("\\t");
+    case '"':
+        return out.Append("\\\"");
+    case '\\':
+        return out.Append("\\\\");
+    default:
+        break;
+    }
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    const unsigned value = static_cast<unsigned char>(byte);
+    const char escape[] = {'\\', 'x', kDigits[value >> 4], kDigits[value & 15]};
+    return out.Append({escape, sizeof(escape)});
+}
+
+bool WriteQuoted(Bytes &out, std::string_view text) noexcept
+{
+    if (!out.Append("\"")) return false;
+    while (!text.empty()) {
+        const char first = text.front();
+        const size_t cb = first == '"' || first == '\\' ? 0 : ReadableLength(text);
+        const bool written = cb == 0 ? WriteEscape(out, first) : out.Append(text.substr(0, cb));
+        if (!written) return false;
+        text.remove_prefix(cb == 0 ? 1 : cb);
+    }
+    return out.Append("\"");
+}
+
+bool WriteWord(Bytes &out, std::string_view text, bool isPlain) noexcept
+{
+    return isPlain ? out.Append(text) : WriteQuoted(out, text);
+}
+
+bool WritePair(Bytes &out, std::string_view key, std::string_view value) noexcept
+{
+    const bool plainValue = value.empty() || IsPlain(value, '\0', "\"");
+    return WriteWord(out, key, IsPlain(key, '=', "\"[;#")) && out.Append("=") &&
+           WriteWord(out, value, plainValue) && out.Append("\n");
+}
+
+} // namespace
+
+bool IsWord(const Word &word, std::string_view text) noexcept
+{
+    if (!word.hasEscapes) return word.raw == text;
+    std::string_view rest = word.raw;
+    while (!rest.empty() && !text.empty()) {
+        if (TakeByte(rest) != text.front()) return false;
+        text.remove_prefix(1);
+    }
+    return rest.empty() && text.empty();
+}
+
+bool Decode(const Word &word, Bytes &scratch, std::string_view &text) noexcept
+{
+    if (!word.hasEscapes) {
+        text = word.raw;
+        return true;
+    }
+    scratch.Clear();
+    if (!scratch.Reserve(word.raw.size())) return false;
+    for (std::string_view rest = word.raw; !rest.empty();) {
+        *scratch.end() = TakeByte(rest);
+        scratch.Grow(1);
+    }
+    text = scratch.view();
+    return true;
+}
+
+Line ReadLine(std::string_view text) noexcept
+{
+    const size_t end = text.find('\n');
+    Line line;
+    line.whole = text.substr(0, end == text.npos ? end : end + 1);
+    line.kind = Classify(text.substr(0, end), line);
+    return line;
+}
+
+bool Reader::Next(Line &line) noexcept
+{
+    if (at_ == text_.size()) return false;
+    line = ReadLine(text_.substr(at_));
+    at_ += line.whole.size();
+    return true;
+}
+
+// Brackets are rarer than lines: look for them, and then whether they begin one.
+bool Reader::NextHeader(Line &line) noexcept
+{
+    for (;;) {
+        const size_t bracket = text_.find('[', at_);
+        if (bracket == text_.npos) {
+            at_ = text_.size();
+            return false;
+        }
+        at_ = bracket + 1;
+        if (bracket != 0 && text_[bracket - 1] != '\n') continue;
+        line = ReadLine(text_.substr(bracket));
+        if (line.kind != LineKind::kHeader) continue;
+        at_ = bracket + line.whole.size();
+        return true;
+    }
+}
+
+bool EndLine(Bytes &out) noexcept
+{
+    return out.size() == 0 || out.view().back() == '\n' || out.Append("\n");
+}
+
+bool WriteHeader(Bytes &out, std::string_view name) noexcept
+{
+    return out.Append("[") && WriteWord(out, name, IsPlain(name, ']', "\"")) && out.Append("]\n");
+}
+
+bool WritePairs(Bytes &out, const VLIB_SZ_HASH &hash) noexcept
+{
+    for (const Pair &pair : hash.pairs()) {
+        if (!WritePair(out, pair.key, pair.szValue)) return false;
+    }
+    return true;
+}
+
+} // namespace zevo

@@ -1,0 +1,75 @@
+// The string list. Its header is read by callers directly, so it is plain C storage.
+#include "sz_list.hpp"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "zevocore_frame.hpp"
+
+namespace {
+
+constexpr int32_t kMostItems = std::numeric_limits<int32_t>::max();
+
+bool Widen(VLIB_SZ_LIST &list, int32_t nCapacity) noexcept
+{
+    if (nCapacity <= list.nCapacity) return true;
+    void *const pItems =
+        std::realloc(list.ppszItem, static_cast<size_t>(nCapacity) * sizeof(list.ppszItem[0]));
+    if (pItems == nullptr) return false;
+    list.ppszItem = static_cast<char **>(pItems);
+    list.nCapacity = nCapacity;
+    return true;
+}
+
+} // namespace
+
+namespace zevo {
+
+bool ListAppend(VLIB_SZ_LIST &list, std::string_view text) noexcept
+{
+    if (list.nItem == kMostItems) return false;
+    if (list.nItem == list.nCapacity) {
+        const int32_t nCapacity = list.nCapacity > kMostItems / 2 ? kMostItems : list.nCapacity * 2;
+        if (!Widen(list, std::max(nCapacity, 16))) return false;
+    }
+    char *const szItem = static_cast<char *>(std::malloc(text.size() + 1));
+    if (szItem == nullptr) return false;
+    text.copy(szItem, text.size());
+    szItem[text.size()] = '\0';
+    list.ppszItem[list.nItem++] = szItem;
+    return true;
+}
+
+void ListCut(VLIB_SZ_LIST &list, int32_t nItem) noexcept
+{
+    while (list.nItem > nItem)
+        std::free(list.ppszItem[--list.nItem]);
+}
+
+} // namespace zevo
+
+VLIB_SZ_LIST *VLIBCSzListAlloc(int capacity) noexcept
+{
+    auto *const pList = static_cast<VLIB_SZ_LIST *>(std::calloc(1, sizeof(VLIB_SZ_LIST)));
+    if (pList != nullptr && Widen(*pList, capacity)) return pList;
+    std::free(pList);
+    ZEVO_FAIL(zevo::kFileNoMemory);
+    return nullptr;
+}
+
+const char *VLIBCSzListGet(const VLIB_SZ_LIST *pList, int index) noexcept
+{
+    return pList != nullptr && index >= 0 && index < pList->nItem ? pList->ppszItem[index]
+                                                                  : nullptr;
+}
+
+void VLIBCSzListFree(VLIB_SZ_LIST *pList) noexcept
+{
+    if (pList == nullptr) return;
+    const zevo::KeepErrno keep;
+    zevo::ListCut(*pList, 0);
+    std::free(pList->ppszItem);
+    std::free(pList);
+}

@@ -1,0 +1,86 @@
+// Users and groups, as the system's user database tells them. A record and its name are one block.
+#include <cstdlib>
+#include <cstring>
+
+#include "zevocore_nss.hpp"
+#include "zevosdk.h"
+
+using namespace zevo;
+
+namespace {
+
+// A zero-filled record with a copy of its name behind it; nullptr without memory.
+template <class Record> Record *NewRecord(const char *szName) noexcept
+{
+    const size_t cbName = std::strlen(szName) + 1;
+    void *const pBlock = std::calloc(1, sizeof(Record) + cbName);
+    if (pBlock == nullptr) return nullptr;
+    auto *const pRecord = static_cast<Record *>(pBlock);
+    pRecord->szName = static_cast<char *>(pBlock) + sizeof(Record);
+    std::memcpy(pRecord->szName, szName, cbName);
+    return pRecord;
+}
+
+// 0 with the record, or the error code.
+unsigned GiveUser(const NssEntry<passwd> &entry, ZEVO_USER **ppUser) noexcept
+{
+    if (!entry) return entry.code();
+    auto *const pUser = NewRecord<ZEVO_USER>(entry->pw_name);
+    if (pUser == nullptr) return kFileNoMemory;
+    pUser->uid = entry->pw_uid;
+    pUser->gid = entry->pw_gid;
+    *ppUser = pUser;
+    return 0;
+}
+
+} // namespace
+
+int ZEVOUserGet(const char *szName, ZEVO_USER **ppUser) noexcept
+{
+    if (szName == nullptr || ppUser == nullptr) return ZEVO_FAIL(kBadArgument);
+    const CancelScope cancel;
+    const unsigned code = GiveUser(UserByName(szName), ppUser);
+    return code == 0 ? 0 : ZEVO_FAIL(code);
+}
+
+int ZEVOUserGetByUID(uid_t uid, ZEVO_USER **ppUser) noexcept
+{
+    if (ppUser == nullptr) return ZEVO_FAIL(kBadArgument);
+    const CancelScope cancel;
+    const unsigned code = GiveUser(UserById(uid), ppUser);
+    return code == 0 ? 0 : ZEVO_FAIL(code);
+}
+
+int ZEVOUserGetUGID(const char *szName, uid_t *pUid, gid_t *pGid) noexcept
+{
+    if (szName == nullptr || pUid == nullptr) return ZEVO_FAIL(kBadArgument);
+    const CancelScope cancel;
+    const auto entry = UserByName(szName);
+    if (!entry) return ZEVO_FAIL(entry.code());
+    *pUid = entry->pw_uid;
+    if (pGid != nullptr) *pGid = entry->pw_gid;
+    return 0;
+}
+
+void ZEVOUserFree(ZEVO_USER *pUser) noexcept
+{
+    std::free(pUser);
+}
+
+int ZEVOGroupGetByGID(gid_t gid, ZEVO_GROUP **ppGroup) noexcept
+{
+    if (ppGroup == nullptr) return ZEVO_FAIL(kBadArgument);
+    const CancelScope cancel;
+    const auto entry = GroupById(gid);
+    if (!entry) return ZEVO_FAIL(entry.code());
+    auto *const pGroup = NewRecord<ZEVO_GROUP>(entry->gr_name);
+    if (pGroup == nullptr) return ZEVO_FAIL(kFileNoMemory);
+    pGroup->gid = entry->gr_gid;
+    *ppGroup = pGroup;
+    return 0;
+}
+
+void ZEVOGroupFree(ZEVO_GROUP *pGroup) noexcept
+{
+    std::free(pGroup);
+}

@@ -1,0 +1,21 @@
+// The name of a value, as the library's own callers want it.
+#ifndef BANDWIDTH_ENUM_HPP
+#define BANDWIDTH_ENUM_HPP
+
+#include "zevobandwidth.h"
+
+namespace bandwidth {
+
+constexpr int kNameBytes = 256;
+
+// Looks a name up; false when nobody knows one, or it is empty, as an add-on's may be.
+inline bool NameOf(const ZEVO_BW_ENUM_ENTRY *table, int32_t value,
+                   char (&szName)[kNameBytes]) noexcept
+{
+    szName[0] = '\0';
+    return ::ZEVOBandwidthEnumToName(table, value, szName, kNameBytes) >= 1 && szName[0] != '\0';
+}
+
+} // namespace bandwidth
+
+#endif // BANDWIDTH_ENUM_HPP

@@ -1,0 +1,178 @@
+// What all rules and the policies together leave one transfer, and to which groups it is charged.
+// Each rule in force gives an answer; the groups' answers combine by the inter-group policy, that
+// with the user's own by the user-group policy. 0 is unlimited throughout: answers are compared and
+// added with the three functions made for it.
+
+#include "bandwidth_frame.hpp"
+#include "bandwidth_guard.hpp"
+#include "bandwidth_speed.hpp"
+
+#include <unistd.h>
+
+using namespace bandwidth;
+
+namespace {
+
+constexpr uint64_t kWholeWeight = 10'000;
+
+// What the walk over the entries has found so far.
+struct Answers {
+    bool hasUser = false;
+    bool hasGroup = false;
+    uint64_t userBps = 0;
+    uint64_t groupBps = 0; // combined by the inter-group policy
+    uint64_t sumBps = 0;   // of all groups
+    uint64_t unlimitedGroups = 0;
+    ZEVO_BANDWIDTH_LIMIT *pMin = nullptr; // the groups of the smallest and the largest answer, the
+    ZEVO_BANDWIDTH_LIMIT *pMax = nullptr; // earliest among equals
+};
+
+int AddGroup(Answers &answers, ZEVO_BANDWIDTH_LIMIT &entry, int32_t interGroupPolicy) noexcept
+{
+    const uint64_t answerBps = entry.maxSpeedBps;
+    if (answerBps == 0) ++answers.unlimitedGroups;
+    if (!answers.hasGroup) {
+        answers.hasGroup = true;
+        answers.groupBps = answers.sumBps = answerBps;
+        answers.pMin = answers.pMax = &entry;
+        return 0;
+    }
+    if (::ZEVOBandwidthIsLessThan(answerBps, answers.pMin->maxSpeedBps) != 0) answers.pMin = &entry;
+    if (::ZEVOBandwidthIsLargerThan(answerBps, answers.pMax->maxSpeedBps) != 0)
+        answers.pMax = &entry;
+    answers.sumBps = ::ZEVOBandwidthSum(answers.sumBps, answerBps);
+
+    switch (interGroupPolicy) {
+    case ZEVO_BW_INTER_GROUP_POLICY_MIN:
+        if (::ZEVOBandwidthIsLessThan(answerBps, answers.groupBps) != 0)
+            answers.groupBps = answerBps;
+        return 0;
+    case ZEVO_BW_INTER_GROUP_POLICY_MAX:
+        if (::ZEVOBandwidthIsLargerThan(answerBps, answers.groupBps) != 0)
+            answers.groupBps = answerBps;
+        return 0;
+    case ZEVO_BW_INTER_GROUP_POLICY_SUM:
+        answers.groupBps = ::ZEVOBandwidthSum(answerBps, answers.groupBps);
+        return 0;
+    default:
+        BW_LOG("unknown inter_group_policy [%d] ", interGroupPolicy);
+        return BW_PASS_UNLOGGED;
+    }
+}
+
+// The user's and the groups' answers, where there are both.
+uint64_t CombineBoth(const Answers &answers, int32_t userGroupPolicy) noexcept
+{
+    const uint64_t userBps = answers.userBps;
+    const uint64_t groupBps = answers.groupBps;
+    switch (userGroupPolicy) {
+    case ZEVO_BW_USER_GROUP_POLICY_GROUP_FIRST:
+        return groupBps;
+    case ZEVO_BW_USER_GROUP_POLICY_MIN:
+        return ::ZEVOBandwidthIsLessThan(groupBps, userBps) != 0 ? groupBps : userBps;
+    case ZEVO_BW_USER_GROUP_POLICY_MAX:
+        return ::ZEVOBandwidthIsLargerThan(groupBps, userBps) != 0 ? groupBps : userBps;
+    case ZEVO_BW_USER_GROUP_POLICY_SUM:
+        return ::ZEVOBandwidthSum(userBps, groupBps);
+    default: // user-first
+        return userBps;
+    }
+}
+
+// An answer that is not there is 0, which is also what nobody's answer comes to.
+int Combine(const Answers &answers, int32_t userGroupPolicy, uint64_t *pSpeedBps) noexcept
+{
+    if (userGroupPolicy < ZEVO_BW_USER_GROUP_POLICY_USER_ONLY ||
+        userGroupPolicy > ZEVO_BW_USER_GROUP_POLICY_SUM) {
+        BW_LOG("unknown group policy [%d] ", userGroupPolicy);
+        return BW_PASS_UNLOGGED;
+    }
+    if (userGroupPolicy == ZEVO_BW_USER_GROUP_POLICY_USER_ONLY)
+        *pSpeedBps = answers.userBps;
+    else if (userGroupPolicy == ZEVO_BW_USER_GROUP_POLICY_GROUP_ONLY)
+        *pSpeedBps = answers.groupBps;
+    else if (answers.hasUser && answers.hasGroup)
+        *pSpeedBps = CombineBoth(answers, userGroupPolicy);
+    else
+        *pSpeedBps = answers.hasUser ? answers.userBps : answers.groupBps;
+    return 0;
+}
+
+// Runs over every group entry, those out of force included, which keep what they had last.
+void Weigh(ZEVO_BANDWIDTH_CONFIG &config, const Answers &answers) noexcept
+{
+    const uint64_t unlimitedShare =
+        answers.unlimitedGroups == 0 ? 0 : kWholeWeight / answers.unlimitedGroups;
+    for (int32_t i = 0; i < config.iLimit; ++i) {
+        ZEVO_BANDWIDTH_LIMIT &entry = config.pLimit[i];
+        if (entry.conf.ownerType == ZEVO_BW_OWNER_USER) continue;
+        if (entry.maxSpeedBps == 0)
+            entry.occupyWeight = unlimitedShare;
+        else if (answers.unlimitedGroups == 0 && answers.sumBps != 0) // 0: the sum has wrapped
+            entry.occupyWeight = entry.maxSpeedBps * kWholeWeight / answers.sumBps;
+    }
+}
+
+void Occupy(ZEVO_BANDWIDTH_CONFIG &config, const Answers &answers) noexcept
+{
+    switch (config.globalConf.occupyPolicy) {
+    case ZEVO_BW_OCCUPY_POLICY_NONE:
+    case ZEVO_BW_OCCUPY_POLICY_ALL: // the walk has given every group its weight
+        return;
+    case ZEVO_BW_OCCUPY_POLICY_MIN:
+        answers.pMin->occupyWeight = kWholeWeight;
+        return;
+    case ZEVO_BW_OCCUPY_POLICY_MAX:
+        answers.pMax->occupyWeight = kWholeWeight;
+        return;
+    default:
+        Weigh(config, answers);
+    }
+}
+
+int Answer(ZEVO_BANDWIDTH_CONFIG &config, ZEVO_BANDWIDTH_LIMIT &entry, int32_t transferType,
+           bool countTransfers) noexcept
+{
+    if (!countTransfers) {
+        entry.maxSpeedBps = CurrentSpeed(entry.conf, transferType);
+        return 0;
+    }
+    if (::ZEVOBandwidthExpectSpeedEstimate(config.uid, &entry.conf, transferType,
+                                           &entry.maxSpeedBps, ::getpid()) < 0)
+        return BW_PASS("ZEVOBandwidthExpectSpeedEstimate failed. ");
+    return 0;
+}
+
+} // namespace
+
+int ZEVOBandwidthExpectSpeedEstimateByPolicy(int32_t transfer_type, ZEVO_BANDWIDTH_CONFIG *pConfig,
+                                             uint64_t *pSpeedBps, int32_t blCountTransfers) noexcept
+{
+    const CancelScope cancel;
+    BW_REQUIRE(transfer_type != ZEVO_BW_TRANSFER_ALL, "ZEVO_BW_TRANSFER_ALL != transfer_type");
+    BW_REQUIRE(pConfig != nullptr, "((void *)0) != pConfig");
+    BW_REQUIRE(pSpeedBps != nullptr, "NULL != pSpeedBps");
+    if (pConfig->iLimit == 0) {
+        *pSpeedBps = 0;
+        return 0;
+    }
+
+    const ZEVO_BANDWIDTH_GLOBAL_CONF &global = pConfig->globalConf;
+    Answers answers;
+    for (int32_t i = 0; i < pConfig->iLimit; ++i) {
+        ZEVO_BANDWIDTH_LIMIT &entry = pConfig->pLimit[i];
+        if (entry.conf.currentState == ZEVO_BW_STATE_DISABLED) continue;
+        if (Answer(*pConfig, entry, transfer_type, blCountTransfers == 1) < 0)
+            return BW_PASS_UNLOGGED;
+        if (entry.conf.ownerType == ZEVO_BW_OWNER_USER) {
+            answers.hasUser = true;
+            answers.userBps = entry.maxSpeedBps;
+            continue;
+        }
+        entry.occupyWeight = global.occupyPolicy == ZEVO_BW_OCCUPY_POLICY_ALL ? kWholeWeight : 0;
+        if (AddGroup(answers, entry, global.interGroupPolicy) < 0) return BW_PASS_UNLOGGED;
+    }
+    if (Combine(answers, global.userGroupPolicy, pSpeedBps) < 0) return BW_PASS_UNLOGGED;
+    if (answers.hasGroup) Occupy(*pConfig, answers);
+    return 0;
+}

@@ -1,0 +1,30 @@
+// Writing one protocol's policy into the global file, and telling the simulators.
+
+#include "bandwidth_enum.hpp"
+#include "bandwidth_store.hpp"
+
+using namespace bandwidth;
+
+int ZEVOBandwidthGlobalConfSet(ZEVO_BANDWIDTH_GLOBAL_CONF *pConf) noexcept
+{
+    const CancelScope cancel;
+    BW_REQUIRE(pConf != nullptr, "((void *)0) != pConf");
+
+    char szFile[zevo::kPathBytes];
+    if (::ZEVOBandwidthConfPath(ZEVO_BW_PROTOCOL_ALL, szFile, sizeof(szFile) - 1) < 0)
+        return BW_PASS("ZEVOBandwidthConfPath failed for global config ");
+    char szProtocol[kNameBytes]; // it is the section's name, too
+    if (!NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, pConf->protocolType, szProtocol)) {
+        BW_LOG("ZEVOBandwidthEnumToName failed, protocol=%d", pConf->protocolType);
+        return BW_PASS_UNLOGGED;
+    }
+    Hash hash;
+    if (!hash) return BW_PASS("VLIBCSzHashAlloc failed.");
+    // A stored policy exists, so that its state cannot be NotExisted.
+    if (pConf->state == ZEVO_BW_STATE_NOT_EXISTED) pConf->state = ZEVO_BW_STATE_DISABLED;
+    if (::ZEVOBandwidthInitHashFromGlobalConf(hash.address(), pConf) < 0)
+        return BW_PASS("Init hash from conf failed. ");
+    if (StoreSection(szFile, szProtocol, hash, BW_HERE) < 0) return BW_PASS_UNLOGGED;
+    (void)::ZEVOBandwidthHupSimulator(); // the policy is stored, whether anybody hears of it or not
+    return 0;
+}

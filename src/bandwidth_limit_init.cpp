@@ -1,0 +1,102 @@
+// Gathering the rules that bear on a user: his own, and, unless the policy looks at the user alone,
+// those of every group that he belongs to.
+
+#include "bandwidth_frame.hpp"
+#include "bandwidth_guard.hpp"
+
+#include <algorithm>
+#include <cstdlib>
+
+using namespace bandwidth;
+
+namespace {
+
+bool MayBear(const ZEVO_BANDWIDTH_CONF &rule) noexcept
+{
+    return rule.state == ZEVO_BW_STATE_ENABLED || rule.state == ZEVO_BW_STATE_SCHEDULE;
+}
+
+Array<ZEVO_BANDWIDTH_LIMIT> AllocateLimits(size_t count, Site site) noexcept
+{
+    auto limits = AllocateArray<ZEVO_BANDWIDTH_LIMIT>(count);
+    if (!limits) {
+        BW_LOG_AT(site, "malloc ZEVO_BANDWIDTH_LIMIT failed.");
+        Record(ZEVO_BW_ERROR_NO_MEMORY, site);
+    }
+    return limits;
+}
+
+// Reads the rule of the group that an item of the user database's list names.
+int ReadGroupRule(const char *szGid, int32_t protocolType, ZEVO_BANDWIDTH_CONF *pRule) noexcept
+{
+    char *szRest = nullptr;
+    const uint32_t gid = static_cast<uint32_t>(std::strtoul(szGid, &szRest, 10));
+    if (*szRest != '\0') {
+        BW_LOG("invalid gid [%s]", szGid);
+        return BW_FAIL(ZEVO_BW_ERROR_BAD_NUMBER);
+    }
+    if (::ZEVOBandwidthConfGetByID(ZEVO_BW_OWNER_GROUP, gid, protocolType, pRule) < 0)
+        return BW_PASS("ZEVOBandwidthConfGetByID failed. gid:[%u] ", gid);
+    return 0;
+}
+
+} // namespace
+
+int ZEVOBandwidthLimitInit(uint32_t uid, const ZEVO_BANDWIDTH_GLOBAL_CONF *pGlobalConf,
+                           ZEVO_BANDWIDTH_LIMIT **ppLimit, uint32_t *pblUserConfExist,
+                           uint32_t *pblGroupConfExist) noexcept
+{
+    const CancelScope cancel;
+    BW_REQUIRE(uid != static_cast<uid_t>(-1), "((uid_t) -1) != uid");
+    BW_REQUIRE(pGlobalConf != nullptr, "((void *)0) != pGlobalConf");
+    BW_REQUIRE(ppLimit != nullptr, "((void *)0) != ppLimit");
+    BW_REQUIRE(pblUserConfExist != nullptr, "((void *)0) != pblUserConfExist");
+    BW_REQUIRE(pblGroupConfExist != nullptr, "NULL != pblGroupConfExist");
+    *pblUserConfExist = 0;
+    *pblGroupConfExist = 0;
+
+    const int32_t protocolType = pGlobalConf->protocolType;
+    ZEVO_BANDWIDTH_CONF userRule;
+    if (::ZEVOBandwidthConfGetByID(ZEVO_BW_OWNER_USER, uid, protocolType, &userRule) < 0)
+        return BW_PASS("ZEVOBandwidthConfGetByID failed. uid:[%u] ", uid);
+    const size_t userRules = MayBear(userRule) ? 1 : 0;
+    *pblUserConfExist = static_cast<uint32_t>(userRules);
+
+    size_t candidateCount = userRules;
+    Array<ZEVO_BANDWIDTH_LIMIT> candidates;
+    if (pGlobalConf->userGroupPolicy == ZEVO_BW_USER_GROUP_POLICY_USER_ONLY) {
+        candidates = AllocateLimits(candidateCount, BW_HERE);
+        if (!candidates) return BW_PASS_UNLOGGED;
+    } else {
+        ZEVO_USER *pUser = nullptr;
+        if (::ZEVOUserGetByUID(uid, &pUser) < 0)
+            return BW_PASS("ZEVOUserGetByUID failed. uid:[%u] ", uid);
+        const User user(pUser);
+        const List groups(::VLIBGroupInfoListGet(user->szName, 0));
+        if (!groups) return BW_PASS("VLIBGroupInfoListGet failed. name:[%s] ", user->szName);
+        candidateCount += static_cast<size_t>(groups->nItem);
+        candidates = AllocateLimits(candidateCount, BW_HERE);
+        if (!candidates) return BW_PASS_UNLOGGED;
+        for (int32_t i = 0; i < groups->nItem; ++i)
+            if (ReadGroupRule(::VLIBCSzListGet(groups.get(), i), protocolType,
+                              &candidates[userRules + static_cast<size_t>(i)].conf) < 0)
+                return BW_PASS_UNLOGGED;
+    }
+    if (userRules != 0) candidates[0].conf = userRule;
+
+    const auto bears = [](const ZEVO_BANDWIDTH_LIMIT &limit) { return MayBear(limit.conf); };
+    ZEVO_BANDWIDTH_LIMIT *const pEnd = candidates.get() + candidateCount;
+    const auto count = std::count_if(candidates.get(), pEnd, bears);
+    if (count == 0) {
+        *ppLimit = nullptr;
+        return 0;
+    }
+    auto limits = AllocateLimits(static_cast<size_t>(count), BW_HERE);
+    if (!limits) return BW_PASS_UNLOGGED;
+    std::copy_if(candidates.get(), pEnd, limits.get(), bears);
+    for (ptrdiff_t i = 0; i < count; ++i)
+        if (limits[static_cast<size_t>(i)].conf.ownerType == ZEVO_BW_OWNER_GROUP)
+            *pblGroupConfExist = 1;
+    *ppLimit = limits.release();
+    return static_cast<int>(count);
+}

@@ -1,0 +1,59 @@
+// Clock, speed and sleep arithmetic: pure but for the clock, and unable to fail.
+
+#include "zevobandwidth.h"
+
+#include <algorithm>
+#include <limits>
+
+#include <sys/time.h>
+
+namespace {
+
+constexpr uint64_t kUsPerSecond = 1'000'000;
+
+// No time at all, or a clock that was set back, counts as the shortest time.
+int64_t AtLeastOne(int64_t elapsedUs) noexcept
+{
+    return elapsedUs <= 0 ? 1 : elapsedUs;
+}
+
+} // namespace
+
+uint64_t ZEVOBandwidthCurrTimeGet(void) noexcept
+{
+    struct timeval now = {};
+    (void)::gettimeofday(&now, nullptr); // 0 then
+    return static_cast<uint64_t>(now.tv_sec) * kUsPerSecond + static_cast<uint64_t>(now.tv_usec);
+}
+
+uint64_t ZEVOBandwidthSpeedEstimate(int64_t elapsedUs, uint64_t bytes) noexcept
+{
+    return bytes * kUsPerSecond / static_cast<uint64_t>(AtLeastOne(elapsedUs));
+}
+
+int64_t ZEVOBandwidthSleepEstimate(int64_t elapsedUs, uint64_t bytes, uint64_t speedBps) noexcept
+{
+    if (speedBps == 0) return 0;
+    // Wide, so that the largest block on the slowest line sleeps long instead of not at all.
+    using Wide = unsigned __int128;
+    const Wide neededUs = Wide{bytes} * kUsPerSecond / speedBps;
+    constexpr auto kMostUs = std::numeric_limits<int64_t>::max();
+    const int64_t boundedUs = static_cast<int64_t>(std::min(neededUs, Wide{kMostUs}));
+    return std::max<int64_t>(boundedUs - AtLeastOne(elapsedUs), 0);
+}
+
+int ZEVOBandwidthIsLessThan(uint64_t a, uint64_t b) noexcept
+{
+    if (a == b || a == 0) return 0;
+    return b == 0 || a < b ? 1 : 0;
+}
+
+int ZEVOBandwidthIsLargerThan(uint64_t a, uint64_t b) noexcept
+{
+    return ::ZEVOBandwidthIsLessThan(b, a);
+}
+
+uint64_t ZEVOBandwidthSum(uint64_t a, uint64_t b) noexcept
+{
+    return a == 0 || b == 0 ? 0 : a + b;
+}

@@ -1,0 +1,54 @@
+// Appending a section to a status file: in one write, so that appends of several processes stand
+// beside each other, and on a line of its own, so that the torn tail of a process that died harms
+// nobody. When the file has been replaced meanwhile the section went to a file without a name, and
+// the work starts over.
+
+#include "bandwidth_frame.hpp"
+#include "bandwidth_guard.hpp"
+#include "bandwidth_status_text.hpp"
+
+#include <fcntl.h>
+
+using namespace bandwidth;
+
+namespace {
+
+bool Holds(std::string_view text, const char *szSection) noexcept
+{
+    while (!text.empty())
+        if (Recognise(CutLine(text), szSection) == Line::kOurHeader) return true;
+    return false;
+}
+
+} // namespace
+
+int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
+                                  const VLIB_SZ_HASH *pHash) noexcept
+{
+    const CancelScope cancel;
+    if (szFile == nullptr || szSection == nullptr || pHash == nullptr)
+        return BW_FAIL(ZEVO_BW_ERROR_BAD_ARGUMENT);
+    // O_CREAT on a file that is there fails in a sticky directory, even for root: made apart.
+    if (::VLIBCFileExist(szFile) != 1) (void)::VLIBCFileTouch(szFile); // the open below tells
+
+    const zevo::Place place(szFile);
+    if (!place) return BW_FAIL(ZEVO_BW_ERROR_OPEN);
+    bool written = false;
+    for (int attempt = 0; attempt <= zevo::kMostRewriteRetries; ++attempt) {
+        const zevo::RegularFile file(place, O_RDWR | O_APPEND);
+        if (!file) return BW_FAIL(file.code());
+        zevo::Bytes text;
+        if (file.ReadWhole(text) != 0) return BW_PASS_UNLOGGED; // no code of its own is promised
+        if (Holds(text.view(), szSection)) return written ? 1 : 0;
+
+        const bool ended = text.size() != 0 && text.view().back() == '\n';
+        zevo::Bytes section;
+        if ((!ended && !section.Append("\n")) || !AppendSection(section, szSection, pHash))
+            return BW_FAIL(ZEVO_BW_ERROR_NO_MEMORY);
+        if (!zevo::AppendOnce(file.get(), section.view())) return BW_FAIL(ZEVO_BW_ERROR_WRITE);
+        written = true;
+        (void)::fsync(file.get()); // the section is there; how soon on the disk is no promise
+        if (zevo::NamesSameFile(place, file.stat())) break;
+    }
+    return 1;
+}

@@ -1,0 +1,59 @@
+// A running transfer as a string hash and back: one table for the engine. Its order is the order of
+// the lines in a status file, so that a section that was cut off in the middle of a write lacks its
+// last keys.
+
+#include "bandwidth_guard.hpp"
+#include "bandwidth_parm.hpp"
+
+using namespace bandwidth;
+
+namespace {
+
+// The record is part of the binary interface.
+static_assert(offsetof(ZEVO_BANDWIDTH_STATUS, pid) == sizeof(void *));
+static_assert(offsetof(ZEVO_BANDWIDTH_STATUS, filename) == 48 || sizeof(void *) < 8);
+static_assert(offsetof(ZEVO_BANDWIDTH_STATUS, owner_type) ==
+              offsetof(ZEVO_BANDWIDTH_STATUS, filename) + ZEVO_BW_FILENAME_SIZE);
+static_assert(sizeof(ZEVO_BANDWIDTH_STATUS) == 4160 || sizeof(void *) < 8);
+
+#define STATUS(field) offsetof(ZEVO_BANDWIDTH_STATUS, field), sizeof(ZEVO_BANDWIDTH_STATUS::field)
+
+// clang-format off
+constexpr ZEVO_BW_PARM kStatusParms[] = {
+    // key            field, capacity        names                       to text    from text
+    {"pid",           STATUS(pid),           nullptr,                    S32ToText, S32FromText},
+    {"id",            STATUS(id),            nullptr,                    U32ToText, U32FromText},
+    {"uid",           STATUS(uid),           nullptr,                    U32ToText, U32FromText},
+    {"active",        STATUS(active),        nullptr,                    U32ToText, U32FromText},
+    {"timestamp",     STATUS(timestamp),     nullptr,                    S64ToText, S64FromText},
+    {"current speed", STATUS(current_speed), nullptr,                    U64ToText, U64FromText},
+    {"expect speed",  STATUS(expect_speed),  nullptr,                    U64ToText, U64FromText},
+    {"filename",      STATUS(filename),      nullptr,                    nullptr,   nullptr},
+    {"owner type",    STATUS(owner_type),    ZEVO_BW_OWNER_TYPE_LIST,    nullptr,   nullptr},
+    {"protocol type", STATUS(protocol_type), ZEVO_BW_PROTOCOL_TYPE_LIST, nullptr,   nullptr},
+    {"transfer type", STATUS(transfer_type), ZEVO_BW_TRANSFER_TYPE_LIST, nullptr,   nullptr},
+    {"progress",      STATUS(progress),      nullptr,                    U32ToText, U32FromText},
+    {}, // the end
+};
+// clang-format on
+
+} // namespace
+
+int ZEVOBandwidthInitHashFromStatus(VLIB_SZ_HASH **ppHash,
+                                    const ZEVO_BANDWIDTH_STATUS *pStatus) noexcept
+{
+    const CancelScope cancel;
+    BW_REQUIRE(ppHash != nullptr, "((void *)0) != ppHash");
+    BW_REQUIRE(*ppHash != nullptr, "((void *)0) != *ppHash");
+    BW_REQUIRE(pStatus != nullptr, "NULL != pStatus");
+    return HashFromRecord(ppHash, pStatus, kStatusParms, BW_HERE);
+}
+
+int ZEVOBandwidthInitStatusFromHash(ZEVO_BANDWIDTH_STATUS *pStatus,
+                                    const VLIB_SZ_HASH *pHash) noexcept
+{
+    const CancelScope cancel;
+    BW_REQUIRE(pHash != nullptr, "((void *)0) != pHash");
+    BW_REQUIRE(pStatus != nullptr, "NULL != pStatus");
+    return RecordFromHash(pStatus, pHash, kStatusParms, BW_HERE);
+}

@@ -1,0 +1,89 @@
+// What the tests of the bandwidth library share: the clock and the time zone set to known values,
+// the text of its files, and the operations of the platform that can be made to fail. The platform
+// is stood in for in the way of stand_ins.hpp: the test program's definition is found first.
+#ifndef ZEVOBW_TESTS_LIBRARY_BOX_HPP
+#define ZEVOBW_TESTS_LIBRARY_BOX_HPP
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "box.hpp"
+#include "stand_ins.hpp"
+#include "zevobandwidth.h"
+#include "zevocore.h"
+
+constexpr int64_t kUsPerSecond = 1'000'000;
+constexpr int64_t kUsPerHour = 3600 * kUsPerSecond;
+constexpr int64_t kSundayMidnight = 1'699'747'200; // 2023-11-12 00:00:00 UTC
+constexpr int64_t kNow = kSundayMidnight + 12 * 3600;
+
+using Lines = std::vector<std::string>;
+
+// Base of the fixtures: as BoxTest, and it is kNow in UTC. The platform does as it really does.
+class LibraryTest : public BoxTest {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+};
+
+// The platform's operations, by which the library's failing exits are reached.
+namespace platform {
+
+void FailNextHashAlloc();                      // records 0x0200 in "platform"
+void FailHashSet(std::string key);             // that key, likewise, until the end of the test
+void SetGroups(std::vector<std::string> gids); // the group list of every user; empty: none at all
+void FailNextListAlloc();
+
+// The programs run since the test began, none of which was really run: the words of each, joined
+// by blanks.
+Lines Executed();
+
+} // namespace platform
+
+class Hash {
+public:
+    using Pair = std::pair<const char *, std::string>;
+    Hash(std::initializer_list<Pair> pairs = {});
+    ~Hash() { VLIBCSzHashFree(pHash_); }
+    Hash(const Hash &) = delete;
+    Hash &operator=(const Hash &) = delete;
+
+    VLIB_SZ_HASH *get() const { return pHash_; }
+    VLIB_SZ_HASH **address() { return &pHash_; }
+    std::string operator[](const std::string &key) const; // "(absent)" without it
+    std::string Text() const;                             // as section "s" of a file
+
+private:
+    VLIB_SZ_HASH *pHash_;
+};
+
+// A running transfer, as it stands in a status file.
+struct Transfer {
+    int pid = 4711;
+    uint32_t uid = kAlice;
+    uint64_t speed = 1000;
+    uint32_t active = 1;
+    int64_t timestamp = kNow;
+    std::string transfer = "upload";
+    std::string protocol = "ftp";
+    uint64_t expect = 2000;
+    std::string owner = "user";
+    uint32_t id = kAlice;
+    uint32_t progress = 0;
+
+    std::string Name() const; // of its section
+    std::string Text() const; // the section
+};
+
+ZEVO_BANDWIDTH_STATUS Record(const Transfer &transfer); // its filename is "/a file"
+
+// One rule in force for a configuration made by hand.
+ZEVO_BANDWIDTH_LIMIT Limit(int32_t ownerType, uint32_t id, uint64_t rateKBps);
+
+// The log line that refuses an argument.
+std::string Refused(const std::string &file, const std::string &text);
+
+#endif // ZEVOBW_TESTS_LIBRARY_BOX_HPP

@@ -1,0 +1,510 @@
+// Section files: what is written comes back equal, what is not ours stays byte for byte, writers do
+// not lose each other's work, and a failure leaves the old file.
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "box.hpp"
+#include "stand_ins.hpp"
+#include "zevocore.h"
+
+using standins::Call;
+using testing::ElementsAre;
+
+namespace {
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+constexpr char kThisFile[] = "section_file.cpp";
+constexpr char kTwoSections[] =
+    "# hand-made\n[user-1]\nstate=enabled\n\n[user-2]\nstate=disabled\n";
+
+class Hash {
+public:
+    explicit Hash(const Pairs &pairs = {}) : pHash_(VLIBCSzHashAlloc(1024))
+    {
+        for (const auto &[key, value] : pairs)
+            EXPECT_EQ(VLIBCSzHashSetValue(&pHash_, key.c_str(), value.c_str()), 0);
+    }
+    ~Hash() { VLIBCSzHashFree(pHash_); }
+    Hash(const Hash &) = delete;
+    Hash &operator=(const Hash &) = delete;
+
+    VLIB_SZ_HASH *get() const { return pHash_; }
+    VLIB_SZ_HASH **address() { return &pHash_; }
+    std::string operator[](const std::string &key) const
+    {
+        const char *const szValue = VLIBCSzHashGetValue(pHash_, key.c_str());
+        return szValue == nullptr ? "(absent)" : szValue;
+    }
+
+private:
+    VLIB_SZ_HASH *pHash_;
+};
+
+class SectionFile : public BoxTest {
+protected:
+    const char *Path() { return etc.Path("conf"); }
+    void Write(std::string_view text) { etc.Write("conf", text); }
+    std::string Read() { return etc.Read("conf"); }
+
+    int Set(const char *szSection, const Pairs &pairs)
+    {
+        return VLIBCFileSetSection(Path(), szSection, nullptr, Hash(pairs).get(), 0);
+    }
+    int Add(const char *szSection, const Pairs &pairs)
+    {
+        return VLIBCFileAddSection(Path(), szSection, Hash(pairs).get(), 0);
+    }
+    std::vector<std::string> Names()
+    {
+        VLIB_SZ_LIST *pList = VLIBCSzListAlloc(0);
+        const int count = VLIBCFileEnumSection(Path(), &pList);
+        std::vector<std::string> names;
+        for (int i = 0; i < pList->nItem; ++i)
+            names.emplace_back(VLIBCSzListGet(pList, i));
+        EXPECT_EQ(count, static_cast<int>(names.size()));
+        VLIBCSzListFree(pList);
+        return names;
+    }
+};
+
+// Every byte where it could hurt, what the syntax is made of, and long ones of each kind.
+std::vector<std::string> AwkwardTexts()
+{
+    std::vector<std::string> texts = {"",         "  ",           "=",
+                                      "a = b",    "[a]",          "]",
+                                      "[",        "a]b",          "\"",
+                                      "\"a\"",    "\\",           "a\\",
+                                      "\\n",      "\\x41",        "\"\\",
+                                      "; c",      "# c",          "[a]\n[b]\nk=v\n",
+                                      "\r\n",     "a\"b",         "a\\b",
+                                      "\xC3\xA4", "\xC3",         "\xA4\xC3",
+                                      "\xC0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80",
+                                      "\xE2\x82"};
+    for (int byte = 1; byte < 256; ++byte) {
+        const char it = static_cast<char>(byte);
+        texts.push_back({it});
+        texts.push_back({it, 'a', 'z'});
+        texts.push_back({'a', it, 'z'});
+        texts.push_back({'a', 'z', it});
+        texts.push_back(std::string(4095, it));
+    }
+    return texts;
+}
+
+TEST_F(SectionFile, AnyTextComesBackEqualAsNameKeyAndValue)
+{
+    for (const std::string &text : AwkwardTexts()) {
+        SCOPED_TRACE(testing::PrintToString(text.substr(0, 20)) + " of " +
+                     std::to_string(text.size()));
+        Write("[before]\nk=v\n");
+        ASSERT_EQ(Add(text.c_str(), {{text, text}, {"last", "1"}}), 0);
+        ASSERT_EQ(Set(text.c_str(), {{text, text}, {"last", "2"}}), 1);
+        ASSERT_THAT(Names(), ElementsAre("before", text));
+        Hash hash;
+        ASSERT_EQ(VLIBCFileGetSection(Path(), text.c_str(), hash.address()), 1);
+        ASSERT_EQ(hash[text], text);
+        ASSERT_EQ(hash["last"], "2");
+        const std::string file = Read();
+        ASSERT_EQ(std::count(file.begin(), file.end(), '\n'), 6);
+    }
+}
+
+TEST_F(SectionFile, OrdinaryTextsStandAsTheyAreAndOthersInQuotes)
+{
+    Write("");
+    ASSERT_EQ(Add("user-1026", {{"upload rate", "500"},
+                                {"path", "/vol/M\xC3\xBCller \"x\" [1]=\\2;#"},
+                                {"empty", ""},
+                                {"", " blanks "},
+                                {"#k=1", "two\nlines\t\x07\xFF\x7F\xC2\x85"}}),
+              0);
+    EXPECT_EQ(Read(), "[user-1026]\n"
+                      "upload rate=500\n"
+                      "path=/vol/M\xC3\xBCller \"x\" [1]=\\2;#\n"
+                      "empty=\n"
+                      "\"\"=\" blanks \"\n"
+                      "\"#k=1\"=\"two\\nlines\\t\\x07\\xFF\\x7F\\xC2\\x85\"\n");
+}
+
+TEST_F(SectionFile, LinesEditedByHandAreReadAsTheirAuthorMeantThem)
+{
+    constexpr char kAbsent[] = "(absent)";
+    const struct {
+        std::string line;
+        const char *szKey;
+        const char *szValue;
+    } rows[] = {
+        {" upload rate \t=  500 \r", "upload rate", "500"},
+        {"\"k\" = \"v\"\r", "k", "v"},
+        {"\"k\"=\"\\x4a\\x4A\"", "k", "JJ"},
+        {"k=a=b", "k", "a=b"},
+        {"k=first\nk=second", "k", "second"},
+        {";k=v", "k", kAbsent},
+        {"k", "k", kAbsent},
+        {"=v", "", kAbsent},
+        {"k=\"v", "k", kAbsent},
+        {"k=\"v\" w", "k", kAbsent},
+        {"k=\"\\q\"", "k", kAbsent},
+        {"k=\"\\x0\"", "k", kAbsent},
+        {"k=\"\\x00\"", "k", kAbsent},
+        {"\"k\" x=v", "k", kAbsent},
+        {std::string("k=v\0w", 5), "k", kAbsent},
+        {"[k=v", "[k", kAbsent},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.line));
+        Write("[ a ]\t\r\n" + row.line + "\n[b]\nk=other\n[a]\nk=again\n");
+        Hash hash;
+        ASSERT_EQ(VLIBCFileGetSection(Path(), "a", hash.address()), 1);
+        EXPECT_EQ(hash[row.szKey], row.szValue);
+    }
+}
+
+TEST_F(SectionFile, AHeaderIsKnownByItsLineAlone)
+{
+    const struct {
+        std::string line;
+        const char *szName; // nullptr: no header
+    } rows[] = {
+        {"[4711-1]\n", "4711-1"}, {"[4711-1]", "4711-1"},    {"[\"a]\\n\"] \r\n", "a]\n"},
+        {"[\"\"]\n", ""},         {"[]\n", nullptr},         {" [a]\n", nullptr},
+        {"[a]x\n", nullptr},      {"[a\n", nullptr},         {"[\"a]\n", nullptr},
+        {"; [a]\n", nullptr},     {"[a=b\n", nullptr},       {"", nullptr},
+        {"\n[a]\n", nullptr},     {{"[a\0]\n", 5}, nullptr},
+    };
+    for (const auto &[line, szName] : rows) {
+        SCOPED_TRACE(testing::PrintToString(line));
+        const int cb = static_cast<int>(line.size());
+        EXPECT_EQ(VLIBCIFileIsSection(line.c_str(), cb), szName != nullptr ? 1 : 0);
+        EXPECT_EQ(VLIBCIFileMatchSection(line.c_str(), cb, szName == nullptr ? "a" : szName),
+                  szName != nullptr ? 1 : 0);
+        EXPECT_EQ(VLIBCIFileMatchSection(line.c_str(), cb, "4711-11"), 0);
+    }
+}
+
+TEST_F(SectionFile, SettingReplacesThePairsAndNothingElse)
+{
+    const struct {
+        const char *szOld;
+        const char *szNew;
+    } rows[] = {
+        {"[a]\nk=1\n", "[a]\nx=9\n"},
+        {"[a]", "[a]\nx=9\n"},
+        {"[a]\nk=1", "[a]\nx=9\n"},
+        {"[a]\n# why", "[a]\n# why\nx=9\n"},
+        {"top\n[z]\r\n k = 1\r\n\n[ a ] \r\n# why\nk=1\n;later\njunk\nl=2\n\n[b]\nk=\"1\"",
+         "top\n[z]\r\n k = 1\r\n\n[ a ] \r\n# why\nx=9\n;later\njunk\n\n[b]\nk=\"1\""},
+        {"[a]\nk=1\n\n[b]\nk=2\n[a]\n#note\nk=3\n[c]\n", "[a]\nx=9\n\n[b]\nk=2\n#note\n[c]\n"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.szOld));
+        Write(row.szOld);
+        EXPECT_EQ(Set("a", {{"x", "9"}}), 1);
+        EXPECT_EQ(Read(), row.szNew);
+    }
+}
+
+TEST_F(SectionFile, AddingEndsATornLineAndReplacesASectionThatIsThere)
+{
+    const struct {
+        const char *szOld;
+        const char *szNew;
+    } rows[] = {
+        {"", "[a]\nx=9\n"},
+        {"[b]\nk=1\n", "[b]\nk=1\n\n[a]\nx=9\n"},
+        {"[b]\nk=1\n\n", "[b]\nk=1\n\n[a]\nx=9\n"},
+        {"[b]\nk=\"1", "[b]\nk=\"1\n\n[a]\nx=9\n"},
+        {"[b]\n[a", "[b]\n[a\n\n[a]\nx=9\n"},
+        {"[a]\nk=1\n[b]\n", "[a]\nx=9\n[b]\n"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.szOld));
+        Write(row.szOld);
+        EXPECT_EQ(Add("a", {{"x", "9"}}), 0);
+        EXPECT_EQ(Read(), row.szNew);
+    }
+}
+
+TEST_F(SectionFile, ASectionThatIsNotThereIsToldAndNothingIsTouched)
+{
+    Write(kTwoSections);
+    struct stat before = {};
+    struct stat after = {};
+    ASSERT_EQ(::stat(Path(), &before), 0);
+    Hash hash(Pairs{{"state", "kept"}});
+    EXPECT_EQ(VLIBCFileGetSection(Path(), "user-3", hash.address()), 0);
+    EXPECT_EQ(hash["state"], "kept");
+    EXPECT_EQ(Set("user-3", {{"x", "9"}}), 0);
+    EXPECT_EQ(VLIBCFileRemoveSection(Path(), "user-3"), 0);
+    ASSERT_EQ(::stat(Path(), &after), 0);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_EQ(Read(), kTwoSections);
+}
+
+TEST_F(SectionFile, RemovingKeepsOnlyTheCommentsOfTheSection)
+{
+    Write("[a]\nk=1\n\n[b]\n# note\nk=2\njunk\n\n[c]\nk=3\n[b]\nk=4");
+    EXPECT_EQ(VLIBCFileRemoveSection(Path(), "b"), 1);
+    EXPECT_EQ(Read(), "[a]\nk=1\n\n# note\n[c]\nk=3\n");
+}
+
+TEST_F(SectionFile, RemovingStartsOverWhenAnotherProcessWasFaster)
+{
+    Write("[a]\nk=1\n");
+    standins::Before(Call::Fsync, 1, [&] { Write("[a]\nk=1\n[b]\nk=2\n"); });
+    EXPECT_EQ(VLIBCFileRemoveSection(Path(), "a"), 1);
+    EXPECT_EQ(Read(), "[b]\nk=2\n");
+    EXPECT_EQ(etc.FileCount(), 1);
+}
+
+TEST_F(SectionFile, NamesAreListedOnceAndInOrder)
+{
+    Write("k=[x]\n[b]\n[a]\n;[c]\n [d]\n[b]\n[\"e\\n\"]");
+    EXPECT_THAT(Names(), ElementsAre("b", "a", "e\n"));
+}
+
+TEST_F(SectionFile, PermissionBitsStayAndSetIdBitsGo)
+{
+    Write(kTwoSections);
+    ASSERT_EQ(::chmod(Path(), 04751), 0);
+    ASSERT_EQ(Set("user-1", {{"x", "9"}}), 1);
+    struct stat now = {};
+    ASSERT_EQ(::stat(Path(), &now), 0);
+    EXPECT_EQ(now.st_mode & 07777, 0751u);
+}
+
+TEST_F(SectionFile, AFailedWriteLeavesTheOldFileAndNoTemporaryOne)
+{
+    const struct {
+        Call call;
+        unsigned code;
+    } rows[] = {
+        {Call::Open, 0x0900},  {Call::Read, 0x0A00},  {Call::Write, 0x0B00},
+        {Call::Chmod, 0x0B00}, {Call::Fsync, 0x0B00}, {Call::Rename, 0x2800},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.code);
+        Write(kTwoSections);
+        const struct {
+            const char *szName;
+            std::function<int()> run;
+        } operations[] = {
+            {"set",
+             [&] {
+                 return Set("user-1", {{"x", "9"}});
+             }},
+            {"add",
+             [&] {
+                 return Add("user-3", {{"x", "9"}});
+             }},
+            {"remove", [&] { return VLIBCFileRemoveSection(Path(), "user-1"); }},
+        };
+        for (const auto &operation : operations) {
+            SCOPED_TRACE(operation.szName);
+            standins::FailNext(row.call, EIO);
+            errno = 0;
+            EXPECT_EQ(operation.run(), -1);
+            EXPECT_EQ(errno, EIO);
+            ExpectSlot(row.code, kThisFile);
+            EXPECT_EQ(Read(), kTwoSections);
+            EXPECT_EQ(etc.FileCount(), 1);
+        }
+    }
+}
+
+TEST_F(SectionFile, AFileSizeLimitFailsTheWriteAndDoesNotEndTheHost)
+{
+    Write(kTwoSections);
+    Child child([&] {
+        const struct rlimit limit = {10, RLIM_INFINITY};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        return Set("user-1", {{"x", "9"}}) == -1 && VLIBCErrGet() == 0x0B00 ? 0 : 2;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+    EXPECT_EQ(Read(), kTwoSections);
+    EXPECT_EQ(etc.FileCount(), 1);
+}
+
+TEST_F(SectionFile, OnlyRegularFilesOfModerateSizeInRealDirectoriesAreTaken)
+{
+    Write(kTwoSections);
+    const std::string base = etc.c_str();
+    ASSERT_EQ(::symlink("conf", etc.Path("link")), 0);
+    ASSERT_EQ(::mkfifo(etc.Path("fifo"), 0600), 0);
+    ASSERT_EQ(::mkdir(etc.Path("dir"), 0700), 0);
+    ASSERT_EQ(::symlink(etc.c_str(), box.Path("linked")), 0);
+    etc.Write("huge", "");
+    ASSERT_EQ(::truncate(etc.Path("huge"), (off_t{64} << 20) + 1), 0);
+    for (const std::string &path :
+         {base + "/link", base + "/fifo", base + "/dir", base + "/huge", base + "/missing",
+          box.c_str() + std::string("/linked/conf"), box.c_str() + std::string("/linked//conf"),
+          base + "/conf/", std::string()}) {
+        SCOPED_TRACE(path);
+        Hash hash;
+        EXPECT_EQ(VLIBCFileGetSection(path.c_str(), "user-1", hash.address()), -1);
+        ExpectSlot(0x0900, kThisFile);
+        EXPECT_EQ(VLIBCFileSetSection(path.c_str(), "user-1", nullptr, hash.get(), 0), -1);
+        ExpectSlot(0x0900, kThisFile);
+        EXPECT_EQ(VLIBCFileRemoveSection(path.c_str(), "user-1"), -1);
+        ExpectSlot(0x0900, kThisFile);
+    }
+    EXPECT_EQ(Read(), kTwoSections);
+}
+
+TEST_F(SectionFile, AHostWithoutStandardStreamsFindsNothingInTheirPlace)
+{
+    Write(kTwoSections);
+    Child child([&] {
+        for (int fd = 0; fd <= 2; ++fd)
+            ::close(fd);
+        const bool done = Set("user-1", {{"x", "9"}}) == 1 && Add("user-3", {}) == 0;
+        bool closed = true;
+        for (int fd = 0; fd <= 2; ++fd)
+            closed &= ::fcntl(fd, F_GETFD) == -1;
+        return done && closed ? 0 : 2;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+    EXPECT_THAT(Names(), ElementsAre("user-1", "user-2", "user-3"));
+}
+
+TEST_F(SectionFile, ManyWritersAtOnceLoseNothingAndAddNothingTwice)
+{
+    constexpr int kWriters = 8;
+    constexpr int kRounds = 50;
+    Write("# foreign\n[foreign]\nk=v\n");
+    const auto store = [&](const std::string &name, int value) {
+        const Pairs pairs = {{"value", std::to_string(value)}, {"by", std::to_string(::getpid())}};
+        const int set = Set(name.c_str(), pairs);
+        return set == 0 ? Add(name.c_str(), pairs) >= 0 : set == 1;
+    };
+    std::vector<std::unique_ptr<Child>> writers;
+    for (int writer = 0; writer < kWriters; ++writer) {
+        writers.push_back(std::make_unique<Child>([&, writer] {
+            for (int round = 0; round < kRounds; ++round) {
+                const std::string own = std::to_string(writer) + "-" + std::to_string(round % 5);
+                if (!store(own, round) || !store("shared", round)) return 2;
+            }
+            return 0;
+        }));
+    }
+    for (const auto &writer : writers)
+        EXPECT_EQ(writer->Wait(), 0);
+
+    const std::string file = Read();
+    EXPECT_EQ(std::count(file.begin(), file.end(), '['), kWriters * 5 + 2);
+    EXPECT_EQ(file.find("# foreign\n[foreign]\nk=v\n"), 0u);
+    EXPECT_EQ(etc.FileCount(), 1);
+    for (int section = 0; section < kWriters * 5; ++section) {
+        const std::string name = std::to_string(section / 5) + "-" + std::to_string(section % 5);
+        SCOPED_TRACE(name);
+        Hash hash;
+        EXPECT_EQ(VLIBCFileGetSection(Path(), name.c_str(), hash.address()), 1);
+        EXPECT_EQ(hash["value"], std::to_string(kRounds - 5 + section % 5));
+    }
+}
+
+// A process that holds the write lock on the file, and says so.
+std::unique_ptr<Child> LockHolder(const char *szPath)
+{
+    int ready[2];
+    if (::pipe(ready) < 0) std::abort();
+    auto holder = std::make_unique<Child>([&] {
+        struct flock lock = {};
+        lock.l_type = F_WRLCK;
+        const int fd = ::open(szPath, O_RDWR);
+        if (::fcntl(fd, F_OFD_SETLK, &lock) < 0 || ::write(ready[1], "r", 1) != 1) return 2;
+        return ::pause();
+    });
+    char byte;
+    EXPECT_EQ(::read(ready[0], &byte, 1), 1);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    return holder;
+}
+
+TEST_F(SectionFile, AWriterWaitsForTheLockWhichDiesWithItsHolder)
+{
+    Write(kTwoSections);
+    const auto holder = LockHolder(Path());
+    Child writer([&] { return Set("user-1", {{"x", "9"}}) == 1 ? 0 : 2; });
+    ::usleep(100'000);
+    EXPECT_EQ(Read(), kTwoSections);
+    holder->Signal(SIGKILL);
+    EXPECT_EQ(writer.Wait(), 0);
+    EXPECT_EQ(Read(), "# hand-made\n[user-1]\nx=9\n\n[user-2]\nstate=disabled\n");
+}
+
+TEST_F(SectionFile, AWriterWhoseLockWasOnAReplacedFileTakesItsSuccessor)
+{
+    Write(kTwoSections);
+    const auto holder = LockHolder(Path());
+    Child writer([&] { return Set("user-1", {{"x", "9"}}) == 1 ? 0 : 2; });
+    ::usleep(100'000);
+    etc.Write("next", "[user-1]\nk=1\n[user-9]\n");
+    ASSERT_EQ(::rename(etc.Path("next"), Path()), 0);
+    holder->Signal(SIGKILL);
+    EXPECT_EQ(writer.Wait(), 0);
+    EXPECT_EQ(Read(), "[user-1]\nx=9\n[user-9]\n");
+}
+
+TEST_F(SectionFile, AReadersLockKeepsNobodyWaiting)
+{
+    Write(kTwoSections);
+    const int fd = ::open(Path(), O_RDONLY);
+    ASSERT_EQ(::flock(fd, LOCK_EX), 0);
+    EXPECT_EQ(Set("user-1", {{"x", "9"}}), 1);
+    ::close(fd);
+}
+
+TEST_F(SectionFile, TheStreamWriterWritesInOrderAndTellsAFullDisk)
+{
+    const Hash hash({{"b", "1"}, {"a", "2"}, {"b", "3"}});
+    char *szText = nullptr;
+    size_t cbText = 0;
+    FILE *const pMemory = ::open_memstream(&szText, &cbText);
+    EXPECT_EQ(VLIBCFileHash2File(pMemory, "4711-1", hash.get(), 0), 0);
+    std::fclose(pMemory);
+    EXPECT_STREQ(szText, "[4711-1]\nb=3\na=2\n");
+    std::free(szText);
+
+    FILE *const pFull = std::fopen("/dev/full", "w");
+    ASSERT_NE(pFull, nullptr);
+    std::setvbuf(pFull, nullptr, _IONBF, 0);
+    EXPECT_EQ(VLIBCFileHash2File(pFull, "4711-1", hash.get(), 0), -1);
+    EXPECT_EQ(errno, ENOSPC);
+    ExpectSlot(0x0B00, kThisFile);
+    std::fclose(pFull);
+}
+
+TEST_F(SectionFile, MissingArgumentsAreRefused)
+{
+    Hash hash;
+    VLIB_SZ_HASH *pNone = nullptr;
+    EXPECT_EQ(VLIBCFileGetSection(Path(), "a", &pNone), -1);
+    EXPECT_EQ(VLIBCFileSetSection(Path(), nullptr, nullptr, hash.get(), 0), -1);
+    EXPECT_EQ(VLIBCFileAddSection(Path(), "a", nullptr, 0), -1);
+    EXPECT_EQ(VLIBCFileRemoveSection(nullptr, "a"), -1);
+    EXPECT_EQ(VLIBCFileEnumSection(Path(), nullptr), -1);
+    EXPECT_EQ(VLIBCFileHash2File(nullptr, "a", hash.get(), 0), -1);
+    ExpectSlot(0x0D00, kThisFile);
+    EXPECT_EQ(VLIBCIFileIsSection(nullptr, 3), 0);
+    EXPECT_EQ(VLIBCIFileMatchSection("[a]", 3, nullptr), 0);
+}
+
+} // namespace

@@ -1,0 +1,616 @@
+// Running transfers on disk: what a save writes, what a rewrite keeps, and what it does where
+// other processes write at the same time and strangers have put something in its way.
+#include "library_box.hpp"
+
+#include <cstring>
+#include <functional>
+#include <thread>
+
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using standins::Before;
+using standins::Call;
+using standins::CutNextWrite;
+using standins::FailNext;
+using standins::FailNth;
+using standins::TakeLog;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+std::atomic<int> maskChanges{0};
+
+} // namespace
+
+// The creation mask belongs to the host: how often is it touched?
+#pragma GCC visibility push(default)
+extern "C" mode_t umask(mode_t mask) noexcept
+{
+    static const auto real = reinterpret_cast<decltype(&::umask)>(::dlsym(RTLD_NEXT, "umask"));
+    ++maskChanges;
+    return real(mask);
+}
+#pragma GCC visibility pop
+
+namespace {
+
+constexpr char kConvert[] = "bandwidth_status_convert.cpp";
+constexpr char kRewrite[] = "bandwidth_status_set_section.cpp";
+constexpr char kAppend[] = "bandwidth_status_add_section.cpp";
+
+mode_t ModeOf(const char *szPath)
+{
+    struct stat status = {};
+    EXPECT_EQ(::lstat(szPath, &status), 0) << szPath;
+    return status.st_mode & 07777;
+}
+
+// ---- record and hash ----
+
+class StatusConversion : public LibraryTest {};
+
+TEST_F(StatusConversion, ATransferBecomesItsTwelveKeysInTheirOrder)
+{
+    Hash hash{{"left over", ""}};
+    ZEVO_BANDWIDTH_STATUS status = Record({});
+    status.pid = -1;
+    status.id = 4294967295U;
+    status.timestamp = -5;
+    status.expect_speed = 18446744073709551615U;
+    status.owner_type = ZEVO_BW_OWNER_ALL;
+    status.progress = 10000;
+    EXPECT_EQ(ZEVOBandwidthInitHashFromStatus(hash.address(), &status), 0);
+    EXPECT_EQ(hash.Text(), "[s]\npid=-1\nid=4294967295\nuid=2001\nactive=1\ntimestamp=-5\n"
+                           "current speed=1000\nexpect speed=18446744073709551615\n"
+                           "filename=/a file\nowner type=all\nprotocol type=ftp\n"
+                           "transfer type=upload\nprogress=10000\n");
+    EXPECT_THAT(TakeLog(), IsEmpty());
+
+    status.transfer_type = 3;
+    EXPECT_EQ(ZEVOBandwidthInitHashFromStatus(hash.address(), &status), 0);
+    EXPECT_EQ(hash["transfer type"], "(absent)");
+    EXPECT_EQ(TakeLog().back(),
+              "bandwidth_status_convert.cpp:# Unknown value [3] for [transfer type]");
+}
+
+TEST_F(StatusConversion, TheSignedNumbersIgnoreWhatFollowsAndTheUnsignedOnesFailOnIt)
+{
+    const struct {
+        const char *szKey;
+        const char *szText;
+        int row; // of the failure, -1 for none
+        uint64_t (*Field)(const ZEVO_BANDWIDTH_STATUS &);
+        uint64_t value;
+    } kRows[] = {
+        {"pid", "12abc", -1, [](auto &s) { return uint64_t(s.pid); }, 12},
+        {"pid", "-1", -1, [](auto &s) { return uint64_t(s.pid); }, ~uint64_t{0}},
+        {"timestamp", "", -1, [](auto &s) { return uint64_t(s.timestamp); }, 0},
+        {"timestamp", "8 o'clock", -1, [](auto &s) { return uint64_t(s.timestamp); }, 8},
+        {"id", "4294967296", -1, [](auto &s) { return uint64_t{s.id}; }, 0},
+        {"id", "-1", -1, [](auto &s) { return uint64_t{s.id}; }, 4294967295U},
+        {"uid", "7 ", 2, [](auto &s) { return uint64_t{s.uid}; }, 7},
+        {"active", "0x", 3, [](auto &s) { return uint64_t{s.active}; }, 0},
+        {"current speed", "12abc", 5, [](auto &s) { return s.current_speed; }, 12},
+        {"expect speed", "1.5", 6, [](auto &s) { return s.expect_speed; }, 1},
+        {"progress", "100%", 11, [](auto &s) { return uint64_t{s.progress}; }, 100},
+        {"owner type", "nobody", -1, [](auto &s) { return uint64_t{s.owner_type}; }, 1},
+        {"owner type", "group", -1, [](auto &s) { return uint64_t{s.owner_type}; }, 2},
+        {"transfer type", "download", -1, [](auto &s) { return uint64_t{s.transfer_type}; }, 2},
+    };
+    for (const auto &row : kRows) {
+        SCOPED_TRACE(row.szKey + std::string("=") + row.szText);
+        ZEVO_BANDWIDTH_STATUS status = Record({});
+        (void)TakeLog();
+        VLIBCErrSetEx(0, "", 0);
+        const Hash hash{{row.szKey, row.szText}};
+        EXPECT_EQ(ZEVOBandwidthInitStatusFromHash(&status, hash.get()), row.row < 0 ? 0 : -1);
+        EXPECT_EQ(row.Field(status), row.value);
+        EXPECT_STREQ(status.filename, "/a file");
+        if (row.row < 0) continue;
+        ExpectSlot(0x4000, kConvert);
+        EXPECT_EQ(TakeLog(), Lines{"bandwidth_status_convert.cpp:# parm_table[" +
+                                   std::to_string(row.row) + "].fnFromHashStr failed."});
+    }
+}
+
+TEST_F(StatusConversion, AFileNameIsCutToItsField)
+{
+    const std::string name(5000, 'n');
+    ZEVO_BANDWIDTH_STATUS status = Record({});
+    EXPECT_EQ(ZEVOBandwidthInitStatusFromHash(&status, Hash{{"filename", name}}.get()), 0);
+    EXPECT_EQ(status.filename, name.substr(0, 4095));
+    EXPECT_EQ(status.owner_type, 1U) << "the next field";
+    Hash hash;
+    EXPECT_EQ(ZEVOBandwidthInitHashFromStatus(hash.address(), &status), 0);
+    EXPECT_EQ(hash["filename"], name.substr(0, 4095));
+}
+
+TEST_F(StatusConversion, ArgumentsAreRefusedInTheirOrder)
+{
+    VLIB_SZ_HASH *pNone = nullptr;
+    Hash hash;
+    EXPECT_EQ(ZEVOBandwidthInitHashFromStatus(nullptr, nullptr), -1);
+    EXPECT_EQ(ZEVOBandwidthInitHashFromStatus(&pNone, nullptr), -1);
+    EXPECT_EQ(ZEVOBandwidthInitHashFromStatus(hash.address(), nullptr), -1);
+    EXPECT_EQ(ZEVOBandwidthInitStatusFromHash(nullptr, nullptr), -1);
+    EXPECT_EQ(ZEVOBandwidthInitStatusFromHash(nullptr, hash.get()), -1);
+    ExpectSlot(0x0D00, kConvert);
+    EXPECT_THAT(TakeLog(), ElementsAre(Refused(kConvert, "((void *)0) != ppHash"),
+                                       Refused(kConvert, "((void *)0) != *ppHash"),
+                                       Refused(kConvert, "NULL != pStatus"),
+                                       Refused(kConvert, "((void *)0) != pHash"),
+                                       Refused(kConvert, "NULL != pStatus")));
+}
+
+// ---- saving ----
+
+class StatusSave : public LibraryTest {
+protected:
+    StatusSave()
+    {
+        limits[0] = Limit(ZEVO_BW_OWNER_USER, kAlice, 1);
+        limits[0].occupyWeight = 10000;
+        limits[1] = Limit(ZEVO_BW_OWNER_GROUP, kStaff, 1);
+        limits[1].occupyWeight = 5000;
+        limits[1].maxSpeedBps = 3333;
+        limits[2] = Limit(ZEVO_BW_OWNER_GROUP, kGuests, 1);
+        config.pLimit = limits;
+        config.iLimit = 3;
+        config.blGroupConfExist = 1;
+    }
+    int Save() { return ZEVOBandwidthStatusSave(kAlice, &config, &status); }
+
+    Transfer transfer{4711, kAlice, 1001};
+    ZEVO_BANDWIDTH_STATUS status = Record(transfer);
+    ZEVO_BANDWIDTH_LIMIT limits[3] = {};
+    ZEVO_BANDWIDTH_CONFIG config = {};
+};
+
+TEST_F(StatusSave, TheFirstOneMakesEverythingForEverybodyAndLaterOnesLeaveTheMaskAlone)
+{
+    box.Wipe();
+    ::umask(077);
+    EXPECT_EQ(Save(), 0);
+    EXPECT_EQ(ModeOf("/tmp/bandwidth"), 0777U);
+    EXPECT_EQ(ModeOf(box.Path("user-2001")), 0666U);
+    EXPECT_EQ(ModeOf(box.Path("group-3001")), 0666U);
+    EXPECT_EQ(box.Read("user-2001"), "\n" + transfer.Text());
+
+    const int before = maskChanges;
+    status.current_speed = transfer.speed = 9;
+    EXPECT_EQ(Save(), 0);
+    EXPECT_EQ(box.Read("user-2001"), "\n" + transfer.Text());
+    status.pid = 4712; // appended
+    EXPECT_EQ(Save(), 0);
+    EXPECT_EQ(maskChanges, before);
+    EXPECT_EQ(::umask(022), 077U);
+    EXPECT_THAT(box.Files(), ElementsAre("group-3001", "user-2001"));
+    EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
+TEST_F(StatusSave, EachOccupiedGroupGetsItsShareAndTheRecordIsGivenBack)
+{
+    EXPECT_EQ(Save(), 0);
+    Transfer copy = transfer;
+    copy.owner = "group";
+    copy.id = kStaff;
+    copy.speed = 500;
+    copy.expect = 3333;
+    EXPECT_EQ(box.Read("group-3001"), "\n" + copy.Text());
+    EXPECT_THAT(box.Files(), ElementsAre("group-3001", "user-2001"));
+    EXPECT_EQ(status.owner_type, 1U);
+    EXPECT_EQ(status.id, kAlice);
+    EXPECT_EQ(status.current_speed, 1001U);
+    EXPECT_EQ(status.expect_speed, 2000U);
+
+    box.Make();
+    config.blGroupConfExist = 0;
+    EXPECT_EQ(Save(), 0);
+    EXPECT_EQ(ZEVOBandwidthStatusSave(kAlice, nullptr, &status), 0);
+    EXPECT_THAT(box.Files(), ElementsAre("user-2001"));
+}
+
+TEST_F(StatusSave, AFailureInTheGroupsStopsThereAndGivesTheRecordBack)
+{
+    limits[2].occupyWeight = 1;
+    ASSERT_EQ(::mkdir(box.Path("group-3001"), 0755), 0);
+    EXPECT_EQ(Save(), -1);
+    ExpectSlot(0x0900, kRewrite);
+    EXPECT_THAT(TakeLog(),
+                ElementsAre("bandwidth_status_save.cpp:# Save section [4711-1] to "
+                            "[/tmp/bandwidth/group-3001] failed. [0x0900 " +
+                                std::string(kRewrite) + ":#]",
+                            "bandwidth_status_save.cpp:# Save record for uid: [2001], "
+                            "section:[4711-1] failed. [0x0900 " +
+                                std::string(kRewrite) + ":#]"));
+    EXPECT_THAT(box.Files(), ElementsAre("group-3001", "user-2001"));
+    EXPECT_EQ(status.owner_type, 1U);
+    EXPECT_EQ(status.id, kAlice);
+    EXPECT_EQ(status.current_speed, 1001U);
+    EXPECT_EQ(status.expect_speed, 2000U);
+}
+
+TEST_F(StatusSave, AFailureSaysWhereItFailed)
+{
+    constexpr char kMine[] = "bandwidth_status_save.cpp";
+    const std::string file = box.Path("user-2001");
+    // The line that tells what failed; the one that passes it on follows.
+    const auto expectFailure = [&](const std::string &line, const std::string &slot) {
+        SCOPED_TRACE(line);
+        EXPECT_EQ(ZEVOBandwidthStatusSave(kAlice, nullptr, &status), -1);
+        EXPECT_THAT(TakeLog(), ElementsAre("bandwidth_status_save.cpp:# " + line,
+                                           "bandwidth_status_save.cpp:# Save record for uid: "
+                                           "[2001], section:[4711-1] failed. [" +
+                                               slot + "]"));
+    };
+    EXPECT_EQ(ZEVOBandwidthStatusSave(4294967295U, nullptr, nullptr), -1);
+    EXPECT_EQ(ZEVOBandwidthStatusSave(1, nullptr, nullptr), -1);
+    EXPECT_THAT(TakeLog(), ElementsAre(Refused(kMine, "(uid_t)((uid_t) -1) != uid"),
+                                       Refused(kMine, "NULL != pStatus")));
+    platform::FailNextHashAlloc();
+    EXPECT_EQ(ZEVOBandwidthStatusSave(1, nullptr, &status), -1);
+    ExpectSlot(0x0200, kMine);
+    EXPECT_EQ(TakeLog(),
+              Lines{"bandwidth_status_save.cpp:# VLIBCSzHashAlloc failed.[0x0200 platform:1]"});
+    platform::FailHashSet("uid");
+    EXPECT_EQ(ZEVOBandwidthStatusSave(1, nullptr, &status), -1);
+    EXPECT_EQ(TakeLog().back(),
+              "bandwidth_status_save.cpp:# Init hash from status failed. [0x0200 platform:1]");
+    platform::FailHashSet("");
+
+    FailNext(Call::Stat, EACCES);
+    expectFailure("stat [/tmp/bandwidth/] failed. Permission denied",
+                  "0x2700 bandwidth_status_save.cpp:#");
+    EXPECT_EQ(box.FileCount(), 0);
+    FailNext(Call::Write, ENOSPC);
+    const std::string append = "0x0B00 bandwidth_status_add_section.cpp:#";
+    expectFailure("Add section [4711-1] to [" + file + "] failed. [" + append + "]", append);
+
+    box.Wipe();
+    FailNext(Call::Mkdir, EROFS);
+    const std::string noDirectory = "0x0900 directory.cpp:#";
+    expectFailure("ZEVOFSMkdirP failed. [/tmp/bandwidth/] [" + noDirectory + "]", noDirectory);
+    EXPECT_EQ(::umask(022), 022U) << "back again";
+}
+
+TEST_F(StatusSave, WhatIsNoDirectoryIsNeverWrittenThrough)
+{
+    box.Wipe();
+    Box elsewhere("/tmp/elsewhere");
+    elsewhere.Make();
+    for (const bool isLink : {true, false}) {
+        SCOPED_TRACE(isLink ? "link" : "file");
+        if (isLink)
+            ASSERT_EQ(::symlink(elsewhere.c_str(), "/tmp/bandwidth"), 0);
+        else
+            Box("/tmp").Write("bandwidth", "");
+        EXPECT_EQ(Save(), -1);
+        EXPECT_EQ(TakeLog().front(), "bandwidth_status_save.cpp:# ZEVOFSMkdirP failed. "
+                                     "[/tmp/bandwidth/] [0x0900 directory.cpp:#]");
+        EXPECT_EQ(elsewhere.FileCount(), 0);
+        EXPECT_EQ(::unlink("/tmp/bandwidth"), 0);
+    }
+    elsewhere.Wipe();
+}
+
+// Each save of a new user's transfer makes a file, under a cleared mask.
+TEST_F(StatusSave, ThreadsThatSaveAtOnceLeaveTheMaskAsItWas)
+{
+    ::umask(027);
+    const auto saveMany = [](uint32_t firstUid) {
+        for (uint32_t uid = firstUid; uid < firstUid + 60; ++uid) {
+            ZEVO_BANDWIDTH_STATUS mine = Record({4711, uid});
+            EXPECT_EQ(ZEVOBandwidthStatusSave(uid, nullptr, &mine), 0);
+        }
+    };
+    std::thread first(saveMany, 5000);
+    std::thread second(saveMany, 6000);
+    for (int i = 0; i < 20; ++i) {
+        Child child([] {
+            EXPECT_EQ(::umask(0), 027U) << "inherited from a thread that was saving";
+            return 0;
+        });
+        EXPECT_EQ(child.Wait(), 0);
+    }
+    first.join();
+    second.join();
+    EXPECT_EQ(::umask(022), 027U);
+    EXPECT_EQ(box.FileCount(), 120);
+    for (const std::string &name : box.Files())
+        EXPECT_EQ(ModeOf(box.Path(name)), 0666U) << name;
+}
+
+// ---- rewriting ----
+
+constexpr char kTwo[] = "# hand-made\n\n[4711-1]\n; mine\npid=4711\n\n#  too\nactive=1\n[5-2]\n"
+                        "foreign \x01\xff bytes\n\nactive=0\n# last";
+
+class StatusRewrite : public LibraryTest {
+protected:
+    int Set(const char *szSection = "4711-1")
+    {
+        return ZEVOBandwidthStatusSetSection(Path(), szSection, hash.get());
+    }
+    int Remove(const char *szSection = "4711-1")
+    {
+        return ZEVOBandwidthStatusRemoveSection(Path(), szSection);
+    }
+    int Add(const char *szSection = "4711-1")
+    {
+        return ZEVOBandwidthStatusAddSection(Path(), szSection, hash.get());
+    }
+    const char *Path() { return box.Path("user-2001"); }
+    void Write(const std::string &text) { box.Write("user-2001", text); }
+    std::string Read() { return box.Read("user-2001"); }
+
+    const Hash hash{{"pid", "4711"}, {"active", "0"}};
+};
+
+TEST_F(StatusRewrite, ASectionIsReplacedAndAllElseStaysByteForByte)
+{
+    Write(kTwo);
+    ASSERT_EQ(::chmod(Path(), 06642), 0);
+    EXPECT_EQ(Set(), 1);
+    EXPECT_EQ(Read(), "# hand-made\n\n[4711-1]\npid=4711\nactive=0\n; mine\n#  too\n[5-2]\n"
+                      "foreign \x01\xff bytes\n\nactive=0\n# last");
+    EXPECT_EQ(ModeOf(Path()), 0642U) << "no set-id bits on a file of ours";
+    EXPECT_EQ(Set("5-2"), 1);
+    EXPECT_EQ(Read(), "# hand-made\n\n[4711-1]\npid=4711\nactive=0\n; mine\n#  too\n[5-2]\n"
+                      "pid=4711\nactive=0\n# last");
+    EXPECT_EQ(Remove(), 1);
+    EXPECT_EQ(Read(), "# hand-made\n\n; mine\n#  too\n[5-2]\npid=4711\nactive=0\n# last");
+    EXPECT_EQ(box.FileCount(), 1);
+    EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
+TEST_F(StatusRewrite, ASecondHeaderOfTheNameIsTreatedLikeTheFirst)
+{
+    Write("[4711-1]\na=1\n[5-2]\nb=2\n[4711-1]\na=3\n;c\n");
+    EXPECT_EQ(Set(), 1);
+    EXPECT_EQ(Read(), "[4711-1]\npid=4711\nactive=0\n[5-2]\nb=2\n[4711-1]\npid=4711\nactive=0\n;c\n");
+    EXPECT_EQ(Remove(), 1);
+    EXPECT_EQ(Read(), "[5-2]\nb=2\n;c\n");
+}
+
+TEST_F(StatusRewrite, WhatIsNotThereIsRecordedAndTheFileLeftAlone)
+{
+    Write(kTwo);
+    struct stat before = {};
+    ASSERT_EQ(::stat(Path(), &before), 0);
+    for (const auto &call : {std::function<int()>([&] { return Set("4711-2"); }),
+                             std::function<int()>([&] { return Remove("471-1"); })}) {
+        VLIBCErrSetEx(0, "", 0);
+        EXPECT_EQ(call(), 0);
+        ExpectSlot(0x2000, kRewrite);
+    }
+    struct stat after = {};
+    ASSERT_EQ(::stat(Path(), &after), 0);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+    EXPECT_EQ(Read(), kTwo);
+    EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
+TEST_F(StatusRewrite, ArgumentsAreRefusedInTheirOrder)
+{
+    EXPECT_EQ(ZEVOBandwidthStatusSetSection(nullptr, nullptr, hash.get()), -1);
+    EXPECT_EQ(ZEVOBandwidthStatusRemoveSection(Path(), nullptr), -1);
+    ExpectSlot(0x0D00, kRewrite);
+    EXPECT_THAT(TakeLog(), ElementsAre(Refused(kRewrite, "((void *)0) != szFile"),
+                                       Refused(kRewrite, "NULL != szSection")));
+    EXPECT_EQ(ZEVOBandwidthStatusAddSection(nullptr, "s", hash.get()), -1);
+    EXPECT_EQ(ZEVOBandwidthStatusAddSection(Path(), nullptr, hash.get()), -1);
+    EXPECT_EQ(ZEVOBandwidthStatusAddSection(Path(), "s", nullptr), -1);
+    ExpectSlot(0x0D00, kAppend);
+    EXPECT_THAT(TakeLog(), IsEmpty()) << "the append says nothing";
+    EXPECT_EQ(box.FileCount(), 0);
+}
+
+TEST_F(StatusRewrite, AFailureLeavesTheOldFileAndNoTemporaryOne)
+{
+    const struct {
+        Call call;
+        int nth, error;
+        unsigned code;
+    } kRows[] = {
+        {Call::Open, 2, EACCES, 0x0900},   // the directory is opened first
+        {Call::Stat, 1, EIO, 0x2700},      // of the open file
+        {Call::Read, 1, EIO, 0x0A00},      //
+        {Call::Open, 3, EACCES, 0x0900},   // the temporary file
+        {Call::Write, 1, ENOSPC, 0x0B00},  //
+        {Call::Fsync, 1, EIO, 0x0B00},     //
+        {Call::Chmod, 1, EPERM, 0x0B00},   //
+        {Call::Rename, 1, EACCES, 0x2800}, //
+    };
+    Write(kTwo);
+    for (const auto &row : kRows) {
+        SCOPED_TRACE(row.code);
+        for (const auto &call : {std::function<int()>([&] { return Set(); }),
+                                 std::function<int()>([&] { return Remove(); })}) {
+            standins::Reset();
+            FailNth(row.call, row.nth, row.error);
+            EXPECT_EQ(call(), -1);
+            ExpectSlot(row.code, kRewrite);
+            EXPECT_EQ(Read(), kTwo);
+            EXPECT_EQ(box.FileCount(), 1);
+        }
+    }
+    EXPECT_THAT(TakeLog(), IsEmpty()) << "the caller tells";
+}
+
+TEST_F(StatusRewrite, OnlyRegularFilesOfSomeSizeAreTouched)
+{
+    Write(kTwo);
+    const char *const szOdd = box.Path("odd");
+    const struct {
+        const char *szWhat;
+        std::function<int()> Make;
+    } kRows[] = {
+        {"missing", [] { return 0; }},
+        {"link", [&] { return ::symlink(Path(), szOdd); }},
+        {"fifo", [&] { return ::mkfifo(szOdd, 0666); }},
+        {"directory", [&] { return ::mkdir(szOdd, 0755); }},
+        {"too large",
+         [&] {
+             box.Write("odd", "[4711-1]\n");
+             return ::truncate(szOdd, (off_t{64} << 20) + 1);
+         }},
+    };
+    for (const auto &row : kRows) {
+        SCOPED_TRACE(row.szWhat);
+        ASSERT_EQ(row.Make(), 0);
+        EXPECT_EQ(ZEVOBandwidthStatusSetSection(szOdd, "4711-1", hash.get()), -1);
+        ExpectSlot(0x0900, kRewrite);
+        EXPECT_EQ(ZEVOBandwidthStatusRemoveSection(szOdd, "4711-1"), -1);
+        ExpectSlot(0x0900, kRewrite);
+        if (row.szWhat != std::string("missing")) {
+            EXPECT_EQ(ZEVOBandwidthStatusAddSection(szOdd, "4711-1", hash.get()), -1);
+            ExpectSlot(0x0900, kAppend);
+        }
+        EXPECT_EQ(Read(), kTwo) << "nothing followed the link";
+        ::remove(szOdd);
+    }
+    EXPECT_THAT(box.Files(), ElementsAre("user-2001"));
+}
+
+// ---- beside other processes ----
+
+TEST_F(StatusRewrite, WhatAnotherProcessDidMeanwhileIsNotLost)
+{
+    const struct {
+        const char *szWhat;
+        std::function<void()> Act;
+        std::string text;
+    } kRows[] = {
+        {"replaced", [&] { EXPECT_EQ(Remove("5-2"), 1); }, "[4711-1]\npid=4711\nactive=0\n"},
+        {"appended", [&] { EXPECT_EQ(Add("6-1"), 1); },
+         "[4711-1]\npid=4711\nactive=0\n[5-2]\nb=2\n[6-1]\npid=4711\nactive=0\n"},
+        {"nothing", [] {}, "[4711-1]\npid=4711\nactive=0\n[5-2]\nb=2\n"},
+    };
+    for (const auto &row : kRows) {
+        SCOPED_TRACE(row.szWhat);
+        Write("[4711-1]\na=1\n[5-2]\nb=2\n");
+        Before(Call::Fsync, 1, row.Act);
+        EXPECT_EQ(Set(), 1);
+        EXPECT_EQ(Read(), row.text);
+        EXPECT_EQ(box.FileCount(), 1);
+    }
+}
+
+TEST_F(StatusRewrite, AfterFiveDefeatsTheLaterRenameWins)
+{
+    Write("[4711-1]\na=1\n");
+    int defeats = 0;
+    const std::function<void()> beFaster = [&] {
+        Write("[4711-1]\na=1\n#" + std::string(static_cast<size_t>(++defeats), 'x') + "\n");
+        Before(Call::Fsync, 1, beFaster);
+    };
+    Before(Call::Fsync, 1, beFaster);
+    EXPECT_EQ(Set(), 1);
+    EXPECT_EQ(defeats, 6);
+    EXPECT_EQ(Read(), "[4711-1]\npid=4711\nactive=0\n#xxxxx\n");
+    EXPECT_EQ(standins::Count(Call::Rename), 1);
+    EXPECT_EQ(box.FileCount(), 1);
+}
+
+TEST_F(StatusRewrite, ASectionThatVanishesMeanwhileIsNotPutBack)
+{
+    Write("[4711-1]\na=1\n[5-2]\nb=2\n");
+    Before(Call::Fsync, 1, [&] { EXPECT_EQ(Remove(), 1); });
+    EXPECT_EQ(Set(), 0);
+    EXPECT_EQ(Read(), "[5-2]\nb=2\n");
+}
+
+TEST_F(StatusRewrite, ManyProcessesLeaveAWholeFile)
+{
+    Write("");
+    const auto saveOften = [&] {
+        ZEVO_BANDWIDTH_STATUS mine = Record({});
+        mine.pid = ::getpid();
+        for (int i = 0; i < 50; ++i) {
+            mine.current_speed = static_cast<uint64_t>(i);
+            EXPECT_EQ(ZEVOBandwidthStatusSave(kAlice, nullptr, &mine), 0);
+        }
+        return 0;
+    };
+    Child first(saveOften);
+    Child second(saveOften);
+    EXPECT_EQ(saveOften(), 0);
+    EXPECT_EQ(first.Wait(), 0);
+    EXPECT_EQ(second.Wait(), 0);
+    ZEVO_BANDWIDTH_STATUS *pList = nullptr;
+    const int count = ZEVOBandwidthStatusGetAll(1, kAlice, 15, 3, &pList);
+    EXPECT_GE(count, 1);
+    EXPECT_LE(count, 3);
+    ZEVOBandwidthStatusListFree(&pList);
+    EXPECT_EQ(box.FileCount(), 1);
+    EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
+// ---- appending ----
+
+TEST_F(StatusRewrite, AnAppendStandsOnALineOfItsOwn)
+{
+    const std::string section = "[4711-1]\npid=4711\nactive=0\n";
+    EXPECT_EQ(Add(), 1) << "a missing file is made";
+    EXPECT_EQ(Read(), "\n" + section);
+    const struct {
+        std::string before, after;
+    } kRows[] = {
+        {"", "\n" + section},
+        {"[5-2]\nb=2\n", "[5-2]\nb=2\n" + section},
+        {"[5-2]\nb=2", "[5-2]\nb=2\n" + section},
+        {"[4711-", "[4711-\n" + section}, // torn in the header
+    };
+    for (const auto &row : kRows) {
+        Write(row.before);
+        EXPECT_EQ(Add(), 1);
+        EXPECT_EQ(Read(), row.after);
+    }
+    EXPECT_EQ(Add(), 0) << "there already";
+    EXPECT_EQ(Read(), "[4711-\n" + section);
+}
+
+TEST_F(StatusRewrite, AnAppendIsOneWriteAndFailsWithIt)
+{
+    Write("[5-2]\n");
+    standins::Reset();
+    EXPECT_EQ(Add("6-1"), 1);
+    EXPECT_EQ(standins::Count(Call::Write), 1);
+    EXPECT_EQ(standins::Count(Call::Rename), 0);
+
+    FailNext(Call::Fsync, EIO);
+    EXPECT_EQ(Add("7-1"), 1) << "how soon it is on the disk is no promise";
+
+    const std::string before = Read();
+    FailNext(Call::Write, ENOSPC);
+    EXPECT_EQ(Add(), -1);
+    ExpectSlot(0x0B00, kAppend);
+    EXPECT_EQ(Read(), before);
+    CutNextWrite(11);
+    EXPECT_EQ(Add(), -1);
+    ExpectSlot(0x0B00, kAppend);
+    EXPECT_EQ(Read(), before + "[4711-1]\npi");
+
+    VLIBCErrSetEx(1, "before", 1);
+    FailNext(Call::Read, EIO);
+    EXPECT_EQ(Add(), -1);
+    ExpectSlot(1, "before");
+    FailNth(Call::Open, 2, EACCES);
+    EXPECT_EQ(Add(), -1);
+    ExpectSlot(0x0900, kAppend);
+    EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
+TEST_F(StatusRewrite, AnAppendIntoAFileThatWasJustReplacedIsMadeAgain)
+{
+    Write("[5-2]\nb=2\n[6-1]\nc=3\n");
+    Before(Call::Write, 1, [&] { EXPECT_EQ(Remove("5-2"), 1); });
+    EXPECT_EQ(Add(), 1);
+    EXPECT_EQ(Read(), "[6-1]\nc=3\n[4711-1]\npid=4711\nactive=0\n");
+}
+
+} // namespace

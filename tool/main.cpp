@@ -1,0 +1,133 @@
+// zevobandwidth, the administrator's command: limits of users and groups, the policies that combine
+// them, and the transfers that run under them.
+//
+// Exit status: see ExitStatus. Results go to standard output, everything else to standard error.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <exception>
+#include <iostream>
+#include <new>
+#include <sstream>
+#include <string>
+
+#include <zevobandwidth.h>
+
+#include "command.hpp"
+#include "output.hpp"
+
+namespace {
+
+using tool::Failure;
+
+std::string Version()
+{
+    return "zevobandwidth " + std::to_string(ZEVO_BW_VERSION_MAJOR) + "." +
+           std::to_string(ZEVO_BW_VERSION_MINOR) + "." + std::to_string(ZEVO_BW_VERSION_PATCH);
+}
+
+// A file opened later must not become standard output by accident. What is opened in its stead
+// refuses what the stream is for, so that the failure shows.
+void KeepStandardStreamsTaken()
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(fd, F_GETFD) >= 0) continue;
+        // Takes the lowest free number, which is fd: those below are taken by now.
+        static_cast<void>(::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY));
+    }
+}
+
+// The command that was meant, as far as it was understood.
+const CLI::App *Innermost(const CLI::App *app)
+{
+    for (;;) {
+        const auto chosen = app->get_subcommands();
+        if (chosen.empty()) return app;
+        app = chosen.front();
+    }
+}
+
+std::string FullName(const CLI::App *app)
+{
+    const CLI::App *parent = app->get_parent();
+    return parent == nullptr ? app->get_name() : FullName(parent) + " " + app->get_name();
+}
+
+// A command that does not exist is told as such rather than as one that is missing.
+std::string WhatWasWrong(const CLI::App &app, const CLI::ParseError &error)
+{
+    const std::vector<std::string> rest = app.remaining(true);
+    const bool expectsCommand =
+        !Innermost(&app)->get_subcommands([](const CLI::App *) { return true; }).empty();
+    return expectsCommand && !rest.empty() ? "unknown command: " + rest.front() : error.what();
+}
+
+int EndParsing(const CLI::App &app, const CLI::ParseError &error)
+{
+    if (error.get_exit_code() != 0) {
+        tool::PrintNote("zevobandwidth: " + WhatWasWrong(app, error));
+        tool::PrintNote("Try '" + FullName(Innermost(&app)) + " --help'.");
+        return tool::kWrongUsage;
+    }
+    std::ostringstream help;
+    app.exit(error, help, help);
+    std::string text = help.str();
+    while (text.ends_with('\n'))
+        text.pop_back();
+    tool::PrintLine(text);
+    tool::FlushOutput();
+    return tool::kDone;
+}
+
+int Run(int argc, char **argv)
+{
+    CLI::App app("Bandwidth limits per user, group and protocol", "zevobandwidth");
+    app.require_subcommand(1);
+    app.set_version_flag("--version", Version(), "Print the version and exit");
+    app.footer("Upload always means from the client to this server, download from this server to\n"
+               "the client.\n\nExamples:\n"
+               "  zevobandwidth rule set -u alice -p ftp --up 10M --down unlimited\n"
+               "  zevobandwidth policy set -p ftp\n"
+               "  zevobandwidth transfers\n\n"
+               "Exit status: 0 done, 1 failed, 2 wrong usage, 3 not permitted, 4 no such user,\n"
+               "group, protocol or transfer.");
+    tool::AddRuleCommand(app);
+    tool::AddPolicyCommand(app);
+    tool::AddTransfersCommand(app);
+    tool::AddStopCommand(app);
+    tool::AddPipeCommand(app);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return EndParsing(app, error);
+    }
+    tool::FlushOutput();
+    return tool::kDone;
+}
+
+int Report(const std::string &message, int status)
+{
+    // What was printed before the failure still belongs to the result.
+    std::fflush(stdout);
+    tool::PrintNote("zevobandwidth: " + message);
+    return status;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    // The notice that limits have changed goes to every process of this name, this one included.
+    std::signal(SIGHUP, SIG_IGN);
+    KeepStandardStreamsTaken();
+    try {
+        return Run(argc, argv);
+    } catch (const Failure &failure) {
+        return Report(failure.what(), failure.status());
+    } catch (const std::bad_alloc &) {
+        return Report("out of memory", tool::kFailed);
+    } catch (const std::exception &error) {
+        return Report(error.what(), tool::kFailed);
+    }
+}

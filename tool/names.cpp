@@ -1,0 +1,227 @@
+// Names to numbers and back. The user database is asked through the re-entrant calls with buffers
+// that grow, for a group with thousands of members outgrows any fixed one.
+#include "names.hpp"
+
+#include <dirent.h>
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "command.hpp"
+
+namespace tool {
+
+namespace {
+
+constexpr const char *kAddonDirectory = "/usr/zevo/etc/bandwidth/addon/";
+constexpr std::string_view kAddonSuffix = ".json";
+constexpr std::size_t kFirstBuffer = 4096;
+
+template <typename Number> std::optional<Number> WholeNumber(std::string_view text)
+{
+    Number number = 0;
+    const auto end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number);
+    if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
+    return number;
+}
+
+[[noreturn]] void DatabaseFailed(int error)
+{
+    throw Failure(kFailed, std::string("the user database cannot be asked: ") +
+                               std::strerror(error) + "; see /etc/nsswitch.conf");
+}
+
+Account ToAccount(const passwd &entry)
+{
+    return {entry.pw_uid, entry.pw_name};
+}
+Account ToAccount(const group &entry)
+{
+    return {entry.gr_gid, entry.gr_name};
+}
+
+// Runs one of getpwnam_r and its kin; nothing when the database knows no such entry.
+template <typename Entry, typename Lookup, typename Key>
+std::optional<Account> Ask(Lookup lookup, Key key)
+{
+    std::vector<char> buffer(kFirstBuffer);
+    for (;;) {
+        Entry entry{};
+        Entry *found = nullptr;
+        const int error = lookup(key, &entry, buffer.data(), buffer.size(), &found);
+        if (found != nullptr) return ToAccount(entry);
+        // What the sources of the database say when they mean "not known".
+        if (error == 0 || error == ENOENT || error == ESRCH) return std::nullopt;
+        if (error == ERANGE)
+            buffer.resize(buffer.size() * 2);
+        else if (error != EINTR)
+            DatabaseFailed(error);
+    }
+}
+
+template <typename Entry, typename ByName, typename ById>
+Account Find(const std::string &nameOrId, const char *kind, ByName byName, ById byId)
+{
+    if (const auto account = Ask<Entry>(byName, nameOrId.c_str())) return *account;
+    const auto id = WholeNumber<std::uint32_t>(nameOrId);
+    // The highest id means "nobody" to the system calls and names no account.
+    if (id && *id != static_cast<std::uint32_t>(-1))
+        if (const auto account = Ask<Entry>(byId, *id)) return *account;
+    throw Failure(kNotFound, std::string("no such ") + kind + ": \"" + nameOrId +
+                                 "\"; the user database knows neither the name nor the id");
+}
+
+// NAME_NUMBER.json, the number written as the library writes it.
+std::optional<Protocol> FromFileName(std::string_view file)
+{
+    if (file.starts_with('.') || !file.ends_with(kAddonSuffix)) return std::nullopt;
+    file.remove_suffix(kAddonSuffix.size());
+    const std::size_t bar = file.rfind('_');
+    if (bar == std::string_view::npos || bar == 0) return std::nullopt;
+    const std::string_view digits = file.substr(bar + 1);
+    const auto number = WholeNumber<std::int32_t>(digits);
+    if (!number || *number <= 0 || std::to_string(*number) != digits) return std::nullopt;
+    return Protocol{*number, std::string(file.substr(0, bar))};
+}
+
+bool IsBuiltIn(const Protocol &protocol)
+{
+    for (const auto *row = ZEVO_BW_PROTOCOL_TYPE_LIST; row->name != nullptr; ++row)
+        if (protocol.number == row->value || protocol.name == row->name) return true;
+    return protocol.name == "global"; // its rules would be kept in the file of the policies
+}
+
+std::vector<Protocol> AnnouncedAddons()
+{
+    std::vector<Protocol> addons;
+    const std::unique_ptr<DIR, int (*)(DIR *)> directory(::opendir(kAddonDirectory), &::closedir);
+    if (!directory) return addons;
+    while (const dirent *entry = ::readdir(directory.get())) {
+        auto addon = FromFileName(entry->d_name);
+        if (addon && !IsBuiltIn(*addon)) addons.push_back(std::move(*addon));
+    }
+    std::sort(addons.begin(), addons.end(),
+              [](const Protocol &a, const Protocol &b) { return a.name < b.name; });
+    return addons;
+}
+
+std::optional<std::string> NameInLibrary(std::int32_t number)
+{
+    std::array<char, 256> name{};
+    if (ZEVOBandwidthEnumToName(ZEVO_BW_PROTOCOL_TYPE_LIST, number, name.data(),
+                                static_cast<int>(name.size())) != 1 ||
+        name[0] == '\0')
+        return std::nullopt;
+    return name.data();
+}
+
+// The library searches by pattern and gives up on two matches: only an add-on that it finds both
+// ways can have rules.
+bool IsUsable(const Protocol &addon)
+{
+    return NameInLibrary(addon.number) == addon.name &&
+           ZEVOBandwidthEnumToValue(ZEVO_BW_PROTOCOL_TYPE_LIST, addon.name.c_str()) == addon.number;
+}
+
+std::string KnownProtocolNames()
+{
+    std::string names;
+    for (const Protocol &protocol : KnownProtocols())
+        names += (names.empty() ? "" : ", ") + protocol.name;
+    return names;
+}
+
+} // namespace
+
+Account FindUser(const std::string &nameOrId)
+{
+    return Find<passwd>(nameOrId, "user", ::getpwnam_r, ::getpwuid_r);
+}
+
+Account FindGroup(const std::string &nameOrId)
+{
+    return Find<group>(nameOrId, "group", ::getgrnam_r, ::getgrgid_r);
+}
+
+Account CallingUser()
+{
+    const uid_t uid = ::getuid();
+    return {uid, UserName(uid)};
+}
+
+std::string UserName(std::uint32_t uid)
+{
+    const auto account = Ask<passwd>(::getpwuid_r, uid);
+    return account ? account->name : std::to_string(uid);
+}
+
+std::string GroupName(std::uint32_t gid)
+{
+    const auto account = Ask<group>(::getgrgid_r, gid);
+    return account ? account->name : std::to_string(gid);
+}
+
+std::int32_t FindProtocol(const std::string &name)
+{
+    if (name == "all")
+        throw Failure(kNotFound,
+                      "\"all\" is no single protocol: name one of " + KnownProtocolNames());
+    for (const Protocol &protocol : KnownProtocols())
+        if (protocol.name == name) return protocol.number;
+    for (const Protocol &addon : AnnouncedAddons())
+        if (addon.name == name)
+            throw Failure(kNotFound, "the add-on protocol \"" + name +
+                                         "\" is ambiguous: another file in " + kAddonDirectory +
+                                         " has the same number or a name that begins with it");
+    throw Failure(kNotFound,
+                  "no such protocol: \"" + name + "\"; known are " + KnownProtocolNames());
+}
+
+std::string ProtocolName(std::int32_t number)
+{
+    return NameInLibrary(number).value_or(std::to_string(number));
+}
+
+std::vector<Protocol> KnownProtocols()
+{
+    std::vector<Protocol> protocols;
+    for (const auto *row = ZEVO_BW_PROTOCOL_TYPE_LIST; row->name != nullptr; ++row)
+        if (row->value != ZEVO_BW_PROTOCOL_ALL) protocols.push_back({row->value, row->name});
+    for (Protocol &addon : AnnouncedAddons())
+        if (IsUsable(addon)) protocols.push_back(std::move(addon));
+    return protocols;
+}
+
+std::string ValueName(const ZEVO_BW_ENUM_ENTRY *table, std::int64_t value)
+{
+    for (const auto *row = table; row->name != nullptr; ++row)
+        if (row->value == value) return row->name;
+    return std::to_string(value);
+}
+
+std::vector<std::string> ValueNames(const ZEVO_BW_ENUM_ENTRY *table)
+{
+    std::vector<std::string> names;
+    for (const auto *row = table; row->name != nullptr; ++row)
+        names.emplace_back(row->name);
+    return names;
+}
+
+std::int32_t ValueOf(const ZEVO_BW_ENUM_ENTRY *table, const std::string &name)
+{
+    for (const auto *row = table; row->name != nullptr; ++row)
+        if (name == row->name) return row->value;
+    throw Failure(kWrongUsage, "no such value: \"" + name + "\"");
+}
+
+} // namespace tool

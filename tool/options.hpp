@@ -1,0 +1,38 @@
+// Options that several commands take, with one wording and one meaning.
+#ifndef ZEVOBW_TOOL_OPTIONS_HPP
+#define ZEVOBW_TOOL_OPTIONS_HPP
+
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include <zevobandwidth.h>
+
+#include "store.hpp"
+
+namespace tool {
+
+struct OwnerOption {
+    std::string user;
+    std::string group;
+    bool IsGiven() const { return !user.empty() || !group.empty(); }
+    // Throws Failure when none is given or the user database does not know it.
+    Owner Find() const;
+};
+
+// -u USER or -g GROUP, at most one of them; Find() refuses none.
+void AddOwnerOption(CLI::App &command, OwnerOption &owner);
+
+// -p PROTOCOL.
+CLI::Option *AddProtocolOption(CLI::App &command, std::string &protocol);
+
+// An option whose value is a name of the table. The states that can be chosen leave out NotExisted.
+void AddChoice(CLI::App &command, const std::string &name, std::string &value,
+               const std::string &type, const ZEVO_BW_ENUM_ENTRY *table, const std::string &help);
+
+// --json.
+void AddJsonFlag(CLI::App &command, bool &isJson);
+
+} // namespace tool
+
+#endif // ZEVOBW_TOOL_OPTIONS_HPP

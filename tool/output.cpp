@@ -1,0 +1,146 @@
+// Printing. Everything that is stored was once written by somebody else, a file's name above all:
+// nothing of it reaches a terminal before Printable() has seen it.
+#include "output.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "command.hpp"
+
+namespace tool {
+
+namespace {
+
+constexpr std::string_view kGap = "  ";
+
+struct Character {
+    char32_t code = 0;
+    std::size_t length = 0; // bytes; 0 when the text does not begin with valid UTF-8
+};
+
+unsigned ByteAt(std::string_view text, std::size_t index)
+{
+    return static_cast<unsigned char>(text[index]);
+}
+
+Character FirstCharacter(std::string_view text)
+{
+    const unsigned first = ByteAt(text, 0);
+    if (first < 0x80) return {first, 1};
+    const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+    if (first < 0xC2 || first > 0xF4 || text.size() < length) return {};
+    char32_t code = first & (0xFFU >> (length + 1));
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((ByteAt(text, i) & 0xC0U) != 0x80) return {};
+        code = (code << 6) | (ByteAt(text, i) & 0x3FU);
+    }
+    constexpr std::array<char32_t, 5> kLeast = {0, 0, 0x80, 0x800, 0x10000};
+    const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
+    if (code < kLeast[length] || code > 0x10FFFF || surrogate) return {};
+    return {code, length};
+}
+
+// Moves the cursor, ends the line, or shows what follows in another order than it stands in.
+bool IsHarmful(char32_t code)
+{
+    const auto within = [code](char32_t from, char32_t to) { return code >= from && code <= to; };
+    return code < 0x20 || within(0x7F, 0x9F) || within(0x200E, 0x200F) || within(0x2028, 0x202E) ||
+           within(0x2066, 0x2069) || code == 0x061C || code == 0xFEFF;
+}
+
+void AppendEscaped(std::string &out, std::string_view bytes)
+{
+    for (const char byte : bytes) {
+        std::array<char, 5> escaped{};
+        std::snprintf(escaped.data(), escaped.size(), "\\x%02X", static_cast<unsigned char>(byte));
+        out += escaped.data();
+    }
+}
+
+// Columns that a printable text takes, a character each: near enough for names.
+std::size_t Width(std::string_view text)
+{
+    const auto starts = [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80; };
+    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), starts));
+}
+
+} // namespace
+
+std::string Printable(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    while (!text.empty()) {
+        const Character character = FirstCharacter(text);
+        const std::size_t length = std::max<std::size_t>(character.length, 1);
+        if (character.length == 0 || IsHarmful(character.code))
+            AppendEscaped(out, text.substr(0, length));
+        else
+            out += text.substr(0, length);
+        text.remove_prefix(length);
+    }
+    return out;
+}
+
+void Table::Print() const
+{
+    std::vector<std::vector<std::string>> cells = rows_;
+    std::vector<std::size_t> widths(rows_.front().size(), 0);
+    for (auto &row : cells) {
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            row[i] = Printable(row[i]);
+            widths[i] = std::max(widths[i], Width(row[i]));
+        }
+    }
+    for (const auto &row : cells) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            const std::string blanks(widths[i] - Width(row[i]), ' ');
+            const bool right = std::find(right_.begin(), right_.end(), i) != right_.end();
+            if (right) line += blanks;
+            line += row[i];
+            if (i + 1 == row.size()) break;
+            if (!right) line += blanks;
+            line += kGap;
+        }
+        PrintLine(line);
+    }
+}
+
+void PrintLine(const std::string &line)
+{
+    // Failures stick to the stream; FlushOutput() tells them.
+    static_cast<void>(std::fwrite(line.data(), 1, line.size(), stdout));
+    static_cast<void>(std::fputc('\n', stdout));
+}
+
+void PrintJson(const Json &json)
+{
+    // Escaped to ASCII: a terminal sees no control character and bytes that are no UTF-8 become
+    // U+FFFD instead of an exception.
+    PrintLine(json.dump(2, ' ', true, Json::error_handler_t::replace));
+}
+
+void PrintNote(const std::string &note)
+{
+    // What it is about comes first; should that fail, FlushOutput() tells it.
+    static_cast<void>(std::fflush(stdout));
+    const std::string line = Printable(note) + "\n";
+    static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr)); // nobody left to tell
+}
+
+void FlushOutput()
+{
+    errno = 0;
+    const bool failed = std::fflush(stdout) != 0 || std::ferror(stdout) != 0;
+    if (!failed) return;
+    const std::string reason = errno != 0 ? std::string(": ") + std::strerror(errno) : "";
+    throw Failure(kFailed, "cannot write to standard output" + reason +
+                               "; what was asked for is done, only its report is incomplete");
+}
+
+} // namespace tool

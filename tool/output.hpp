@@ -1,0 +1,49 @@
+// What the commands print: tables for people, JSON for programs, and stored text made harmless.
+#ifndef ZEVOBW_TOOL_OUTPUT_HPP
+#define ZEVOBW_TOOL_OUTPUT_HPP
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace tool {
+
+// Keys stay in the order in which the commands set them.
+using Json = nlohmann::ordered_json;
+
+// Text from a file, from a user or from another process, fit for a terminal: valid UTF-8 stays;
+// control characters (C1 and direction marks too) and bytes that are no UTF-8 become \xHH, one
+// backslash per byte. Never holds a line end.
+std::string Printable(std::string_view text);
+
+// Columns of text under a headline, left-aligned but for those named; the last is never padded.
+// Cells pass through Printable().
+class Table {
+public:
+    explicit Table(std::vector<std::string> headline) : rows_{std::move(headline)} {}
+    void AlignRight(std::size_t column) { right_.push_back(column); }
+    void AddRow(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
+    void Print() const;
+
+private:
+    std::vector<std::vector<std::string>> rows_;
+    std::vector<std::size_t> right_;
+};
+
+// Standard output, whole lines.
+void PrintLine(const std::string &line);
+void PrintJson(const Json &json);
+
+// A line to standard error, for what should be known beside the result.
+void PrintNote(const std::string &note);
+
+// Throws Failure when standard output could not take everything that was printed (it is closed, or
+// its disk is full).
+void FlushOutput();
+
+} // namespace tool
+
+#endif // ZEVOBW_TOOL_OUTPUT_HPP

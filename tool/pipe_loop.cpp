@@ -1,0 +1,133 @@
+// Block after block. The transfer keeps its own time: it moves a block, sleeps until the block is
+// due at the speed it takes (see Pace), and only then makes the throttle call, which so finds
+// nothing left to sleep unless less is allowed by now. What it reports is thereby the speed it
+// really had, and the others under the same limit see no slack that is not there.
+#include "pipe_loop.hpp"
+
+#include <algorithm>
+
+#include "pipe_signal.hpp"
+
+namespace tool {
+
+namespace {
+
+// So often at least the library is called, that the transfer stays listed and can be stopped.
+constexpr std::int64_t kQuietUs = 250'000;
+
+// Who shares the limits is counted so often, or earlier when the allowed speed has changed a lot.
+constexpr std::int64_t kLookUs = 1'000'000;
+constexpr std::int64_t kEarlyLookUs = 100'000;
+constexpr std::uint64_t kALotPercent = 20;
+
+constexpr std::uint32_t kWhole = 10'000;
+
+bool ChangedALot(std::uint64_t before, std::uint64_t after) noexcept
+{
+    const std::uint64_t difference = before > after ? before - after : after - before;
+    return difference > std::max(before, after) / 100 * kALotPercent;
+}
+
+} // namespace
+
+MoveEnd PipeLoop::Run()
+{
+    for (;;) {
+        FollowLimits();
+        const Moved moved = configuredBps_ == 0 ? MoveFreely() : MoveBlock();
+        ShowProgress();
+        if (moved.end == MoveEnd::kEndOfInput || moved.end == MoveEnd::kReaderGone)
+            return moved.end;
+        if (EndingSignal() != 0) return MoveEnd::kSignal;
+    }
+}
+
+// Before each block: notices, the hour, and the step from one kind of transfer to the other. A
+// limit that comes into force finds no credit and no debt.
+void PipeLoop::FollowLimits()
+{
+    const bool wasLimited = configuredBps_ != 0;
+    const bool notice = TakeReloadNotice();
+    if (notice) transfer_.Reload(wasLimited ? pace_.Bps() : 0);
+    configuredBps_ = transfer_.ConfiguredBps();
+    if (configuredBps_ == 0) return;
+    const std::uint64_t allowed = std::min(transfer_.AllowedBps(), configuredBps_);
+    if (!wasLimited) {
+        pace_.Start(allowed == 0 ? configuredBps_ : allowed);
+        ledger_.Start(NowUs());
+    } else if (notice) {
+        pace_.AllowAnew(allowed, sharing_);
+    } else if (configuredBps_ < pace_.Bps()) {
+        pace_.Allow(configuredBps_, sharing_);
+    }
+    LookAround(NowUs());
+}
+
+void PipeLoop::LookAround(std::int64_t nowUs)
+{
+    const std::int64_t ageUs = nowUs - lookedUs_;
+    const bool early = ageUs > kEarlyLookUs && ChangedALot(lookedBps_, transfer_.AllowedBps());
+    if (lookedUs_ != 0 && ageUs < kLookUs && !early) return;
+    sharing_ = transfer_.Look();
+    lookedUs_ = nowUs;
+    lookedBps_ = transfer_.AllowedBps();
+}
+
+Moved PipeLoop::MoveFreely()
+{
+    const Moved moved = mover_.Move(UINT64_MAX, NowUs() + kQuietUs);
+    total_ += moved.bytes;
+    SleepUntil(0); // lets signals in
+    transfer_.Touch(ProgressPart());
+    return moved;
+}
+
+Moved PipeLoop::MoveBlock()
+{
+    const std::int64_t blockUs = BlockTimeUs(work_.Us(), sharing_.transfers);
+    const std::uint64_t bytes = BlockBytes(pace_.Bps(), blockUs);
+    const Moved moved = mover_.Move(bytes, NowUs() + std::max(kQuietUs, blockUs));
+    total_ += moved.bytes;
+    PayFor(moved, blockUs);
+    return moved;
+}
+
+void PipeLoop::PayFor(const Moved &moved, std::int64_t blockUs)
+{
+    SleepUntil(ledger_.DueUs(moved.bytes, pace_.Bps()));
+    const std::int64_t beganUs = NowUs();
+    const std::int64_t lengthUs =
+        ledger_.Settle(moved.bytes, pace_.Bps(), moved.heldUpUs, beganUs, blockUs);
+    // A block begun in an hour of faster rules is not slept off at the speed of a slower one.
+    std::uint64_t bytes = moved.bytes;
+    const std::uint64_t configured = transfer_.ConfiguredBps();
+    if (configured != 0) bytes = std::min(bytes, BlockBytes(configured, lengthUs));
+    transfer_.Throttle(bytes, lengthUs, ProgressPart());
+    const std::uint64_t allowed = transfer_.AllowedBps();
+    if (allowed == 0) return;
+    const std::int64_t sleptUs = DurationUs(bytes, allowed) - lengthUs;
+    if (sleptUs > 0)
+        ledger_.Lengthen(sleptUs);
+    else
+        work_.Add(NowUs() - beganUs);
+    pace_.Allow(allowed, sharing_);
+}
+
+void PipeLoop::ShowProgress()
+{
+    progress_.Show({.bytes = total_,
+                    .size = size_,
+                    .allowedBps = configuredBps_ == 0 ? 0 : pace_.Bps(),
+                    .configuredBps = configuredBps_,
+                    .nowUs = NowUs()});
+}
+
+std::uint32_t PipeLoop::ProgressPart() const noexcept
+{
+    if (size_ == 0) return 0;
+    if (total_ >= size_) return kWhole;
+    using Wide = unsigned __int128;
+    return static_cast<std::uint32_t>(Wide{total_} * kWhole / size_);
+}
+
+} // namespace tool

@@ -1,0 +1,209 @@
+// "policy": per protocol, whether its limits apply and how the rules of a user and of his groups
+// combine. A protocol without a policy is not limited at all.
+#include <array>
+#include <memory>
+#include <string>
+
+#include "command.hpp"
+#include "notify.hpp"
+#include "options.hpp"
+#include "output.hpp"
+#include "store.hpp"
+
+namespace tool {
+
+namespace {
+
+struct PolicyChoice {
+    const char *option;
+    const char *label;
+    const char *key; // in JSON
+    std::int32_t ZEVO_BANDWIDTH_GLOBAL_CONF::*field;
+    const ZEVO_BW_ENUM_ENTRY *table;
+    const char *help;
+};
+
+constexpr std::array kChoices = {
+    PolicyChoice{"--state", "state", "state", &ZEVO_BANDWIDTH_GLOBAL_CONF::state,
+                 ZEVO_BW_STATE_LIST,
+                 "Whether the protocol's limits apply; those of a new policy do"},
+    PolicyChoice{"--user-group", "user-group", "user_group",
+                 &ZEVO_BANDWIDTH_GLOBAL_CONF::userGroupPolicy, ZEVO_BW_USER_GROUP_POLICY_LIST,
+                 "How a user's own rule and those of his groups combine"},
+    PolicyChoice{"--inter-group", "inter-group", "inter_group",
+                 &ZEVO_BANDWIDTH_GLOBAL_CONF::interGroupPolicy, ZEVO_BW_INTER_GROUP_POLICY_LIST,
+                 "How the rules of several groups combine"},
+    PolicyChoice{"--occupy", "occupy", "occupy", &ZEVO_BANDWIDTH_GLOBAL_CONF::occupyPolicy,
+                 ZEVO_BW_OCCUPY_POLICY_LIST, "To which of his groups a transfer is charged"},
+};
+
+struct PolicyArguments {
+    std::string protocol;
+    std::array<std::string, kChoices.size()> values;
+    bool isJson = false;
+};
+
+std::string ChoiceText(const PolicyChoice &choice, const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
+{
+    return ValueName(choice.table, policy.*choice.field);
+}
+
+std::string EffectText(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
+{
+    if (!WhyNothingIsLimited(policy).empty()) return "nothing is limited";
+    return policy.state == ZEVO_BW_STATE_SCHEDULE ? "limits apply by plan" : "limits apply";
+}
+
+Json ToJson(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
+{
+    Json json = {{"protocol", ProtocolName(policy.protocolType)}};
+    for (const PolicyChoice &choice : kChoices)
+        json[choice.key] = ChoiceText(choice, policy);
+    json["plan"] = policy.szSchedulePlan;
+    return json;
+}
+
+// "ftp: enabled, user-group user-first, inter-group max, occupy max"
+std::string OneLine(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
+{
+    std::string line =
+        ProtocolName(policy.protocolType) + ": " + ChoiceText(kChoices.front(), policy);
+    for (std::size_t i = 1; i < kChoices.size(); ++i)
+        line += std::string(", ") + kChoices[i].label + " " + ChoiceText(kChoices[i], policy);
+    return line;
+}
+
+// ---- set ----
+
+// True when there is something to write.
+bool Apply(const PolicyArguments &arguments, ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
+{
+    bool changes = policy.state == ZEVO_BW_STATE_NOT_EXISTED;
+    // Written back as it was read, a new policy would be stored disabled.
+    if (changes) policy.state = ZEVO_BW_STATE_ENABLED;
+    for (std::size_t i = 0; i < kChoices.size(); ++i) {
+        if (arguments.values[i].empty()) continue;
+        policy.*kChoices[i].field = ValueOf(kChoices[i].table, arguments.values[i]);
+        changes = true;
+    }
+    return changes;
+}
+
+void SetPolicy(const PolicyArguments &arguments)
+{
+    ZEVO_BANDWIDTH_GLOBAL_CONF policy = ReadPolicy(FindProtocol(arguments.protocol));
+    if (Apply(arguments, policy)) {
+        WritePolicy(policy);
+        NotifyTransfers();
+    }
+    if (arguments.isJson)
+        PrintJson(ToJson(policy));
+    else
+        PrintLine(Printable(OneLine(policy)));
+    const std::string why = WhyNothingIsLimited(policy);
+    if (!why.empty()) PrintNote("note: " + why);
+}
+
+void AddSet(CLI::App &parent)
+{
+    const auto arguments = std::make_shared<PolicyArguments>();
+    CLI::App *set = parent.add_subcommand("set", "Change a protocol's policy, or make a new one");
+    AddProtocolOption(*set, arguments->protocol)->required();
+    for (std::size_t i = 0; i < kChoices.size(); ++i)
+        AddChoice(*set, kChoices[i].option, arguments->values[i], i == 0 ? "STATE" : "POLICY",
+                  kChoices[i].table, kChoices[i].help);
+    AddJsonFlag(*set, arguments->isJson);
+    set->footer("What is not named stays as it is; a new policy is enabled, user-first, max, max.\n"
+                "Running transfers follow at once.\n\nExamples:\n"
+                "  zevobandwidth policy set -p ftp\n"
+                "  zevobandwidth policy set -p rsync --user-group min --occupy weighted\n");
+    set->callback([arguments] { SetPolicy(*arguments); });
+}
+
+// ---- show ----
+
+void ShowPolicy(const PolicyArguments &arguments)
+{
+    const ZEVO_BANDWIDTH_GLOBAL_CONF policy = ReadPolicy(FindProtocol(arguments.protocol));
+    if (arguments.isJson) return PrintJson(ToJson(policy));
+    const auto print = [](std::string label, const std::string &value) {
+        label.resize(13, ' ');
+        PrintLine(Printable(label + value));
+    };
+    print("protocol", ProtocolName(policy.protocolType));
+    if (policy.state == ZEVO_BW_STATE_NOT_EXISTED) {
+        print("state", "NotExisted (no policy)");
+    } else {
+        for (const PolicyChoice &choice : kChoices)
+            print(choice.label, ChoiceText(choice, policy));
+        print("plan", HasWholePlan(policy.szSchedulePlan) ? "168 hours"
+                      : policy.szSchedulePlan[0] == '\0'  ? "none"
+                                                          : "incomplete");
+    }
+    print("effect", EffectText(policy));
+}
+
+void AddShow(CLI::App &parent)
+{
+    const auto arguments = std::make_shared<PolicyArguments>();
+    CLI::App *show = parent.add_subcommand("show", "Show a protocol's policy");
+    AddProtocolOption(*show, arguments->protocol)->required();
+    AddJsonFlag(*show, arguments->isJson);
+    show->footer("Example:\n  zevobandwidth policy show -p ftp\n");
+    show->callback([arguments] { ShowPolicy(*arguments); });
+}
+
+// ---- list ----
+
+void PrintPolicies(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies)
+{
+    Table table({"PROTOCOL", "STATE", "USER-GROUP", "INTER-GROUP", "OCCUPY", "EFFECT"});
+    for (const auto &policy : policies) {
+        std::vector<std::string> row = {ProtocolName(policy.protocolType)};
+        const bool stored = policy.state != ZEVO_BW_STATE_NOT_EXISTED;
+        for (const PolicyChoice &choice : kChoices) {
+            const bool shown = stored || &choice == &kChoices.front();
+            row.push_back(shown ? ChoiceText(choice, policy) : "-");
+        }
+        row.push_back(EffectText(policy));
+        table.AddRow(std::move(row));
+    }
+    table.Print();
+}
+
+void ListPolicies(const PolicyArguments &arguments)
+{
+    std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies;
+    for (const Protocol &protocol : KnownProtocols())
+        policies.push_back(ReadPolicy(protocol.number));
+    if (!arguments.isJson) return PrintPolicies(policies);
+    Json json = Json::array();
+    for (const auto &policy : policies)
+        json.push_back(ToJson(policy));
+    PrintJson(json);
+}
+
+void AddList(CLI::App &parent)
+{
+    const auto arguments = std::make_shared<PolicyArguments>();
+    CLI::App *list = parent.add_subcommand("list", "List the policies of all protocols");
+    AddJsonFlag(*list, arguments->isJson);
+    list->footer("Example:\n  zevobandwidth policy list --json\n");
+    list->callback([arguments] { ListPolicies(*arguments); });
+}
+
+} // namespace
+
+void AddPolicyCommand(CLI::App &app)
+{
+    CLI::App *policy =
+        app.add_subcommand("policy", "Whether a protocol is limited and how its rules combine");
+    policy->require_subcommand(1);
+    policy->footer("A protocol without a policy is not limited, whatever its rules say.\n\n"
+                   "Example:\n  zevobandwidth policy set -p ftp\n");
+    AddSet(*policy);
+    AddShow(*policy);
+    AddList(*policy);
+}
+
+} // namespace tool

@@ -1,0 +1,44 @@
+// Rules and policies as the commands read and write them: through the library, with its failures
+// turned into what an administrator can act on.
+#ifndef ZEVOBW_TOOL_STORE_HPP
+#define ZEVOBW_TOOL_STORE_HPP
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <zevobandwidth.h>
+
+#include "names.hpp"
+
+namespace tool {
+
+struct Owner {
+    std::int32_t type = ZEVO_BW_OWNER_USER;
+    Account account;
+};
+
+// "user alice".
+std::string OwnerText(const Owner &owner);
+
+// A rule that is not stored has the state NotExisted. All throw Failure: kNotPermitted where the
+// file system refuses this user, else kFailed with the file and the remedy.
+ZEVO_BANDWIDTH_CONF ReadRule(const Owner &owner, std::int32_t protocol);
+void WriteRule(const ZEVO_BANDWIDTH_CONF &rule);
+ZEVO_BANDWIDTH_GLOBAL_CONF ReadPolicy(std::int32_t protocol);
+void WritePolicy(ZEVO_BANDWIDTH_GLOBAL_CONF policy);
+
+// The owners of a protocol's stored rules, users before groups, each by name; one that the user
+// database does not know bears its id as name.
+std::vector<Owner> OwnersOfRules(std::int32_t protocol);
+
+// Hours a plan covers when it is whole.
+inline constexpr std::size_t kHoursOfWeek = 168;
+bool HasWholePlan(const char *plan);
+
+// Why rules do not bear under this policy and how to change that; empty when they bear.
+std::string WhyNothingIsLimited(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy);
+
+} // namespace tool
+
+#endif // ZEVOBW_TOOL_STORE_HPP
