@@ -12,10 +12,13 @@
  *     ZEVO_BANDWIDTH_STATUS status = {0};
  *     uint64_t timeLast = ZEVOBandwidthCurrTimeGet();
  *     ZEVOBandwidthConfigGet(uid, ZEVO_BW_PROTOCOL_FTP, &config);
- *     ZEVOBandwidthStatusInit(&config, ZEVO_BW_TRANSFER_UPLOAD, "/volume1/a.iso", &timeLast,
- * &status); while (more) { if (hupReceived) { hupReceived = 0; ZEVOBandwidthHupRecv(&config,
- * &status, &timeLast); } ZEVOBandwidthTransferSizeEstimate(&config, ZEVO_BW_TRANSFER_UPLOAD,
- * wanted, &size);
+ *     ZEVOBandwidthStatusInit(&config, ZEVO_BW_TRANSFER_UPLOAD, szFile, &timeLast, &status);
+ *     while (more) {
+ *         if (hupReceived) {
+ *             hupReceived = 0;
+ *             ZEVOBandwidthHupRecv(&config, &status, &timeLast);
+ *         }
+ *         ZEVOBandwidthTransferSizeEstimate(&config, ZEVO_BW_TRANSFER_UPLOAD, wanted, &size);
  *         ... move at most size bytes ...
  *         if (ZEVOBandwidthSleepInLoop(&config, moved, progress, &timeLast, &status) < 0) break;
  *     }
@@ -28,8 +31,8 @@
  *    platform's error slot (VLIBCErrGet() and its kin, one slot per thread), and is told to the
  *    system log at error level. A refused argument is 0x0D00.
  *  - Rates are KB/s of 1024 bytes, speeds bytes per second; 0 is unlimited in both. The clock is in
- *    microseconds since the epoch, time stamps in seconds. Weights and progress are
- * ten-thousandths.
+ *    microseconds since the epoch, time stamps in seconds, weights and progress in
+ *    ten-thousandths.
  *  - Upload is from the client to this server, download from this server to the client.
  *  - Any thread may call any function; a record belongs to one thread at a time. Nothing may be
  *    called from a signal handler. A cancellation of the calling thread waits until the function
@@ -553,9 +556,9 @@ ZEVO_BW_API int ZEVOBandwidthStatusSave(uint32_t uid, const ZEVO_BANDWIDTH_CONFI
  * permission bits (0777 of them) and is replaced whole.
  * @return  1 replaced; 0 not present, which records 0x2000 and leaves the file; -1 on failure, the
  *          file as it was
- * Errors:  0x0D00; 0x0900 cannot be opened: missing, a link, not a regular file, above 64 MiB; or
- * no temporary file; 0x0200, 0x0A00, 0x0B00, 0x2700, 0x2800. Threads: any. Starts over, at most
- * five times, when another process was faster.
+ * Errors:  0x0D00; 0x0900 cannot be opened: missing, a link, not a regular file, above 64 MiB, or
+ *          no temporary file can be made; 0x0200, 0x0A00, 0x0B00, 0x2700, 0x2800.
+ * Threads: any. Starts over, at most five times, when another process was faster.
  */
 ZEVO_BW_API int ZEVOBandwidthStatusSetSection(const char *szFile, const char *szSection,
                                               const struct VLIB_SZ_HASH *pHash) ZEVO_BW_NOEXCEPT;
@@ -566,10 +569,10 @@ ZEVO_BW_API int ZEVOBandwidthStatusRemoveSection(const char *szFile,
                                                  const char *szSection) ZEVO_BW_NOEXCEPT;
 
 /**
- * Appends a section to an existing status file in one write, on a line of its own.
- * @return  1 written, 0 already present, -1 on failure; a failed write may leave part of the
- * section Errors:  0x0D00 (not logged), 0x0900, 0x0B00, 0x0200; none when reading fails. Threads:
- * any.
+ * Appends a section to a status file in one write, on a line of its own; makes the file at need.
+ * @return  1 written, 0 already present, -1 on failure: a failed write may leave a part of it
+ * Errors:  0x0D00 (not logged), 0x0900, 0x0B00, 0x0200; none when reading fails.
+ * Threads: any.
  */
 ZEVO_BW_API int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
                                               const struct VLIB_SZ_HASH *pHash) ZEVO_BW_NOEXCEPT;
@@ -579,15 +582,16 @@ ZEVO_BW_API int ZEVOBandwidthStatusAddSection(const char *szFile, const char *sz
  * 30 seconds old are removed from the file, whatever the masks.
  * DANGER: a path with a "." anywhere in it is taken for a leftover temporary file: it is deleted
  * when it was last modified more than 10 seconds ago, and 0 is returned.
- * @param protocol_mask  a record passes when its protocol number has a bit in common: add-on
- * numbers are no bits, but are compared the same way; -1 passes all but 0
+ * @param protocol_mask  a record passes when its protocol number has a bit in common; add-on numbers
+ *                       are no bits but are compared the same way; -1 passes all but 0
  * @param transfer_mask  likewise; 3 for both directions
  * @param pStatusList    in: address of a NULL head; out: the list, untouched when nothing is found
  * @param blMerge        1 gives one record for each protocol and direction with the sums of the
  *                       speeds (0, unlimited, as soon as one is)
  * @return               number of records, or -1 on failure
- * Errors:    0x0D00, 0x0200, or the platform's. Sections that cannot be read are logged and
- * skipped. Ownership: release with ZEVOBandwidthStatusListFree(). Threads:   any.
+ * Errors:    0x0D00, 0x0200, or the platform's; a section that cannot be read is logged, no more.
+ * Ownership: release with ZEVOBandwidthStatusListFree().
+ * Threads:   any.
  */
 ZEVO_BW_API int ZEVOBandwidthIStatusGetAll(const char *szStatusFile, int32_t protocol_mask,
                                            uint32_t transfer_mask,
@@ -661,8 +665,7 @@ ZEVO_BW_API int ZEVOBandwidthStatusSetActiveByUserName(const char *szUserName,
  * @param pConfig        the user's configuration; its entries are rewritten
  * @param transfer_type  upload or download
  * @param szFileName     cut to 4095 characters
- * @param pTime          out: start of the first block; untouched when no limit falls to the
- * transfer
+ * @param pTime          out: start of the first block; untouched when nothing limits the transfer
  * @param pStatus        out: filled, also when nothing is saved because nothing is limited
  * @return               0, or -1 on failure
  * Errors:  0x0D00 (a NULL configuration is refused first); otherwise as the estimate or the save.
