@@ -37,7 +37,9 @@
  *  - Any thread may call any function; a record belongs to one thread at a time. Nothing may be
  *    called from a signal handler. A cancellation of the calling thread waits until the function
  *    returns. No exception leaves a function, nothing is written to stdout or stderr, no signal
- *    handler, thread, locale or environment variable is touched.
+ *    handler, thread, locale or environment variable is touched. Descriptors are closed on exec and
+ *    above 2; only the system log's own, which libc opens, may fall below in a host that has closed
+ *    its standard streams.
  */
 #ifndef ZEVOBANDWIDTH_H
 #define ZEVOBANDWIDTH_H
@@ -330,7 +332,7 @@ ZEVO_BW_API int ZEVOBandwidthEnumToValueAddon(const char *szName) ZEVO_BW_NOEXCE
 
 /**
  * Gives the path of an add-on's file. Built-in protocols have none.
- * @param szPath  out, cut to cbPath bytes
+ * @param szPath  out, cut to cbPath bytes; must not be NULL
  * @return        0, or -1 on failure (errors as ZEVOBandwidthEnumToNameAddon())
  * Threads: any.
  */
@@ -416,7 +418,7 @@ ZEVO_BW_API int ZEVOBandwidthGlobalConfGet(int32_t protocol_type,
 /**
  * Stores a policy under its protocolType and sends SIGHUP to every process named "zevobandwidth",
  * the caller included if it bears that name.
- * @param pConf  a state of NotExisted is turned into disabled, here and in the file: a policy that
+ * @param pConf  ZEVO_BW_PROTOCOL_ALL is refused; a state of NotExisted is turned into disabled, here and in the file: a policy that
  *               was read without being stored and is written back switches the limits off
  * @return       0, or -1 on failure, the stored policy as it was
  * Errors, Threads: as ZEVOBandwidthConfSetByID(); runs and awaits a program.
@@ -697,9 +699,9 @@ ZEVO_BW_API int ZEVOBandwidthTransferSizeEstimate(ZEVO_BANDWIDTH_CONFIG *pConfig
  * @param pStatus    the transfer's record
  * @return           0 to go on; -1 to stop: 0x0300 means stopped from outside, all else an error
  * Errors:  0x0D00, 0x0300; otherwise as the estimate, the removal or the save.
- * Threads: any; sleeps. The hour of the last look at the plans is one for the whole process: a
- *          configuration is evaluated anew by the first call of its process in another hour of the
- *          day, so that one held unused for a whole day is not.
+ * Threads: any; sleeps. The hour of the last look at the plans is one for the whole process: only
+ *          the configuration of the first call in another hour of the day is evaluated anew. A
+ *          process with several calls ZEVOBandwidthInitConfig(&config, 0) on the others.
  */
 ZEVO_BW_API int ZEVOBandwidthSleepInLoop(ZEVO_BANDWIDTH_CONFIG *pConfig, uint64_t bytes,
                                          uint32_t progress, uint64_t *pTimeLast,

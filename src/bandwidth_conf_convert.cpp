@@ -17,6 +17,8 @@ static_assert(offsetof(ZEVO_BANDWIDTH_GLOBAL_CONF, szSchedulePlan) == 24);
 static_assert(sizeof(ZEVO_BANDWIDTH_GLOBAL_CONF) == 280);
 static_assert(sizeof(ZEVO_BANDWIDTH_LIMIT) == sizeof(ZEVO_BANDWIDTH_CONF) + 16);
 
+static_assert(sizeof(ZEVO_BANDWIDTH_CONFIG) == 304 || sizeof(void *) < 8);
+
 #define RULE(field) offsetof(ZEVO_BANDWIDTH_CONF, field), sizeof(ZEVO_BANDWIDTH_CONF::field)
 #define GLOBAL(field)                                                                              \
     offsetof(ZEVO_BANDWIDTH_GLOBAL_CONF, field), sizeof(ZEVO_BANDWIDTH_GLOBAL_CONF::field)

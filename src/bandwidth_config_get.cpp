@@ -2,6 +2,7 @@
 
 #include "bandwidth_frame.hpp"
 #include "bandwidth_guard.hpp"
+#include "bandwidth_speed.hpp"
 
 #include <cstdlib>
 #include <cstring>
@@ -11,14 +12,14 @@ using namespace bandwidth;
 
 namespace {
 
-constexpr int64_t kUsPerSecond = 1'000'000;
 constexpr int kHoursPerDay = 24;
 
 // The index into a schedule plan that governs a moment; timeUs 0 is now.
 size_t PlanIndex(int64_t timeUs) noexcept
 {
-    const time_t seconds =
-        timeUs == 0 ? std::time(nullptr) : static_cast<time_t>(timeUs / kUsPerSecond);
+    const time_t seconds = timeUs == 0
+                               ? std::time(nullptr)
+                               : static_cast<time_t>(timeUs / static_cast<int64_t>(kUsPerSecond));
     struct tm local = {};
     (void)::localtime_r(&seconds, &local); // a year beyond all calendars reads as Sunday, midnight
     return static_cast<size_t>(local.tm_wday * kHoursPerDay + local.tm_hour);

@@ -96,6 +96,15 @@ void NumberText(int32_t number, char (&szNumber)[kNumberBytes]) noexcept
     (void)std::snprintf(szNumber, sizeof(szNumber), "%d", number);
 }
 
+// Whether a name matched the file by its letters. A pattern that matched is answered but not
+// remembered: strangers write the names in status files, and patterns are endless.
+bool IsLiteral(const char *szName, const char *szPath) noexcept
+{
+    const char *const szFile = std::strrchr(szPath, '/') + 1;
+    const size_t cbName = std::strlen(szName);
+    return std::strncmp(szFile, szName, cbName) == 0 && szFile[cbName] == '_';
+}
+
 int32_t TextNumber(const char *szNumber) noexcept
 {
     return static_cast<int32_t>(std::strtol(szNumber, nullptr, 10));
@@ -204,7 +213,7 @@ int ZEVOBandwidthEnumToValueAddon(const char *szName) noexcept
     const int32_t number = TextNumber(szUnderscore + 1); // stops at the dot
     char szNumber[kNumberBytes];
     NumberText(number, szNumber);
-    if (!cache.Keep(szName, szNumber)) BW_LOG("malloc failed");
+    if (IsLiteral(szName, matches.path()) && !cache.Keep(szName, szNumber)) BW_LOG("malloc failed");
     return number;
 }
 

@@ -13,8 +13,6 @@ using namespace bandwidth;
 
 namespace {
 
-constexpr uint64_t kWholeWeight = 10'000;
-
 // What the walk over the entries has found so far.
 struct Answers {
     bool hasUser = false;

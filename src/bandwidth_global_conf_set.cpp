@@ -9,6 +9,8 @@ int ZEVOBandwidthGlobalConfSet(ZEVO_BANDWIDTH_GLOBAL_CONF *pConf) noexcept
 {
     const CancelScope cancel;
     BW_REQUIRE(pConf != nullptr, "((void *)0) != pConf");
+    BW_REQUIRE(pConf->protocolType != ZEVO_BW_PROTOCOL_ALL,
+               "(0x0001 | 0x0002 | 0x0004 | 0x0008)!= protocol_type");
 
     char szFile[zevo::kPathBytes];
     if (::ZEVOBandwidthConfPath(ZEVO_BW_PROTOCOL_ALL, szFile, sizeof(szFile) - 1) < 0)

@@ -10,21 +10,9 @@
 #include <cstdlib>
 #include <memory>
 
-#include <pthread.h>
-
 namespace bandwidth {
 
-// Holds off cancellation of the calling thread: unwinding through us would end the host process.
-class CancelScope {
-public:
-    CancelScope() noexcept { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &saved_); }
-    ~CancelScope() { ::pthread_setcancelstate(saved_, nullptr); }
-    CancelScope(const CancelScope &) = delete;
-    CancelScope &operator=(const CancelScope &) = delete;
-
-private:
-    int saved_ = 0;
-};
+using zevo::CancelScope;
 
 constexpr int kHashSize = 1024; // initial size of the hash that holds one section
 constexpr int kListSize = 1024;
@@ -61,7 +49,7 @@ using List = std::unique_ptr<VLIB_SZ_LIST, Release<::VLIBCSzListFree>>;
 using User = std::unique_ptr<ZEVO_USER, Release<::ZEVOUserFree>>;
 template <class T> using Array = std::unique_ptr<T[], Release<std::free>>;
 
-// count zero-filled records; false without memory, also for a count of 0 never.
+// count zero-filled records, at least one; false without memory.
 template <class T> Array<T> AllocateArray(size_t count) noexcept
 {
     return Array<T>(static_cast<T *>(std::calloc(count == 0 ? 1 : count, sizeof(T))));

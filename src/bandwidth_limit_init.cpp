@@ -2,10 +2,10 @@
 // those of every group that he belongs to.
 
 #include "bandwidth_frame.hpp"
+#include "bandwidth_group.hpp"
 #include "bandwidth_guard.hpp"
 
 #include <algorithm>
-#include <cstdlib>
 
 using namespace bandwidth;
 
@@ -26,17 +26,31 @@ Array<ZEVO_BANDWIDTH_LIMIT> AllocateLimits(size_t count, Site site) noexcept
     return limits;
 }
 
-// Reads the rule of the group that an item of the user database's list names.
-int ReadGroupRule(const char *szGid, int32_t protocolType, ZEVO_BANDWIDTH_CONF *pRule) noexcept
+// The rules that may bear: the user's own, where it does, and then those of all his groups.
+struct Candidates {
+    Array<ZEVO_BANDWIDTH_LIMIT> limits;
+    size_t count = 0;
+};
+
+int ReadGroupRules(uint32_t uid, int32_t protocolType, size_t userRules,
+                   Candidates &candidates) noexcept
 {
-    char *szRest = nullptr;
-    const uint32_t gid = static_cast<uint32_t>(std::strtoul(szGid, &szRest, 10));
-    if (*szRest != '\0') {
-        BW_LOG("invalid gid [%s]", szGid);
-        return BW_FAIL(ZEVO_BW_ERROR_BAD_NUMBER);
+    ZEVO_USER *pUser = nullptr;
+    if (::ZEVOUserGetByUID(uid, &pUser) < 0)
+        return BW_PASS("ZEVOUserGetByUID failed. uid:[%u] ", uid);
+    const User user(pUser);
+    const List groups(::VLIBGroupInfoListGet(user->szName, 0));
+    if (!groups) return BW_PASS("VLIBGroupInfoListGet failed. name:[%s] ", user->szName);
+    candidates.count = userRules + static_cast<size_t>(groups->nItem);
+    candidates.limits = AllocateLimits(candidates.count, BW_HERE);
+    if (!candidates.limits) return BW_PASS_UNLOGGED;
+    for (int32_t i = 0; i < groups->nItem; ++i) {
+        ZEVO_BANDWIDTH_LIMIT &limit = candidates.limits[userRules + static_cast<size_t>(i)];
+        uint32_t gid = 0;
+        if (ReadGid(::VLIBCSzListGet(groups.get(), i), &gid, BW_HERE) < 0) return BW_PASS_UNLOGGED;
+        if (::ZEVOBandwidthConfGetByID(ZEVO_BW_OWNER_GROUP, gid, protocolType, &limit.conf) < 0)
+            return BW_PASS("ZEVOBandwidthConfGetByID failed. gid:[%u] ", gid);
     }
-    if (::ZEVOBandwidthConfGetByID(ZEVO_BW_OWNER_GROUP, gid, protocolType, pRule) < 0)
-        return BW_PASS("ZEVOBandwidthConfGetByID failed. gid:[%u] ", gid);
     return 0;
 }
 
@@ -62,38 +76,27 @@ int ZEVOBandwidthLimitInit(uint32_t uid, const ZEVO_BANDWIDTH_GLOBAL_CONF *pGlob
     const size_t userRules = MayBear(userRule) ? 1 : 0;
     *pblUserConfExist = static_cast<uint32_t>(userRules);
 
-    size_t candidateCount = userRules;
-    Array<ZEVO_BANDWIDTH_LIMIT> candidates;
-    if (pGlobalConf->userGroupPolicy == ZEVO_BW_USER_GROUP_POLICY_USER_ONLY) {
-        candidates = AllocateLimits(candidateCount, BW_HERE);
-        if (!candidates) return BW_PASS_UNLOGGED;
-    } else {
-        ZEVO_USER *pUser = nullptr;
-        if (::ZEVOUserGetByUID(uid, &pUser) < 0)
-            return BW_PASS("ZEVOUserGetByUID failed. uid:[%u] ", uid);
-        const User user(pUser);
-        const List groups(::VLIBGroupInfoListGet(user->szName, 0));
-        if (!groups) return BW_PASS("VLIBGroupInfoListGet failed. name:[%s] ", user->szName);
-        candidateCount += static_cast<size_t>(groups->nItem);
-        candidates = AllocateLimits(candidateCount, BW_HERE);
-        if (!candidates) return BW_PASS_UNLOGGED;
-        for (int32_t i = 0; i < groups->nItem; ++i)
-            if (ReadGroupRule(::VLIBCSzListGet(groups.get(), i), protocolType,
-                              &candidates[userRules + static_cast<size_t>(i)].conf) < 0)
-                return BW_PASS_UNLOGGED;
+    Candidates candidates;
+    if (pGlobalConf->userGroupPolicy != ZEVO_BW_USER_GROUP_POLICY_USER_ONLY) {
+        if (ReadGroupRules(uid, protocolType, userRules, candidates) < 0) return BW_PASS_UNLOGGED;
+    } else if (userRules != 0) {
+        candidates.count = userRules;
+        candidates.limits = AllocateLimits(userRules, BW_HERE);
+        if (!candidates.limits) return BW_PASS_UNLOGGED;
     }
-    if (userRules != 0) candidates[0].conf = userRule;
+    if (userRules != 0) candidates.limits[0].conf = userRule;
 
     const auto bears = [](const ZEVO_BANDWIDTH_LIMIT &limit) { return MayBear(limit.conf); };
-    ZEVO_BANDWIDTH_LIMIT *const pEnd = candidates.get() + candidateCount;
-    const auto count = std::count_if(candidates.get(), pEnd, bears);
+    const ZEVO_BANDWIDTH_LIMIT *const pFirst = candidates.limits.get();
+    const ZEVO_BANDWIDTH_LIMIT *const pEnd = pFirst + candidates.count;
+    const auto count = std::count_if(pFirst, pEnd, bears);
     if (count == 0) {
         *ppLimit = nullptr;
         return 0;
     }
     auto limits = AllocateLimits(static_cast<size_t>(count), BW_HERE);
     if (!limits) return BW_PASS_UNLOGGED;
-    std::copy_if(candidates.get(), pEnd, limits.get(), bears);
+    std::copy_if(pFirst, pEnd, limits.get(), bears);
     for (ptrdiff_t i = 0; i < count; ++i)
         if (limits[static_cast<size_t>(i)].conf.ownerType == ZEVO_BW_OWNER_GROUP)
             *pblGroupConfExist = 1;

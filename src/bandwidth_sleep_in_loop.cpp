@@ -6,6 +6,7 @@
 
 #include "bandwidth_frame.hpp"
 #include "bandwidth_guard.hpp"
+#include "bandwidth_speed.hpp"
 
 #include <atomic>
 #include <cerrno>
@@ -16,8 +17,6 @@
 using namespace bandwidth;
 
 namespace {
-
-constexpr uint64_t kUsPerSecond = 1'000'000;
 
 // Written and read by every thread in the loop, none of which depends on another's value: whoever
 // sees a new hour first evaluates its own configuration.
@@ -82,7 +81,8 @@ bool IsStopped(const ZEVO_BANDWIDTH_STATUS &status) noexcept
            saved.active == 0;
 }
 
-// What the transfer may have, and, before the sharing moves the weights, which groups bear it.
+// What the transfer may have, and, before the sharing moves the weights, which groups bear it: 1, 0
+// when no limit falls to it, -1 on failure.
 int EstimateSpeed(ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STATUS *pStatus,
                   OccupiedGroups &groups) noexcept
 {
@@ -96,7 +96,7 @@ int EstimateSpeed(ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STATUS *pStatus
     if (::ZEVOBandwidthExpectSpeedEstimateByPolicy(transferType, pConfig, &pStatus->expect_speed,
                                                    1) < 0)
         return BW_PASS("ZEVOBandwidthExpectSpeedEstimateByPolicy failed. uid:[%u] ", pStatus->id);
-    return 0;
+    return 1;
 }
 
 // Sleeps, and notes in the record when the block ended and what it came to; returns that moment.
@@ -134,13 +134,14 @@ int Publish(const ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STATUS *pStatus
 int ZEVOBandwidthOccGroupsGet(uint32_t *pOccGroups, int32_t *piOccGroups,
                               const ZEVO_BANDWIDTH_CONFIG *pConfig) noexcept
 {
+    const CancelScope cancel; // the log may block
     BW_REQUIRE(piOccGroups != nullptr, "((void *)0) != piOccGroups");
     BW_REQUIRE(pConfig != nullptr, "NULL != pConfig");
     *piOccGroups = 0;
     if (pConfig->blGroupConfExist == 0) return 0;
     for (int32_t i = 0; i < pConfig->iLimit; ++i) {
         const ZEVO_BANDWIDTH_LIMIT &limit = pConfig->pLimit[i];
-        if (limit.conf.ownerType == ZEVO_BW_OWNER_USER || limit.occupyWeight == 0) continue;
+        if (!IsCharged(limit)) continue;
         // The callers' arrays hold no more; no user belongs to so many groups with limits.
         if (*piOccGroups == ZEVO_BW_MOST_OCC_GROUPS) break;
         pOccGroups[(*piOccGroups)++] = limit.conf.id;
@@ -172,8 +173,7 @@ int ZEVOBandwidthSleepInLoop(ZEVO_BANDWIDTH_CONFIG *pConfig, uint64_t bytes, uin
     }
 
     OccupiedGroups groups;
-    if (EstimateSpeed(pConfig, pStatus, groups) < 0) return BW_PASS_UNLOGGED;
-    if (pStatus->expect_speed == 0) return 0;
+    if (const int limited = EstimateSpeed(pConfig, pStatus, groups); limited <= 0) return limited;
     const uint64_t endUs = Throttle(bytes, nowUs, *pTimeLast, *pStatus);
     pStatus->progress = progress;
     if (Publish(pConfig, pStatus, groups) < 0) return BW_PASS_UNLOGGED;

@@ -1,15 +1,15 @@
 // Clock, speed and sleep arithmetic: pure but for the clock, and unable to fail.
 
-#include "zevobandwidth.h"
+#include "bandwidth_speed.hpp"
 
 #include <algorithm>
 #include <limits>
 
 #include <sys/time.h>
 
-namespace {
+using namespace bandwidth;
 
-constexpr uint64_t kUsPerSecond = 1'000'000;
+namespace {
 
 // No time at all, or a clock that was set back, counts as the shortest time.
 int64_t AtLeastOne(int64_t elapsedUs) noexcept

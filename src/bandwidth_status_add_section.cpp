@@ -42,13 +42,16 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
         if (Holds(text.view(), szSection)) return written ? 1 : 0;
 
         const bool ended = text.size() != 0 && text.view().back() == '\n';
-        zevo::Bytes section;
-        if ((!ended && !section.Append("\n")) || !AppendSection(section, szSection, pHash))
-            return BW_FAIL(ZEVO_BW_ERROR_NO_MEMORY);
+        SectionText section;
+        if (!ended && !section.StartLine()) return BW_FAIL(ZEVO_BW_ERROR_NO_MEMORY);
+        if (const int failed = section.Compose(szSection, pHash); failed < 0)
+            return failed == zevo::kComposeRefused ? BW_PASS_UNLOGGED
+                                                   : BW_FAIL(ZEVO_BW_ERROR_NO_MEMORY);
         if (!zevo::AppendOnce(file.get(), section.view())) return BW_FAIL(ZEVO_BW_ERROR_WRITE);
         written = true;
         (void)::fsync(file.get()); // the section is there; how soon on the disk is no promise
-        if (zevo::NamesSameFile(place, file.stat())) break;
+        struct stat now = {};
+        if (zevo::NamesSameFile(place, file.stat(), now)) break;
     }
     return 1;
 }

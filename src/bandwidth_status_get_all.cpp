@@ -76,10 +76,9 @@ void Accept(Listing &listing, Status status) noexcept
 int ListSection(Listing &listing, const char *szSection, Hash &hash) noexcept
 {
     (void)::VLIBCHashRemoveAll(hash.get());
-    if (::VLIBCFileGetSection(listing.szFile, szSection, hash.address()) < 0) {
-        BW_LOG_SLOT("Get section [%s] from [%s] failed. ", szSection, listing.szFile);
-        return 0;
-    }
+    const int found = ::VLIBCFileGetSection(listing.szFile, szSection, hash.address());
+    if (found < 0) BW_LOG_SLOT("Get section [%s] from [%s] failed. ", szSection, listing.szFile);
+    if (found <= 0) return 0; // failed, or its owner has just taken it away to save it anew
     Status status(
         static_cast<ZEVO_BANDWIDTH_STATUS *>(std::calloc(1, sizeof(ZEVO_BANDWIDTH_STATUS))));
     if (!status) {

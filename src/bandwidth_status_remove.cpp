@@ -2,10 +2,10 @@
 // section is known by process id and direction alone. A file or a section that is not there is no
 // failure; the first real failure ends the call, and what was removed stays removed.
 
+#include "bandwidth_group.hpp"
 #include "bandwidth_guard.hpp"
+#include "bandwidth_speed.hpp"
 #include "bandwidth_status_path.hpp"
-
-#include <cstdlib>
 
 #include <unistd.h>
 
@@ -55,12 +55,8 @@ int ZEVOBandwidthIStatusForceRemoveAll(const char *szUserName, uint32_t uid, uin
     if (!groups) return BW_PASS("VLIBGroupInfoListGet failed. name:[%s] ", szUserName);
     for (int32_t i = 0; i < groups->nItem; ++i) {
         const char *const szGid = ::VLIBCSzListGet(groups.get(), i);
-        char *szRest = nullptr;
-        const uint32_t gid = static_cast<uint32_t>(std::strtoul(szGid, &szRest, 10));
-        if (*szRest != '\0') {
-            BW_LOG("invalid gid [%s]", szGid);
-            return BW_FAIL(ZEVO_BW_ERROR_BAD_NUMBER);
-        }
+        uint32_t gid = 0;
+        if (ReadGid(szGid, &gid, BW_HERE) < 0) return BW_PASS_UNLOGGED;
         if (RemoveFromGroup(gid, pid, transfer_mask) < 0) return BW_PASS_UNLOGGED;
     }
     return 0;
@@ -84,7 +80,7 @@ int ZEVOBandwidthStatusRemove(const ZEVO_BANDWIDTH_CONFIG *pConfig, uint32_t tra
     if (pConfig->blGroupConfExist == 0) return 0;
     for (int32_t i = 0; i < pConfig->iLimit; ++i) {
         const ZEVO_BANDWIDTH_LIMIT &limit = pConfig->pLimit[i];
-        if (limit.conf.ownerType == ZEVO_BW_OWNER_USER || limit.occupyWeight == 0) continue;
+        if (!IsCharged(limit)) continue;
         if (RemoveFromGroup(limit.conf.id, pid, transfer_mask) < 0) return BW_PASS_UNLOGGED;
     }
     return 0;
@@ -134,6 +130,9 @@ int ZEVOBandwidthStatusSetActiveByUserName(const char *szUserName, int32_t trans
     ZEVO_BANDWIDTH_STATUS status = {};
     if (::ZEVOBandwidthIStatusGet(ZEVO_BW_OWNER_USER, user->uid, pid, transfer_type, &status) < 0)
         return BW_PASS("ZEVOBandwidthStatusGet failed. name:[%s] ", szUserName);
+    // Back under the name it was found by, whatever the section says of itself.
+    status.pid = pid;
+    status.transfer_type = static_cast<uint32_t>(transfer_type);
     status.active = static_cast<uint32_t>(active);
     if (::ZEVOBandwidthStatusSave(user->uid, nullptr, &status) < 0)
         return BW_PASS("ZEVOBandwidthStatusSave failed. name:[%s] ", szUserName);

@@ -5,6 +5,7 @@
 
 #include "bandwidth_guard.hpp"
 #include "bandwidth_mask.hpp"
+#include "bandwidth_speed.hpp"
 #include "bandwidth_status_path.hpp"
 
 #include <cerrno>
@@ -15,7 +16,6 @@ using namespace bandwidth;
 
 namespace {
 
-constexpr uint64_t kWholeWeight = 10'000;
 constexpr mode_t kStatusDirectoryMode = 0777;
 
 // Makes the status directory unless it is there. A link is no directory: whoever planted it must
@@ -102,7 +102,7 @@ int SaveGroupCopies(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG &config,
     GroupCopyScope copy(*pStatus, uid);
     for (int32_t i = 0; i < config.iLimit; ++i) {
         const ZEVO_BANDWIDTH_LIMIT &limit = config.pLimit[i];
-        if (limit.conf.ownerType == ZEVO_BW_OWNER_USER || limit.occupyWeight == 0) continue;
+        if (!IsCharged(limit)) continue;
         copy.Charge(limit);
         if (::ZEVOBandwidthInitHashFromStatus(hash.address(), pStatus) < 0)
             return BW_PASS("Init hash from status failed. ");

@@ -8,26 +8,6 @@
 #include "bandwidth_guard.hpp"
 #include "bandwidth_status_text.hpp"
 
-#include <cstdio>
-#include <cstdlib>
-
-namespace bandwidth {
-
-bool AppendSection(zevo::Bytes &out, const char *szSection, const VLIB_SZ_HASH *pHash) noexcept
-{
-    char *pText = nullptr;
-    size_t cbText = 0;
-    FILE *const pStream = ::open_memstream(&pText, &cbText);
-    if (pStream == nullptr) return false;
-    const bool written = ::VLIBCFileHash2File(pStream, szSection, pHash, 0) >= 0;
-    const bool closed = std::fclose(pStream) == 0;
-    const bool appended = written && closed && out.Append({pText, cbText});
-    std::free(pText);
-    return appended;
-}
-
-} // namespace bandwidth
-
 using namespace bandwidth;
 
 namespace {
@@ -39,11 +19,12 @@ bool IsComment(std::string_view line) noexcept
     return line.front() == ';' || line.front() == '#';
 }
 
-// Puts the file's new text together: 1, 0 when it holds no such section, kComposeFailed without
-// memory.
+// Puts the file's new text together: 1, 0 when it holds no such section, or why it cannot. The new
+// section is spelled once, when it is needed, however often a planted file repeats its header.
 int Compose(std::string_view oldText, zevo::Bytes &newText, const char *szSection,
             const VLIB_SZ_HASH *pHash, Mode mode) noexcept
 {
+    SectionText section;
     bool inside = false;
     int found = 0;
     while (!oldText.empty()) {
@@ -51,8 +32,11 @@ int Compose(std::string_view oldText, zevo::Bytes &newText, const char *szSectio
         const Line kind = Recognise(line, szSection);
         if (kind == Line::kOurHeader) {
             inside = true;
+            if (mode == kSet && found == 0) {
+                if (const int failed = section.Compose(szSection, pHash); failed < 0) return failed;
+            }
             found = 1;
-            if (mode == kSet && !AppendSection(newText, szSection, pHash))
+            if (!newText.Append(section.view()) || newText.size() > zevo::kMostFileBytes)
                 return zevo::kComposeFailed;
             continue;
         }
@@ -72,7 +56,7 @@ int ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection
         zevo::RewriteFile(szFile, [&](std::string_view oldText, zevo::Bytes &newText) {
             return Compose(oldText, newText, szSection, pHash, mode);
         });
-    if (rewrite.result < 0) return BW_FAIL(rewrite.code);
+    if (rewrite.result < 0) return rewrite.code == 0 ? BW_PASS_UNLOGGED : BW_FAIL(rewrite.code);
     if (rewrite.result == 0) BW_RECORD(ZEVO_BW_ERROR_NOT_THERE);
     return rewrite.result;
 }

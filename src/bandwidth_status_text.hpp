@@ -5,6 +5,8 @@
 #include "zevocore.h"
 #include "zevocore_file.hpp"
 
+#include <cstdio>
+#include <cstdlib>
 #include <string_view>
 
 namespace bandwidth {
@@ -28,8 +30,29 @@ inline Line Recognise(std::string_view line, const char *szSection) noexcept
                                                                          : Line::kHeader;
 }
 
-// Appends a section, header and pairs, as the platform spells it; false without memory.
-bool AppendSection(zevo::Bytes &out, const char *szSection, const VLIB_SZ_HASH *pHash) noexcept;
+// The text of a section, header and pairs, as the platform spells it.
+class SectionText {
+public:
+    // 0, or the kCompose... result that says why not.
+    int Compose(const char *szSection, const VLIB_SZ_HASH *pHash) noexcept
+    {
+        char *pText = nullptr;
+        size_t cbText = 0;
+        FILE *const pStream = ::open_memstream(&pText, &cbText);
+        if (pStream == nullptr) return zevo::kComposeFailed;
+        const bool written = ::VLIBCFileHash2File(pStream, szSection, pHash, 0) >= 0;
+        const bool kept = std::fclose(pStream) == 0 && text_.Append({pText, cbText});
+        std::free(pText);
+        if (!written) return zevo::kComposeRefused;
+        return kept ? 0 : zevo::kComposeFailed;
+    }
+    // Ends a line that somebody before us has left open; false without memory.
+    bool StartLine() noexcept { return text_.Append("\n"); }
+    std::string_view view() const noexcept { return text_.view(); }
+
+private:
+    zevo::Bytes text_;
+};
 
 } // namespace bandwidth
 

@@ -2,6 +2,7 @@
 
 #include "bandwidth_frame.hpp"
 #include "bandwidth_guard.hpp"
+#include "bandwidth_speed.hpp"
 
 #include <algorithm>
 
@@ -12,7 +13,6 @@ int ZEVOBandwidthTransferSizeEstimate(ZEVO_BANDWIDTH_CONFIG *pConfig, int32_t tr
 {
     const CancelScope cancel;
     constexpr uint64_t kMostUs = 5'000'000;
-    constexpr uint64_t kUsPerSecond = 1'000'000;
     BW_REQUIRE(pConfig != nullptr, "((void *)0) != pConfig");
     BW_REQUIRE(pTransferBytes != nullptr, "((void *)0) != pTransferBytes");
 

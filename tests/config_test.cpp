@@ -107,40 +107,17 @@ TEST_F(EffectiveConfig, ADisabledProtocolReadsNoRuleAndUserOnlyNoGroup)
     EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
-TEST_F(EffectiveConfig, ArgumentsAreRefusedInTheirOrder)
-{
-    constexpr char kMine[] = "bandwidth_config_get.cpp";
-    EXPECT_EQ(ZEVOBandwidthConfigGet(4294967295U, 15, nullptr), -1);
-    EXPECT_EQ(ZEVOBandwidthConfigGet(1, 15, nullptr), -1);
-    EXPECT_EQ(ZEVOBandwidthConfigGet(1, 4, nullptr), -1);
-    ExpectSlot(0x0D00, kMine);
-    EXPECT_THAT(TakeLog(),
-                ElementsAre(Refused(kMine, "(uid_t)((uid_t) -1) != uid"),
-                            Refused(kMine, "(0x0001 | 0x0002 | 0x0004 | 0x0008)!= protocol_type"),
-                            Refused(kMine, "NULL != pConfig")));
-
-    constexpr char kLimit[] = "bandwidth_limit_init.cpp";
-    ZEVO_BANDWIDTH_LIMIT *pLimit = nullptr;
-    uint32_t flag = 9;
-    const auto *const pGlobal = &config.globalConf;
-    EXPECT_EQ(ZEVOBandwidthLimitInit(4294967295U, nullptr, nullptr, nullptr, nullptr), -1);
-    EXPECT_EQ(ZEVOBandwidthLimitInit(1, nullptr, nullptr, nullptr, nullptr), -1);
-    EXPECT_EQ(ZEVOBandwidthLimitInit(1, pGlobal, nullptr, nullptr, nullptr), -1);
-    EXPECT_EQ(ZEVOBandwidthLimitInit(1, pGlobal, &pLimit, nullptr, nullptr), -1);
-    EXPECT_EQ(ZEVOBandwidthLimitInit(1, pGlobal, &pLimit, &flag, nullptr), -1);
-    EXPECT_EQ(flag, 9U);
-    EXPECT_THAT(TakeLog(), ElementsAre(Refused(kLimit, "((uid_t) -1) != uid"),
-                                       Refused(kLimit, "((void *)0) != pGlobalConf"),
-                                       Refused(kLimit, "((void *)0) != ppLimit"),
-                                       Refused(kLimit, "((void *)0) != pblUserConfExist"),
-                                       Refused(kLimit, "NULL != pblGroupConfExist")));
-    ZEVOBandwidthConfigFree(nullptr);
-}
-
 TEST_F(EffectiveConfig, AFailureSaysWhereItFailedAndLeavesNoList)
 {
     const std::string get = "bandwidth_config_get.cpp:# ";
     const std::string init = "bandwidth_limit_init.cpp:# ";
+    SetPolicy("user-first");
+    FailNth(Call::Read, 1, EIO);
+    EXPECT_EQ(Get(), -1);
+    EXPECT_EQ(LastLine(), get + "ZEVOBandwidthGlobalConfGet failed. uid:[2001] type:[4] "
+                                "[0x0A00 section_file.cpp:#]");
+    EXPECT_EQ(config.iLimit, 0);
+
     const auto expectListFailure = [&](uint32_t uid, const std::string &line,
                                        const std::string &slot) {
         SCOPED_TRACE(line);
@@ -155,7 +132,6 @@ TEST_F(EffectiveConfig, AFailureSaysWhereItFailedAndLeavesNoList)
         ZEVOBandwidthConfigFree(&config);
     };
 
-    SetPolicy("user-first");
     SetRules("[user-2001]\nupload rate=x\n");
     const std::string badRule = "0x4000 bandwidth_conf_convert.cpp:#";
     expectListFailure(kAlice, "ZEVOBandwidthConfGetByID failed. uid:[2001] [" + badRule + "]",
@@ -171,17 +147,6 @@ TEST_F(EffectiveConfig, AFailureSaysWhereItFailedAndLeavesNoList)
     platform::SetGroups({});
     expectListFailure(kAlice, "VLIBGroupInfoListGet failed. name:[alice] [0x2000 platform:1]",
                       "0x2000 platform:1");
-
-}
-
-TEST_F(EffectiveConfig, WithoutThePolicyThereIsNoConfiguration)
-{
-    SetPolicy("user-first");
-    FailNth(Call::Read, 1, EIO);
-    EXPECT_EQ(Get(), -1);
-    EXPECT_EQ(TakeLog().back(), "bandwidth_config_get.cpp:# ZEVOBandwidthGlobalConfGet failed. "
-                                "uid:[2001] type:[4] [0x0A00 section_file.cpp:#]");
-    EXPECT_EQ(config.iLimit, 0);
 }
 
 // ---- at a moment ----
@@ -332,12 +297,6 @@ TEST_F(Moment, OccupiedAreTheGroupsOfSomeWeightAtMostAThousandAndTwentyFour)
     EXPECT_EQ(ZEVOBandwidthOccGroupsGet(ids, &count, &config), 0);
     EXPECT_EQ(count, ZEVO_BW_MOST_OCC_GROUPS);
     EXPECT_EQ(ids[ZEVO_BW_MOST_OCC_GROUPS], 77U);
-
-    EXPECT_EQ(ZEVOBandwidthOccGroupsGet(ids, nullptr, nullptr), -1);
-    EXPECT_EQ(ZEVOBandwidthOccGroupsGet(ids, &count, nullptr), -1);
-    EXPECT_THAT(TakeLog(),
-                ElementsAre(Refused("bandwidth_sleep_in_loop.cpp", "((void *)0) != piOccGroups"),
-                            Refused("bandwidth_sleep_in_loop.cpp", "NULL != pConfig")));
 }
 
 } // namespace

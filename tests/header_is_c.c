@@ -1,4 +1,4 @@
-/* The public headers, as a C99 caller without extensions includes them: first and alone, and again. */
+/* The public header as a C99 caller without extensions includes it: first and alone, and again. */
 #include "zevobandwidth.h"
 
 #include "zevobandwidth.h"

@@ -42,6 +42,15 @@ template <class Function> Function *Real(Function *, const char *szName)
 
 } // namespace
 
+#ifdef __SANITIZE_THREAD__
+// The child of a fork cannot join the threads of its parent, which the sanitizer holds against it.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the sanitizer's name
+extern "C" __attribute__((visibility("default"))) const char *__tsan_default_options()
+{
+    return "report_thread_leaks=0";
+}
+#endif
+
 void LibraryTest::SetUp()
 {
     BoxTest::SetUp();
@@ -208,7 +217,30 @@ ZEVO_BANDWIDTH_LIMIT Limit(int32_t ownerType, uint32_t id, uint64_t rateKBps)
     return limit;
 }
 
-std::string Refused(const std::string &file, const std::string &text)
+std::string FirstLine()
 {
-    return file + ":# Invaild Argument (" + text + ")=[0]\n";
+    const Lines lines = standins::TakeLog();
+    return lines.empty() ? "" : lines.front();
+}
+
+std::string LastLine()
+{
+    const Lines lines = standins::TakeLog();
+    return lines.empty() ? "" : lines.back();
+}
+
+Lines Told(const std::string &file, const Lines &texts)
+{
+    Lines lines;
+    for (const std::string &text : texts)
+        lines.push_back(file + ":# " + text);
+    return lines;
+}
+
+Lines Refusals(const std::string &file, const Lines &texts)
+{
+    Lines lines;
+    for (const std::string &text : texts)
+        lines.push_back(file + ":# Invaild Argument (" + text + ")=[0]\n");
+    return lines;
 }

@@ -83,7 +83,12 @@ ZEVO_BANDWIDTH_STATUS Record(const Transfer &transfer); // its filename is "/a f
 // One rule in force for a configuration made by hand.
 ZEVO_BANDWIDTH_LIMIT Limit(int32_t ownerType, uint32_t id, uint64_t rateKBps);
 
-// The log line that refuses an argument.
-std::string Refused(const std::string &file, const std::string &text);
+// Takes the log and gives one line of it, "" when there is none.
+std::string FirstLine();
+std::string LastLine();
+
+// The log lines that a source file writes, and those by which it refuses arguments.
+Lines Told(const std::string &file, const Lines &texts);
+Lines Refusals(const std::string &file, const Lines &texts);
 
 #endif // ZEVOBW_TESTS_LIBRARY_BOX_HPP

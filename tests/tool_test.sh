@@ -309,7 +309,7 @@ head -c 4096 /dev/zero >$conf/ballast
 zevo policy set -p ftp
 exits 1
 err_has 'disk full'
-mount -o remount,ro $conf
+mount -o remount,bind,ro $conf
 zevo policy set -p ftp
 exits 3
 err_has 'read-only'

@@ -3,6 +3,7 @@
 //
 // Exit status: see ExitStatus. Results go to standard output, everything else to standard error.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -121,6 +122,7 @@ int main(int argc, char **argv)
     // The notice that limits have changed goes to every process of this name, this one included.
     std::signal(SIGHUP, SIG_IGN);
     KeepStandardStreamsTaken();
+    ::umask(022); // every service has to read the rules, whatever the administrator's shell says
     try {
         return Run(argc, argv);
     } catch (const Failure &failure) {

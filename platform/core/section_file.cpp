@@ -20,7 +20,7 @@ public:
     explicit LockedFile(const Place &place) noexcept : file_(place, O_RDWR)
     {
         while (file_ && Lock(F_OFD_SETLKW, F_WRLCK)) {
-            if (Names(place, file_.stat(), current_)) return;
+            if (NamesSameFile(place, file_.stat(), current_)) return;
             Unlock();
             file_ = RegularFile(place, O_RDWR); // its successor, which another writer has made
         }
@@ -33,7 +33,10 @@ public:
     explicit operator bool() const noexcept { return code_ == 0; }
     unsigned code() const noexcept { return code_; }
     const struct stat &stat() const noexcept { return current_; }
-    unsigned ReadWhole(Bytes &bytes) const noexcept { return file_.ReadWhole(bytes); }
+    unsigned ReadWhole(Bytes &bytes) const noexcept
+    {
+        return file_.ReadWhole(bytes, current_.st_size);
+    }
 
 private:
     // Not left to close: a child forked meanwhile would keep the lock until it runs its program.

@@ -76,9 +76,10 @@ private:
     uint64_t v0_, v1_, v2_, v3_;
 };
 
+const Seed seed; // made when the library is loaded: a forked child must not wait for its making
+
 uint64_t HashOf(std::string_view text) noexcept
 {
-    static const Seed seed; // never written again
     Sip sip(seed);
     const size_t cbWhole = text.size() & ~size_t{7};
     for (size_t i = 0; i < cbWhole; i += 8)

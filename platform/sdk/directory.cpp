@@ -53,6 +53,8 @@ Fd Enter(int dirFd, const char *szName, int flags, mode_t mode, bool &made) noex
     if (dir || errno != ENOENT) return dir;
     made = ::mkdirat(dirFd, szName, mode) == 0;
     if (!made && errno != EEXIST) return dir; // EEXIST: another process was faster
+    // Everybody must be able to pass through, whatever mask the host runs with.
+    if (made && mode == kUsualMode && ::fchmodat(dirFd, szName, mode, 0) < 0) return dir;
     return OpenDirectory(dirFd, szName, flags);
 }
 

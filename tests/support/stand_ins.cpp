@@ -226,6 +226,9 @@ using standins::Enter;
         return real;                                                                               \
     }())
 
+// NOLINTBEGIN(bugprone-macro-parentheses,bugprone-reserved-identifier): a macro that declares, and
+// names that are libc's.
+
 // The mode, an argument only where a file may be created.
 #define TAKE_MODE(mode, flags)                                                                     \
     mode_t mode = 0;                                                                               \
@@ -380,3 +383,4 @@ void __syslog_chk(int priority, int, const char *szFormat, ...)
 
 } // extern "C"
 #pragma GCC visibility pop
+// NOLINTEND(bugprone-macro-parentheses,bugprone-reserved-identifier)

@@ -9,12 +9,15 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string_view>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -45,6 +48,18 @@ public:
 
 private:
     int saved_;
+};
+
+// Holds off cancellation of the calling thread: unwinding through us would end the host process.
+class CancelScope {
+public:
+    CancelScope() noexcept { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &saved_); }
+    ~CancelScope() { ::pthread_setcancelstate(saved_, nullptr); }
+    CancelScope(const CancelScope &) = delete;
+    CancelScope &operator=(const CancelScope &) = delete;
+
+private:
+    int saved_ = 0;
 };
 
 template <class Call> auto RetryInterrupted(Call call) noexcept
@@ -200,11 +215,14 @@ public:
     int get() const noexcept { return fd_.get(); }
     const struct stat &stat() const noexcept { return stat_; }
 
-    // Reads the file from its start, as long as it was when it was opened or longer; 0, or the
-    // error code.
-    unsigned ReadWhole(Bytes &bytes) const noexcept
+    // Reads the file from its start, as long as it was when it was opened; 0, or the error code.
+    unsigned ReadWhole(Bytes &bytes) const noexcept { return ReadWhole(bytes, stat_.st_size); }
+
+    // The same for a file that may have grown since.
+    unsigned ReadWhole(Bytes &bytes, off_t cbFile) const noexcept
     {
-        const size_t cbExpected = static_cast<size_t>(stat_.st_size);
+        if (cbFile > static_cast<off_t>(kMostFileBytes)) return kFileOpen;
+        const size_t cbExpected = static_cast<size_t>(cbFile);
         if (!bytes.Reserve(cbExpected + 1)) return kFileNoMemory; // + 1: some buffer, always
         while (bytes.size() < cbExpected) {
             const ssize_t cbRead = RetryInterrupted([&] {
@@ -230,29 +248,19 @@ private:
     unsigned code_ = kFileOpen;
 };
 
-// Whether the path names that file now; the file found there is told in now.
-inline bool Names(const Place &place, const struct stat &file, struct stat &now) noexcept
+// Whether the path still names the open file; what it names is told in now. Ask while the file is
+// open: inode numbers are given anew once it is closed.
+inline bool NamesSameFile(const Place &place, const struct stat &opened, struct stat &now) noexcept
 {
     return ::fstatat(place.dir(), place.name(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
-           now.st_dev == file.st_dev && now.st_ino == file.st_ino;
-}
-
-// Whether the path still names the open file. Ask while the file is open: inode numbers are given
-// anew once it is closed.
-inline bool NamesSameFile(const Place &place, const struct stat &opened,
-                          struct stat *pNow = nullptr) noexcept
-{
-    struct stat now = {};
-    if (pNow == nullptr) pNow = &now;
-    return ::fstatat(place.dir(), place.name(), pNow, AT_SYMLINK_NOFOLLOW) == 0 &&
-           pNow->st_dev == opened.st_dev && pNow->st_ino == opened.st_ino;
+           now.st_dev == opened.st_dev && now.st_ino == opened.st_ino;
 }
 
 // The same, and nobody has appended to the cbKnown bytes that were read of it.
 inline bool StillNames(const Place &place, const struct stat &opened, size_t cbKnown) noexcept
 {
     struct stat now = {};
-    return NamesSameFile(place, opened, &now) && now.st_size == static_cast<off_t>(cbKnown);
+    return NamesSameFile(place, opened, now) && now.st_size == static_cast<off_t>(cbKnown);
 }
 
 // While it lives a write beyond the file-size limit fails with EFBIG instead of ending the process
@@ -364,7 +372,14 @@ private:
         constexpr char kLetters[] =
             "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
         unsigned char random[6] = {};
-        if (::getrandom(random, sizeof(random), GRND_NONBLOCK) != sizeof(random)) return false;
+        if (::getrandom(random, sizeof(random), GRND_NONBLOCK) != sizeof(random)) {
+            // Early after start-up there is none. O_EXCL protects the name; it only has to vary.
+            struct timespec now = {};
+            ::clock_gettime(CLOCK_MONOTONIC, &now);
+            const uint64_t mixed =
+                (static_cast<uint64_t>(now.tv_nsec) << 20) ^ static_cast<uint64_t>(::getpid());
+            std::memcpy(random, &mixed, sizeof(random));
+        }
         const int cb = std::snprintf(szName_, sizeof(szName_), "%s.", place_.name());
         if (cb < 0 || static_cast<size_t>(cb) + sizeof(random) >= sizeof(szName_)) {
             errno = ENAMETOOLONG;
@@ -388,10 +403,11 @@ struct RewriteResult {
     unsigned code; // why it failed
 };
 
-constexpr int kComposeFailed = -1; // for want of memory
+constexpr int kComposeFailed = -1;  // for want of memory
+constexpr int kComposeRefused = -2; // by somebody who has recorded why
 
 // Replaces a file that many processes rewrite without a lock. compose(old, new) puts the new text
-// together: 1 to write it, 0 to leave the file as it is, kComposeFailed. Each attempt starts
+// together: 1 to write it, 0 to leave the file as it is, or one of the two above. Each attempt starts
 // from what the path names then; when another process was faster it starts over, and after the last
 // retry the later rename wins.
 template <class Compose> RewriteResult RewriteFile(const char *szPath, Compose compose) noexcept
@@ -407,7 +423,7 @@ template <class Compose> RewriteResult RewriteFile(const char *szPath, Compose c
         newText.Clear();
         if (const unsigned code = in.ReadWhole(oldText); code != 0) return {-1, code};
         const int found = compose(oldText.view(), newText);
-        if (found == kComposeFailed) return {-1, kFileNoMemory};
+        if (found < 0) return {-1, found == kComposeFailed ? kFileNoMemory : 0u};
         if (found == 0) return {0, 0};
         TempFile temp(place);
         if (!temp) return {-1, kFileOpen};

@@ -61,7 +61,8 @@ ZEVOSDK_API void ZEVOGroupFree(ZEVO_GROUP *pGroup) ZEVOSDK_NOEXCEPT;
  * @param flags     1
  * @param owner     owner of the directory made, (uid_t)-1 leaves it as it falls
  * @param group     its group, (gid_t)-1 leaves it as it falls
- * @param mode      its mode less the creation mask, -1 means 0755; parents get 0755
+ * @param mode      its mode less the creation mask; -1, as for the parents made, is 0755 whatever
+ *                  the mask
  * @return          0, also when it was there; -1 on failure, also when it is no directory
  */
 ZEVOSDK_API int ZEVOFSMkdirP(const char *szPath, int reserved, int flags, uid_t owner, gid_t group,
