@@ -12,7 +12,7 @@ using namespace bandwidth;
 
 namespace {
 
-constexpr int kHoursPerDay = 24;
+constexpr size_t kHoursPerDay = 24;
 
 // The index into a schedule plan that governs a moment; timeUs 0 is now.
 size_t PlanIndex(int64_t timeUs) noexcept
@@ -22,7 +22,7 @@ size_t PlanIndex(int64_t timeUs) noexcept
                                : static_cast<time_t>(timeUs / static_cast<int64_t>(kUsPerSecond));
     struct tm local = {};
     (void)::localtime_r(&seconds, &local); // a year beyond all calendars reads as Sunday, midnight
-    return static_cast<size_t>(local.tm_wday * kHoursPerDay + local.tm_hour);
+    return static_cast<size_t>(local.tm_wday) * kHoursPerDay + static_cast<size_t>(local.tm_hour);
 }
 
 void UseNormalRates(ZEVO_BANDWIDTH_CONF &rule) noexcept

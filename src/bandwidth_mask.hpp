@@ -3,8 +3,6 @@
 #ifndef BANDWIDTH_MASK_HPP
 #define BANDWIDTH_MASK_HPP
 
-#include <sys/stat.h>
-
 namespace bandwidth {
 
 // Clears the process's creation mask while it lives. Threads wait for each other.
@@ -14,9 +12,6 @@ public:
     ~OpenMaskScope();
     OpenMaskScope(const OpenMaskScope &) = delete;
     OpenMaskScope &operator=(const OpenMaskScope &) = delete;
-
-private:
-    mode_t hostMask_;
 };
 
 } // namespace bandwidth

@@ -92,7 +92,8 @@ TEST_F(Arguments, RulesAndPolicies)
         {CALL(ZEVOBandwidthGlobalConfGet(15, nullptr)), kNotAll},
         {CALL(ZEVOBandwidthGlobalConfGet(0, nullptr)), "NULL != pConf"}});
     ExpectRefused("bandwidth_global_conf_set.cpp", {
-        {CALL(ZEVOBandwidthGlobalConfSet(nullptr)), "((void *)0) != pConf"}});
+        {CALL(ZEVOBandwidthGlobalConfSet(nullptr)), "((void *)0) != pConf"},
+        {CALL((policy.protocolType = 15, ZEVOBandwidthGlobalConfSet(&policy))), kNotAll}});
 }
 
 TEST_F(Arguments, Configurations)

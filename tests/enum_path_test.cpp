@@ -98,7 +98,10 @@ TEST_F(Names, AnAddOnIsKnownInEveryTableAndHasAPath)
     EXPECT_EQ(PathOf(16), "/usr/zevo/etc/bandwidth/addon//backup_16.json");
     EXPECT_THAT(TakeLog(), IsEmpty());
 
+    EXPECT_EQ(ValueOf("back?p"), 16);
+
     addon.Wipe();
+    EXPECT_EQ(ValueOf("back?p"), -1) << "patterns are not remembered";
     EXPECT_EQ(NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, 16), "backup") << "remembered";
     EXPECT_EQ(ValueOf("my_proto"), 20) << "remembered";
 }

@@ -300,6 +300,24 @@ TEST_F(StatusSave, ThreadsThatSaveAtOnceLeaveTheMaskAsItWas)
         EXPECT_EQ(ModeOf(box.Path(name)), 0666U) << name;
 }
 
+// As a signal handler may fork, or a thread whose other handlers hold what the maker needs.
+TEST_F(StatusSave, AForkInTheMiddleOfMakingAFileGoesOnWithTheHostsMask)
+{
+    ::umask(027);
+    int childStatus = -1;
+    Before(Call::Open, 2, [&] { // the directory is opened first
+        EXPECT_EQ(::umask(0), 0U) << "the file is being made";
+        childStatus = Child([] {
+                          EXPECT_EQ(::umask(0), 027U);
+                          return 0;
+                      }).Wait();
+    });
+    EXPECT_EQ(ZEVOBandwidthStatusSave(kAlice, nullptr, &status), 0);
+    EXPECT_EQ(childStatus, 0);
+    EXPECT_EQ(::umask(022), 027U);
+    EXPECT_EQ(ModeOf(box.Path("user-2001")), 0666U);
+}
+
 // ---- rewriting ----
 
 constexpr char kTwo[] = "# hand-made\n\n[4711-1]\n; mine\npid=4711\n\n#  too\nactive=1\n[5-2]\n"

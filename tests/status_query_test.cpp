@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using standins::Before;
 using standins::Call;
 using standins::FailNext;
 using standins::FailNth;
@@ -127,6 +128,19 @@ TEST_F(Query, OneBadSectionHidesNoOther)
                             "bandwidth_status_get_all.cpp:# Init status from hash failed. [0x4000 "
                             "bandwidth_status_convert.cpp:#]"));
     EXPECT_NE(box.Read("user-2001").find(bad), std::string::npos) << "it stays";
+}
+
+TEST_F(Query, ATransferThatIsJustBeingSavedAnewIsNotTakenForDead)
+{
+    // Between the names and the section it is gone, right after that it is back.
+    Write({Of(1, "ftp"), Of(2, "ftp")});
+    Before(Call::Open, 3, [&] { // each look at the file opens the directory, too
+        Write({Of(2, "ftp")});
+        Before(Call::Open, 2, [&] { Write({Of(2, "ftp"), Of(1, "ftp")}); });
+    });
+    EXPECT_THAT(List(), ElementsAre("2:100/1000"));
+    EXPECT_EQ(box.Read("user-2001"), Of(2, "ftp").Text() + Of(1, "ftp").Text());
+    EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
 TEST_F(Query, ADeadTransferThatCannotBeRemovedIsLoggedAndPassedOver)
@@ -376,6 +390,10 @@ TEST_F(Removal, StoppingATransferChangesItsFlagInTheUsersFileAlone)
     EXPECT_EQ(box.Read("group-3001").find("active=0"), std::string::npos);
     EXPECT_EQ(ZEVOBandwidthStatusSetActiveByUserName("alice", 1, 7, 1), 0);
     EXPECT_EQ(box.Read("user-2001"), box.Read("group-3001"));
+
+    box.Write("user-2002", "[7-1]\npid=99\n"); // what it says of itself does not move it
+    EXPECT_EQ(ZEVOBandwidthStatusSetActiveByUserName("bob", 1, 7, 0), 0);
+    EXPECT_EQ(box.Read("user-2002").rfind("[7-1]\npid=7\n", 0), 0U);
 
     VLIBCErrSetEx(0x1234, "before", 1);
     EXPECT_EQ(ZEVOBandwidthStatusSetActiveByUserName("alice", 1, 8, 0), -1);

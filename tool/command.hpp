@@ -14,7 +14,7 @@ enum ExitStatus {
     kFailed = 1,
     kWrongUsage = 2,
     kNotPermitted = 3,
-    kNotFound = 4,  // no such user, group, protocol or transfer
+    kNotFound = 4, // no such user, group, protocol or transfer
 };
 
 // Thrown by a command that cannot go on: main prints the message to stderr, prefixed with the
@@ -38,6 +38,6 @@ void AddTransfersCommand(CLI::App &app);
 void AddStopCommand(CLI::App &app);
 void AddPipeCommand(CLI::App &app);
 
-}  // namespace tool
+} // namespace tool
 
-#endif  // ZEVOBW_TOOL_COMMAND_HPP
+#endif // ZEVOBW_TOOL_COMMAND_HPP

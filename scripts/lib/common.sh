@@ -25,6 +25,7 @@ packages_of() { # GROUP
     build) echo g++ cmake ninja-build libcli11-dev nlohmann-json3-dev psmisc ;;
     test) echo libgtest-dev libgmock-dev libbenchmark-dev util-linux mount uidmap tmux ;;
     run) echo util-linux mount ;; # what the sandbox needs
+    measure) echo pv ;; # what the cost is compared with
     check) echo clang-format clang-tidy shellcheck ;;
     *) die "no package group '$1'" ;;
     esac
