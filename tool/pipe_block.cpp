@@ -8,9 +8,18 @@ namespace tool {
 namespace {
 
 constexpr std::int64_t kPerTransferUs = 4'000;
-constexpr std::int64_t kWorkFactor = 100;
+// The wake-ups and the moving around a throttle call take half as much again as the library in it.
+constexpr std::int64_t kWorkFactor = 150;
+constexpr std::int64_t kLongestSharedBlockUs = 200'000;
+constexpr std::int64_t kMostPieces = 5'000'000 / kPieceUs; // no limit allows more at once
+constexpr std::int64_t kRepaidPart = 7;
 
 using Wide = unsigned __int128;
+
+std::int64_t SharedUs(std::uint32_t transfers) noexcept
+{
+    return std::min(transfers * kPerTransferUs, kLongestSharedBlockUs);
+}
 
 } // namespace
 
@@ -20,24 +29,28 @@ std::int64_t DurationUs(std::uint64_t bytes, std::uint64_t speedBps) noexcept
     return static_cast<std::int64_t>(std::min<Wide>(us, INT64_MAX / 2));
 }
 
-std::uint64_t BlockBytes(std::uint64_t speedBps, std::int64_t blockUs) noexcept
+std::uint64_t BytesIn(std::int64_t us, std::uint64_t speedBps) noexcept
 {
-    const Wide bytes = Wide{speedBps} * static_cast<std::uint64_t>(blockUs) / kMicrosPerSecond;
+    const Wide bytes = Wide{speedBps} * static_cast<std::uint64_t>(us) / kMicrosPerSecond;
     return static_cast<std::uint64_t>(std::clamp<Wide>(bytes, 1, UINT64_MAX));
 }
 
 std::int64_t BlockTimeUs(std::int64_t workUs, std::uint32_t transfers) noexcept
 {
-    const std::int64_t shared = std::min(transfers * kPerTransferUs, kLongestSharedBlockUs);
-    const std::int64_t forWork = std::min(workUs, kLongestBlockUs / kWorkFactor) * kWorkFactor;
-    return std::max({kShortestBlockUs, shared, forWork});
+    const std::int64_t pieces = (workUs * kWorkFactor + kPieceUs - 1) / kPieceUs;
+    return std::max(SharedUs(transfers),
+                    std::clamp<std::int64_t>(pieces, 1, kMostPieces) * kPieceUs);
+}
+
+std::int64_t CreditUs(std::uint32_t transfers) noexcept
+{
+    return std::max(kPieceUs, SharedUs(transfers));
 }
 
 void WorkEstimate::Add(std::int64_t us) noexcept
 {
-    if (!any_) us_ = us;
-    any_ = true;
-    us_ += (us - us_) / (us > us_ ? 16 : 4);
+    const std::int64_t step = us_ / 16 + 4;
+    us_ += us > us_ ? step : -std::min(step, us_);
 }
 
 void Pace::Start(std::uint64_t allowedBps) noexcept
@@ -65,16 +78,32 @@ void Pace::AllowAnew(std::uint64_t allowedBps, const Sharing &sharing) noexcept
 
 std::int64_t Ledger::DueUs(std::uint64_t bytes, std::uint64_t speedBps) const noexcept
 {
-    return settledUs_ + DurationUs(bytes, speedBps);
+    const std::int64_t pieceUs = DurationUs(bytes - endedBytes_, speedBps);
+    return std::max(settledUs_ + DurationUs(bytes, speedBps),
+                    endedUs_ + pieceUs - pieceUs / kRepaidPart);
+}
+
+void Ledger::EndPiece(std::uint64_t bytes, std::int64_t nowUs) noexcept
+{
+    endedBytes_ = bytes;
+    endedUs_ = nowUs;
 }
 
 std::int64_t Ledger::Settle(std::uint64_t bytes, std::uint64_t speedBps, std::int64_t heldUpUs,
-                            std::int64_t nowUs, std::int64_t blockUs) noexcept
+                            std::int64_t nowUs, std::int64_t creditUs) noexcept
 {
-    const std::int64_t endUs = std::max({DueUs(bytes, speedBps), heldUpUs, nowUs - blockUs / 2});
-    const std::int64_t lengthUs = endUs - settledUs_;
-    settledUs_ = endUs;
+    const std::int64_t paidUs = settledUs_ + DurationUs(bytes, speedBps);
+    const std::int64_t settledUs = std::max({paidUs, heldUpUs, nowUs - creditUs});
+    const std::int64_t lengthUs = settledUs - settledUs_;
+    settledUs_ = settledUs;
+    EndPiece(0, nowUs);
     return lengthUs;
+}
+
+void Ledger::Lengthen(std::int64_t us) noexcept
+{
+    settledUs_ += us;
+    endedUs_ += us;
 }
 
 } // namespace tool

@@ -9,9 +9,7 @@
 namespace tool {
 
 constexpr std::int64_t kMicrosPerSecond = 1'000'000;
-constexpr std::int64_t kShortestBlockUs = 25'000;
-constexpr std::int64_t kLongestSharedBlockUs = 200'000;
-constexpr std::int64_t kLongestBlockUs = 5'000'000;
+constexpr std::int64_t kPieceUs = 30'000;
 
 // Whom a transfer shares its limits with.
 struct Sharing {
@@ -22,15 +20,20 @@ struct Sharing {
 // The time that bytes take at a speed, rounded up.
 std::int64_t DurationUs(std::uint64_t bytes, std::uint64_t speedBps) noexcept;
 
-// What a block carries, at least one byte.
-std::uint64_t BlockBytes(std::uint64_t speedBps, std::int64_t blockUs) noexcept;
+// What is moved in a time, at least one byte.
+std::uint64_t BytesIn(std::int64_t us, std::uint64_t speedBps) noexcept;
 
-// A fortieth of a second; longer among many, who would all answer each other's blocks at once, and
-// where the library's own work would take more than a hundredth of the time.
+// From one throttle call to the next: one piece, about a fortieth of a second; longer among many,
+// who would all answer each other's blocks at once, and where the work around it would take more
+// than about a hundredth of the time. A block is moved piece by piece, so that its length is not
+// felt.
 std::int64_t BlockTimeUs(std::int64_t workUs, std::uint32_t transfers) noexcept;
 
-// What the library's part of a throttle call usually takes. Follows downwards faster than upwards:
-// a call that merely had to wait for the processor says little.
+// How much lateness is made good: a piece, a whole block among many.
+std::int64_t CreditUs(std::uint32_t transfers) noexcept;
+
+// What the library's part of a throttle call usually takes, the median: one that merely had to wait
+// for the processor says little.
 class WorkEstimate {
 public:
     void Add(std::int64_t us) noexcept;
@@ -38,7 +41,6 @@ public:
 
 private:
     std::int64_t us_ = 0;
-    bool any_ = false;
 };
 
 // The speed a transfer takes out of what it is allowed. A fall counts at once. A rise is seen by
@@ -58,25 +60,32 @@ private:
     std::uint64_t previousBps_ = 0;
 };
 
-// Up to which moment the bytes moved so far are paid for. What a block loses to late wake-ups and
-// to work between the blocks stays owed to the transfer, for the next block starts where the last
-// one was due; what it loses to a stalled input or output does not, nor more than half a block.
+// Up to which moment the bytes moved so far are paid for. What is lost to late wake-ups and to work
+// between the blocks stays owed to the transfer within bounds, and is made good little by little:
+// a piece follows the last one no sooner than six sevenths of its time after it, so that no tenth
+// of a second holds more than four. What is lost to a stalled input or output is lost.
 class Ledger {
 public:
-    void Start(std::int64_t nowUs) noexcept { settledUs_ = nowUs; }
-    std::int64_t SettledUs() const noexcept { return settledUs_; }
+    void Start(std::int64_t nowUs) noexcept { *this = {}, settledUs_ = endedUs_ = nowUs; }
+
+    // When the bytes moved since the last block are paid for.
     std::int64_t DueUs(std::uint64_t bytes, std::uint64_t speedBps) const noexcept;
 
+    // A piece has ended; bytes: moved since the last block.
+    void EndPiece(std::uint64_t bytes, std::int64_t nowUs) noexcept;
+
     // Ends a block and returns how long it was. heldUpUs: when the last wait for input or output
-    // ended; blockUs: the time a whole block takes.
+    // ended; creditUs: see CreditUs().
     std::int64_t Settle(std::uint64_t bytes, std::uint64_t speedBps, std::int64_t heldUpUs,
-                        std::int64_t nowUs, std::int64_t blockUs) noexcept;
+                        std::int64_t nowUs, std::int64_t creditUs) noexcept;
 
     // The throttle call allowed the block less than expected and slept the rest off.
-    void Lengthen(std::int64_t us) noexcept { settledUs_ += us; }
+    void Lengthen(std::int64_t us) noexcept;
 
 private:
     std::int64_t settledUs_ = 0;
+    std::int64_t endedUs_ = 0;     // when the last piece really ended
+    std::uint64_t endedBytes_ = 0; // of this block, by then
 };
 
 } // namespace tool

@@ -51,9 +51,10 @@ void PipeLoop::FollowLimits()
     if (notice) transfer_.Reload(wasLimited ? pace_.Bps() : 0);
     configuredBps_ = transfer_.ConfiguredBps();
     if (configuredBps_ == 0) return;
-    const std::uint64_t allowed = std::min(transfer_.AllowedBps(), configuredBps_);
+    std::uint64_t allowed = std::min(transfer_.AllowedBps(), configuredBps_);
+    if (allowed == 0) allowed = configuredBps_; // not asked yet
     if (!wasLimited) {
-        pace_.Start(allowed == 0 ? configuredBps_ : allowed);
+        pace_.Start(allowed);
         ledger_.Start(NowUs());
     } else if (notice) {
         pace_.AllowAnew(allowed, sharing_);
@@ -85,23 +86,33 @@ Moved PipeLoop::MoveFreely()
 Moved PipeLoop::MoveBlock()
 {
     const std::int64_t blockUs = BlockTimeUs(work_.Us(), sharing_.transfers);
-    const std::uint64_t bytes = BlockBytes(pace_.Bps(), blockUs);
-    const Moved moved = mover_.Move(bytes, NowUs() + std::max(kQuietUs, blockUs));
-    total_ += moved.bytes;
-    PayFor(moved, blockUs);
-    return moved;
+    const std::int64_t pieces = (blockUs + kPieceUs - 1) / kPieceUs;
+    const std::uint64_t most = BytesIn(blockUs, pace_.Bps());
+    const std::uint64_t piece = BytesIn(blockUs / pieces + 1, pace_.Bps());
+    const std::int64_t untilUs = NowUs() + std::max(kQuietUs, blockUs);
+    Moved block;
+    do {
+        const Moved moved = mover_.Move(std::min(piece, most - block.bytes), untilUs);
+        block.bytes += moved.bytes;
+        block.end = moved.end;
+        if (moved.heldUpUs != 0) block.heldUpUs = moved.heldUpUs;
+        SleepUntil(ledger_.DueUs(block.bytes, pace_.Bps()));
+        ledger_.EndPiece(block.bytes, NowUs());
+    } while (block.end == MoveEnd::kFull && block.bytes < most && EndingSignal() == 0);
+    total_ += block.bytes;
+    PayFor(block);
+    return block;
 }
 
-void PipeLoop::PayFor(const Moved &moved, std::int64_t blockUs)
+void PipeLoop::PayFor(const Moved &moved)
 {
-    SleepUntil(ledger_.DueUs(moved.bytes, pace_.Bps()));
     const std::int64_t beganUs = NowUs();
-    const std::int64_t lengthUs =
-        ledger_.Settle(moved.bytes, pace_.Bps(), moved.heldUpUs, beganUs, blockUs);
+    const std::int64_t lengthUs = ledger_.Settle(moved.bytes, pace_.Bps(), moved.heldUpUs, beganUs,
+                                                 CreditUs(sharing_.transfers));
     // A block begun in an hour of faster rules is not slept off at the speed of a slower one.
     std::uint64_t bytes = moved.bytes;
     const std::uint64_t configured = transfer_.ConfiguredBps();
-    if (configured != 0) bytes = std::min(bytes, BlockBytes(configured, lengthUs));
+    if (configured != 0) bytes = std::min(bytes, BytesIn(lengthUs, configured));
     transfer_.Throttle(bytes, lengthUs, ProgressPart());
     const std::uint64_t allowed = transfer_.AllowedBps();
     if (allowed == 0) return;

@@ -27,7 +27,7 @@ public:
 private:
     Moved MoveFreely();
     Moved MoveBlock();
-    void PayFor(const Moved &moved, std::int64_t blockUs);
+    void PayFor(const Moved &moved);
     void FollowLimits();
     void LookAround(std::int64_t nowUs);
     void ShowProgress();

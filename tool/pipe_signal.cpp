@@ -109,11 +109,11 @@ int WaitReady(pollfd *fds, nfds_t count, std::int64_t untilUs) noexcept
 
 void SleepUntil(std::int64_t untilUs) noexcept
 {
-    WaitReady(nullptr, 0, 0); // lets signals in also where there is nothing to sleep
-    while (endingSignal == 0 && NowUs() < untilUs) {
+    // Once at least, to let signals in also where there is nothing to sleep.
+    do {
         if (reloadNotice != 0) untilUs = std::min(untilUs, NowUs() + kNoticeKeepsUs);
         WaitReady(nullptr, 0, untilUs);
-    }
+    } while (endingSignal == 0 && NowUs() < untilUs);
 }
 
 } // namespace tool

@@ -72,9 +72,10 @@ Transfer::Transfer(std::uint32_t uid, std::int32_t protocol, std::int32_t direct
         ZEVOBandwidthConfigFree(&config_);
         FailWithSlot("the limits cannot be read");
     }
+    Evaluate();
     std::uint64_t timeUs = 0;
     if (ZEVOBandwidthStatusInit(&config_, direction, name.c_str(), &timeUs, &status_) == 0) return;
-    const int code = VLIBCErrGet();
+    const unsigned int code = VLIBCErrGet();
     ZEVOBandwidthStatusRemove(&config_, static_cast<std::uint32_t>(direction));
     ZEVOBandwidthConfigFree(&config_);
     VLIBCErrSetEx(code, __FILE_NAME__, __LINE__);
@@ -97,11 +98,16 @@ bool Transfer::ProtocolLimited() const noexcept
     return state != ZEVO_BW_STATE_NOT_EXISTED && state != ZEVO_BW_STATE_DISABLED;
 }
 
+void Transfer::Evaluate()
+{
+    onSchedule_ = ZEVOBandwidthInitConfig(&config_, 0) == 1;
+}
+
 // Asked for everything, the size estimate answers five seconds' worth.
 std::uint64_t Transfer::ConfiguredBps()
 {
     if (!ProtocolLimited()) return 0;
-    ZEVOBandwidthInitConfig(&config_, 0);
+    if (onSchedule_) Evaluate();
     std::uint64_t most = UINT64_MAX;
     const auto direction = static_cast<std::int32_t>(status_.transfer_type);
     if (ZEVOBandwidthTransferSizeEstimate(&config_, direction, most, &most) < 0)
@@ -137,6 +143,7 @@ void Transfer::Reload(std::uint64_t bps)
     std::uint64_t ignoredUs = 0;
     if (ZEVOBandwidthHupRecv(&config_, &status_, &ignoredUs) < 0)
         FailWithSlot("the changed limits cannot be read");
+    Evaluate();
     if (ConfiguredBps() == 0) return;
     const auto direction = static_cast<std::int32_t>(status_.transfer_type);
     if (ZEVOBandwidthExpectSpeedEstimateByPolicy(direction, &config_, &status_.expect_speed, 1) < 0)
@@ -148,6 +155,33 @@ void Transfer::Reload(std::uint64_t bps)
         FailWithSlot("the transfer cannot be registered");
 }
 
+// Whether a rule in force can decide this transfer's speed, as the policy combines them.
+bool Transfer::Bears(const ZEVO_BANDWIDTH_CONF &rule) const
+{
+    const auto inForce = [this](std::int32_t owner) {
+        const ZEVO_BANDWIDTH_LIMIT *begin = config_.pLimit;
+        const ZEVO_BANDWIDTH_LIMIT *end = begin + std::max(config_.iLimit, 0);
+        return std::any_of(begin, end, [owner](const ZEVO_BANDWIDTH_LIMIT &limit) {
+            return limit.conf.ownerType == owner &&
+                   limit.conf.currentState != ZEVO_BW_STATE_DISABLED;
+        });
+    };
+    if (rule.currentState == ZEVO_BW_STATE_DISABLED) return false;
+    const bool isUsers = rule.ownerType == ZEVO_BW_OWNER_USER;
+    switch (config_.globalConf.userGroupPolicy) {
+    case ZEVO_BW_USER_GROUP_POLICY_USER_ONLY:
+        return isUsers;
+    case ZEVO_BW_USER_GROUP_POLICY_GROUP_ONLY:
+        return !isUsers;
+    case ZEVO_BW_USER_GROUP_POLICY_USER_FIRST:
+        return isUsers || !inForce(ZEVO_BW_OWNER_USER);
+    case ZEVO_BW_USER_GROUP_POLICY_GROUP_FIRST:
+        return !isUsers || !inForce(ZEVO_BW_OWNER_GROUP);
+    default:
+        return true;
+    }
+}
+
 Sharing Transfer::Look() const
 {
     Sharing all = {.transfers = 1, .equalBps = UINT64_MAX};
@@ -155,7 +189,7 @@ Sharing Transfer::Look() const
     for (std::int32_t i = 0; i < config_.iLimit; ++i) {
         const ZEVO_BANDWIDTH_CONF &rule = config_.pLimit[i].conf;
         const std::uint64_t rate = upload ? rule.currentUploadRate : rule.currentDownloadRate;
-        if (rule.currentState == ZEVO_BW_STATE_DISABLED || rate == 0) continue;
+        if (rate == 0 || !Bears(rule)) continue;
         ZEVO_BANDWIDTH_STATUS *list = nullptr;
         if (ZEVOBandwidthStatusGetAll(rule.ownerType, rule.id, rule.protocolType,
                                       status_.transfer_type, &list) < 0)

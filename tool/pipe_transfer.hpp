@@ -46,10 +46,13 @@ public:
     Sharing Look() const;
 
 private:
+    void Evaluate();
+    bool Bears(const ZEVO_BANDWIDTH_CONF &rule) const;
     void CheckNotStopped() const;
 
     ZEVO_BANDWIDTH_CONFIG config_ = {};
     ZEVO_BANDWIDTH_STATUS status_ = {};
+    bool onSchedule_ = false;
 };
 
 } // namespace tool

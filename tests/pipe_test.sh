@@ -1,0 +1,200 @@
+#!/usr/bin/env bash
+# "zevobandwidth pipe" as programs around it meet it: the bytes, the speed, the list of transfers,
+# the signals, the ends. Measures real time. Runs in the sandbox; the tool's path is in ZEVOBW_TOOL.
+set -u
+
+if [[ ${ZEVOBW_SANDBOX-} != 1 || ! -x ${ZEVOBW_TOOL-} ]]; then
+    echo 'run me through tests/support/sandbox, with ZEVOBW_TOOL set' >&2
+    exit 77
+fi
+
+readonly running=/tmp/bandwidth
+failed=0
+status=0
+
+fail() {
+    printf 'line %s: %s\n' "${BASH_LINENO[1]}" "$1"
+    failed=$((failed + 1))
+}
+
+same() { [[ $1 == "$2" ]] || fail "'$1' instead of '$2'"; }
+has() { grep -qF -- "$2" "$1" || fail "missing in $1: $2"; }
+between() { (($2 <= $1 && $1 <= $3)) || fail "$1 is not between $2 and $3"; }
+listed() { cat "$running"/* 2>/dev/null | grep -c '^\['; }
+nobody_listed() { same "$(listed)" 0; }
+
+now_ms() { date +%s%3N; }
+
+# wait_for COMMAND...: up to five seconds.
+wait_for() {
+    for _ in {1..100}; do
+        "$@" && return
+        sleep 0.05
+    done
+    fail "in vain: $*"
+}
+
+is_listed() { [[ $(listed) -ge ${1:-1} ]]; }
+
+zevo() { "$ZEVOBW_TOOL" "$@" >/dev/null 2>/tmp/err || fail "$*: $(cat /tmp/err)"; }
+pipe() { exec "$ZEVOBW_TOOL" pipe -u "$1" -p rsync -d upload "${@:2}"; }
+
+# ends STATUS PID
+ends() {
+    status=0
+    wait "$2" || status=$?
+    same "$status" "$1"
+    nobody_listed
+}
+
+head -c 5000001 /dev/urandom >/tmp/data
+
+# ---- without limits: a note, and the bytes as they were ----
+
+"$ZEVOBW_TOOL" pipe -p ftp -d download </tmp/data >/tmp/copy 2>/tmp/err || fail 'pipe failed'
+has /tmp/err 'zevobandwidth policy set -p ftp'
+cmp /tmp/data /tmp/copy || fail 'other bytes'
+"$ZEVOBW_TOOL" pipe -q -p ftp -d download </tmp/data >/tmp/copy 2>/tmp/err || fail 'pipe failed'
+[[ ! -s /tmp/err ]] || fail '-q is not quiet'
+
+zevo rule set -u alice -p rsync --up 20M
+zevo policy set -p rsync --user-group min --inter-group max --occupy all
+for _ in unlimited limited; do
+    # shellcheck disable=SC2094  # nothing is written
+    pipe alice </tmp/data | cmp - /tmp/data || fail 'file to pipe'
+    # shellcheck disable=SC2002
+    cat /tmp/data | pipe alice | cat | cmp - /tmp/data || fail 'pipe to pipe'
+    { sleep 0.3 && cat /tmp/data; } | pipe alice | { sleep 0.5 && cat; } | cmp - /tmp/data ||
+        fail 'late writer and reader'
+    echo first >/tmp/copy
+    # shellcheck disable=SC2002
+    cat /tmp/data | pipe alice >>/tmp/copy
+    { echo first && cat /tmp/data; } | cmp - /tmp/copy || fail 'appended to a file'
+    nobody_listed
+    zevo rule set -u alice -p rsync --up unlimited
+done
+
+# ---- what is wrong is said ----
+
+"$ZEVOBW_TOOL" pipe -u zed -p rsync -d upload </dev/null 2>/tmp/err
+same $? 4
+zevo rule set -u alice -p rsync --up 1M
+touch $running.file && rm -rf $running && ln -s $running.file $running
+(pipe alice </dev/zero >/dev/null 2>/tmp/err)
+same $? 1
+has /tmp/err "$running"
+rm $running
+
+# ---- the list and the ends ----
+
+pipe alice --name $'a\nb' --size 100M </dev/zero >/dev/null 2>/tmp/err &
+wait_for is_listed
+has $running/user-2001 'uid=2001'
+sleep 0.3
+[[ $(sed -n 's/^progress=//p' $running/user-2001) -gt 0 ]] || fail 'no progress'
+kill -TERM $!
+ends 143 $!
+
+env --default-signal=INT "$ZEVOBW_TOOL" pipe -u alice -p rsync -d upload </dev/zero >/dev/null &
+wait_for is_listed
+kill -INT $!
+ends 130 $!
+
+# Its reader goes away: while bytes flow, and while none come.
+mkfifo /tmp/in /tmp/out
+pipe alice </dev/zero >/tmp/out &
+head -c 1000 /tmp/out >/dev/null
+ends 141 $!
+pipe alice </tmp/in >/tmp/out &
+exec 4>/tmp/in 5</tmp/out
+wait_for is_listed
+exec 5<&-
+ends 141 $!
+exec 4>&-
+
+# An administrator stops it: while bytes flow, and while none come. A save may undo one attempt.
+stopped() {
+    sed -i 's/^active=1/active=0/' $running/user-2001
+    ! kill -0 "$1" 2>/dev/null
+}
+for input in /dev/zero /tmp/in; do
+    exec 4<>/tmp/in
+    pipe alice <$input >/dev/null 2>/tmp/err &
+    wait_for is_listed
+    wait_for stopped $!
+    ends 1 $!
+    has /tmp/err 'an administrator has stopped this transfer'
+    exec 4>&-
+done
+
+# ---- the speed ----
+
+# A reload storm neither ends the transfer nor makes it faster or slower.
+zevo rule set -u alice -p rsync --up 2M
+began=$(now_ms)
+head -c 4M /dev/zero | pipe alice >/dev/null &
+wait_for is_listed
+while kill -HUP $! 2>/dev/null; do
+    sleep 0.003
+done
+ends 0 $!
+between $(($(now_ms) - began)) 1950 2300
+
+# moved SECONDS: what comes out of the transfer behind descriptor 5, in KiB.
+moved() { timeout "$1" cat <&5 | wc -c | awk '{ print int($1 / 1024) }'; }
+
+# A change is obeyed in both directions, without a burst.
+pipe alice </dev/zero >/tmp/out &
+exec 5</tmp/out
+moved 1 >/dev/null
+for rate in 512 8192 512; do
+    zevo rule set -u alice -p rsync --up ${rate}K
+    moved 0.5 >/dev/null
+    between "$(moved 1)" $((rate * 93 / 100)) $((rate * 107 / 100))
+done
+kill -TERM $!
+exec 5<&-
+wait $!
+nobody_listed
+
+# Three of two users share a group's rate by users; when one leaves, the others take its part.
+zevo rule set -u alice -p rsync --up unlimited
+zevo rule set -g staff -p rsync --up 4M
+zevo policy set -p rsync --user-group group-only
+pids=()
+for user in alice alice bob; do
+    pipe "$user" </dev/zero > >(cat >>"/tmp/of-$user") &
+    pids+=($!)
+done
+size() { stat -c %s "/tmp/of-$1"; }
+sleep 1.5
+alice=$(size alice) bob=$(size bob)
+sleep 2
+alice=$((($(size alice) - alice) / 2048)) bob=$((($(size bob) - bob) / 2048))
+between $((alice + bob)) 3950 4250
+between "$bob" 1900 2200
+kill -TERM "${pids[2]}"
+wait "${pids[2]}"
+sleep 0.5
+alice=$(size alice)
+sleep 1
+between $((($(size alice) - alice) / 1024)) 3850 4350
+kill -TERM "${pids[@]:0:2}"
+wait
+nobody_listed
+
+# ---- on a terminal ----
+
+zevo policy set -p rsync --user-group user-only
+zevo rule set -u alice -p rsync --up 2M
+if command -v script >/dev/null; then
+    COLUMNS=80 script -qec "head -c 4M /dev/zero | '$ZEVOBW_TOOL' pipe -u alice -p rsync -d upload \
+        --size 4M --name \$'x\\033[2Jy' >/dev/null" /dev/null >/tmp/screen </dev/null
+    has /tmp/screen '2.00 MiB/s'
+    has /tmp/screen 'left'
+    ! grep -q $'\033\\[2J' /tmp/screen || fail 'a name reached the terminal as it was'
+    tr '\r' '\n' </tmp/screen | sed 's/\x1b\[K//' | awk 'length > 79 { exit 1 }' ||
+        fail 'a line is too long'
+fi
+
+[[ $failed == 0 ]] || { echo "$failed failed" && exit 1; }
