@@ -130,6 +130,7 @@ void ExecChild(const std::vector<std::string> &words, int input, int output)
     ::dup2(input, STDIN_FILENO);
     ::dup2(output, STDOUT_FILENO);
     std::vector<char *> argv;
+    argv.reserve(words.size() + 1);
     for (const std::string &word : words)
         argv.push_back(const_cast<char *>(word.c_str())); // execvp leaves them as they are
     argv.push_back(nullptr);

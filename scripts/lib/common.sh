@@ -66,15 +66,18 @@ need() { # GROUP...
 
 # ---- building and running ----
 
-# Configures and builds a preset; its output is shown only when something goes wrong.
-build() { # PRESET
-    local log
+# Configures and builds a preset, or only the named targets of it; the output is shown only when
+# something goes wrong.
+build() { # PRESET [TARGET...]
+    local log preset=$1
+    shift
     log=$(mktemp)
-    say "Building the $1 preset"
-    if ! { cmake --preset "$1" && cmake --build --preset "$1" -j "$jobs"; } >"$log" 2>&1; then
+    say "Building the $preset preset"
+    if ! { cmake --preset "$preset" &&
+        cmake --build --preset "$preset" -j "$jobs" ${1+--target "$@"}; } >"$log" 2>&1; then
         grep -vE '^\[[0-9]+/[0-9]+\] ' "$log" || true # without the steps that went well
         rm -f "$log"
-        die "the $1 preset does not build"
+        die "the $preset preset does not build"
     fi
     rm -f "$log"
 }
