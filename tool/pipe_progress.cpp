@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <utility>
 #include <vector>
 
 #include <sys/ioctl.h>
@@ -60,7 +59,7 @@ std::string ForTerminal(const std::string &name)
 
 } // namespace
 
-Progress::Progress(bool quiet, std::string name)
+Progress::Progress(bool quiet, const std::string &name)
     : name_(ForTerminal(name)), active_(!quiet && ::isatty(STDERR_FILENO) == 1)
 {
 }

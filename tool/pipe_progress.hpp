@@ -19,7 +19,7 @@ struct ProgressFigures {
 class Progress {
 public:
     // Shows nothing when quiet or when standard error is no terminal.
-    Progress(bool quiet, std::string name);
+    Progress(bool quiet, const std::string &name);
     ~Progress(); // leaves the last line standing
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
