@@ -37,7 +37,7 @@
  *  - Any thread may call any function; a record belongs to one thread at a time. Nothing may be
  *    called from a signal handler. A cancellation of the calling thread waits until the function
  *    returns. No exception leaves a function, nothing is written to stdout or stderr, no signal
- *    handler, thread, locale or environment variable is touched. Descriptors are closed on exec and
+ *    handler (but for ZEVOBandwidthSimulate()), thread, locale or environment variable is touched. Descriptors are closed on exec and
  *    above 2; only the system log's own, which libc opens, may fall below in a host that has closed
  *    its standard streams.
  */
@@ -46,6 +46,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <sys/types.h>
 
 #define ZEVO_BW_VERSION_MAJOR 7
@@ -425,6 +426,27 @@ ZEVO_BW_API int ZEVOBandwidthGlobalConfGet(int32_t protocol_type,
  */
 ZEVO_BW_API int ZEVOBandwidthGlobalConfSet(ZEVO_BANDWIDTH_GLOBAL_CONF *pConf) ZEVO_BW_NOEXCEPT;
 
+/* ---- rules and policies as tables ----
+ *
+ * Print a header, and a line for each record, to a stream of the caller's. Results are 0, or -1 with
+ * nothing written; whether the stream took it, ferror() and fflush() tell. A value without a name
+ * prints as "-". Errors: 0x0D00, 0x0200, or as the user database left them. Any thread; the stream's
+ * own lock keeps lines whole. The decimal point is a point in every locale.
+ */
+
+ZEVO_BW_API int ZEVOBandwidthConfDumpHeader(FILE *fp) ZEVO_BW_NOEXCEPT;
+
+/** State, protocol, owner type, owner's name, and the rates in force (KB/s) as the rule was last
+ *  evaluated: 0 in a record that comes straight from ZEVOBandwidthConfGetByID(). An owner who is
+ *  neither user nor group is 0xD900; one whom the user database does not know fails. */
+ZEVO_BW_API int ZEVOBandwidthConfDump(FILE *fp, const ZEVO_BANDWIDTH_CONF *pConf) ZEVO_BW_NOEXCEPT;
+
+ZEVO_BW_API int ZEVOBandwidthGlobalConfDumpHeader(FILE *fp) ZEVO_BW_NOEXCEPT;
+
+/** State, protocol, the three policies and the plan. A protocol without a name fails. */
+ZEVO_BW_API int
+ZEVOBandwidthGlobalConfDump(FILE *fp, const ZEVO_BANDWIDTH_GLOBAL_CONF *pConf) ZEVO_BW_NOEXCEPT;
+
 /* ---- effective configuration ---- */
 
 /**
@@ -625,6 +647,17 @@ ZEVO_BW_API int ZEVOBandwidthIStatusGet(int32_t owner_type, uint32_t id, pid_t p
 ZEVO_BW_API int ZEVOBandwidthStatusGet(int32_t owner_type, uint32_t id, int32_t transfer_type,
                                        ZEVO_BANDWIDTH_STATUS *pStatus) ZEVO_BW_NOEXCEPT;
 
+/**
+ * Prints one transfer as a line of a table without a header: owner of the copy, protocol,
+ * direction, process, time of the last save, allowed and measured speed in KB/s, progress in
+ * percent, file name. The name is printed as it is: it may hold anything but NUL.
+ * @return  0, or -1 with nothing written; whether the stream took it, ferror() tells
+ * Errors:  0x0D00, 0x0200; an owner whom the user database does not know fails, too.
+ * Threads: any. The decimal point is a point in every locale.
+ */
+ZEVO_BW_API int ZEVOBandwidthStatusDump(FILE *fp,
+                                        const ZEVO_BANDWIDTH_STATUS *pStatus) ZEVO_BW_NOEXCEPT;
+
 /* ---- the end of transfers, stopping them ----
  *
  * Errors of all: 0x0D00, 0x4000 a malformed group id, or as the files and the user database left
@@ -755,6 +788,36 @@ ZEVO_BW_API int ZEVOBandwidthHupSimulator(void) ZEVO_BW_NOEXCEPT;
 ZEVO_BW_API int ZEVOBandwidthHupRecv(ZEVO_BANDWIDTH_CONFIG *pConfig,
                                      const ZEVO_BANDWIDTH_STATUS *pStatus,
                                      uint64_t *pTime) ZEVO_BW_NOEXCEPT;
+
+/* ---- preview and simulation ---- */
+
+/**
+ * Works out the speeds at which a transfer of the user would be held if no other were running.
+ * @param uid            user; (uid_t)-1 is refused
+ * @param protocol_type  one protocol; ZEVO_BW_PROTOCOL_ALL is refused
+ * @param pSpeedBps      out: array of three, indexed by ZEVO_BW_TRANSFER_TYPE: [1] receives the
+ *                       upload, [2] the download speed in bytes/s, 0 unlimited; [0] stays as it is
+ * @return               0, or -1; when only the download fails, [1] is written
+ * Errors:  as ZEVOBandwidthConfigGet() and ZEVOBandwidthExpectSpeedEstimateByPolicy(); 0x0D00 for a
+ *          NULL array.
+ * Threads: any. A protocol without a stored policy is not limited, yet the rates of its rules are
+ *          given here: ask ZEVOBandwidthGlobalConfGet() for the difference.
+ */
+ZEVO_BW_API int ZEVOBandwidthPreview(uint32_t uid, int32_t protocol_type,
+                                     uint64_t *pSpeedBps) ZEVO_BW_NOEXCEPT;
+
+/**
+ * Plays out a transfer without data, in blocks of 64 KB: it sleeps, is listed and shares the limits
+ * as a real one would. Replaces the process's SIGHUP handler for good; a process that plays out one
+ * at a time and is named "zevobandwidth" is reached by ZEVOBandwidthHupSimulator().
+ * @param sizeKB  size in KB; 0 registers the transfer and removes it again
+ * @return        0 when it was played out; -1 on failure, also when it was stopped: its sections may
+ *                be left then, and go stale
+ * Errors:  as the functions of a transfer's life, or as the user database left them.
+ * Threads: any, one at a time in a process; returns when the transfer is over.
+ */
+ZEVO_BW_API int ZEVOBandwidthSimulate(const char *szUserName, int32_t protocol_type,
+                                      int32_t transfer_type, uint64_t sizeKB) ZEVO_BW_NOEXCEPT;
 
 #ifdef __cplusplus
 } /* extern "C" */

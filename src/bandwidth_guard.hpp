@@ -3,12 +3,14 @@
 #ifndef BANDWIDTH_GUARD_HPP
 #define BANDWIDTH_GUARD_HPP
 
+#include "zevobandwidth.h"
 #include "zevocore.h"
 #include "zevocore_file.hpp"
 #include "zevosdk.h"
 
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 namespace bandwidth {
 
@@ -47,7 +49,28 @@ template <auto release> struct Release {
 
 using List = std::unique_ptr<VLIB_SZ_LIST, Release<::VLIBCSzListFree>>;
 using User = std::unique_ptr<ZEVO_USER, Release<::ZEVOUserFree>>;
+using Group = std::unique_ptr<ZEVO_GROUP, Release<::ZEVOGroupFree>>;
 template <class T> using Array = std::unique_ptr<T[], Release<std::free>>;
+
+// An effective configuration, zero-filled until something fills it.
+class Config {
+public:
+    Config() noexcept = default;
+    ~Config()
+    {
+        const zevo::KeepErrno keep;
+        ::ZEVOBandwidthConfigFree(&config_);
+    }
+    Config(const Config &) = delete;
+    Config &operator=(const Config &) = delete;
+
+    ZEVO_BANDWIDTH_CONFIG *get() noexcept { return &config_; }
+    // Hands the configuration over; the guard is empty then.
+    ZEVO_BANDWIDTH_CONFIG Release() noexcept { return std::exchange(config_, {}); }
+
+private:
+    ZEVO_BANDWIDTH_CONFIG config_ = {};
+};
 
 // count zero-filled records, at least one; false without memory.
 template <class T> Array<T> AllocateArray(size_t count) noexcept

@@ -118,15 +118,13 @@ int ZEVOBandwidthHupRecv(ZEVO_BANDWIDTH_CONFIG *pConfig, const ZEVO_BANDWIDTH_ST
         ::ZEVOBandwidthStatusRemoveByOccGroups(groups, groupCount, transferType) < 0)
         return BW_PASS("ZEVOBandwidthStatusRemove failed. uid:[%u] ", uid);
 
-    ZEVO_BANDWIDTH_CONFIG renewed = {};
-    if (::ZEVOBandwidthConfigGet(uid, static_cast<int32_t>(pStatus->protocol_type), &renewed) < 0) {
-        const int failed = BW_PASS("ZEVOBandwidthConfigGet failed. uid:[%u] ", uid);
-        ::ZEVOBandwidthConfigFree(&renewed);
-        return failed;
-    }
-    if (!StaysLimited(renewed, static_cast<int32_t>(transferType)))
+    Config renewed;
+    if (::ZEVOBandwidthConfigGet(uid, static_cast<int32_t>(pStatus->protocol_type), renewed.get()) <
+        0)
+        return BW_PASS("ZEVOBandwidthConfigGet failed. uid:[%u] ", uid);
+    if (!StaysLimited(*renewed.get(), static_cast<int32_t>(transferType)))
         (void)::ZEVOBandwidthStatusRemove(pConfig, transferType); // else it goes stale
     ::ZEVOBandwidthConfigFree(pConfig);
-    *pConfig = renewed;
+    *pConfig = renewed.Release();
     return 0;
 }

@@ -1,0 +1,45 @@
+// The table of policies: one line for each protocol, under a header.
+
+#include "bandwidth_dump.hpp"
+#include "bandwidth_enum.hpp"
+#include "bandwidth_frame.hpp"
+
+#include <cstdio>
+
+using namespace bandwidth;
+
+namespace {
+
+constexpr char kLine[] = "%10s %20s %15s %15s %15s %15s\n";
+
+} // namespace
+
+int ZEVOBandwidthGlobalConfDumpHeader(FILE *fp) noexcept
+{
+    const CancelScope cancel;
+    BW_REQUIRE(fp != nullptr, "((void *)0) != fp");
+    (void)std::fprintf(fp, kLine, "State", "Protocol", "UserGroupPolicy", "InterGroupPolicy",
+                       "OccupyPolicy", "SchedulePlan"); // the stream remembers a failure
+    return 0;
+}
+
+int ZEVOBandwidthGlobalConfDump(FILE *fp, const ZEVO_BANDWIDTH_GLOBAL_CONF *pConf) noexcept
+{
+    const CancelScope cancel;
+    BW_REQUIRE(fp != nullptr, "((void *)0) != fp");
+    BW_REQUIRE(pConf != nullptr, "NULL != pConf");
+
+    Hash hash;
+    if (!hash) return BW_PASS("VLIBCSzHashAlloc failed.");
+    if (::ZEVOBandwidthInitHashFromGlobalConf(hash.address(), pConf) < 0)
+        return BW_PASS("Init hash from conf failed. ");
+    char szProtocol[kNameBytes];
+    if (!NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, pConf->protocolType, szProtocol)) {
+        BW_LOG("ZEVOBandwidthEnumToName failed, protocol=%d", pConf->protocolType);
+        return BW_PASS_UNLOGGED;
+    }
+    (void)std::fprintf(fp, kLine, Column(hash, "state"), szProtocol,
+                       Column(hash, "user-group policy"), Column(hash, "inter-group policy"),
+                       Column(hash, "occupy policy"), Column(hash, "schedule plan"));
+    return 0;
+}
