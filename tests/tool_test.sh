@@ -1,53 +1,7 @@
 #!/usr/bin/env bash
 # The administrator's commands as an administrator meets them: what they print, what they store, how
 # they end. Runs in the sandbox, whose test users it names; the tool's path is in ZEVOBW_TOOL.
-set -u
-
-if [[ ${ZEVOBW_SANDBOX-} != 1 || ! -x ${ZEVOBW_TOOL-} ]]; then
-    echo 'run me through tests/support/sandbox, with ZEVOBW_TOOL set' >&2
-    exit 77
-fi
-
-readonly conf=/usr/zevo/etc/bandwidth
-readonly running=/tmp/bandwidth
-failed=0
-status=0
-
-# zevo ARG...: runs the tool; its results lie in /tmp/out, /tmp/err and $status.
-zevo() {
-    status=0
-    "$ZEVOBW_TOOL" "$@" >/tmp/out 2>/tmp/err </dev/null || status=$?
-}
-
-fail() {
-    printf 'line %s: %s\n' "${BASH_LINENO[1]}" "$1"
-    sed 's/^/    /' /tmp/out /tmp/err
-    failed=$((failed + 1))
-}
-
-exits() { ((status == $1)) || fail "exit status $status instead of $1"; }
-prints() { [[ $(cat /tmp/out) == "$1" ]] || fail "not printed: $1"; }
-out_has() { grep -qF -- "$1" /tmp/out || fail "missing on standard output: $1"; }
-err_has() { grep -qF -- "$1" /tmp/err || fail "missing on standard error: $1"; }
-err_lacks() { ! grep -qF -- "$1" /tmp/err || fail "not expected on standard error: $1"; }
-silent() { [[ ! -s /tmp/err ]] || fail 'something on standard error'; }
-same() { [[ $1 == "$2" ]] || fail "'$1' instead of '$2'"; }
-
-# refused STATUS TEXT ARG...: the command fails so, prints nothing and changes no file.
-refused() {
-    local want=$1 text=$2 before
-    shift 2
-    before=$(cat $conf/* 2>&1)
-    zevo "$@"
-    exits "$want"
-    err_has "$text"
-    [[ ! -s /tmp/out ]] || fail 'a refused command printed a result'
-    same "$(cat $conf/* 2>&1)" "$before"
-}
-
-wipe() {
-    rm -rf /usr/zevo $running
-}
+source "${BASH_SOURCE[0]%/*}/support/tool.sh"
 
 # value PROTOCOL KEY: of the only section that has the key.
 value() { sed -n "s/^$2=//p" "$conf/bandwidth.$1.conf"; }
@@ -338,5 +292,4 @@ for command in 'rule show -u alice -p ftp' 'rule list' 'policy show -p ftp' \
 done
 chmod 755 $conf
 
-((failed == 0)) || printf '%d checks failed\n' "$failed"
-exit $((failed > 0))
+finish

@@ -11,12 +11,15 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <unordered_map>
 
 #include "command.hpp"
+#include "output.hpp"
 
 namespace tool {
 
@@ -25,6 +28,7 @@ namespace {
 constexpr const char *kAddonDirectory = "/usr/zevo/etc/bandwidth/addon/";
 constexpr std::string_view kAddonSuffix = ".json";
 constexpr std::size_t kFirstBuffer = 4096;
+constexpr std::size_t kLongestEntry = std::size_t{1} << 20;
 
 template <typename Number> std::optional<Number> WholeNumber(std::string_view text)
 {
@@ -115,6 +119,50 @@ std::vector<Protocol> AnnouncedAddons()
     return addons;
 }
 
+// Names by id, each looked up once. A look-up reads the local file up to the entry, so that after a
+// few of them the whole file is read once instead.
+template <typename Entry> class NameBook {
+public:
+    using ById = int (*)(std::uint32_t, Entry *, char *, std::size_t, Entry **);
+    using NextOf = int (*)(FILE *, Entry *, char *, std::size_t, Entry **);
+    NameBook(ById byId, const char *file, NextOf next) : byId_(byId), file_(file), next_(next) {}
+
+    const std::string &NameOf(std::uint32_t id)
+    {
+        const auto [place, isNew] = names_.try_emplace(id, std::to_string(id));
+        if (!isNew || OutputStyle().numeric) return place->second;
+        if (++lookUps_ == kFewLookUps) ReadFile();
+        if (const auto known = local_.find(id); known != local_.end())
+            place->second = known->second;
+        else if (const auto account = Ask<Entry>(byId_, id))
+            place->second = account->name;
+        return place->second;
+    }
+
+private:
+    static constexpr int kFewLookUps = 8;
+
+    // An entry too long for the buffer ends the reading: those behind it are looked up one by one.
+    void ReadFile()
+    {
+        const std::unique_ptr<FILE, int (*)(FILE *)> file(std::fopen(file_, "re"), &std::fclose);
+        std::vector<char> buffer(kLongestEntry);
+        Entry entry{};
+        Entry *found = nullptr;
+        while (file && next_(file.get(), &entry, buffer.data(), buffer.size(), &found) == 0) {
+            const Account account = ToAccount(entry);
+            local_.emplace(account.id, account.name); // the first entry of an id counts
+        }
+    }
+
+    ById byId_;
+    const char *file_;
+    NextOf next_;
+    int lookUps_ = 0;
+    std::unordered_map<std::uint32_t, std::string> names_;
+    std::unordered_map<std::uint32_t, std::string> local_;
+};
+
 std::optional<std::string> NameInLibrary(std::int32_t number)
 {
     std::array<char, 256> name{};
@@ -159,16 +207,16 @@ Account CallingUser()
     return {uid, UserName(uid)};
 }
 
-std::string UserName(std::uint32_t uid)
+const std::string &UserName(std::uint32_t uid)
 {
-    const auto account = Ask<passwd>(::getpwuid_r, uid);
-    return account ? account->name : std::to_string(uid);
+    static NameBook<passwd> book(::getpwuid_r, "/etc/passwd", ::fgetpwent_r);
+    return book.NameOf(uid);
 }
 
-std::string GroupName(std::uint32_t gid)
+const std::string &GroupName(std::uint32_t gid)
 {
-    const auto account = Ask<group>(::getgrgid_r, gid);
-    return account ? account->name : std::to_string(gid);
+    static NameBook<group> book(::getgrgid_r, "/etc/group", ::fgetgrent_r);
+    return book.NameOf(gid);
 }
 
 std::int32_t FindProtocol(const std::string &name)

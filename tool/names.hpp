@@ -29,9 +29,10 @@ Account FindGroup(const std::string &nameOrId);
 // The user that runs the tool; a uid without an entry is its own name.
 Account CallingUser();
 
-// The owner's name, or the id in digits when the user database does not know it.
-std::string UserName(std::uint32_t uid);
-std::string GroupName(std::uint32_t gid);
+// The owner's name, or the id in digits when the user database does not know it or numeric ids are
+// asked for. Each is looked up once.
+const std::string &UserName(std::uint32_t uid);
+const std::string &GroupName(std::uint32_t gid);
 
 // One protocol by its exact name, add-ons included. Throws Failure with kNotFound that lists the
 // known ones; "all" is none.

@@ -20,6 +20,8 @@
 #include <string_view>
 #include <thread>
 
+#include <zevobandwidth.h>
+
 namespace tool {
 
 namespace {
@@ -105,6 +107,13 @@ void NotifyTransfers()
         const pid_t pid = ProcessId(entry->d_name);
         if (pid != 0 && pid != ::getpid()) Notify(pid, graceEnd);
     }
+}
+
+void NotifyServices()
+{
+    ZEVOBandwidthHupDocuhall();
+    static_cast<void>(ZEVOBandwidthHupWebDAV()); // it need not be running
+    NotifyTransfers();
 }
 
 } // namespace tool

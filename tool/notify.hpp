@@ -1,4 +1,4 @@
-// Tells running transfers of this tool that limits have changed.
+// Tells running services that limits have changed.
 #ifndef ZEVOBW_TOOL_NOTIFY_HPP
 #define ZEVOBW_TOOL_NOTIFY_HPP
 
@@ -7,6 +7,10 @@ namespace tool {
 // Sends SIGHUP to every other process named "zevobandwidth". Those that cannot be reached learn of
 // the change when they are started anew; nothing is reported.
 void NotifyTransfers();
+
+// The same, and the web file manager's workers and the WebDAV server. FTP and rsync services have no
+// way to be told: they read the limits anew with the next transfer.
+void NotifyServices();
 
 } // namespace tool
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "command.hpp"
+#include "output.hpp"
 
 namespace tool {
 
@@ -48,9 +49,21 @@ void AddChoice(CLI::App &command, const std::string &name, std::string &value,
     command.add_option(name, value, help)->type_name(type)->check(CLI::IsMember(names));
 }
 
-void AddJsonFlag(CLI::App &command, bool &isJson)
+void AddOutputOptions(CLI::App &command)
 {
-    command.add_flag("--json", isJson, "Print JSON rather than text");
+    Style &style = OutputStyle();
+    command.add_flag("--json", style.json, "Print JSON rather than text");
+    command.add_flag("-n,--numeric", style.numeric, "Print ids of users and groups, not names");
+    command.add_flag("--no-legend", style.noLegend, "Print no headlines and explanations");
+    command.add_flag("--no-color", style.noColor,
+                     "Print without colors, as with NO_COLOR in the environment");
+}
+
+void AddChangeOptions(CLI::App &command, ChangeOptions &change)
+{
+    command.add_flag("-N,--dry-run", change.isDryRun, "Print what would hold, and change nothing");
+    command.add_flag("--no-notify", change.isSilent,
+                     "Do not tell running services: they follow when they next read the limits");
 }
 
 } // namespace tool

@@ -30,8 +30,15 @@ CLI::Option *AddProtocolOption(CLI::App &command, std::string &protocol);
 void AddChoice(CLI::App &command, const std::string &name, std::string &value,
                const std::string &type, const ZEVO_BW_ENUM_ENTRY *table, const std::string &help);
 
-// --json.
-void AddJsonFlag(CLI::App &command, bool &isJson);
+// --json, -n, --no-legend, --no-color: into OutputStyle(). For every command that prints.
+void AddOutputOptions(CLI::App &command);
+
+// What every command that changes something takes.
+struct ChangeOptions {
+    bool isDryRun = false; // says what would hold, changes nothing
+    bool isSilent = false; // tells no service of the change
+};
+void AddChangeOptions(CLI::App &command, ChangeOptions &change);
 
 } // namespace tool
 

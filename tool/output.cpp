@@ -7,7 +7,10 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+
+#include <unistd.h>
 
 #include "command.hpp"
 
@@ -61,14 +64,36 @@ void AppendEscaped(std::string &out, std::string_view bytes)
     }
 }
 
-// Columns that a printable text takes, a character each: near enough for names.
+} // namespace
+
+Style &OutputStyle()
+{
+    static Style style;
+    return style;
+}
+
+bool UsesColor()
+{
+    const char *const noColor = std::getenv("NO_COLOR");
+    const char *const terminal = std::getenv("TERM");
+    const bool refused = OutputStyle().noColor || (noColor != nullptr && *noColor != '\0');
+    const bool able = terminal != nullptr && std::string_view(terminal) != "dumb";
+    return !refused && able && ::isatty(STDOUT_FILENO) == 1;
+}
+
+std::string Paint(Color color, const std::string &text)
+{
+    static constexpr std::array kCodes = {"1", "2", "31", "32", "33", "34", "35", "36", "7"};
+    if (!UsesColor()) return text;
+    return std::string("\033[") + kCodes[static_cast<std::size_t>(color)] + "m" + text + "\033[0m";
+}
+
+// A column for each character: near enough for names.
 std::size_t Width(std::string_view text)
 {
     const auto starts = [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80; };
     return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), starts));
 }
-
-} // namespace
 
 std::string Printable(std::string_view text)
 {
@@ -90,6 +115,7 @@ void Table::Print() const
 {
     std::vector<std::vector<std::string>> cells = rows_;
     std::vector<std::size_t> widths(rows_.front().size(), 0);
+    if (OutputStyle().noLegend) cells.erase(cells.begin());
     for (auto &row : cells) {
         for (std::size_t i = 0; i < row.size(); ++i) {
             row[i] = Printable(row[i]);

@@ -14,13 +14,34 @@ namespace tool {
 // Keys stay in the order in which the commands set them.
 using Json = nlohmann::ordered_json;
 
+// How this run prints. The options of the command line write it before the command runs.
+struct Style {
+    bool json = false;
+    bool numeric = false;  // ids instead of names of users and groups
+    bool noLegend = false; // no headlines, no explanations: for scripts
+    bool noColor = false;
+};
+Style &OutputStyle();
+
+// Standard output is a terminal that shows colors, and nobody has asked to do without: --no-color,
+// NO_COLOR, TERM=dumb.
+bool UsesColor();
+
+enum class Color { kBold, kDim, kRed, kGreen, kYellow, kBlue, kMagenta, kCyan, kInverse };
+
+// The text in that color where colors are used, else as it is. The text must be printable already.
+std::string Paint(Color color, const std::string &text);
+
 // Text from a file, from a user or from another process, fit for a terminal: valid UTF-8 stays;
 // control characters (C1 and direction marks too) and bytes that are no UTF-8 become \xHH, one
 // backslash per byte. Never holds a line end.
 std::string Printable(std::string_view text);
 
+// Columns that a printable text takes on a terminal.
+std::size_t Width(std::string_view text);
+
 // Columns of text under a headline, left-aligned but for those named; the last is never padded.
-// Cells pass through Printable().
+// Cells pass through Printable(). Without legend the headline is left out.
 class Table {
 public:
     explicit Table(std::vector<std::string> headline) : rows_{std::move(headline)} {}

@@ -40,7 +40,6 @@ constexpr std::array kChoices = {
 struct PolicyArguments {
     std::string protocol;
     std::array<std::string, kChoices.size()> values;
-    bool isJson = false;
 };
 
 std::string ChoiceText(const PolicyChoice &choice, const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
@@ -94,9 +93,9 @@ void SetPolicy(const PolicyArguments &arguments)
     ZEVO_BANDWIDTH_GLOBAL_CONF policy = ReadPolicy(FindProtocol(arguments.protocol));
     if (Apply(arguments, policy)) {
         WritePolicy(policy);
-        NotifyTransfers();
+        NotifyServices();
     }
-    if (arguments.isJson)
+    if (OutputStyle().json)
         PrintJson(ToJson(policy));
     else
         PrintLine(Printable(OneLine(policy)));
@@ -112,7 +111,7 @@ void AddSet(CLI::App &parent)
     for (std::size_t i = 0; i < kChoices.size(); ++i)
         AddChoice(*set, kChoices[i].option, arguments->values[i], i == 0 ? "STATE" : "POLICY",
                   kChoices[i].table, kChoices[i].help);
-    AddJsonFlag(*set, arguments->isJson);
+    AddOutputOptions(*set);
     set->footer("What is not named stays as it is; a new policy is enabled, user-first, max, max.\n"
                 "Running transfers follow at once.\n\nExamples:\n"
                 "  zevobandwidth policy set -p ftp\n"
@@ -125,7 +124,7 @@ void AddSet(CLI::App &parent)
 void ShowPolicy(const PolicyArguments &arguments)
 {
     const ZEVO_BANDWIDTH_GLOBAL_CONF policy = ReadPolicy(FindProtocol(arguments.protocol));
-    if (arguments.isJson) return PrintJson(ToJson(policy));
+    if (OutputStyle().json) return PrintJson(ToJson(policy));
     const auto print = [](std::string label, const std::string &value) {
         label.resize(13, ' ');
         PrintLine(Printable(label + value));
@@ -148,7 +147,7 @@ void AddShow(CLI::App &parent)
     const auto arguments = std::make_shared<PolicyArguments>();
     CLI::App *show = parent.add_subcommand("show", "Show a protocol's policy");
     AddProtocolOption(*show, arguments->protocol)->required();
-    AddJsonFlag(*show, arguments->isJson);
+    AddOutputOptions(*show);
     show->footer("Example:\n  zevobandwidth policy show -p ftp\n");
     show->callback([arguments] { ShowPolicy(*arguments); });
 }
@@ -171,12 +170,10 @@ void PrintPolicies(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies)
     table.Print();
 }
 
-void ListPolicies(const PolicyArguments &arguments)
+void ListPolicies()
 {
-    std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies;
-    for (const Protocol &protocol : KnownProtocols())
-        policies.push_back(ReadPolicy(protocol.number));
-    if (!arguments.isJson) return PrintPolicies(policies);
+    const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies = ReadPolicies();
+    if (!OutputStyle().json) return PrintPolicies(policies);
     Json json = Json::array();
     for (const auto &policy : policies)
         json.push_back(ToJson(policy));
@@ -185,11 +182,10 @@ void ListPolicies(const PolicyArguments &arguments)
 
 void AddList(CLI::App &parent)
 {
-    const auto arguments = std::make_shared<PolicyArguments>();
     CLI::App *list = parent.add_subcommand("list", "List the policies of all protocols");
-    AddJsonFlag(*list, arguments->isJson);
+    AddOutputOptions(*list);
     list->footer("Example:\n  zevobandwidth policy list --json\n");
-    list->callback([arguments] { ListPolicies(*arguments); });
+    list->callback([] { ListPolicies(); });
 }
 
 } // namespace

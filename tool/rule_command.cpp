@@ -41,7 +41,6 @@ struct RuleArguments {
     std::string protocol;
     std::array<std::optional<std::string>, kRates.size()> rates;
     std::string state;
-    bool isJson = false;
 };
 
 std::string StateText(const ZEVO_BANDWIDTH_CONF &rule)
@@ -152,8 +151,8 @@ void SetRule(const RuleArguments &arguments)
     ZEVO_BANDWIDTH_CONF rule = ReadRule(owner, protocol);
     Apply(change, rule);
     WriteRule(rule);
-    NotifyTransfers();
-    if (arguments.isJson)
+    NotifyServices();
+    if (OutputStyle().json)
         PrintJson(ToJson(owner, rule));
     else
         PrintLine(Printable(OneLine(owner, rule)));
@@ -172,7 +171,7 @@ void AddSet(CLI::App &parent)
         set->add_option(kRates[i].name, arguments->rates[i], kRates[i].help)->type_name("RATE");
     AddChoice(*set, "--state", arguments->state, "STATE", ZEVO_BW_STATE_LIST,
               "Whether the rule bears; a new rule is enabled");
-    AddJsonFlag(*set, arguments->isJson);
+    AddOutputOptions(*set);
     set->footer(std::string(kRateHelp) +
                 "\n\nWhat is not named stays as it is. Running transfers follow at once."
                 "\n\nExamples:\n"
@@ -187,7 +186,7 @@ void ShowRule(const RuleArguments &arguments)
 {
     const Owner owner = arguments.owner.Find();
     const ZEVO_BANDWIDTH_CONF rule = ReadRule(owner, FindProtocol(arguments.protocol));
-    if (arguments.isJson) return PrintJson(ToJson(owner, rule));
+    if (OutputStyle().json) return PrintJson(ToJson(owner, rule));
     const auto print = [](std::string label, const std::string &value) {
         label.resize(17, ' ');
         PrintLine(Printable(label + value));
@@ -207,7 +206,7 @@ void AddShow(CLI::App &parent)
     CLI::App *show = parent.add_subcommand("show", "Show one rule");
     AddOwnerOption(*show, arguments->owner);
     AddProtocolOption(*show, arguments->protocol)->required();
-    AddJsonFlag(*show, arguments->isJson);
+    AddOutputOptions(*show);
     show->footer("Examples:\n"
                  "  zevobandwidth rule show -u alice -p ftp\n"
                  "  zevobandwidth rule show -g staff -p rsync --json\n");
@@ -215,38 +214,6 @@ void AddShow(CLI::App &parent)
 }
 
 // ---- list ----
-
-struct StoredRule {
-    Owner owner;
-    ZEVO_BANDWIDTH_CONF rule;
-};
-
-std::vector<std::int32_t> ProtocolsToList(const std::string &name)
-{
-    if (!name.empty()) return {FindProtocol(name)};
-    std::vector<std::int32_t> numbers;
-    for (const Protocol &protocol : KnownProtocols())
-        numbers.push_back(protocol.number);
-    return numbers;
-}
-
-// Every rule that can be read. One that cannot is told at once and counted in failures.
-std::vector<StoredRule> CollectRules(const std::string &protocolName, int &failures)
-{
-    std::vector<StoredRule> rules;
-    for (const std::int32_t protocol : ProtocolsToList(protocolName)) {
-        for (const Owner &owner : OwnersOfRules(protocol)) {
-            try {
-                rules.push_back({owner, ReadRule(owner, protocol)});
-            } catch (const Failure &failure) {
-                if (failure.status() != kFailed) throw;
-                PrintNote(std::string("zevobandwidth: ") + failure.what());
-                ++failures;
-            }
-        }
-    }
-    return rules;
-}
 
 void PrintRules(const std::vector<StoredRule> &rules)
 {
@@ -270,8 +237,8 @@ void PrintRules(const std::vector<StoredRule> &rules)
 void ListRules(const RuleArguments &arguments)
 {
     int failures = 0;
-    const std::vector<StoredRule> rules = CollectRules(arguments.protocol, failures);
-    if (arguments.isJson) {
+    const std::vector<StoredRule> rules = ReadRules(ProtocolsToList(arguments.protocol), failures);
+    if (OutputStyle().json) {
         Json json = Json::array();
         for (const auto &[owner, rule] : rules)
             json.push_back(ToJson(owner, rule));
@@ -289,7 +256,7 @@ void AddList(CLI::App &parent)
     const auto arguments = std::make_shared<RuleArguments>();
     CLI::App *list = parent.add_subcommand("list", "List the stored rules");
     AddProtocolOption(*list, arguments->protocol);
-    AddJsonFlag(*list, arguments->isJson);
+    AddOutputOptions(*list);
     list->footer("Examples:\n"
                  "  zevobandwidth rule list\n"
                  "  zevobandwidth rule list -p ftp --json\n");

@@ -17,6 +17,7 @@
 #include <zevocore.h>
 
 #include "command.hpp"
+#include "output.hpp"
 
 namespace tool {
 
@@ -164,6 +165,8 @@ void WritePolicy(ZEVO_BANDWIDTH_GLOBAL_CONF policy)
     throw Failure(kFailed, "the policy cannot be stored: " + reason);
 }
 
+namespace {
+
 std::vector<Owner> OwnersOfRules(std::int32_t protocol)
 {
     const std::string path = ConfPath(protocol);
@@ -189,6 +192,42 @@ std::vector<Owner> OwnersOfRules(std::int32_t protocol)
                std::tie(b.type, b.account.name, b.account.id);
     });
     return owners;
+}
+
+} // namespace
+
+std::vector<StoredRule> ReadRules(const std::vector<std::int32_t> &protocols, int &failures)
+{
+    std::vector<StoredRule> rules;
+    for (const std::int32_t protocol : protocols) {
+        for (const Owner &owner : OwnersOfRules(protocol)) {
+            try {
+                rules.push_back({owner, ReadRule(owner, protocol)});
+            } catch (const Failure &failure) {
+                if (failure.status() != kFailed) throw;
+                PrintNote(std::string("zevobandwidth: ") + failure.what());
+                ++failures;
+            }
+        }
+    }
+    return rules;
+}
+
+std::vector<std::int32_t> ProtocolsToList(const std::string &name)
+{
+    if (!name.empty()) return {FindProtocol(name)};
+    std::vector<std::int32_t> numbers;
+    for (const Protocol &protocol : KnownProtocols())
+        numbers.push_back(protocol.number);
+    return numbers;
+}
+
+std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> ReadPolicies()
+{
+    std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies;
+    for (const std::int32_t protocol : ProtocolsToList(""))
+        policies.push_back(ReadPolicy(protocol));
+    return policies;
 }
 
 bool HasWholePlan(const char *plan)

@@ -28,9 +28,20 @@ void WriteRule(const ZEVO_BANDWIDTH_CONF &rule);
 ZEVO_BANDWIDTH_GLOBAL_CONF ReadPolicy(std::int32_t protocol);
 void WritePolicy(ZEVO_BANDWIDTH_GLOBAL_CONF policy);
 
-// The owners of a protocol's stored rules, users before groups, each by name; one that the user
-// database does not know bears its id as name.
-std::vector<Owner> OwnersOfRules(std::int32_t protocol);
+struct StoredRule {
+    Owner owner; // bears its id as name when the user database does not know it
+    ZEVO_BANDWIDTH_CONF rule;
+};
+
+// All rules of these protocols: by protocol as given, users before groups, each by name. One that
+// cannot be read is told on standard error and counted in failures.
+std::vector<StoredRule> ReadRules(const std::vector<std::int32_t> &protocols, int &failures);
+
+// The protocol of that name, or all known ones when it is empty. Throws Failure as FindProtocol().
+std::vector<std::int32_t> ProtocolsToList(const std::string &name);
+
+// The policies of all known protocols, those not stored included.
+std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> ReadPolicies();
 
 // Hours a plan covers when it is whole.
 inline constexpr std::size_t kHoursOfWeek = 168;

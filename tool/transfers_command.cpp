@@ -33,7 +33,6 @@ constexpr std::int32_t kEveryProtocol = -1;
 
 struct TransfersArguments {
     OwnerOption owner;
-    bool isJson = false;
 };
 
 // Records without their links; names are looked up once each.
@@ -46,11 +45,9 @@ public:
     int failures() const noexcept { return failures_; }
 
 private:
-    const std::string &UserOf(const ZEVO_BANDWIDTH_STATUS &status) const;
     const std::string &ProtocolOf(const ZEVO_BANDWIDTH_STATUS &status) const;
 
     std::vector<std::unique_ptr<ZEVO_BANDWIDTH_STATUS>> all_;
-    mutable std::map<std::uint32_t, std::string> users_;
     mutable std::map<std::uint32_t, std::string> protocols_;
     int failures_ = 0;
 };
@@ -71,13 +68,6 @@ void Transfers::Read(std::int32_t ownerType, std::uint32_t id)
     ZEVOBandwidthStatusListFree(&list);
 }
 
-const std::string &Transfers::UserOf(const ZEVO_BANDWIDTH_STATUS &status) const
-{
-    const auto [place, isNew] = users_.try_emplace(status.uid);
-    if (isNew) place->second = UserName(status.uid);
-    return place->second;
-}
-
 const std::string &Transfers::ProtocolOf(const ZEVO_BANDWIDTH_STATUS &status) const
 {
     const auto [place, isNew] = protocols_.try_emplace(status.protocol_type);
@@ -87,9 +77,9 @@ const std::string &Transfers::ProtocolOf(const ZEVO_BANDWIDTH_STATUS &status) co
 
 void Transfers::Sort()
 {
-    std::sort(all_.begin(), all_.end(), [this](const auto &a, const auto &b) {
-        return std::tie(UserOf(*a), a->protocol_type, a->transfer_type, a->pid) <
-               std::tie(UserOf(*b), b->protocol_type, b->transfer_type, b->pid);
+    std::sort(all_.begin(), all_.end(), [](const auto &a, const auto &b) {
+        return std::tie(UserName(a->uid), a->protocol_type, a->transfer_type, a->pid) <
+               std::tie(UserName(b->uid), b->protocol_type, b->transfer_type, b->pid);
     });
 }
 
@@ -105,7 +95,7 @@ void Transfers::PrintTable() const
     for (std::size_t column = 3; column < 7; ++column)
         table.AlignRight(column);
     for (const auto &status : all_)
-        table.AddRow({UserOf(*status), ProtocolOf(*status), DirectionOf(*status),
+        table.AddRow({UserName(status->uid), ProtocolOf(*status), DirectionOf(*status),
                       std::to_string(status->pid), FormatSpeed(status->current_speed),
                       FormatAllowedSpeed(status->expect_speed), FormatProgress(status->progress),
                       status->filename});
@@ -118,7 +108,7 @@ void Transfers::PrintAsJson() const
     for (const auto &status : all_) {
         const bool limited = status->expect_speed != 0;
         json.push_back(
-            {{"user", UserOf(*status)},
+            {{"user", UserName(status->uid)},
              {"uid", status->uid},
              {"protocol", ProtocolOf(*status)},
              {"direction", DirectionOf(*status)},
@@ -182,7 +172,7 @@ void ListTransfers(const TransfersArguments &arguments)
             transfers.Read(ZEVO_BW_OWNER_USER, uid);
     }
     transfers.Sort();
-    if (arguments.isJson)
+    if (OutputStyle().json)
         transfers.PrintAsJson();
     else
         transfers.PrintTable();
@@ -196,7 +186,7 @@ void AddTransfersCommand(CLI::App &app)
     const auto arguments = std::make_shared<TransfersArguments>();
     CLI::App *command = app.add_subcommand("transfers", "List the limited transfers that run now");
     AddOwnerOption(*command, arguments->owner);
-    AddJsonFlag(*command, arguments->isJson);
+    AddOutputOptions(*command);
     command->footer(
         "Upload is from the client to this server, download from this server to the client.\n"
         "With -g: the transfers charged to the group, with the part of the speed that it bears.\n"

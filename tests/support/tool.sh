@@ -1,0 +1,56 @@
+# Shared by the tests of the tool's commands, which source it first thing. They run in the sandbox,
+# whose test users they name; the tool's path is in ZEVOBW_TOOL.
+# shellcheck shell=bash
+set -u
+
+if [[ ${ZEVOBW_SANDBOX-} != 1 || ! -x ${ZEVOBW_TOOL-} ]]; then
+    echo 'run me through tests/support/sandbox, with ZEVOBW_TOOL set' >&2
+    exit 77
+fi
+
+readonly conf=/usr/zevo/etc/bandwidth
+readonly running=/tmp/bandwidth
+failed=0
+status=0
+
+# zevo ARG...: runs the tool; its results lie in /tmp/out, /tmp/err and $status.
+zevo() {
+    status=0
+    "$ZEVOBW_TOOL" "$@" >/tmp/out 2>/tmp/err </dev/null || status=$?
+}
+
+fail() {
+    printf 'line %s: %s\n' "${BASH_LINENO[1]}" "$1"
+    sed 's/^/    /' /tmp/out /tmp/err
+    failed=$((failed + 1))
+}
+
+exits() { ((status == $1)) || fail "exit status $status instead of $1"; }
+prints() { [[ $(cat /tmp/out) == "$1" ]] || fail "not printed: $1"; }
+out_has() { grep -qF -- "$1" /tmp/out || fail "missing on standard output: $1"; }
+err_has() { grep -qF -- "$1" /tmp/err || fail "missing on standard error: $1"; }
+err_lacks() { ! grep -qF -- "$1" /tmp/err || fail "not expected on standard error: $1"; }
+silent() { [[ ! -s /tmp/err ]] || fail 'something on standard error'; }
+same() { [[ $1 == "$2" ]] || fail "'$1' instead of '$2'"; }
+
+# refused STATUS TEXT ARG...: the command fails so, prints nothing and changes no file.
+refused() {
+    local want=$1 text=$2 before
+    shift 2
+    before=$(cat $conf/* 2>&1)
+    zevo "$@"
+    exits "$want"
+    err_has "$text"
+    [[ ! -s /tmp/out ]] || fail 'a refused command printed a result'
+    same "$(cat $conf/* 2>&1)" "$before"
+}
+
+wipe() {
+    rm -rf /usr/zevo $running
+}
+
+# The last line of a test.
+finish() {
+    ((failed == 0)) || printf '%d checks failed\n' "$failed"
+    exit $((failed > 0))
+}
