@@ -36,10 +36,10 @@
  *  - Upload is from the client to this server, download from this server to the client.
  *  - Any thread may call any function; a record belongs to one thread at a time. Nothing may be
  *    called from a signal handler. A cancellation of the calling thread waits until the function
- *    returns. No exception leaves a function, nothing is written to stdout or stderr, no signal
- *    handler (but for ZEVOBandwidthSimulate()), thread, locale or environment variable is touched. Descriptors are closed on exec and
- *    above 2; only the system log's own, which libc opens, may fall below in a host that has closed
- *    its standard streams.
+ *    returns. No exception leaves a function, nothing is written to stdout or stderr, no thread,
+ *    locale, environment variable or, but for ZEVOBandwidthSimulate(), signal handler is touched.
+ *    Descriptors are closed on exec and above 2; only the system log's own, which libc opens, may
+ *    fall below in a host that has closed its standard streams.
  */
 #ifndef ZEVOBANDWIDTH_H
 #define ZEVOBANDWIDTH_H
@@ -419,8 +419,9 @@ ZEVO_BW_API int ZEVOBandwidthGlobalConfGet(int32_t protocol_type,
 /**
  * Stores a policy under its protocolType and sends SIGHUP to every process named "zevobandwidth",
  * the caller included if it bears that name.
- * @param pConf  ZEVO_BW_PROTOCOL_ALL is refused; a state of NotExisted is turned into disabled, here and in the file: a policy that
- *               was read without being stored and is written back switches the limits off
+ * @param pConf  ZEVO_BW_PROTOCOL_ALL is refused; a state of NotExisted is turned into disabled,
+ *               here and in the file: a policy that was read without being stored and is written
+ *               back switches the limits off
  * @return       0, or -1 on failure, the stored policy as it was
  * Errors, Threads: as ZEVOBandwidthConfSetByID(); runs and awaits a program.
  */
@@ -428,10 +429,10 @@ ZEVO_BW_API int ZEVOBandwidthGlobalConfSet(ZEVO_BANDWIDTH_GLOBAL_CONF *pConf) ZE
 
 /* ---- rules and policies as tables ----
  *
- * Print a header, and a line for each record, to a stream of the caller's. Results are 0, or -1 with
- * nothing written; whether the stream took it, ferror() and fflush() tell. A value without a name
- * prints as "-". Errors: 0x0D00, 0x0200, or as the user database left them. Any thread; the stream's
- * own lock keeps lines whole. The decimal point is a point in every locale.
+ * Print a header, and a line for each record, to a byte-oriented stream of the caller's. Results
+ * are 0, or -1 with nothing written; whether the stream took it, ferror() and fflush() tell. A value
+ * without a name prints as "-". Errors: 0x0D00, 0x0200, or as the user database left them. Any
+ * thread; the stream's own lock keeps lines whole.
  */
 
 ZEVO_BW_API int ZEVOBandwidthConfDumpHeader(FILE *fp) ZEVO_BW_NOEXCEPT;
@@ -443,7 +444,8 @@ ZEVO_BW_API int ZEVOBandwidthConfDump(FILE *fp, const ZEVO_BANDWIDTH_CONF *pConf
 
 ZEVO_BW_API int ZEVOBandwidthGlobalConfDumpHeader(FILE *fp) ZEVO_BW_NOEXCEPT;
 
-/** State, protocol, the three policies and the plan. A protocol without a name fails. */
+/** State, protocol, the three policies and the plan. A protocol without a name fails, with the
+ *  errors of ZEVOBandwidthEnumToName(). */
 ZEVO_BW_API int
 ZEVOBandwidthGlobalConfDump(FILE *fp, const ZEVO_BANDWIDTH_GLOBAL_CONF *pConf) ZEVO_BW_NOEXCEPT;
 
@@ -606,8 +608,8 @@ ZEVO_BW_API int ZEVOBandwidthStatusAddSection(const char *szFile, const char *sz
  * 30 seconds old are removed from the file, whatever the masks.
  * DANGER: a path with a "." anywhere in it is taken for a leftover temporary file: it is deleted
  * when it was last modified more than 10 seconds ago, and 0 is returned.
- * @param protocol_mask  a record passes when its protocol number has a bit in common; add-on numbers
- *                       are no bits but are compared the same way; -1 passes all but 0
+ * @param protocol_mask  a record passes when its protocol number has a bit in common; add-on
+ *                       numbers are no bits but are compared the same way; -1 passes all but 0
  * @param transfer_mask  likewise; 3 for both directions
  * @param pStatusList    in: address of a NULL head; out: the list, untouched when nothing is found
  * @param blMerge        1 gives one record for each protocol and direction with the sums of the
@@ -650,8 +652,10 @@ ZEVO_BW_API int ZEVOBandwidthStatusGet(int32_t owner_type, uint32_t id, int32_t 
 /**
  * Prints one transfer as a line of a table without a header: owner of the copy, protocol,
  * direction, process, time of the last save, allowed and measured speed in KB/s, progress in
- * percent, file name. The name is printed as it is: it may hold anything but NUL.
- * @return  0, or -1 with nothing written; whether the stream took it, ferror() tells
+ * percent, file name. The file name is printed as it is: it may hold anything but NUL. A protocol
+ * or direction without a name prints as "-"; whoever is no user is looked up among the groups.
+ * @param fp  byte-oriented
+ * @return    0, or -1 with nothing written; whether the stream took it, ferror() tells
  * Errors:  0x0D00, 0x0200; an owner whom the user database does not know fails, too.
  * Threads: any. The decimal point is a point in every locale.
  */
@@ -808,13 +812,17 @@ ZEVO_BW_API int ZEVOBandwidthPreview(uint32_t uid, int32_t protocol_type,
 
 /**
  * Plays out a transfer without data, in blocks of 64 KB: it sleeps, is listed and shares the limits
- * as a real one would. Replaces the process's SIGHUP handler for good; a process that plays out one
- * at a time and is named "zevobandwidth" is reached by ZEVOBandwidthHupSimulator().
- * @param sizeKB  size in KB; 0 registers the transfer and removes it again
- * @return        0 when it was played out; -1 on failure, also when it was stopped: its sections may
- *                be left then, and go stale
+ * as a real one would. Replaces the process's SIGHUP handler for good, so that the library must
+ * stay loaded; a process named "zevobandwidth" is reached by ZEVOBandwidthHupSimulator().
+ * @param szUserName     transferring user
+ * @param protocol_type  one protocol; ZEVO_BW_PROTOCOL_ALL is refused
+ * @param transfer_type  upload or download, nothing else
+ * @param sizeKB         size in KB; 0 registers the transfer and removes it again
+ * @return               0 when it was played out; -1 on failure, also when it was stopped: its
+ *                       sections may be left then, and go stale
  * Errors:  as the functions of a transfer's life, or as the user database left them.
- * Threads: any, one at a time in a process; returns when the transfer is over.
+ * Threads: any, one at a time in a process; returns when the transfer is over. A notice that
+ *          another thread receives is taken with the next block only.
  */
 ZEVO_BW_API int ZEVOBandwidthSimulate(const char *szUserName, int32_t protocol_type,
                                       int32_t transfer_type, uint64_t sizeKB) ZEVO_BW_NOEXCEPT;

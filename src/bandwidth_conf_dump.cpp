@@ -8,42 +8,6 @@
 
 using namespace bandwidth;
 
-namespace {
-
-// The database's entry for the owner of a rule, for as long as its name is printed.
-class OwnerName {
-public:
-    int Find(const ZEVO_BANDWIDTH_CONF &conf) noexcept
-    {
-        switch (conf.ownerType) {
-        case ZEVO_BW_OWNER_USER: {
-            ZEVO_USER *pUser = nullptr;
-            if (::ZEVOUserGetByUID(conf.id, &pUser) < 0)
-                return BW_PASS("Get User failed. id:[%u] ", conf.id);
-            user_.reset(pUser);
-            return 0;
-        }
-        case ZEVO_BW_OWNER_GROUP: {
-            ZEVO_GROUP *pGroup = nullptr;
-            if (::ZEVOGroupGetByGID(conf.id, &pGroup) < 0)
-                return BW_PASS("Get Group failed. id:[%u] ", conf.id);
-            group_.reset(pGroup);
-            return 0;
-        }
-        default:
-            BW_LOG("Unknown conf type. id:[%u] ", conf.id);
-            return BW_FAIL(ZEVO_BW_ERROR_OWNER_TYPE);
-        }
-    }
-    const char *get() const noexcept { return user_ ? user_->szName : group_->szName; }
-
-private:
-    User user_;
-    Group group_;
-};
-
-} // namespace
-
 int ZEVOBandwidthConfDumpHeader(FILE *fp) noexcept
 {
     const CancelScope cancel;
@@ -59,8 +23,15 @@ int ZEVOBandwidthConfDump(FILE *fp, const ZEVO_BANDWIDTH_CONF *pConf) noexcept
     BW_REQUIRE(fp != nullptr, "((void *)0) != fp");
     BW_REQUIRE(pConf != nullptr, "NULL != pConf");
 
-    OwnerName name;
-    if (name.Find(*pConf) < 0) return BW_PASS_UNLOGGED;
+    const bool isUser = pConf->ownerType == ZEVO_BW_OWNER_USER;
+    if (!isUser && pConf->ownerType != ZEVO_BW_OWNER_GROUP) {
+        BW_LOG("Unknown conf type. id:[%u] ", pConf->id);
+        return BW_FAIL(ZEVO_BW_ERROR_OWNER_TYPE);
+    }
+    const OwnerName name(isUser, pConf->id);
+    if (!name)
+        return isUser ? BW_PASS("Get User failed. id:[%u] ", pConf->id)
+                      : BW_PASS("Get Group failed. id:[%u] ", pConf->id);
     Hash hash;
     if (!hash) return BW_PASS("VLIBCSzHashAlloc failed.");
     if (::ZEVOBandwidthInitHashFromConf(hash.address(), pConf) < 0)

@@ -1,5 +1,5 @@
-// The speeds that the rules and policies leave a user on a protocol, before any transfer runs. Reads
-// the configuration only: running transfers are not counted.
+// The speeds that the rules and policies leave a user on a protocol, before any transfer runs.
+// Reads the configuration only: running transfers are not counted.
 
 #include "bandwidth_frame.hpp"
 #include "bandwidth_guard.hpp"

@@ -4,6 +4,7 @@
 
 #include "bandwidth_frame.hpp"
 #include "bandwidth_guard.hpp"
+#include "bandwidth_speed.hpp"
 
 #include <csignal>
 #include <cstdio>
@@ -15,10 +16,10 @@ using namespace bandwidth;
 namespace {
 
 constexpr uint64_t kBlockKB = 64;
-constexpr uint64_t kBytesPerKB = 1024;
 constexpr double kWholeProgress = 10000.0;
 
-// Written by the signal handler, read and cleared by the loop below, in whichever thread it runs.
+// Written by the signal handler, read and cleared by the loop below. A notice that another thread
+// of the process receives does not cut the sleep short and is taken with the next block.
 volatile std::sig_atomic_t hupReceived = 0;
 
 void NoteHup(int)
@@ -26,7 +27,7 @@ void NoteHup(int)
     hupReceived = 1;
 }
 
-// A SIGHUP cuts a sleep short, hence no SA_RESTART.
+// No flags, as every receiver of notices sets its handler.
 void CatchHup() noexcept
 {
     struct sigaction action = {};
@@ -39,7 +40,6 @@ void CatchHup() noexcept
 // The transfer from its registration on.
 struct Simulation {
     const char *szUser;
-    char szFile[ZEVO_BW_FILENAME_SIZE];
     ZEVO_BANDWIDTH_STATUS status;
     uint64_t timeLast;
 };
@@ -52,7 +52,7 @@ int PlayOut(Simulation &simulation, ZEVO_BANDWIDTH_CONFIG *pConfig, uint64_t siz
             hupReceived = 0;
             if (::ZEVOBandwidthHupRecv(pConfig, &simulation.status, &simulation.timeLast) < 0)
                 return BW_PASS("Hup recv failed. user:[%s] file:[%s] ", simulation.szUser,
-                               simulation.szFile);
+                               simulation.status.filename);
         }
         sentKB += kBlockKB;
         const auto progress = static_cast<uint32_t>(static_cast<double>(sentKB) * kWholeProgress /
@@ -60,7 +60,7 @@ int PlayOut(Simulation &simulation, ZEVO_BANDWIDTH_CONFIG *pConfig, uint64_t siz
         if (::ZEVOBandwidthSleepInLoop(pConfig, kBlockKB * kBytesPerKB, progress,
                                        &simulation.timeLast, &simulation.status) < 0)
             return BW_PASS("Connection was closed. user:[%s] file:[%s] ", simulation.szUser,
-                           simulation.szFile);
+                           simulation.status.filename);
     }
     return 0;
 }
@@ -80,13 +80,12 @@ int ZEVOBandwidthSimulate(const char *szUserName, int32_t protocol_type, int32_t
         return BW_PASS("ZEVOUserGetUGID failed. user:[%s] ", szUserName);
     if (::ZEVOBandwidthConfigGet(uid, protocol_type, config.get()) < 0)
         return BW_PASS("ZEVOBandwidthConfigGet failed. uid:[%u] ", uid);
-    (void)std::snprintf(simulation.szFile, sizeof(simulation.szFile),
-                        "/volume1/public/%d-%d-%d-%zu", ::getpid(), protocol_type, transfer_type,
-                        static_cast<size_t>(sizeKB));
-    if (::ZEVOBandwidthStatusInit(config.get(), transfer_type, simulation.szFile,
-                                  &simulation.timeLast, &simulation.status) < 0)
-        return BW_PASS("ZEVOBandwidthStatusInit failed. user:[%s] file:[%s] ", szUserName,
-                       simulation.szFile);
+    char szFile[128];
+    (void)std::snprintf(szFile, sizeof(szFile), "/volume1/public/%d-%d-%d-%zu", ::getpid(),
+                        protocol_type, transfer_type, static_cast<size_t>(sizeKB));
+    if (::ZEVOBandwidthStatusInit(config.get(), transfer_type, szFile, &simulation.timeLast,
+                                  &simulation.status) < 0)
+        return BW_PASS("ZEVOBandwidthStatusInit failed. user:[%s] file:[%s] ", szUserName, szFile);
     if (PlayOut(simulation, config.get(), sizeKB) < 0) return BW_PASS_UNLOGGED;
     if (::ZEVOBandwidthStatusRemove(config.get(), static_cast<uint32_t>(transfer_type)) < 0)
         return BW_PASS("ZEVOBandwidthStatusRemove failed. uid:[%u] ", uid);

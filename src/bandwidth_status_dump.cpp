@@ -2,6 +2,7 @@
 
 #include "bandwidth_dump.hpp"
 #include "bandwidth_frame.hpp"
+#include "bandwidth_speed.hpp"
 
 #include <charconv>
 #include <cstdio>
@@ -10,10 +11,8 @@ using namespace bandwidth;
 
 namespace {
 
-constexpr double kKBPerByte = 0.0009765625; // 1 / 1024
-
-// A number with two decimals. Printed by hand of the library rather than by printf, so that a host's
-// decimal comma does not get into the table.
+// A number with two decimals, made by to_chars rather than printf: a host's decimal comma must not
+// get into the table.
 class TwoDecimals {
 public:
     explicit TwoDecimals(double value) noexcept
@@ -29,7 +28,7 @@ private:
 
 TwoDecimals InKB(uint64_t bytes) noexcept
 {
-    return TwoDecimals(static_cast<double>(bytes) * kKBPerByte);
+    return TwoDecimals(static_cast<double>(bytes) / kBytesPerKB);
 }
 
 } // namespace
@@ -40,23 +39,19 @@ int ZEVOBandwidthStatusDump(FILE *fp, const ZEVO_BANDWIDTH_STATUS *pStatus) noex
     BW_REQUIRE(fp != nullptr, "((void *)0) != fp");
     BW_REQUIRE(pStatus != nullptr, "NULL != pStatus");
 
-    ZEVO_USER *pUser = nullptr;
-    ZEVO_GROUP *pGroup = nullptr;
     const bool isUser = pStatus->owner_type == ZEVO_BW_OWNER_USER;
-    if (isUser && ::ZEVOUserGetByUID(pStatus->id, &pUser) < 0)
-        return BW_PASS("ZEVOUserGetByUID failed. [%u] ", pStatus->id);
-    const User user(pUser);
-    if (!isUser && ::ZEVOGroupGetByGID(pStatus->id, &pGroup) < 0)
-        return BW_PASS("ZEVOGroupGetByGID failed. [%u] ", pStatus->id);
-    const Group group(pGroup);
+    const OwnerName name(isUser, pStatus->id);
+    if (!name)
+        return isUser ? BW_PASS("ZEVOUserGetByUID failed. [%u] ", pStatus->id)
+                      : BW_PASS("ZEVOGroupGetByGID failed. [%u] ", pStatus->id);
     Hash hash;
     if (!hash) return BW_PASS("VLIBCSzHashAlloc failed.");
     if (::ZEVOBandwidthInitHashFromStatus(hash.address(), pStatus) < 0)
         return BW_PASS("Init hash from status failed. ");
 
-    (void)std::fprintf(fp, "%30s %10s %10s %5u %10u %10s %10s %3s %s\n",
-                       isUser ? user->szName : group->szName, Column(hash, "protocol type"),
-                       Column(hash, "transfer type"), static_cast<unsigned>(pStatus->pid),
+    (void)std::fprintf(fp, "%30s %10s %10s %5u %10u %10s %10s %s %s\n", name.get(),
+                       Column(hash, "protocol type"), Column(hash, "transfer type"),
+                       static_cast<unsigned>(pStatus->pid),
                        static_cast<unsigned>(pStatus->timestamp), InKB(pStatus->expect_speed).get(),
                        InKB(pStatus->current_speed).get(),
                        TwoDecimals(pStatus->progress / 100.0).get(), pStatus->filename);

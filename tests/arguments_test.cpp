@@ -96,6 +96,22 @@ TEST_F(Arguments, RulesAndPolicies)
         {CALL((policy.protocolType = 15, ZEVOBandwidthGlobalConfSet(&policy))), kNotAll}});
 }
 
+TEST_F(Arguments, Tables)
+{
+    constexpr char kNoStream[] = "((void *)0) != fp";
+    ExpectRefused("bandwidth_conf_dump.cpp", {
+        {CALL(ZEVOBandwidthConfDumpHeader(nullptr)), kNoStream},
+        {CALL(ZEVOBandwidthConfDump(nullptr, nullptr)), kNoStream},
+        {CALL(ZEVOBandwidthConfDump(stdout, nullptr)), "NULL != pConf"}});
+    ExpectRefused("bandwidth_global_conf_dump.cpp", {
+        {CALL(ZEVOBandwidthGlobalConfDumpHeader(nullptr)), kNoStream},
+        {CALL(ZEVOBandwidthGlobalConfDump(nullptr, nullptr)), kNoStream},
+        {CALL(ZEVOBandwidthGlobalConfDump(stdout, nullptr)), "NULL != pConf"}});
+    ExpectRefused("bandwidth_status_dump.cpp", {
+        {CALL(ZEVOBandwidthStatusDump(nullptr, nullptr)), kNoStream},
+        {CALL(ZEVOBandwidthStatusDump(stdout, nullptr)), "NULL != pStatus"}});
+}
+
 TEST_F(Arguments, Configurations)
 {
     ExpectRefused("bandwidth_config_get.cpp", {

@@ -1,6 +1,7 @@
 // The tables of rules, policies and transfers, byte for byte.
 #include "library_box.hpp"
 
+#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 
@@ -116,6 +117,21 @@ TEST_F(Dump, TransfersHaveTwoDecimalsAndNoSign)
               "                         staff        ftp     upload 4294967295 4294967295 "
               "18014398509481984.00       0.50 0.00 /a file\n");
     EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
+TEST_F(Dump, ADecimalCommaOfTheHostDoesNotGetIn)
+{
+    ASSERT_EQ(std::system("mkdir -p /tmp/locale && cd /tmp/locale && printf 'LC_NUMERIC\\n"
+                          "decimal_point \"<U002C>\"\\nthousands_sep \"\"\\ngrouping -1\\n"
+                          "END LC_NUMERIC\\n' >comma && localedef -c -i comma ./xx_XX 2>/dev/null; "
+                          "test -e xx_XX/LC_NUMERIC"),
+              0);
+    ::setenv("LOCPATH", "/tmp/locale", 1);
+    ASSERT_NE(std::setlocale(LC_NUMERIC, "xx_XX"), nullptr);
+    ASSERT_STREQ(std::localeconv()->decimal_point, ",");
+    const ZEVO_BANDWIDTH_STATUS status = Record({.speed = 512, .expect = 768});
+    EXPECT_THAT(Written(ZEVOBandwidthStatusDump, &status), HasSubstr(" 0.75       0.50 0.00 "));
+    std::setlocale(LC_NUMERIC, "C");
 }
 
 TEST_F(Dump, WhoeverIsNotKnownIsLoggedAndNothingIsWritten)

@@ -117,12 +117,15 @@ protected:
 TEST_F(Simulation, IsRegisteredHeldAndRemoved)
 {
     std::string during;
+    std::string last;
     Before(Call::Sleep, 2, [&] { during = box.Read("user-2001"); });
+    Before(Call::Rename, 3, [&] { last = box.Read("user-2001"); }); // the removal
     EXPECT_EQ(Run(100), 0);
     EXPECT_THAT(Sleeps(), ElementsAre(999'999, 999'999));
     EXPECT_THAT(during, HasSubstr("filename=" + File(100) + "\n"));
     EXPECT_THAT(during, HasSubstr("expect speed=65536\n"));
     EXPECT_THAT(during, HasSubstr("progress=6400\n"));
+    EXPECT_THAT(last, HasSubstr("progress=12800\n")) << "the last block overshoots";
     EXPECT_FALSE(IsListed());
     EXPECT_THAT(TakeLog(), IsEmpty());
 }
@@ -178,7 +181,7 @@ TEST_F(Simulation, SaysWhatKeptItFromRunning)
                                       "user:[alice] file:[/volume1/public/"));
     EXPECT_THAT(box.Files(), IsEmpty());
 
-    // The last block's save is the third rename; what follows is the removal.
+    // The two blocks' saves are the first two renames, the third is the removal.
     standins::FailNth(Call::Rename, 3, EACCES);
     EXPECT_EQ(Run(128), -1);
     EXPECT_EQ(LastLine(), "bandwidth_simulate.cpp:# ZEVOBandwidthStatusRemove failed. uid:[2001] "
