@@ -230,11 +230,6 @@ std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> ReadPolicies()
     return policies;
 }
 
-bool HasWholePlan(const char *plan)
-{
-    return std::strlen(plan) == kHoursOfWeek;
-}
-
 std::string WhyNothingIsLimited(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
 {
     const std::string name = ProtocolName(policy.protocolType);

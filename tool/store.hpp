@@ -10,6 +10,7 @@
 #include <zevobandwidth.h>
 
 #include "names.hpp"
+#include "plan.hpp"
 
 namespace tool {
 
@@ -42,10 +43,6 @@ std::vector<std::int32_t> ProtocolsToList(const std::string &name);
 
 // The policies of all known protocols, those not stored included.
 std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> ReadPolicies();
-
-// Hours a plan covers when it is whole.
-inline constexpr std::size_t kHoursOfWeek = 168;
-bool HasWholePlan(const char *plan);
 
 // Why rules do not bear under this policy and how to change that; empty when they bear.
 std::string WhyNothingIsLimited(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy);
