@@ -10,31 +10,12 @@
 #include "options.hpp"
 #include "output.hpp"
 #include "rate.hpp"
+#include "rule_text.hpp"
 #include "store.hpp"
 
 namespace tool {
 
 namespace {
-
-struct RateOption {
-    const char *name;
-    const char *label;
-    const char *key; // in JSON, in KB/s of 1024 bytes
-    std::uint64_t ZEVO_BANDWIDTH_CONF::*field;
-    const char *help;
-};
-
-constexpr std::array kRates = {
-    RateOption{"--up", "upload", "upload_kib_per_s", &ZEVO_BANDWIDTH_CONF::uploadRate,
-               "Upload rate: from the client to this server"},
-    RateOption{"--down", "download", "download_kib_per_s", &ZEVO_BANDWIDTH_CONF::downloadRate,
-               "Download rate: from this server to the client"},
-    RateOption{"--custom-up", "custom upload", "custom_upload_kib_per_s",
-               &ZEVO_BANDWIDTH_CONF::uploadRateCustom,
-               "Upload rate in the hours that a plan marks as custom"},
-    RateOption{"--custom-down", "custom download", "custom_download_kib_per_s",
-               &ZEVO_BANDWIDTH_CONF::downloadRateCustom, "Download rate in those hours"},
-};
 
 struct RuleArguments {
     OwnerOption owner;
@@ -42,43 +23,6 @@ struct RuleArguments {
     std::array<std::optional<std::string>, kRates.size()> rates;
     std::string state;
 };
-
-std::string StateText(const ZEVO_BANDWIDTH_CONF &rule)
-{
-    return ValueName(ZEVO_BW_STATE_LIST, rule.state);
-}
-
-std::string PlanText(const ZEVO_BANDWIDTH_CONF &rule)
-{
-    if (HasWholePlan(rule.szSchedulePlan)) return "168 hours";
-    return rule.szSchedulePlan[0] == '\0' ? "none" : "incomplete";
-}
-
-Json ToJson(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
-{
-    Json json = {{"owner", ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type)},
-                 {"name", owner.account.name},
-                 {"id", owner.account.id},
-                 {"protocol", ProtocolName(rule.protocolType)},
-                 {"state", StateText(rule)}};
-    for (const RateOption &rate : kRates)
-        json[rate.key] = rule.*rate.field == 0 ? Json(nullptr) : Json(rule.*rate.field);
-    json["plan"] = rule.szSchedulePlan;
-    return json;
-}
-
-// "user alice, ftp: enabled, upload 10 MiB/s, download unlimited"; custom rates where they count.
-std::string OneLine(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
-{
-    std::string line =
-        OwnerText(owner) + ", " + ProtocolName(rule.protocolType) + ": " + StateText(rule);
-    const bool custom = rule.uploadRateCustom != 0 || rule.downloadRateCustom != 0 ||
-                        rule.state == ZEVO_BW_STATE_SCHEDULE;
-    for (std::size_t i = 0; i < (custom ? kRates.size() : 2); ++i)
-        line += std::string(", ") + kRates[i].label + " " + FormatRate(rule.*kRates[i].field);
-    if (rule.state == ZEVO_BW_STATE_SCHEDULE) line += ", plan " + PlanText(rule);
-    return line;
-}
 
 // ---- set ----
 
@@ -197,7 +141,7 @@ void ShowRule(const RuleArguments &arguments)
     print("state", StateText(rule));
     for (const RateOption &rate : kRates)
         print(rate.label, FormatRate(rule.*rate.field));
-    print("plan", PlanText(rule));
+    print("plan", PlanText(rule.szSchedulePlan));
 }
 
 void AddShow(CLI::App &parent)
@@ -228,7 +172,7 @@ void PrintRules(const std::vector<StoredRule> &rules)
                                         StateText(rule)};
         for (const RateOption &rate : kRates)
             row.push_back(FormatRate(rule.*rate.field));
-        row.push_back(PlanText(rule));
+        row.push_back(PlanText(rule.szSchedulePlan));
         table.AddRow(std::move(row));
     }
     table.Print();

@@ -1,0 +1,41 @@
+// A rule in words and as JSON.
+#include "rule_text.hpp"
+
+#include "rate.hpp"
+
+namespace tool {
+
+std::string StateText(const ZEVO_BANDWIDTH_CONF &rule)
+{
+    return ValueName(ZEVO_BW_STATE_LIST, rule.state);
+}
+
+std::string OneLine(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
+{
+    const std::string subject = OwnerText(owner) + ", " + ProtocolName(rule.protocolType) + ": ";
+    // A cleared rule has nothing left to tell.
+    if (rule.state == ZEVO_BW_STATE_NOT_EXISTED) return subject + StateText(rule);
+    const bool onSchedule = rule.state == ZEVO_BW_STATE_SCHEDULE;
+    const bool custom = rule.uploadRateCustom != 0 || rule.downloadRateCustom != 0 || onSchedule;
+    std::string line = subject + StateText(rule);
+    for (std::size_t i = 0; i < (custom ? kRates.size() : 2); ++i)
+        line += std::string(", ") + kRates[i].label + " " + FormatRate(rule.*kRates[i].field);
+    if (onSchedule || rule.szSchedulePlan[0] != '\0')
+        line += ", plan " + PlanText(rule.szSchedulePlan);
+    return line;
+}
+
+Json ToJson(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
+{
+    Json json = {{"owner", ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type)},
+                 {"name", owner.account.name},
+                 {"id", owner.account.id},
+                 {"protocol", ProtocolName(rule.protocolType)},
+                 {"state", StateText(rule)}};
+    for (const RateOption &rate : kRates)
+        json[rate.key] = rule.*rate.field == 0 ? Json(nullptr) : Json(rule.*rate.field);
+    json["plan"] = rule.szSchedulePlan;
+    return json;
+}
+
+} // namespace tool
