@@ -77,9 +77,7 @@ template <typename Entry, typename ByName, typename ById>
 Account Find(const std::string &nameOrId, const char *kind, ByName byName, ById byId)
 {
     if (const auto account = Ask<Entry>(byName, nameOrId.c_str())) return *account;
-    const auto id = WholeNumber<std::uint32_t>(nameOrId);
-    // The highest id means "nobody" to the system calls and names no account.
-    if (id && *id != static_cast<std::uint32_t>(-1))
+    if (const auto id = ReadId(nameOrId))
         if (const auto account = Ask<Entry>(byId, *id)) return *account;
     throw Failure(kNotFound, std::string("no such ") + kind + ": \"" + nameOrId +
                                  "\"; the user database knows neither the name nor the id");
@@ -199,6 +197,13 @@ Account FindUser(const std::string &nameOrId)
 Account FindGroup(const std::string &nameOrId)
 {
     return Find<group>(nameOrId, "group", ::getgrnam_r, ::getgrgid_r);
+}
+
+std::optional<std::uint32_t> ReadId(const std::string &text)
+{
+    const auto id = WholeNumber<std::uint32_t>(text);
+    // The highest id means "nobody" to the system calls and names no account.
+    return id == static_cast<std::uint32_t>(-1) ? std::nullopt : id;
 }
 
 Account CallingUser()

@@ -4,6 +4,7 @@
 #define ZEVOBW_TOOL_NAMES_HPP
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,9 @@ struct Protocol {
 // the user database knows neither.
 Account FindUser(const std::string &nameOrId);
 Account FindGroup(const std::string &nameOrId);
+
+// The id that a text of digits stands for, whether or not the user database knows it.
+std::optional<std::uint32_t> ReadId(const std::string &text);
 
 // The user that runs the tool; a uid without an entry is its own name.
 Account CallingUser();

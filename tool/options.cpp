@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "command.hpp"
+#include "notify.hpp"
 #include "output.hpp"
 
 namespace tool {
@@ -15,14 +16,29 @@ Owner OwnerOption::Find() const
     return {ZEVO_BW_OWNER_USER, FindUser(user)};
 }
 
-namespace {
+Owner OwnerOption::FindStored(const std::function<bool(const Owner &)> &isStored) const
+{
+    try {
+        return Find();
+    } catch (const Failure &failure) {
+        const std::string &text = group.empty() ? user : group;
+        const auto id = ReadId(text);
+        if (failure.status() != kNotFound || !id) throw;
+        const Owner owner{group.empty() ? ZEVO_BW_OWNER_USER : ZEVO_BW_OWNER_GROUP,
+                          {*id, std::to_string(*id)}};
+        if (!isStored(owner)) throw;
+        return owner;
+    }
+}
 
-// An empty name would read as an option that was not given.
+Owner OwnerOption::FindOfRule(std::int32_t protocol) const
+{
+    return FindStored([protocol](const Owner &owner) { return IsStored(owner, protocol); });
+}
+
 const CLI::Validator kNotEmpty(
     [](const std::string &text) { return std::string(text.empty() ? "must not be empty" : ""); },
     "");
-
-} // namespace
 
 void AddOwnerOption(CLI::App &command, OwnerOption &owner)
 {
@@ -64,6 +80,44 @@ void AddChangeOptions(CLI::App &command, ChangeOptions &change)
     command.add_flag("-N,--dry-run", change.isDryRun, "Print what would hold, and change nothing");
     command.add_flag("--no-notify", change.isSilent,
                      "Do not tell running services: they follow when they next read the limits");
+}
+
+void CarryOut(const ChangeOptions &change, const std::function<void()> &write)
+{
+    if (change.isDryRun) return PrintNote("dry run: nothing is changed, this would hold:");
+    write();
+    if (!change.isSilent) NotifyServices();
+}
+
+std::optional<std::string> PlanOptions::Read(PlanOf of) const
+{
+    if (raw) return CheckPlan(of, *raw);
+    if (!rules) return std::nullopt;
+    return ParsePlan(of, *rules, base ? ParseHourState(of, *base) : HourState::kNormal);
+}
+
+void AddPlanOptions(CLI::App &command, PlanOf of, PlanOptions &plan)
+{
+    const std::string normal = HourStateName(of, HourState::kNormal);
+    CLI::Option *rules =
+        command.add_option("--plan", plan.rules, "The week's plan: 'DAYS TIMES STATE; ...'");
+    rules->type_name("RULES");
+    command
+        .add_option("--base", plan.base,
+                    "State of the hours that --plan does not name, by default " + normal)
+        ->type_name("STATE")
+        ->needs(rules);
+    command.add_option("--plan-raw", plan.raw, "The week's plan as 168 digits")
+        ->type_name("DIGITS")
+        ->excludes(rules);
+}
+
+void NoteSleepingPlan(const std::string &what, std::int32_t state, const std::string &setter)
+{
+    if (state == ZEVO_BW_STATE_SCHEDULE) return;
+    PrintNote("note: the plan is stored, but does not bear: " + what + " is " +
+              ValueName(ZEVO_BW_STATE_LIST, state) + ". Let it follow the plan with: " + setter +
+              " --state schedule");
 }
 
 } // namespace tool

@@ -2,6 +2,8 @@
 #ifndef ZEVOBW_TOOL_OPTIONS_HPP
 #define ZEVOBW_TOOL_OPTIONS_HPP
 
+#include <functional>
+#include <optional>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -18,10 +20,18 @@ struct OwnerOption {
     bool IsGiven() const { return !user.empty() || !group.empty(); }
     // Throws Failure when none is given or the user database does not know it.
     Owner Find() const;
+    // Find() for what is stored already: an id that the user database does not know any more is
+    // taken as it is when isStored says that there is something of it.
+    Owner FindStored(const std::function<bool(const Owner &)> &isStored) const;
+    // The same for the owner of a rule of that protocol.
+    Owner FindOfRule(std::int32_t protocol) const;
 };
 
 // -u USER or -g GROUP, at most one of them; Find() refuses none.
 void AddOwnerOption(CLI::App &command, OwnerOption &owner);
+
+// For names: an empty one would read as an option that was not given.
+extern const CLI::Validator kNotEmpty;
 
 // -p PROTOCOL.
 CLI::Option *AddProtocolOption(CLI::App &command, std::string &protocol);
@@ -39,6 +49,24 @@ struct ChangeOptions {
     bool isSilent = false; // tells no service of the change
 };
 void AddChangeOptions(CLI::App &command, ChangeOptions &change);
+
+// Writes the change and tells the services; says instead that it is a dry run when it is.
+void CarryOut(const ChangeOptions &change, const std::function<void()> &write);
+
+struct PlanOptions {
+    std::optional<std::string> rules;
+    std::optional<std::string> base;
+    std::optional<std::string> raw;
+    // The 168 characters; nothing when none was given. Throws Failure as ParsePlan() does.
+    std::optional<std::string> Read(PlanOf of) const;
+};
+
+// --plan with --base, or --plan-raw; PlanHelp() explains them.
+void AddPlanOptions(CLI::App &command, PlanOf of, PlanOptions &plan);
+
+// Says that a plan was given to something that is not on schedule, and how to set it going. what:
+// "the rule of user alice"; setter: the command that sets its state.
+void NoteSleepingPlan(const std::string &what, std::int32_t state, const std::string &setter);
 
 } // namespace tool
 

@@ -2,10 +2,10 @@
 // combine. A protocol without a policy is not limited at all.
 #include <array>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "command.hpp"
-#include "notify.hpp"
 #include "options.hpp"
 #include "output.hpp"
 #include "store.hpp"
@@ -40,6 +40,8 @@ constexpr std::array kChoices = {
 struct PolicyArguments {
     std::string protocol;
     std::array<std::string, kChoices.size()> values;
+    PlanOptions plan;
+    ChangeOptions change;
 };
 
 std::string ChoiceText(const PolicyChoice &choice, const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
@@ -62,24 +64,28 @@ Json ToJson(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
     return json;
 }
 
-// "ftp: enabled, user-group user-first, inter-group max, occupy max"
+// "ftp: enabled, user-group user-first, inter-group max, occupy max", and the plan if there is one.
 std::string OneLine(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
 {
     std::string line =
         ProtocolName(policy.protocolType) + ": " + ChoiceText(kChoices.front(), policy);
     for (std::size_t i = 1; i < kChoices.size(); ++i)
         line += std::string(", ") + kChoices[i].label + " " + ChoiceText(kChoices[i], policy);
+    if (policy.szSchedulePlan[0] != '\0') line += ", plan " + PlanText(policy.szSchedulePlan);
     return line;
 }
 
 // ---- set ----
 
 // True when there is something to write.
-bool Apply(const PolicyArguments &arguments, ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
+bool Apply(const PolicyArguments &arguments, const std::optional<std::string> &plan,
+           ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
 {
-    bool changes = policy.state == ZEVO_BW_STATE_NOT_EXISTED;
+    const bool isNew = policy.state == ZEVO_BW_STATE_NOT_EXISTED;
+    bool changes = isNew || plan;
     // Written back as it was read, a new policy would be stored disabled.
-    if (changes) policy.state = ZEVO_BW_STATE_ENABLED;
+    if (isNew) policy.state = plan ? ZEVO_BW_STATE_SCHEDULE : ZEVO_BW_STATE_ENABLED;
+    if (plan) CopyPlan(*plan, policy.szSchedulePlan);
     for (std::size_t i = 0; i < kChoices.size(); ++i) {
         if (arguments.values[i].empty()) continue;
         policy.*kChoices[i].field = ValueOf(kChoices[i].table, arguments.values[i]);
@@ -90,15 +96,18 @@ bool Apply(const PolicyArguments &arguments, ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
 
 void SetPolicy(const PolicyArguments &arguments)
 {
+    const std::optional<std::string> plan = arguments.plan.Read(PlanOf::kPolicy);
     ZEVO_BANDWIDTH_GLOBAL_CONF policy = ReadPolicy(FindProtocol(arguments.protocol));
-    if (Apply(arguments, policy)) {
-        WritePolicy(policy);
-        NotifyServices();
-    }
+    if (Apply(arguments, plan, policy))
+        CarryOut(arguments.change, [&policy] { WritePolicy(policy); });
     if (OutputStyle().json)
         PrintJson(ToJson(policy));
     else
         PrintLine(Printable(OneLine(policy)));
+    const std::string name = ProtocolName(policy.protocolType);
+    if (plan)
+        NoteSleepingPlan("the policy of " + name, policy.state,
+                         "zevobandwidth policy set -p " + name);
     const std::string why = WhyNothingIsLimited(policy);
     if (!why.empty()) PrintNote("note: " + why);
 }
@@ -111,11 +120,18 @@ void AddSet(CLI::App &parent)
     for (std::size_t i = 0; i < kChoices.size(); ++i)
         AddChoice(*set, kChoices[i].option, arguments->values[i], i == 0 ? "STATE" : "POLICY",
                   kChoices[i].table, kChoices[i].help);
+    AddPlanOptions(*set, PlanOf::kPolicy, arguments->plan);
+    AddChangeOptions(*set, arguments->change);
     AddOutputOptions(*set);
-    set->footer("What is not named stays as it is; a new policy is enabled, user-first, max, max.\n"
-                "Running transfers follow at once.\n\nExamples:\n"
-                "  zevobandwidth policy set -p ftp\n"
-                "  zevobandwidth policy set -p rsync --user-group min --occupy weighted\n");
+    set->footer(
+        "What is not named stays as it is; a new policy is enabled, user-first, max, max.\n"
+        "Running transfers follow at once. Transfers of zevobandwidth itself are told of a\n"
+        "policy in any case, also with --no-notify.\n\n" +
+        PlanHelp(PlanOf::kPolicy) +
+        "\n\nExamples:\n"
+        "  zevobandwidth policy set -p ftp\n"
+        "  zevobandwidth policy set -p rsync --user-group min --occupy weighted\n"
+        "  zevobandwidth policy set -p webdav --base off --plan 'weekdays 08:00-18:00 on'\n");
     set->callback([arguments] { SetPolicy(*arguments); });
 }
 
@@ -135,9 +151,7 @@ void ShowPolicy(const PolicyArguments &arguments)
     } else {
         for (const PolicyChoice &choice : kChoices)
             print(choice.label, ChoiceText(choice, policy));
-        print("plan", HasWholePlan(policy.szSchedulePlan) ? "168 hours"
-                      : policy.szSchedulePlan[0] == '\0'  ? "none"
-                                                          : "incomplete");
+        print("plan", PlanText(policy.szSchedulePlan));
     }
     print("effect", EffectText(policy));
 }

@@ -115,6 +115,12 @@ std::string OwnerText(const Owner &owner)
     return ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type) + " " + owner.account.name;
 }
 
+std::string RuleOptions(const Owner &owner, std::int32_t protocol)
+{
+    return (owner.type == ZEVO_BW_OWNER_USER ? "-u " : "-g ") + owner.account.name + " -p " +
+           ProtocolName(protocol);
+}
+
 ZEVO_BANDWIDTH_CONF ReadRule(const Owner &owner, std::int32_t protocol)
 {
     const std::string path = ConfPath(protocol);
@@ -141,6 +147,21 @@ void WriteRule(const ZEVO_BANDWIDTH_CONF &rule)
     RequirePermission(path, W_OK);
     RequirePermission(ParentOf(path), W_OK);
     throw Failure(kFailed, "the rule cannot be stored: " + reason);
+}
+
+bool IsStored(const Owner &owner, std::int32_t protocol)
+{
+    try {
+        return ReadRule(owner, protocol).state != ZEVO_BW_STATE_NOT_EXISTED;
+    } catch (const Failure &failure) {
+        if (failure.status() != kFailed) throw;
+        return true;
+    }
+}
+
+void CopyPlan(const std::string &plan, char (&field)[ZEVO_BW_PLAN_SIZE])
+{
+    std::snprintf(field, sizeof field, "%s", plan.c_str());
 }
 
 ZEVO_BANDWIDTH_GLOBAL_CONF ReadPolicy(std::int32_t protocol)

@@ -22,12 +22,22 @@ struct Owner {
 // "user alice".
 std::string OwnerText(const Owner &owner);
 
+// "-u alice -p ftp": by what the command line names a rule.
+std::string RuleOptions(const Owner &owner, std::int32_t protocol);
+
 // A rule that is not stored has the state NotExisted. All throw Failure: kNotPermitted where the
 // file system refuses this user, else kFailed with the file and the remedy.
 ZEVO_BANDWIDTH_CONF ReadRule(const Owner &owner, std::int32_t protocol);
 void WriteRule(const ZEVO_BANDWIDTH_CONF &rule);
 ZEVO_BANDWIDTH_GLOBAL_CONF ReadPolicy(std::int32_t protocol);
 void WritePolicy(ZEVO_BANDWIDTH_GLOBAL_CONF policy);
+
+// False for a rule that was cleared, too; true for one that cannot be read, for something is there.
+// Throws Failure with kNotPermitted.
+bool IsStored(const Owner &owner, std::int32_t protocol);
+
+// Puts a plan into the field of a rule or a policy.
+void CopyPlan(const std::string &plan, char (&field)[ZEVO_BW_PLAN_SIZE]);
 
 struct StoredRule {
     Owner owner; // bears its id as name when the user database does not know it
