@@ -128,4 +128,73 @@ refused 4 'no such user: "4711"' rule list -u 4711
 zevo rule clear -u 9999 -p ftp
 refused 4 'no such user: "9999"' rule show -u 9999 -p ftp
 
+# ---- the picture ----
+
+# What the grid says of the plan, Monday first, without the mark of the present hour.
+grid() { tr '[]' '  ' </tmp/out | sed -n 's/^\(Mon\|Tue\|Wed\|Thu\|Fri\|Sat\|Sun\) //p' | tr -d ' '; }
+
+zevo rule set -u alice -p ftp --plan 'all all-day off; mon 08:00-18:00 custom; sun 23:00-24:00 normal'
+zevo plan show -u alice -p ftp
+exits 0
+silent
+same "$(grid)" "$(printf '%s\n' "$(times . 8)$(times + 10)$(times . 6)" \
+    "$(times . 24)" "$(times . 24)" "$(times . 24)" "$(times . 24)" "$(times . 24)" \
+    "$(times . 23)#")"
+same "$(grep -c '^Mon\|^Sun' /tmp/out)" 2
+same "$(grep '^[MTWFS]' /tmp/out | grep -o '\[[.+#]\]' | wc -l)" 1
+grep "^$(LC_ALL=C date +%a) " /tmp/out | grep -q '\[' || fail 'another day than today is marked'
+awk 'length($0) > 80 { exit 1 }' /tmp/out || fail 'wider than 80 columns'
+out_has '#  normal: upload 10 MiB/s, download unlimited'
+out_has '+  custom: upload 1 MiB/s, download unlimited'
+out_has '.  off: this rule does not bear'
+out_has 'XYZ, UTC+01:00'
+zevo plan show -u alice -p ftp --no-legend
+same "$(wc -l </tmp/out)" 7
+zevo plan show -u alice -p ftp --json
+out_has '"plan_bears": true'
+same "$(tr -d ' \n' </tmp/out | grep -o '"sun":\[[^]]*\]' | grep -o 'off' | wc -l)" 23
+
+# In a terminal the states have colors, unless nobody wants them.
+script -qec "TERM=xterm '$ZEVOBW_TOOL' plan show -u alice -p ftp" /dev/null >/tmp/out
+out_has $'\e[30;43m + \e[0m'
+script -qec "TERM=xterm NO_COLOR=1 '$ZEVOBW_TOOL' plan show -u alice -p ftp" /dev/null >/tmp/out
+! grep -q $'\e' /tmp/out || fail 'colors in spite of NO_COLOR'
+
+zevo plan show -p rsync
+out_has 'on: limits apply to rsync'
+out_has 'off: no limit applies to rsync'
+same "$(grid | sort -u)" "$(times . 8)$(times '#' 12)$(times . 4)"
+
+# What does not bear, is not whole, or is not there is told.
+zevo rule disable -u alice -p ftp
+zevo plan show -u alice -p ftp
+exits 0
+err_has 'does not bear now: the rule of user alice for ftp is disabled'
+sed -i "s/^schedule plan=0.*/schedule plan=$(times 1 100)x/" $conf/bandwidth.ftp.conf
+zevo plan show -u alice -p ftp
+err_has 'has 101 instead of 168 characters'
+same "$(grid | tr -cd '#' | wc -c)" 100
+same "$(grid | tr -cd '?' | wc -c)" 67
+zevo plan show -u dave -p ftp
+exits 0
+err_has 'has no plan'
+zevo plan show -p webdav --json
+exits 0
+out_has '"next_change": null'
+
+# ---- what comes ----
+
+zevo plan next 3 -p rsync --no-legend
+exits 0
+same "$(wc -l </tmp/out)" 3
+! grep -vE '^(Mon|Tue|Wed|Thu|Fri|Sat|Sun) [-0-9]{10} (08|20):00 XYZ  (on|off): ' /tmp/out ||
+    fail 'a change that the plan does not have'
+zevo plan next -p rsync --json
+same "$(grep -c 'T\(08\|20\):00:00+01:00' /tmp/out)" 10
+zevo policy set -p rsync --plan 'all all-day on'
+zevo plan next -p rsync
+exits 0
+err_has 'never changes: at every hour on: limits apply'
+refused 2 'not in range' plan next 0 -p rsync
+
 finish

@@ -34,6 +34,7 @@ private:
 // Each adds its command with options, help and callback; the callback does the work.
 void AddRuleCommand(CLI::App &app);
 void AddPolicyCommand(CLI::App &app);
+void AddPlanCommand(CLI::App &app);
 void AddTransfersCommand(CLI::App &app);
 void AddStopCommand(CLI::App &app);
 void AddPipeCommand(CLI::App &app);

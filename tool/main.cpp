@@ -90,11 +90,13 @@ int Run(int argc, char **argv)
                "the client.\n\nExamples:\n"
                "  zevobandwidth rule set -u alice -p ftp --up 10M --down unlimited\n"
                "  zevobandwidth policy set -p ftp\n"
+               "  zevobandwidth plan show -u alice -p ftp\n"
                "  zevobandwidth transfers\n\n"
                "Exit status: 0 done, 1 failed, 2 wrong usage, 3 not permitted, 4 no such user,\n"
                "group, protocol or transfer.");
     tool::AddRuleCommand(app);
     tool::AddPolicyCommand(app);
+    tool::AddPlanCommand(app);
     tool::AddTransfersCommand(app);
     tool::AddStopCommand(app);
     tool::AddPipeCommand(app);

@@ -83,7 +83,8 @@ bool UsesColor()
 
 std::string Paint(Color color, const std::string &text)
 {
-    static constexpr std::array kCodes = {"1", "2", "31", "32", "33", "34", "35", "36", "7"};
+    static constexpr std::array kCodes = {"1",  "2",  "31", "32",    "33",   "34",
+                                          "35", "36", "7",  "30;42", "30;43"};
     if (!UsesColor()) return text;
     return std::string("\033[") + kCodes[static_cast<std::size_t>(color)] + "m" + text + "\033[0m";
 }

@@ -27,7 +27,19 @@ Style &OutputStyle();
 // NO_COLOR, TERM=dumb.
 bool UsesColor();
 
-enum class Color { kBold, kDim, kRed, kGreen, kYellow, kBlue, kMagenta, kCyan, kInverse };
+enum class Color {
+    kBold,
+    kDim,
+    kRed,
+    kGreen,
+    kYellow,
+    kBlue,
+    kMagenta,
+    kCyan,
+    kInverse,
+    kOnGreen,
+    kOnYellow
+};
 
 // The text in that color where colors are used, else as it is. The text must be printable already.
 std::string Paint(Color color, const std::string &text);
