@@ -30,7 +30,7 @@ TEST(Plan, PutsEachHourWhereItsWeekdayStands)
     const std::string plan = Rule("mon 08:00-10:00 custom");
     ASSERT_EQ(plan.size(), 168U);
     EXPECT_EQ(Day(plan, 1), "111111112211111111111111");
-    for (const std::size_t weekday : {0, 2, 3, 4, 5, 6})
+    for (const std::size_t weekday : {0U, 2U, 3U, 4U, 5U, 6U})
         EXPECT_EQ(Day(plan, weekday), std::string(24, '1'));
     EXPECT_EQ(Rule("sun 00:00-01:00 off").find('0'), 0U);
     EXPECT_EQ(Rule("sat 23:00-24:00 off").find('0'), 167U);
@@ -139,7 +139,7 @@ TEST(Plan, OfDigitsIsTakenOnlyWholeAndInItsDigits)
     const std::string whole = std::string(100, '1') + std::string(67, '0') + "2";
     EXPECT_EQ(CheckPlan(PlanOf::kRule, whole), whole);
     EXPECT_TRUE(Refusal([&] { CheckPlan(PlanOf::kPolicy, whole); })->starts_with("character 168"));
-    for (const std::size_t size : {0, 167, 169})
+    for (const std::size_t size : {0U, 167U, 169U})
         EXPECT_NE(Refusal([&] {
                       CheckPlan(PlanOf::kRule, std::string(size, '1'));
                   })->find(std::to_string(size) + " instead of 168 characters"),

@@ -24,8 +24,8 @@ Owner OwnerOption::FindStored(const std::function<bool(const Owner &)> &isStored
         const std::string &text = group.empty() ? user : group;
         const auto id = ReadId(text);
         if (failure.status() != kNotFound || !id) throw;
-        const Owner owner{group.empty() ? ZEVO_BW_OWNER_USER : ZEVO_BW_OWNER_GROUP,
-                          {*id, std::to_string(*id)}};
+        Owner owner{group.empty() ? ZEVO_BW_OWNER_USER : ZEVO_BW_OWNER_GROUP,
+                    {*id, std::to_string(*id)}};
         if (!isStored(owner)) throw;
         return owner;
     }
