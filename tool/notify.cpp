@@ -2,12 +2,13 @@
 // on some systems only, and the notice must not depend on which one is installed.
 //
 // SIGHUP ends a process that does not expect it. Process ids are used again, so the process is held
-// by a descriptor before its name is read: the one that was looked at is the one that is told. And
-// a command of ours that is still being loaded bears the name already but does not hold the signal
-// off yet, so it gets a moment's grace; parallel commands would end each other otherwise.
+// by a descriptor before its name is read: the one that was looked at is the one that is told. A
+// command of this very program that does not hold the signal off is still being loaded: it is left
+// alone, for it has yet to read the limits. Another program of that name gets a moment's grace.
 #include "notify.hpp"
 
 #include <dirent.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -85,13 +86,25 @@ bool WouldEnd(pid_t pid)
     return isRead && (expected & kHangup) == 0;
 }
 
+bool IsThisProgram(pid_t pid)
+{
+    struct stat theirs {};
+    struct stat ours {};
+    const std::string exe = "/proc/" + std::to_string(pid) + "/exe";
+    return ::stat(exe.c_str(), &theirs) == 0 && ::stat("/proc/self/exe", &ours) == 0 &&
+           theirs.st_dev == ours.st_dev && theirs.st_ino == ours.st_ino;
+}
+
 void Notify(pid_t pid, Clock::time_point graceEnd)
 {
     // By number: some releases of <sys/pidfd.h> cannot be linked from C++.
     const Descriptor process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
     if (!process || !BearsOurName(pid)) return;
-    while (WouldEnd(pid) && Clock::now() < graceEnd)
+    while (WouldEnd(pid)) {
+        if (IsThisProgram(pid)) return;
+        if (Clock::now() >= graceEnd) break;
         std::this_thread::sleep_for(kLookAgain);
+    }
     // Gone meanwhile, or another user's: neither is ours to tell.
     static_cast<void>(::syscall(SYS_pidfd_send_signal, process.get(), SIGHUP, nullptr, 0));
 }
