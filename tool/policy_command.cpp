@@ -8,34 +8,12 @@
 #include "command.hpp"
 #include "options.hpp"
 #include "output.hpp"
+#include "policy_text.hpp"
 #include "store.hpp"
 
 namespace tool {
 
 namespace {
-
-struct PolicyChoice {
-    const char *option;
-    const char *label;
-    const char *key; // in JSON
-    std::int32_t ZEVO_BANDWIDTH_GLOBAL_CONF::*field;
-    const ZEVO_BW_ENUM_ENTRY *table;
-    const char *help;
-};
-
-constexpr std::array kChoices = {
-    PolicyChoice{"--state", "state", "state", &ZEVO_BANDWIDTH_GLOBAL_CONF::state,
-                 ZEVO_BW_STATE_LIST,
-                 "Whether the protocol's limits apply; those of a new policy do"},
-    PolicyChoice{"--user-group", "user-group", "user_group",
-                 &ZEVO_BANDWIDTH_GLOBAL_CONF::userGroupPolicy, ZEVO_BW_USER_GROUP_POLICY_LIST,
-                 "How a user's own rule and those of his groups combine"},
-    PolicyChoice{"--inter-group", "inter-group", "inter_group",
-                 &ZEVO_BANDWIDTH_GLOBAL_CONF::interGroupPolicy, ZEVO_BW_INTER_GROUP_POLICY_LIST,
-                 "How the rules of several groups combine"},
-    PolicyChoice{"--occupy", "occupy", "occupy", &ZEVO_BANDWIDTH_GLOBAL_CONF::occupyPolicy,
-                 ZEVO_BW_OCCUPY_POLICY_LIST, "To which of his groups a transfer is charged"},
-};
 
 struct PolicyArguments {
     std::string protocol;
@@ -44,35 +22,10 @@ struct PolicyArguments {
     ChangeOptions change;
 };
 
-std::string ChoiceText(const PolicyChoice &choice, const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
-{
-    return ValueName(choice.table, policy.*choice.field);
-}
-
 std::string EffectText(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
 {
     if (!WhyNothingIsLimited(policy).empty()) return "nothing is limited";
     return policy.state == ZEVO_BW_STATE_SCHEDULE ? "limits apply by plan" : "limits apply";
-}
-
-Json ToJson(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
-{
-    Json json = {{"protocol", ProtocolName(policy.protocolType)}};
-    for (const PolicyChoice &choice : kChoices)
-        json[choice.key] = ChoiceText(choice, policy);
-    json["plan"] = policy.szSchedulePlan;
-    return json;
-}
-
-// "ftp: enabled, user-group user-first, inter-group max, occupy max", and the plan if there is one.
-std::string OneLine(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
-{
-    std::string line =
-        ProtocolName(policy.protocolType) + ": " + ChoiceText(kChoices.front(), policy);
-    for (std::size_t i = 1; i < kChoices.size(); ++i)
-        line += std::string(", ") + kChoices[i].label + " " + ChoiceText(kChoices[i], policy);
-    if (policy.szSchedulePlan[0] != '\0') line += ", plan " + PlanText(policy.szSchedulePlan);
-    return line;
 }
 
 // ---- set ----

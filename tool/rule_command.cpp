@@ -11,6 +11,7 @@
 #include "options.hpp"
 #include "output.hpp"
 #include "rate.hpp"
+#include "rule_command.hpp"
 #include "rule_text.hpp"
 #include "store.hpp"
 
@@ -133,14 +134,11 @@ void SetRule(const RuleArguments &arguments)
     ZEVO_BANDWIDTH_CONF rule = arguments.like.empty() ? ReadRule(owner, protocol)
                                                       : CopyRule(arguments.like, owner, protocol);
     Apply(change, rule);
-    CarryOut(arguments.change, [&rule] { WriteRule(rule); });
-    Report(owner, rule);
+    StoreRule(owner, rule, arguments.change);
     NoteRounding(change);
     if (change.plan)
         NoteSleepingPlan("the rule of " + OwnerText(owner), rule.state,
                          "zevobandwidth rule set " + RuleOptions(owner, protocol));
-    NotePlan(owner, rule);
-    NotePolicy(owner, protocol);
 }
 
 void AddSet(CLI::App &parent)
@@ -397,6 +395,14 @@ void AddList(CLI::App &parent)
 }
 
 } // namespace
+
+void StoreRule(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule, const ChangeOptions &change)
+{
+    CarryOut(change, [&rule] { WriteRule(rule); });
+    Report(owner, rule);
+    NotePlan(owner, rule);
+    NotePolicy(owner, rule.protocolType);
+}
 
 void AddRuleCommand(CLI::App &app)
 {
