@@ -127,18 +127,27 @@ public:
 
     const std::string &NameOf(std::uint32_t id)
     {
-        const auto [place, isNew] = names_.try_emplace(id, std::to_string(id));
-        if (!isNew || OutputStyle().numeric) return place->second;
-        if (++lookUps_ == kFewLookUps) ReadFile();
-        if (const auto known = local_.find(id); known != local_.end())
-            place->second = known->second;
-        else if (const auto account = Ask<Entry>(byId_, id))
-            place->second = account->name;
-        return place->second;
+        if (!OutputStyle().numeric && Knows(id)) return *names_[id];
+        return digits_.try_emplace(id, std::to_string(id)).first->second;
+    }
+
+    bool Knows(std::uint32_t id)
+    {
+        const auto [place, isNew] = names_.try_emplace(id);
+        if (isNew) place->second = LookUp(id);
+        return place->second.has_value();
     }
 
 private:
     static constexpr int kFewLookUps = 8;
+
+    std::optional<std::string> LookUp(std::uint32_t id)
+    {
+        if (++lookUps_ == kFewLookUps) ReadFile();
+        if (const auto known = local_.find(id); known != local_.end()) return known->second;
+        const auto account = Ask<Entry>(byId_, id);
+        return account ? std::optional(account->name) : std::nullopt;
+    }
 
     // An entry too long for the buffer ends the reading: those behind it are looked up one by one.
     void ReadFile()
@@ -157,7 +166,8 @@ private:
     const char *file_;
     NextOf next_;
     int lookUps_ = 0;
-    std::unordered_map<std::uint32_t, std::string> names_;
+    std::unordered_map<std::uint32_t, std::optional<std::string>> names_; // nothing: not known
+    std::unordered_map<std::uint32_t, std::string> digits_;
     std::unordered_map<std::uint32_t, std::string> local_;
 };
 
@@ -212,16 +222,40 @@ Account CallingUser()
     return {uid, UserName(uid)};
 }
 
-const std::string &UserName(std::uint32_t uid)
+namespace {
+
+NameBook<passwd> &Users()
 {
     static NameBook<passwd> book(::getpwuid_r, "/etc/passwd", ::fgetpwent_r);
-    return book.NameOf(uid);
+    return book;
+}
+
+NameBook<group> &Groups()
+{
+    static NameBook<group> book(::getgrgid_r, "/etc/group", ::fgetgrent_r);
+    return book;
+}
+
+} // namespace
+
+const std::string &UserName(std::uint32_t uid)
+{
+    return Users().NameOf(uid);
 }
 
 const std::string &GroupName(std::uint32_t gid)
 {
-    static NameBook<group> book(::getgrgid_r, "/etc/group", ::fgetgrent_r);
-    return book.NameOf(gid);
+    return Groups().NameOf(gid);
+}
+
+bool IsKnownUser(std::uint32_t uid)
+{
+    return Users().Knows(uid);
+}
+
+bool IsKnownGroup(std::uint32_t gid)
+{
+    return Groups().Knows(gid);
 }
 
 std::int32_t FindProtocol(const std::string &name)

@@ -37,6 +37,8 @@ Account CallingUser();
 // asked for. Each is looked up once.
 const std::string &UserName(std::uint32_t uid);
 const std::string &GroupName(std::uint32_t gid);
+bool IsKnownUser(std::uint32_t uid);
+bool IsKnownGroup(std::uint32_t gid);
 
 // One protocol by its exact name, add-ons included. Throws Failure with kNotFound that lists the
 // known ones; "all" is none.

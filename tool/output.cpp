@@ -145,11 +145,25 @@ void PrintLine(const std::string &line)
     static_cast<void>(std::fputc('\n', stdout));
 }
 
+namespace {
+
+// Escaped to ASCII: a terminal sees no control character and bytes that are no UTF-8 become U+FFFD
+// instead of an exception.
+std::string Dump(const Json &json, int indent)
+{
+    return json.dump(indent, ' ', true, Json::error_handler_t::replace);
+}
+
+} // namespace
+
 void PrintJson(const Json &json)
 {
-    // Escaped to ASCII: a terminal sees no control character and bytes that are no UTF-8 become
-    // U+FFFD instead of an exception.
-    PrintLine(json.dump(2, ' ', true, Json::error_handler_t::replace));
+    PrintLine(Dump(json, 2));
+}
+
+std::string JsonText(const Json &json)
+{
+    return Dump(json, -1);
 }
 
 void PrintNote(const std::string &note)

@@ -70,6 +70,9 @@ private:
 void PrintLine(const std::string &line);
 void PrintJson(const Json &json);
 
+// On one line, as PrintJson() escapes it.
+std::string JsonText(const Json &json);
+
 // A line to standard error, for what should be known beside the result.
 void PrintNote(const std::string &note);
 

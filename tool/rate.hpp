@@ -4,9 +4,13 @@
 #define ZEVOBW_TOOL_RATE_HPP
 
 #include <cstdint>
+#include <limits>
 #include <string>
 
 namespace tool {
+
+// Speeds pass through signed 64-bit arithmetic on their way to a sleep.
+inline constexpr std::uint64_t kMostRateKBps = std::numeric_limits<std::int64_t>::max() / 1024;
 
 struct Rate {
     std::uint64_t kBps = 0; // KB/s of 1024 bytes, 0 unlimited

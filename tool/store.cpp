@@ -21,18 +21,17 @@
 
 namespace tool {
 
-namespace {
-
-constexpr std::size_t kPathSize = 4096;
-
 std::string ConfPath(std::int32_t protocol)
 {
+    constexpr std::size_t kPathSize = 4096;
     std::array<char, kPathSize> path{};
     if (ZEVOBandwidthConfPath(protocol, path.data(), path.size()) != 0)
         throw Failure(kNotFound, "protocol number " + std::to_string(protocol) +
                                      " has no name: its add-on file is gone or ambiguous");
     return path.data();
 }
+
+namespace {
 
 std::string ParentOf(const std::string &path)
 {
@@ -92,22 +91,6 @@ std::string SectionOf(const Owner &owner)
     return ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type) + "-" + std::to_string(owner.account.id);
 }
 
-// "user-2001" as the library writes it; anything else in a rule file belongs to nobody.
-bool ReadSectionName(std::string_view section, Owner &owner)
-{
-    for (const std::int32_t type : {ZEVO_BW_OWNER_USER, ZEVO_BW_OWNER_GROUP}) {
-        const std::string prefix = ValueName(ZEVO_BW_OWNER_TYPE_LIST, type) + "-";
-        if (!section.starts_with(prefix)) continue;
-        unsigned id = 0;
-        if (std::sscanf(std::string(section.substr(prefix.size())).c_str(), "%u", &id) != 1)
-            return false;
-        owner.type = type;
-        owner.account.id = id;
-        return SectionOf(owner) == section;
-    }
-    return false;
-}
-
 } // namespace
 
 std::string OwnerText(const Owner &owner)
@@ -119,6 +102,42 @@ std::string RuleOptions(const Owner &owner, std::int32_t protocol)
 {
     return (owner.type == ZEVO_BW_OWNER_USER ? "-u " : "-g ") + owner.account.name + " -p " +
            ProtocolName(protocol);
+}
+
+Owner OwnerById(std::int32_t type, std::uint32_t id)
+{
+    return {type, {id, type == ZEVO_BW_OWNER_USER ? UserName(id) : GroupName(id)}};
+}
+
+bool IsKnown(const Owner &owner)
+{
+    return owner.type == ZEVO_BW_OWNER_USER ? IsKnownUser(owner.account.id)
+                                            : IsKnownGroup(owner.account.id);
+}
+
+std::optional<Account> FindByName(std::int32_t type, const std::string &name)
+{
+    try {
+        const Account account = type == ZEVO_BW_OWNER_USER ? FindUser(name) : FindGroup(name);
+        return account.name == name ? std::optional(account) : std::nullopt;
+    } catch (const Failure &failure) {
+        if (failure.status() != kNotFound) throw;
+        return std::nullopt;
+    }
+}
+
+std::optional<Owner> ParseOwner(std::string_view section)
+{
+    for (const std::int32_t type : {ZEVO_BW_OWNER_USER, ZEVO_BW_OWNER_GROUP}) {
+        const std::string prefix = ValueName(ZEVO_BW_OWNER_TYPE_LIST, type) + "-";
+        unsigned id = 0;
+        if (!section.starts_with(prefix) ||
+            std::sscanf(std::string(section.substr(prefix.size())).c_str(), "%u", &id) != 1)
+            continue;
+        const Owner owner{type, {id, ""}};
+        if (SectionOf(owner) == section) return owner;
+    }
+    return std::nullopt;
 }
 
 ZEVO_BANDWIDTH_CONF ReadRule(const Owner &owner, std::int32_t protocol)
@@ -202,11 +221,8 @@ std::vector<Owner> OwnersOfRules(std::int32_t protocol)
         throw Failure(kFailed, "the rules of " + ProtocolName(protocol) +
                                    " cannot be listed: " + Reason(path, "*"));
     for (int i = 0; i < count; ++i) {
-        Owner owner;
-        if (!ReadSectionName(VLIBCSzListGet(list, i), owner)) continue;
-        const bool isUser = owner.type == ZEVO_BW_OWNER_USER;
-        owner.account.name = isUser ? UserName(owner.account.id) : GroupName(owner.account.id);
-        owners.push_back(std::move(owner));
+        if (const auto owner = ParseOwner(VLIBCSzListGet(list, i)))
+            owners.push_back(OwnerById(owner->type, owner->account.id));
     }
     std::sort(owners.begin(), owners.end(), [](const Owner &a, const Owner &b) {
         return std::tie(a.type, a.account.name, a.account.id) <

@@ -4,7 +4,9 @@
 #define ZEVOBW_TOOL_STORE_HPP
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <zevobandwidth.h>
@@ -24,6 +26,20 @@ std::string OwnerText(const Owner &owner);
 
 // "-u alice -p ftp": by what the command line names a rule.
 std::string RuleOptions(const Owner &owner, std::int32_t protocol);
+
+// The owner of that id, who bears it as name when the user database does not know it.
+Owner OwnerById(std::int32_t type, std::uint32_t id);
+bool IsKnown(const Owner &owner);
+
+// The account of exactly that name; an id is none.
+std::optional<Account> FindByName(std::int32_t type, const std::string &name);
+
+// "user-2001" as the library writes it for sections and status files, without a look-up of the
+// name; nothing for any other text.
+std::optional<Owner> ParseOwner(std::string_view section);
+
+// The rule file of a protocol, or the global file. Throws Failure for a protocol without a name.
+std::string ConfPath(std::int32_t protocol);
 
 // A rule that is not stored has the state NotExisted. All throw Failure: kNotPermitted where the
 // file system refuses this user, else kFailed with the file and the remedy.
