@@ -38,6 +38,8 @@ void AddPlanCommand(CLI::App &app);
 void AddTransfersCommand(CLI::App &app);
 void AddStopCommand(CLI::App &app);
 void AddPipeCommand(CLI::App &app);
+void AddExportCommand(CLI::App &app);
+void AddImportCommand(CLI::App &app);
 
 } // namespace tool
 

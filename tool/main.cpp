@@ -100,6 +100,8 @@ int Run(int argc, char **argv)
     tool::AddTransfersCommand(app);
     tool::AddStopCommand(app);
     tool::AddPipeCommand(app);
+    tool::AddExportCommand(app);
+    tool::AddImportCommand(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

@@ -1,0 +1,140 @@
+#!/usr/bin/env bash
+# Rules and policies on their way out of the files and back: export and import.
+source "${BASH_SOURCE[0]%/*}/support/tool.sh"
+
+readonly schema=${BASH_SOURCE[0]%/*}/../docs/schema/config.json
+weekdays=$(printf '0%.0s' {1..24}; printf '2%.0s' {1..24}; printf '1%.0s' {1..120})
+readonly weekdays
+
+# Everything there can be: an add-on, a plan, an owner who is gone, one that was cleared.
+configure() {
+    wipe
+    mkdir -p $conf/addon && touch $conf/addon/backup_32.json
+    zevo policy set -p ftp --user-group min --occupy weighted
+    zevo policy set -p backup --state disabled
+    zevo rule set -u bob -p ftp --up 10M --custom-down 512K --state schedule --plan-raw "$weekdays"
+    zevo rule set -g alice -p ftp --down 2G
+    zevo rule set -u alice -p ftp --up 1M
+    zevo rule set -u carol -p backup --up 3M
+    zevo rule clear -u carol -p backup
+    printf '\n[user-4711]\nstate=enabled\nupload rate=7\n' >>$conf/bandwidth.ftp.conf
+}
+
+stored() { cat $conf/*.conf; }
+
+# ---- there and back ----
+
+configure
+zevo export /tmp/first.json
+exits 0
+silent
+prints ''
+python3 - "$schema" /tmp/first.json <<'PY' || fail 'the export does not follow its schema'
+import json, sys, jsonschema
+schema, text = (json.load(open(name)) for name in sys.argv[1:])
+jsonschema.Draft202012Validator.check_schema(schema)
+jsonschema.Draft202012Validator(schema).validate(text)
+assert [r["name"] for r in text["rules"]] == [None, "alice", "bob", "alice", "carol"], text["rules"]
+PY
+same "$(grep -c '"protocol"' /tmp/first.json)" 7
+chmod 600 /tmp/first.json
+zevo import /tmp/first.json
+out_has '0 added, 0 changed; 7 unchanged; 0 stored'
+rm $conf/*.conf
+zevo import -N /tmp/first.json
+out_has 'added: user bob, ftp: schedule, upload 10 MiB/s'
+err_has 'line 9: no such user here; the rule is kept for the id 4711'
+[[ ! -e $conf/bandwidth.ftp.conf ]] || fail 'a dry run made a file'
+zevo import /tmp/first.json
+exits 0
+out_has '7 added, 0 changed'
+zevo export -
+cmp -s /tmp/out /tmp/first.json || fail 'what came back is something else'
+zevo export /tmp/first.json
+same "$(stat -c %a /tmp/first.json)" 600
+zevo export /tmp
+exits 1
+err_has 'no regular file'
+
+# A change is shown with both values, what the file lacks stays.
+zevo rule set -u alice -p ftp --up 2M
+zevo rule set -u dave -p rsync --up 1M
+"$ZEVOBW_TOOL" import --dry-run </tmp/first.json >/tmp/out 2>/tmp/err
+prints 'changed: user alice, ftp: upload 2 MiB/s → 1 MiB/s
+0 would be added, 1 changed; 6 unchanged; 1 stored ones are not in the file and stay'
+zevo import --json /tmp/first.json
+same "$(python3 -c 'import json; r = json.load(open("/tmp/out")); d, = r["differences"]
+print(r["changed"], r["kept"], d["from"]["upload_kib_per_s"], d["to"]["upload_kib_per_s"])')" \
+    '1 1 2048 1024'
+
+# Another machine: bob has another id there, and carol's is somebody else's.
+sed 's/"name":"bob","id":2002/"name":"bob","id":7/' /tmp/first.json >/tmp/moved.json
+zevo import /tmp/moved.json
+exits 0
+err_has 'user bob has the id 2002 here, not 7'
+sed -i 's/"name":"carol"/"name":"karl"/' /tmp/moved.json
+refused 1 'line 13: no such user: "karl", and the id 2003 belongs to carol' import /tmp/moved.json
+
+# ---- what is refused ----
+
+cat >/tmp/bad.json <<'JSON'
+{"format": "zevobandwidth", "version": 1,
+ "policies": [
+  {"protocol": "gopher", "state": "NotExisted", "user_group": "min",
+   "inter_group": "user-first", "occupy": "max", "plan": "", "plan": "01"}, 5],
+ "rules": [
+  {"protocol": "ftp", "owner": "user", "name": "zed", "id": null, "state": "enabled"},
+  {"protocol": "ftp", "owner": "user", "name": "alice", "id": 2001, "state": "enabled",
+   "upload_kib_per_s": -1, "download_kib_per_s": 1.5,
+   "custom_upload_kib_per_s": 0,
+   "custom_download_kib_per_s": 9007199254740992, "plan": "3", "extra": 1},
+  {"protocol": "ftp", "owner": "user", "name": null, "id": 2001, "state": "enabled",
+   "upload_kib_per_s": null, "download_kib_per_s": null, "custom_upload_kib_per_s": null,
+   "custom_download_kib_per_s": null, "plan": ""}]}
+JSON
+refused 1 'nothing was imported: mend the 19 faults first' import /tmp/bad.json
+for fault in 'line 3: no such protocol: "gopher"' 'line 3: "state" must be one of enabled' \
+    'line 4: "inter_group" must be one of min' 'line 4: "plan" stands twice' \
+    'line 4: "plan" must be empty or 168' 'line 4: an entry of "policies" must be an object' \
+    'line 6: no such user: "zed"' 'line 6: "plan" is missing' 'line 8: "upload_kib_per_s" must' \
+    'line 8: "download_kib_per_s" must' 'line 9: "custom_upload_kib_per_s" must' \
+    'line 10: "custom_download_kib_per_s" must' 'line 10: "plan" must' \
+    'line 10: unknown key "extra"' 'line 11: a second rule for what line 7 is about'; do
+    err_has "zevobandwidth: /tmp/bad.json, $fault"
+done
+printf '{\n\n"rules": [\n  tru\x1b]}' >/tmp/bad.json
+refused 1 'line 4: this is no JSON: syntax error' import /tmp/bad.json
+! grep -q $'\x1b' /tmp/err || fail 'an escape sequence got out'
+for text in '[]' '{"format": "other", "version": 1, "policies": [], "rules": []}' '' \
+    '{"format": "zevobandwidth", "version": 2, "policies": {}, "rules": []}'; do
+    printf '%s' "$text" >/tmp/bad.json
+    refused 1 'nothing was imported' import /tmp/bad.json
+done
+refused 1 'No such file' import /tmp/absent.json
+
+# A rule that cannot be read must not be missing from a copy without a word.
+configure
+sed -i 's/^upload rate=7$/upload rate=7x/' $conf/bandwidth.ftp.conf
+rm -f /tmp/first.json
+zevo export /tmp/first.json
+exits 1
+err_has 'nothing was exported: 1 rule cannot be read'
+[[ ! -e /tmp/first.json ]] || fail 'an incomplete export was written'
+
+# When there is no room for the last file, the first ones are as they were.
+configure
+zevo export /tmp/first.json
+mkdir /tmp/small && mount -t tmpfs -o nr_inodes=7,mode=755 small /tmp/small
+cp -r $conf/addon /tmp/small
+mount --bind /tmp/small $conf
+zevo rule set -u alice -p ftp --up 5M
+before=$(stored) names=$(ls $conf)
+zevo import /tmp/first.json
+exits 1
+err_has 'what was there has been put back'
+[[ ! -s /tmp/out ]] || fail 'a failed import printed a result'
+same "$(stored)" "$before"
+same "$(ls $conf)" "$names"
+umount $conf
+
+finish
