@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Rules and policies on their way out of the files and back: export and import.
+# Rules and policies on their way out of the files and back: export, import, and the editor.
 source "${BASH_SOURCE[0]%/*}/support/tool.sh"
 
 readonly schema=${BASH_SOURCE[0]%/*}/../docs/schema/config.json
@@ -136,5 +136,61 @@ err_has 'what was there has been put back'
 same "$(stored)" "$before"
 same "$(ls $conf)" "$names"
 umount $conf
+
+# ---- the editor ----
+
+# edits SCRIPT ARG...: 'rule edit' with sed as the editor.
+edits() {
+    EDITOR="sed -i $(printf %q "$1")" zevo rule edit "${@:2}"
+}
+
+configure
+EDITOR=false zevo rule edit -u alice -p ftp
+exits 1
+err_has 'ended with exit status 1: nothing is changed'
+before=$(stored)
+VISUAL="cat" zevo rule edit -u dave -p ftp
+exits 0
+err_has 'nothing is changed'
+out_has 'custom download = unlimited'
+same "$(stored)" "$before"
+edits 's/^upload.*/upload = 512K/; s/^plan.*//; s/^#\(...\) = 1*/\1 = 000000001111111122222222/' \
+    -u dave -p ftp
+exits 0
+prints 'user dave, ftp: enabled, upload 512 KiB/s, download unlimited, plan 168 hours'
+same "$(grep -c "^schedule plan=\(0\{8\}1\{8\}2\{8\}\)\{7\}$" $conf/bandwidth.ftp.conf)" 1
+VISUAL="cat" zevo rule edit -u bob -p ftp
+out_has $'sun = 000000000000000000000000'
+out_has $'mon = 222222222222222222222222'
+before=$(stored)
+edits 's/^state.*/state = disabled/' -N -u bob -p ftp
+out_has 'user bob, ftp: disabled'
+same "$(stored)" "$before"
+while IFS='|' read -r script reason; do
+    edits "$script" -u bob -p ftp
+    exits 1
+    err_has "$reason"
+    kept=$(sed -n 's/.*the text is kept in //p' /tmp/err)
+    same "$(stat -c %a "$kept")" 600
+    same "$(stored)" "$before"
+done <<'CASES'
+s/^upload.*/upload = 5Mb/|line 10: "5Mb" can mean bits or bytes
+s/^state.*/state = on/|line 5: "on" is no state
+s/^tue = 1/tue = /|must be 24 times 0, 1 or 2, and has 23
+s/^sat.*//|"sat = ..." is missing
+s/^upload/uplaod/|line "upload = ..." is missing
+$a color = red|unknown name "color"
+$a what|is no "name = value"
+CASES
+# Another administrator was faster.
+cat >/tmp/slow <<SH
+sed -i 's/^upload.*/upload = 1G/' "\$1"
+$ZEVOBW_TOOL rule set -u bob -p ftp --up 3M
+SH
+EDITOR='bash /tmp/slow' zevo rule edit -u bob -p ftp
+exits 1
+err_has 'somebody else has changed the rule'
+grep -q '^upload rate=3072$' $conf/bandwidth.ftp.conf || fail 'the other change was lost'
+same "$(find /tmp -maxdepth 1 -name 'zevobandwidth.*' | wc -l)" 8
 
 finish

@@ -417,6 +417,7 @@ void AddRuleCommand(CLI::App &app)
     AddClear(*rule);
     AddShow(*rule);
     AddList(*rule);
+    AddRuleEdit(*rule);
 }
 
 } // namespace tool
