@@ -40,6 +40,7 @@ void AddStopCommand(CLI::App &app);
 void AddPipeCommand(CLI::App &app);
 void AddExportCommand(CLI::App &app);
 void AddImportCommand(CLI::App &app);
+void AddNotifyCommand(CLI::App &app);
 
 } // namespace tool
 

@@ -102,6 +102,7 @@ int Run(int argc, char **argv)
     tool::AddPipeCommand(app);
     tool::AddExportCommand(app);
     tool::AddImportCommand(app);
+    tool::AddNotifyCommand(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

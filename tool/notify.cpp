@@ -95,38 +95,41 @@ bool IsThisProgram(pid_t pid)
            theirs.st_dev == ours.st_dev && theirs.st_ino == ours.st_ino;
 }
 
-void Notify(pid_t pid, Clock::time_point graceEnd)
+// True when it was told.
+bool Notify(pid_t pid, Clock::time_point graceEnd)
 {
     // By number: some releases of <sys/pidfd.h> cannot be linked from C++.
     const Descriptor process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
-    if (!process || !BearsOurName(pid)) return;
+    if (!process || !BearsOurName(pid)) return false;
     while (WouldEnd(pid)) {
-        if (IsThisProgram(pid)) return;
+        if (IsThisProgram(pid)) return false;
         if (Clock::now() >= graceEnd) break;
         std::this_thread::sleep_for(kLookAgain);
     }
     // Gone meanwhile, or another user's: neither is ours to tell.
-    static_cast<void>(::syscall(SYS_pidfd_send_signal, process.get(), SIGHUP, nullptr, 0));
+    return ::syscall(SYS_pidfd_send_signal, process.get(), SIGHUP, nullptr, 0) == 0;
 }
 
 } // namespace
 
-void NotifyTransfers()
+int NotifyTransfers()
 {
+    int told = 0;
     const std::unique_ptr<DIR, int (*)(DIR *)> proc(::opendir("/proc"), &::closedir);
-    if (!proc) return;
+    if (!proc) return told;
     const Clock::time_point graceEnd = Clock::now() + kGrace;
     while (const dirent *entry = ::readdir(proc.get())) {
         const pid_t pid = ProcessId(entry->d_name);
-        if (pid != 0 && pid != ::getpid()) Notify(pid, graceEnd);
+        if (pid != 0 && pid != ::getpid() && Notify(pid, graceEnd)) ++told;
     }
+    return told;
 }
 
 void NotifyServices()
 {
     ZEVOBandwidthHupDocuhall();
     static_cast<void>(ZEVOBandwidthHupWebDAV()); // it need not be running
-    NotifyTransfers();
+    static_cast<void>(NotifyTransfers());
 }
 
 } // namespace tool
