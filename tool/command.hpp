@@ -38,6 +38,7 @@ void AddPlanCommand(CLI::App &app);
 void AddTransfersCommand(CLI::App &app);
 void AddStopCommand(CLI::App &app);
 void AddPipeCommand(CLI::App &app);
+void AddAddonCommand(CLI::App &app);
 void AddExportCommand(CLI::App &app);
 void AddImportCommand(CLI::App &app);
 void AddNotifyCommand(CLI::App &app);

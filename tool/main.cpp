@@ -103,6 +103,7 @@ int Run(int argc, char **argv)
     tool::AddExportCommand(app);
     tool::AddImportCommand(app);
     tool::AddNotifyCommand(app);
+    tool::AddAddonCommand(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

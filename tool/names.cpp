@@ -16,6 +16,7 @@
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <tuple>
 #include <unordered_map>
 
 #include "command.hpp"
@@ -83,10 +84,9 @@ Account Find(const std::string &nameOrId, const char *kind, ByName byName, ById 
                                  "\"; the user database knows neither the name nor the id");
 }
 
-// NAME_NUMBER.json, the number written as the library writes it.
+// Of a file's name: NAME_NUMBER.json, the number written as the library writes it.
 std::optional<Protocol> FromFileName(std::string_view file)
 {
-    if (file.starts_with('.') || !file.ends_with(kAddonSuffix)) return std::nullopt;
     file.remove_suffix(kAddonSuffix.size());
     const std::size_t bar = file.rfind('_');
     if (bar == std::string_view::npos || bar == 0) return std::nullopt;
@@ -103,13 +103,23 @@ bool IsBuiltIn(const Protocol &protocol)
     return protocol.name == "global"; // its rules would be kept in the file of the policies
 }
 
+std::vector<std::string> NamesOfAddonFiles()
+{
+    std::vector<std::string> names;
+    const std::unique_ptr<DIR, int (*)(DIR *)> directory(::opendir(kAddonDirectory), &::closedir);
+    if (!directory) return names;
+    while (const dirent *entry = ::readdir(directory.get())) {
+        const std::string_view name = entry->d_name;
+        if (!name.starts_with('.') && name.ends_with(kAddonSuffix)) names.emplace_back(name);
+    }
+    return names;
+}
+
 std::vector<Protocol> AnnouncedAddons()
 {
     std::vector<Protocol> addons;
-    const std::unique_ptr<DIR, int (*)(DIR *)> directory(::opendir(kAddonDirectory), &::closedir);
-    if (!directory) return addons;
-    while (const dirent *entry = ::readdir(directory.get())) {
-        auto addon = FromFileName(entry->d_name);
+    for (const std::string &file : NamesOfAddonFiles()) {
+        auto addon = FromFileName(file);
         if (addon && !IsBuiltIn(*addon)) addons.push_back(std::move(*addon));
     }
     std::sort(addons.begin(), addons.end(),
@@ -187,6 +197,19 @@ bool IsUsable(const Protocol &addon)
 {
     return NameInLibrary(addon.number) == addon.name &&
            ZEVOBandwidthEnumToValue(ZEVO_BW_PROTOCOL_TYPE_LIST, addon.name.c_str()) == addon.number;
+}
+
+constexpr const char *kAmbiguous = " has the same number or a name that begins with its name";
+
+Addon ReadAddon(const std::string &file)
+{
+    const auto protocol = FromFileName(file);
+    if (!protocol) return {{}, file, "its name is no NAME_NUMBER.json with a number above 0"};
+    if (IsBuiltIn(*protocol))
+        return {*protocol, file, "its name or number is taken by the system itself"};
+    if (!IsUsable(*protocol))
+        return {*protocol, file, std::string("another file here") + kAmbiguous};
+    return {*protocol, file, ""};
 }
 
 std::string KnownProtocolNames()
@@ -269,7 +292,7 @@ std::int32_t FindProtocol(const std::string &name)
         if (addon.name == name)
             throw Failure(kNotFound, "the add-on protocol \"" + name +
                                          "\" is ambiguous: another file in " + kAddonDirectory +
-                                         " has the same number or a name that begins with it");
+                                         kAmbiguous);
     throw Failure(kNotFound,
                   "no such protocol: \"" + name + "\"; known are " + KnownProtocolNames());
 }
@@ -287,6 +310,17 @@ std::vector<Protocol> KnownProtocols()
     for (Protocol &addon : AnnouncedAddons())
         if (IsUsable(addon)) protocols.push_back(std::move(addon));
     return protocols;
+}
+
+std::vector<Addon> AddonFiles()
+{
+    std::vector<Addon> addons;
+    for (const std::string &file : NamesOfAddonFiles())
+        addons.push_back(ReadAddon(file));
+    std::sort(addons.begin(), addons.end(), [](const Addon &a, const Addon &b) {
+        return std::tie(a.protocol.name, a.file) < std::tie(b.protocol.name, b.file);
+    });
+    return addons;
 }
 
 std::string ValueName(const ZEVO_BW_ENUM_ENTRY *table, std::int64_t value)

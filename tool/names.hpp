@@ -50,6 +50,16 @@ std::string ProtocolName(std::int32_t number);
 // The four built-in protocols, then those that the add-on directory announces, by name.
 std::vector<Protocol> KnownProtocols();
 
+// A file of the add-on directory that would announce a protocol.
+struct Addon {
+    Protocol protocol; // number 0 when the file's name does not tell
+    std::string file;
+    std::string fault; // why it cannot be used; empty when it can
+};
+
+// By name.
+std::vector<Addon> AddonFiles();
+
 // The name of a value in one of the header's tables, its number in digits when the table lacks it.
 std::string ValueName(const ZEVO_BW_ENUM_ENTRY *table, std::int64_t value);
 
