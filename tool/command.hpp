@@ -15,6 +15,7 @@ enum ExitStatus {
     kWrongUsage = 2,
     kNotPermitted = 3,
     kNotFound = 4, // no such user, group, protocol or transfer
+    kFindings = 6, // 'check' has found something
 };
 
 // Thrown by a command that cannot go on: main prints the message to stderr, prefixed with the
@@ -39,6 +40,7 @@ void AddTransfersCommand(CLI::App &app);
 void AddStopCommand(CLI::App &app);
 void AddPipeCommand(CLI::App &app);
 void AddAddonCommand(CLI::App &app);
+void AddCheckCommand(CLI::App &app);
 void AddExportCommand(CLI::App &app);
 void AddImportCommand(CLI::App &app);
 void AddNotifyCommand(CLI::App &app);

@@ -93,7 +93,7 @@ int Run(int argc, char **argv)
                "  zevobandwidth plan show -u alice -p ftp\n"
                "  zevobandwidth transfers\n\n"
                "Exit status: 0 done, 1 failed, 2 wrong usage, 3 not permitted, 4 no such user,\n"
-               "group, protocol or transfer.");
+               "group, protocol or transfer, 6 'check' has found something.");
     tool::AddRuleCommand(app);
     tool::AddPolicyCommand(app);
     tool::AddPlanCommand(app);
@@ -104,6 +104,7 @@ int Run(int argc, char **argv)
     tool::AddImportCommand(app);
     tool::AddNotifyCommand(app);
     tool::AddAddonCommand(app);
+    tool::AddCheckCommand(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
