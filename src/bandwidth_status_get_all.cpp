@@ -1,7 +1,7 @@
 // Listing the running transfers of one status file, and clearing it on the way: a section that has
 // not been saved for more than 30 seconds belongs to a transfer that died. Whoever lists the file
-// removes it, whatever he looks for. Nothing is locked and no file stays open between the
-// platform's operations.
+// removes it, whatever he looks for. Nothing is locked: others may change the file between any two
+// of the platform's operations.
 
 #include "bandwidth_guard.hpp"
 #include "bandwidth_status_path.hpp"

@@ -4,6 +4,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -13,6 +15,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -21,6 +24,8 @@
 #include "box.hpp"
 #include "stand_ins.hpp"
 #include "zevocore.h"
+
+namespace fs = std::filesystem;
 
 using standins::Call;
 using testing::ElementsAre;
@@ -470,6 +475,248 @@ TEST_F(SectionFile, AReadersLockKeepsNobodyWaiting)
     ASSERT_EQ(::flock(fd, LOCK_EX), 0);
     EXPECT_EQ(Set("user-1", {{"x", "9"}}), 1);
     ::close(fd);
+}
+
+// ---- listings: an enumeration and the reads that follow it ----
+
+constexpr int kOpensOfOneRead = 2; // the directory and the file
+
+class Listing : public SectionFile {
+protected:
+    void SetUp() override
+    {
+        SectionFile::SetUp();
+        Get("any"); // ends what another test has left halfway
+    }
+    // The value of the key k in a section, or what became of the read.
+    std::string Get(const char *szSection) { return GetFrom(Path(), szSection); }
+    static std::string GetFrom(const char *szPath, const char *szSection)
+    {
+        Hash hash;
+        const int found = VLIBCFileGetSection(szPath, szSection, hash.address());
+        return found == 1 ? hash["k"] : found == 0 ? "(no section)" : "(failed)";
+    }
+    static int Opens() { return standins::Count(Call::Open); }
+    static int Descriptors()
+    {
+        return static_cast<int>(
+            std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+    }
+    void Replace(const char *szText)
+    {
+        etc.Write("next", szText);
+        EXPECT_EQ(::rename(etc.Path("next"), Path()), 0);
+    }
+    void Append(const char *szText)
+    {
+        std::ofstream(Path(), std::ios::app) << szText << std::flush;
+    }
+    void InAnotherProcess(const std::function<void()> &action)
+    {
+        EXPECT_EQ(Child([&] {
+                      action();
+                      return 0;
+                  }).Wait(),
+                  0);
+    }
+
+    static constexpr char kThree[] = "[a]\nk=1\n[b]\nk=2\n[\"c\\n\"]\nk=3\n[a]\nk=4\n";
+};
+
+TEST_F(Listing, OpensItsFileOnceAndLeavesNothingOpen)
+{
+    Write(kThree);
+    const int descriptors = Descriptors();
+    const int opens = Opens();
+    for (const std::string &section : Names())
+        ASSERT_EQ(Get(section.c_str()), section == "a" ? "1" : section == "b" ? "2" : "3");
+    EXPECT_EQ(Opens() - opens, kOpensOfOneRead);
+    EXPECT_EQ(Descriptors(), descriptors);
+}
+
+TEST_F(Listing, SectionsMayBeReadInAnyOrderAndEachIsAnsweredOnce)
+{
+    Write(kThree);
+    Names();
+    int opens = Opens();
+    EXPECT_EQ(Get("c\n"), "3");
+    EXPECT_EQ(Get("a"), "1");
+    EXPECT_EQ(Opens(), opens);
+    EXPECT_EQ(Get("a"), "1");
+    EXPECT_EQ(Opens() - opens, kOpensOfOneRead) << "a second read is a later call";
+    opens = Opens();
+    EXPECT_EQ(Get("b"), "2");
+    EXPECT_EQ(Opens() - opens, kOpensOfOneRead) << "which has ended the listing";
+}
+
+TEST_F(Listing, WhatAnotherProcessDoesToTheFileIsSeenByTheNextRead)
+{
+    const struct {
+        const char *szWhat;
+        std::function<void()> change;
+        const char *szA;
+        const char *szB;
+    } rows[] = {
+        {"replaced by one of the same length",
+         [&] { Replace("[b]\nk=6\n[a]\nk=5\n[\"c\\n\"]\nk=3\n[d]\nk=4\n"); }, "5", "6"},
+        {"appended", [&] { Append("k=9\n[d]\n"); }, "1", "2"},
+        {"cut and written anew", [&] { Write("[b]\nk=7\n"); }, "(no section)", "7"},
+        {"changed in place, to the same length",
+         [&] {
+             ::usleep(20'000); // time stamps have to be able to show it
+             Write("[a]\nk=5\n[b]\nk=6\n[\"c\\n\"]\nk=3\n[a]\nk=4\n");
+         },
+         "5", "6"},
+        {"a section removed", [&] { VLIBCFileRemoveSection(Path(), "a"); }, "(no section)", "2"},
+        {"deleted", [&] { ::unlink(Path()); }, "(failed)", "(failed)"},
+        {"replaced by a link",
+         [&] {
+             etc.Write("next", kThree);
+             ::unlink(Path());
+             EXPECT_EQ(::symlink("next", Path()), 0);
+         },
+         "(failed)", "(failed)"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.szWhat);
+        etc.Make();
+        Write(kThree);
+        Names();
+        InAnotherProcess(row.change);
+        EXPECT_EQ(Get("a"), row.szA);
+        EXPECT_EQ(Get("b"), row.szB);
+        if (std::string_view(row.szA) == "(failed)") ExpectSlot(0x0900, kThisFile);
+    }
+}
+
+// Kernels that give every change a stamp of its own pass this in any case.
+TEST_F(Listing, AChangeWithinOneTickOfTheTimeStampsShowsInInodeOrSize)
+{
+    for (int round = 0; round < 100; ++round) {
+        Replace("[a]\nk=1\n[b]\nk=2\n");
+        Names();
+        Replace("[a]\nk=5\n[b]\nk=6\n");
+        ASSERT_EQ(Get("a"), "5");
+        Append("k=77\n");
+        ASSERT_EQ(Get("b"), "77");
+    }
+}
+
+TEST_F(Listing, GoesOnInOneReadAfterAChange)
+{
+    Write(kThree);
+    Names();
+    InAnotherProcess([&] { Replace("[new]\nk=0\n[\"c\\n\"]\nk=8\n[b]\nk=7\n[c]\n[b]\n"); });
+    const int descriptors = Descriptors();
+    const int opens = Opens();
+    EXPECT_EQ(Get("b"), "7");
+    EXPECT_EQ(Get("a"), "(no section)");
+    EXPECT_EQ(Get("c\n"), "8");
+    EXPECT_EQ(Opens() - opens, kOpensOfOneRead);
+    EXPECT_EQ(Descriptors(), descriptors - 1);
+}
+
+TEST_F(Listing, OwnWritersKeepItsDescriptorForNothing)
+{
+    Write(kThree);
+    const int descriptors = Descriptors();
+    Names();
+    EXPECT_EQ(VLIBCFileRemoveSection(Path(), "a"), 1);
+    EXPECT_EQ(Descriptors(), descriptors);
+    EXPECT_EQ(Get("b"), "2");
+    EXPECT_EQ(Set("c\n", {{"k", "x"}}), 1);
+    EXPECT_EQ(Get("c\n"), "x");
+}
+
+TEST_F(Listing, LeftHalfwayItEndsWithWhateverTheThreadDoesNext)
+{
+    Write(kThree);
+    etc.Write("other", "[a]\nk=other\n");
+    const int descriptors = Descriptors();
+    const std::string missing = etc.Path("missing");
+    VLIB_SZ_LIST *pList = VLIBCSzListAlloc(0);
+    const std::function<void()> others[] = {
+        [&] { EXPECT_EQ(GetFrom(etc.Path("other"), "a"), "other"); },
+        [&] { EXPECT_EQ(Get("unknown"), "(no section)"); },
+        [&] { EXPECT_EQ(VLIBCFileEnumSection(missing.c_str(), &pList), -1); },
+    };
+    for (const auto &other : others) {
+        Names();
+        EXPECT_EQ(Get("b"), "2");
+        EXPECT_EQ(Descriptors(), descriptors + 1);
+        other();
+        EXPECT_EQ(Descriptors(), descriptors);
+    }
+    VLIBCSzListFree(pList);
+}
+
+TEST_F(Listing, IsTheThreadsOwnAndEndsWithIt)
+{
+    Write(kThree);
+    const int descriptors = Descriptors();
+    Names();
+    pthread_attr_t small;
+    ::pthread_attr_init(&small);
+    ::pthread_attr_setstacksize(&small, 64 << 10);
+    std::function<void()> body = [&] {
+        const int opens = Opens();
+        EXPECT_EQ(Get("a"), "1");
+        EXPECT_EQ(Opens() - opens, kOpensOfOneRead) << "the listing is another thread's";
+        Names();
+        EXPECT_EQ(Get("a"), "1");
+    };
+    const auto run = [](void *pBody) -> void * {
+        (*static_cast<std::function<void()> *>(pBody))();
+        return nullptr;
+    };
+    pthread_t thread;
+    ASSERT_EQ(::pthread_create(&thread, &small, run, &body), 0);
+    ::pthread_join(thread, nullptr);
+    EXPECT_EQ(Descriptors(), descriptors + 1);
+    const int opens = Opens();
+    EXPECT_EQ(Get("b"), "2");
+    EXPECT_EQ(Opens(), opens);
+}
+
+TEST_F(Listing, IsTooOldAfterASecond)
+{
+    Write(kThree);
+    Names();
+    ::usleep(1'050'000);
+    const int opens = Opens();
+    EXPECT_EQ(Get("b"), "2");
+    EXPECT_EQ(Opens() - opens, kOpensOfOneRead);
+}
+
+TEST_F(Listing, ADescriptorThatTheHostHasClosedAndUsedAgainIsItsOwn)
+{
+    Write(kThree);
+    Child host([&] {
+        Names();
+        ::close_range(3, ~0U, 0);
+        std::vector<int> own;
+        do
+            own.push_back(::open("/dev/null", O_RDONLY));
+        while (own.size() < 8);
+        const bool right = Get("b") == "2" && Get("a") == "1" && Get("c\n") == "3";
+        for (const int fd : own)
+            EXPECT_NE(::fcntl(fd, F_GETFD), -1) << fd;
+        return right ? 0 : 2;
+    });
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(Listing, AForkedChildSeesTheFileAsItIs)
+{
+    Write(kThree);
+    Names();
+    InAnotherProcess([&] {
+        EXPECT_EQ(Get("a"), "1");
+        Replace("[b]\nk=7\n");
+        EXPECT_EQ(Get("b"), "7");
+    });
+    EXPECT_EQ(Get("b"), "7");
+    EXPECT_EQ(Get("a"), "(no section)");
 }
 
 TEST_F(SectionFile, TheStreamWriterWritesInOrderAndTellsAFullDisk)

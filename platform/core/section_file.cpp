@@ -1,5 +1,6 @@
 // Section files on disk. Reading takes no lock: a file is only ever replaced whole, so whoever
-// opens it sees the old text or the new one.
+// opens it sees the old text or the new one. Enumerating a file and then reading its sections takes
+// one pass, see section_listing.cpp.
 //
 // Two kinds of writers. Settings (set, add) must not lose each other's changes: they hold a write
 // lock on the file itself from before it is read until its successor has taken its place. The lock
@@ -7,6 +8,7 @@
 // holder dies. Since every writer leaves another file under the name, a lock counts only if the
 // name still leads to the locked file once it is granted. Removing a section serves files that are
 // rewritten many times a second without any lock; it takes part in their way, see RewriteFile().
+#include "section_listing.hpp"
 #include "section_text.hpp"
 #include "sz_list.hpp"
 #include "zevocore_frame.hpp"
@@ -143,6 +145,7 @@ RewriteResult WriteSection(const char *szPath, const char *szSection, const VLIB
                            IfAbsent ifAbsent) noexcept
 {
     const CancelScope cancel;
+    Listing::Suspend();
     const Place place(szPath);
     if (!place) return {-1, kFileOpen};
     const LockedFile file(place);
@@ -158,17 +161,10 @@ RewriteResult WriteSection(const char *szPath, const char *szSection, const VLIB
     return {code == 0 ? 1 : -1, code};
 }
 
-unsigned ReadFile(const char *szPath, Bytes &text) noexcept
+// Puts the pairs up to the next header into the hash; false without memory.
+bool TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept
 {
-    const Place place(szPath);
-    if (!place) return kFileOpen;
-    const RegularFile file(place, O_RDONLY);
-    return file ? file.ReadWhole(text) : file.code();
-}
-
-// Puts the pairs below a header into the hash; false without memory.
-bool TakePairs(Reader &reader, VLIB_SZ_HASH &hash) noexcept
-{
+    Reader reader(lines);
     Bytes keyScratch;
     Bytes valueScratch;
     for (Line line; reader.Next(line) && line.kind != LineKind::kHeader;) {
@@ -182,21 +178,12 @@ bool TakePairs(Reader &reader, VLIB_SZ_HASH &hash) noexcept
     return true;
 }
 
-// Appends the names of the sections to the list, each once; false without memory.
-bool TakeNames(std::string_view text, VLIB_SZ_LIST &list) noexcept
+// Appends the names of the sections to the list; false without memory.
+bool AppendNames(const SectionIndex &index, VLIB_SZ_LIST &list) noexcept
 {
-    VLIB_SZ_HASH *const pSeen = VLIBCSzHashAlloc(0);
-    if (pSeen == nullptr) return false;
-    Reader reader(text);
-    Bytes scratch;
-    bool done = true;
-    for (Line line; done && reader.NextHeader(line);) {
-        std::string_view name;
-        done = Decode(line.name, scratch, name) &&
-               (pSeen->Get(name) != nullptr || (pSeen->Set(name, "") && ListAppend(list, name)));
-    }
-    VLIBCSzHashFree(pSeen);
-    return done;
+    for (const Pair &pair : index.pairs())
+        if (!ListAppend(list, pair.key)) return false;
+    return true;
 }
 
 std::string_view OneLine(const char *szLine, int cbLine) noexcept
@@ -215,14 +202,10 @@ int VLIBCFileGetSection(const char *szPath, const char *szSection, VLIB_SZ_HASH 
     if (szPath == nullptr || szSection == nullptr || ppHash == nullptr || *ppHash == nullptr)
         return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
-    Bytes text;
-    if (const unsigned code = ReadFile(szPath, text); code != 0) return ZEVO_FAIL(code);
-    Reader reader(text.view());
-    for (Line line; reader.NextHeader(line);) {
-        if (!IsWord(line.name, szSection)) continue;
-        return TakePairs(reader, **ppHash) ? 1 : ZEVO_FAIL(kFileNoMemory);
-    }
-    return 0;
+    const SectionRead section(szPath, szSection);
+    if (section.code() != 0) return ZEVO_FAIL(section.code());
+    if (!section.lines()) return 0;
+    return TakePairs(*section.lines(), **ppHash) ? 1 : ZEVO_FAIL(kFileNoMemory);
 }
 
 int VLIBCFileSetSection(const char *szPath, const char *szSection, const char *,
@@ -247,6 +230,7 @@ int VLIBCFileRemoveSection(const char *szPath, const char *szSection) noexcept
 {
     if (szPath == nullptr || szSection == nullptr) return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
+    Listing::Suspend();
     const RewriteResult done = RewriteFile(szPath, [&](std::string_view oldText, Bytes &newText) {
         return Composer(oldText, szSection, newText).Remove();
     });
@@ -258,13 +242,18 @@ int VLIBCFileEnumSection(const char *szPath, VLIB_SZ_LIST **ppList) noexcept
     if (szPath == nullptr || ppList == nullptr || *ppList == nullptr)
         return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
-    Bytes text;
-    if (const unsigned code = ReadFile(szPath, text); code != 0) return ZEVO_FAIL(code);
+    Listing::End();
+    Snapshot snapshot;
+    if (const unsigned code = snapshot.Read(szPath); code != 0) return ZEVO_FAIL(code);
     VLIB_SZ_LIST &list = **ppList;
     const int32_t nBefore = list.nItem;
-    if (TakeNames(text.view(), list)) return list.nItem - nBefore;
-    ListCut(list, nBefore);
-    return ZEVO_FAIL(kFileNoMemory);
+    SectionIndex index;
+    if (!index.Build(snapshot.text()) || !AppendNames(index, list)) {
+        ListCut(list, nBefore);
+        return ZEVO_FAIL(kFileNoMemory);
+    }
+    Listing::Begin(szPath, std::move(snapshot), std::move(index));
+    return list.nItem - nBefore;
 }
 
 int VLIBCFileHash2File(FILE *pFile, const char *szSection, const VLIB_SZ_HASH *pHash, int) noexcept

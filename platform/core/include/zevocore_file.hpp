@@ -15,6 +15,7 @@
 #include <cstring>
 #include <ctime>
 #include <string_view>
+#include <utility>
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -157,8 +158,18 @@ class Bytes {
 public:
     Bytes() noexcept = default;
     ~Bytes() { std::free(data_); }
-    Bytes(const Bytes &) = delete;
-    Bytes &operator=(const Bytes &) = delete;
+    Bytes(Bytes &&other) noexcept
+        : data_(std::exchange(other.data_, nullptr)), size_(std::exchange(other.size_, 0)),
+          capacity_(std::exchange(other.capacity_, 0))
+    {
+    }
+    Bytes &operator=(Bytes &&other) noexcept
+    {
+        std::swap(data_, other.data_);
+        std::swap(size_, other.size_);
+        std::swap(capacity_, other.capacity_);
+        return *this;
+    }
 
     std::string_view view() const noexcept { return {data_ == nullptr ? "" : data_, size_}; }
     size_t size() const noexcept { return size_; }
@@ -213,6 +224,8 @@ public:
     explicit operator bool() const noexcept { return static_cast<bool>(fd_); }
     unsigned code() const noexcept { return code_; }
     int get() const noexcept { return fd_.get(); }
+    // Hands the descriptor over; the file is closed for this object.
+    Fd Release() noexcept { return std::move(fd_); }
     const struct stat &stat() const noexcept { return stat_; }
 
     // Reads the file from its start, as long as it was when it was opened; 0, or the error code.
@@ -248,12 +261,18 @@ private:
     unsigned code_ = kFileOpen;
 };
 
-// Whether the path still names the open file; what it names is told in now. Ask while the file is
-// open: inode numbers are given anew once it is closed.
+// Whether both are the same file, if one of them has been open all the while: inode numbers are given
+// anew once a file is closed.
+inline bool IsSameFile(const struct stat &a, const struct stat &b) noexcept
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Whether the path still names the open file; what it names is told in now.
 inline bool NamesSameFile(const Place &place, const struct stat &opened, struct stat &now) noexcept
 {
     return ::fstatat(place.dir(), place.name(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
-           now.st_dev == opened.st_dev && now.st_ino == opened.st_ino;
+           IsSameFile(now, opened);
 }
 
 // The same, and nobody has appended to the cbKnown bytes that were read of it.
