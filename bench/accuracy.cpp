@@ -24,31 +24,21 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
+
+#include "measure.hpp"
+
+using namespace bench;
 
 namespace {
 
-constexpr std::int64_t kSecond = 1'000'000; // all times are microseconds
 constexpr std::int64_t kBin = 1'000;
 constexpr double kKi = 1024;
 constexpr double kMi = 1024 * 1024;
 
 std::string toolPath;
 int nowhere = -1;
-
-std::int64_t Now()
-{
-    timespec now = {};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    return std::int64_t{now.tv_sec} * kSecond + now.tv_nsec / 1'000;
-}
-
-[[noreturn]] void Die(const std::string &what)
-{
-    std::fprintf(stderr, "accuracy: %s\n", what.c_str());
-    std::exit(2);
-}
+Measurements measurements;
 
 // ---- what came out ----
 
@@ -124,27 +114,6 @@ private:
 };
 
 // ---- programs under test ----
-
-void ExecChild(const std::vector<std::string> &words, int input, int output)
-{
-    ::dup2(input, STDIN_FILENO);
-    ::dup2(output, STDOUT_FILENO);
-    std::vector<char *> argv;
-    argv.reserve(words.size() + 1);
-    for (const std::string &word : words)
-        argv.push_back(const_cast<char *>(word.c_str())); // execvp leaves them as they are
-    argv.push_back(nullptr);
-    ::execvp(argv[0], argv.data());
-    ::_exit(127);
-}
-
-pid_t Spawn(const std::vector<std::string> &words, int input, int output)
-{
-    const pid_t pid = ::fork();
-    if (pid < 0) Die("fork failed");
-    if (pid == 0) ExecChild(words, input, output);
-    return pid;
-}
 
 void Tool(std::vector<std::string> words)
 {
@@ -312,111 +281,6 @@ private:
     std::deque<Stream> streams_;
     std::multimap<std::int64_t, std::function<void()>> actions_;
 };
-
-// ---- the table ----
-
-struct Figure {
-    std::string name;
-    double value = 0;
-    double bound = 0;
-    const char *unit = "%";
-    bool atLeast = false;
-
-    bool Holds() const { return atLeast ? value >= bound : value <= bound; }
-};
-
-class Table {
-public:
-    void Add(const Figure &figure)
-    {
-        for (Figure &known : figures_) {
-            if (known.name != figure.name) continue;
-            const bool worse =
-                figure.atLeast ? figure.value < known.value : figure.value > known.value;
-            if (worse) known.value = figure.value;
-            return;
-        }
-        figures_.push_back(figure);
-    }
-
-    bool Print(int runs) const
-    {
-        std::printf("%-46s %12s %11s\n", "figure", "bound", runs == 1 ? "measured" : "worst run");
-        bool all = true;
-        for (const Figure &figure : figures_) {
-            std::printf("%-46s %12s %11s  %s\n", figure.name.c_str(), Bound(figure).c_str(),
-                        Number(figure, figure.value).c_str(), figure.Holds() ? "holds" : "BROKEN");
-            all = all && figure.Holds();
-        }
-        return all;
-    }
-
-private:
-    static std::string Number(const Figure &figure, double value)
-    {
-        char text[64];
-        const int digits = std::strcmp(figure.unit, "%") == 0 ? 2 : 3;
-        std::snprintf(text, sizeof text, "%.*f", digits, value);
-        return *figure.unit == '\0' ? text : std::string(text) + " " + figure.unit;
-    }
-
-    static std::string Bound(const Figure &figure)
-    {
-        return (figure.atLeast ? ">= " : "<= ") + Number(figure, figure.bound);
-    }
-
-    std::vector<Figure> figures_;
-};
-
-Table table;
-
-// The figures of the measurement that is being taken.
-std::vector<Figure> taken;
-
-void Report(const Figure &figure)
-{
-    taken.push_back(figure);
-}
-
-// ---- whether the machine was ours ----
-
-// What a host has kept of the processors so far, in seconds; 0 where there is none.
-double StolenSeconds()
-{
-    std::FILE *file = std::fopen("/proc/stat", "re");
-    if (file == nullptr) return 0;
-    unsigned long long ticks = 0;
-    const int got = std::fscanf(file, "cpu %*u %*u %*u %*u %*u %*u %*u %llu", &ticks);
-    std::fclose(file);
-    return got == 1 ? static_cast<double>(ticks) / static_cast<double>(::sysconf(_SC_CLK_TCK)) : 0;
-}
-
-int repeated = 0;
-
-// While the host runs somebody else, nothing here can keep its time: a measurement from which more
-// than a twentieth of a processor was stolen says nothing about us and is taken again, three times at
-// most.
-template <typename Scenario, typename... Arguments>
-void Measure(Scenario scenario, const Arguments &...arguments)
-{
-    constexpr double kTooMuch = 0.05;
-    for (int attempt = 1;; ++attempt) {
-        taken.clear();
-        const double stolenBefore = StolenSeconds();
-        const std::int64_t began = Now();
-        scenario(arguments...);
-        const double seconds = static_cast<double>(Now() - began) / kSecond;
-        const double stolen = (StolenSeconds() - stolenBefore) / seconds;
-        for (const Figure &figure : taken)
-            std::fprintf(stderr, "  %s: %.4g %s\n", figure.name.c_str(), figure.value, figure.unit);
-        std::fprintf(stderr, "  (the host kept %.2f %% of a processor)\n", stolen * 100);
-        if (stolen < kTooMuch || attempt == 4) break;
-        std::fprintf(stderr, "  so it is taken again\n");
-        ++repeated;
-    }
-    for (const Figure &figure : taken)
-        table.Add(figure);
-}
 
 double Percent(double part)
 {
@@ -700,21 +564,21 @@ void Run(const Options &options)
 {
     if (options.Wants("alone"))
         for (const Rate &rate : kRates)
-            Measure(Alone, rate);
+            measurements.Take(Alone, rate);
     if (options.Wants("shared"))
         for (const Rate &rate : {kRates[2], kRates[3]})
             for (const int transfers : {2, 8, 32})
-                Measure(Shared, rate, transfers);
+                measurements.Take(Shared, rate, transfers);
     if (options.Wants("join"))
         for (const Rate &rate : {kRates[2], kRates[3]})
-            Measure(Join, rate);
+            measurements.Take(Join, rate);
     if (options.Wants("change"))
         for (const int transfers : {1, 4})
-            Measure(Change, transfers);
+            measurements.Take(Change, transfers);
     if (options.Wants("cost")) {
-        Measure(CostFree);
+        measurements.Take(CostFree);
         for (const Rate &rate : {kRates[1], kRates[2], kRates[3]})
-            Measure(CostLimited, rate);
+            measurements.Take(CostLimited, rate);
     }
 }
 
@@ -747,9 +611,5 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "run %d of %d\n", run, options.runs);
         Run(options);
     }
-    const bool holds = table.Print(options.runs);
-    if (repeated > 0)
-        std::printf("%d measurements were repeated: the host had taken the processor away.\n",
-                    repeated);
-    return holds ? 0 : 1;
+    return measurements.Print(options.runs) ? 0 : 1;
 }
