@@ -87,10 +87,14 @@ void Table::Add(const Figure &figure)
 
 bool Table::Print(int runs) const
 {
-    std::printf("%-46s %12s %11s\n", "figure", "bound", runs == 1 ? "measured" : "worst run");
+    std::size_t longest = 46;
+    for (const Figure &figure : figures_)
+        longest = std::max(longest, figure.name.size());
+    const int width = static_cast<int>(longest);
+    std::printf("%-*s %12s %11s\n", width, "figure", "bound", runs == 1 ? "measured" : "worst run");
     bool all = true;
     for (const Figure &figure : figures_) {
-        std::printf("%-46s %12s %11s  %s\n", figure.name.c_str(), Bound(figure).c_str(),
+        std::printf("%-*s %12s %11s  %s\n", width, figure.name.c_str(), Bound(figure).c_str(),
                     Number(figure, figure.value).c_str(), figure.Holds() ? "holds" : "BROKEN");
         all = all && figure.Holds();
     }
