@@ -196,14 +196,6 @@ err_has 'No limited transfers'
 zevo transfers --json
 prints '[]'
 
-# transfer FILE SECTION PROTOCOL DIRECTION FILENAME: filename in the file's own escapes
-transfer() {
-    printf '[%s]\npid=%s\nid=%s\nuid=%s\nactive=1\ntimestamp=%s\ncurrent speed=524288\n' \
-        "$2" "${2%-*}" "${1#*-}" 2001 "$(date +%s)"
-    printf 'expect speed=1048576\nfilename=%s\nowner type=%s\nprotocol type=%s\n' \
-        "$5" "${1%-*}" "$3"
-    printf 'transfer type=%s\nprogress=4250\n\n' "$4"
-}
 mkdir -p $running $conf/addon
 touch $conf/addon/backup_32.json
 transfer user-2001 4711-1 ftp upload '/volume1/a b.iso' >$running/user-2001

@@ -72,13 +72,18 @@ Style &OutputStyle()
     return style;
 }
 
+bool ControlsTerminal()
+{
+    const char *const terminal = std::getenv("TERM");
+    const bool able = terminal != nullptr && std::string_view(terminal) != "dumb";
+    return able && ::isatty(STDOUT_FILENO) == 1;
+}
+
 bool UsesColor()
 {
     const char *const noColor = std::getenv("NO_COLOR");
-    const char *const terminal = std::getenv("TERM");
     const bool refused = OutputStyle().noColor || (noColor != nullptr && *noColor != '\0');
-    const bool able = terminal != nullptr && std::string_view(terminal) != "dumb";
-    return !refused && able && ::isatty(STDOUT_FILENO) == 1;
+    return !refused && ControlsTerminal();
 }
 
 std::string Paint(Color color, const std::string &text)
@@ -112,8 +117,22 @@ std::string Printable(std::string_view text)
     return out;
 }
 
+std::string AsciiOnly(std::string text)
+{
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c >= 0x80; }, '?');
+    return text;
+}
+
 void Table::Print() const
 {
+    for (const std::string &line : Lines())
+        PrintLine(line);
+}
+
+std::vector<std::string> Table::Lines() const
+{
+    std::vector<std::string> lines;
     std::vector<std::vector<std::string>> cells = rows_;
     std::vector<std::size_t> widths(rows_.front().size(), 0);
     if (OutputStyle().noLegend) cells.erase(cells.begin());
@@ -134,15 +153,20 @@ void Table::Print() const
             if (!right) line += blanks;
             line += kGap;
         }
-        PrintLine(line);
+        lines.push_back(std::move(line));
     }
+    return lines;
+}
+
+void PrintText(const std::string &lines)
+{
+    // Failures stick to the stream; FlushOutput() tells them.
+    static_cast<void>(std::fwrite(lines.data(), 1, lines.size(), stdout));
 }
 
 void PrintLine(const std::string &line)
 {
-    // Failures stick to the stream; FlushOutput() tells them.
-    static_cast<void>(std::fwrite(line.data(), 1, line.size(), stdout));
-    static_cast<void>(std::fputc('\n', stdout));
+    PrintText(line + "\n");
 }
 
 namespace {

@@ -44,10 +44,16 @@ enum class Color {
 // The text in that color where colors are used, else as it is. The text must be printable already.
 std::string Paint(Color color, const std::string &text);
 
+// Standard output is a terminal that can be drawn on, rather than one that only scrolls (TERM=dumb).
+bool ControlsTerminal();
+
 // Text from a file, from a user or from another process, fit for a terminal: valid UTF-8 stays;
 // control characters (C1 and direction marks too) and bytes that are no UTF-8 become \xHH, one
 // backslash per byte. Never holds a line end.
 std::string Printable(std::string_view text);
+
+// Printable text for a terminal that shows ASCII alone: a '?' for every byte of other characters.
+std::string AsciiOnly(std::string text);
 
 // Columns that a printable text takes on a terminal.
 std::size_t Width(std::string_view text);
@@ -60,6 +66,8 @@ public:
     void AlignRight(std::size_t column) { right_.push_back(column); }
     void AddRow(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
     void Print() const;
+    // What Print() prints, line by line.
+    std::vector<std::string> Lines() const;
 
 private:
     std::vector<std::vector<std::string>> rows_;
@@ -67,6 +75,7 @@ private:
 };
 
 // Standard output, whole lines.
+void PrintText(const std::string &lines); // with their ends
 void PrintLine(const std::string &line);
 void PrintJson(const Json &json);
 

@@ -29,19 +29,6 @@ std::size_t TerminalWidth()
     return size.ws_col;
 }
 
-std::string FormatSeconds(std::uint64_t seconds)
-{
-    char text[64];
-    const auto hours = static_cast<unsigned long long>(seconds / 3600);
-    const auto minutes = static_cast<unsigned>(seconds / 60 % 60);
-    const auto rest = static_cast<unsigned>(seconds % 60);
-    if (hours != 0)
-        std::snprintf(text, sizeof text, "%llu:%02u:%02u left", hours, minutes, rest);
-    else
-        std::snprintf(text, sizeof text, "%u:%02u left", minutes, rest);
-    return text;
-}
-
 std::uint32_t Part(std::uint64_t part, std::uint64_t whole)
 {
     const double ratio = static_cast<double>(part) / static_cast<double>(whole);
@@ -51,10 +38,7 @@ std::uint32_t Part(std::uint64_t part, std::uint64_t whole)
 // Only ASCII is shown of a name, so that a byte is a column.
 std::string ForTerminal(const std::string &name)
 {
-    std::string text = Printable(name);
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c >= 0x80; }, '?');
-    return text;
+    return AsciiOnly(Printable(name));
 }
 
 } // namespace
@@ -102,7 +86,7 @@ std::string Progress::Compose(const ProgressFigures &figures, std::size_t width)
     if (figures.size != 0) {
         parts.push_back(FormatProgress(Part(figures.bytes, figures.size)));
         const std::uint64_t left = figures.size - std::min(figures.bytes, figures.size);
-        if (speedBps_ != 0) parts.push_back(FormatSeconds(left / speedBps_));
+        if (speedBps_ != 0) parts.push_back(FormatDuration(left / speedBps_) + " left");
     }
     std::string line = parts.front();
     for (std::size_t i = 1; i < parts.size(); ++i)

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <csignal>
 #include <ctime>
+#include <initializer_list>
 
 #include <sys/prctl.h>
 
@@ -45,6 +46,25 @@ bool IsIgnored(int signal) noexcept
     return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
+// Holds the signals back everywhere but in waits.
+void Block(std::initializer_list<int> signals) noexcept
+{
+    sigset_t ours;
+    ::sigemptyset(&ours);
+    for (const int signal : signals)
+        ::sigaddset(&ours, signal);
+    ::sigprocmask(SIG_BLOCK, &ours, &maskInWaits);
+    for (const int signal : signals)
+        ::sigdelset(&maskInWaits, signal);
+}
+
+// A shell starts its background jobs with SIGINT ignored, and means it.
+void CatchUnlessIgnored(std::initializer_list<int> signals) noexcept
+{
+    for (const int signal : signals)
+        if (!IsIgnored(signal)) Install(signal, OnEnding);
+}
+
 } // namespace
 
 std::int64_t NowUs() noexcept
@@ -56,20 +76,28 @@ std::int64_t NowUs() noexcept
 
 void CatchSignals()
 {
-    sigset_t ours;
-    ::sigemptyset(&ours);
-    for (const int signal : {SIGHUP, SIGINT, SIGTERM})
-        ::sigaddset(&ours, signal);
-    ::sigprocmask(SIG_BLOCK, &ours, &maskInWaits);
+    Block({SIGHUP, SIGINT, SIGTERM});
     Install(SIGHUP, OnNotice);
-    for (const int signal : {SIGHUP, SIGINT, SIGTERM})
-        ::sigdelset(&maskInWaits, signal);
-    // A shell starts its background jobs with SIGINT ignored, and means it.
-    for (const int signal : {SIGINT, SIGTERM})
-        if (!IsIgnored(signal)) Install(signal, OnEnding);
+    CatchUnlessIgnored({SIGINT, SIGTERM});
     pipeSignalIgnoredAtStart = IsIgnored(SIGPIPE);
     Install(SIGPIPE, SIG_IGN);
     ::prctl(PR_SET_TIMERSLACK, 1UL); // nanosecond: wake up when asked, not 50 microseconds later
+}
+
+void CatchEnding()
+{
+    Block({SIGINT, SIGTERM, SIGQUIT});
+    CatchUnlessIgnored({SIGINT, SIGTERM, SIGQUIT});
+}
+
+SignalsLetIn::SignalsLetIn() noexcept
+{
+    ::sigprocmask(SIG_SETMASK, &maskInWaits, &saved_);
+}
+
+SignalsLetIn::~SignalsLetIn()
+{
+    ::sigprocmask(SIG_SETMASK, &saved_, nullptr);
 }
 
 bool TakeReloadNotice() noexcept

@@ -5,6 +5,7 @@
 #ifndef ZEVOBW_TOOL_PIPE_SIGNAL_HPP
 #define ZEVOBW_TOOL_PIPE_SIGNAL_HPP
 
+#include <csignal>
 #include <cstdint>
 
 #include <poll.h>
@@ -27,6 +28,23 @@ int EndingSignal() noexcept;
 // Ends the process by the signal, as it would have ended without us. Returns only if the signal was
 // ignored when the process started.
 void DieOf(int signal) noexcept;
+
+// For a command without a transfer that runs until it is told to end: holds SIGINT, SIGTERM and
+// SIGQUIT back until a wait or SignalsLetIn, and has EndingSignal() tell them.
+void CatchEnding();
+
+// Lets signals in while it lives, for output that nobody may take: EndingSignal() is to be asked
+// afterwards.
+class SignalsLetIn {
+public:
+    SignalsLetIn() noexcept;
+    ~SignalsLetIn();
+    SignalsLetIn(const SignalsLetIn &) = delete;
+    SignalsLetIn &operator=(const SignalsLetIn &) = delete;
+
+private:
+    sigset_t saved_;
+};
 
 // Polls until something is ready, a signal came, or the moment has passed; lets in what is pending
 // in any case. Returns poll's result, 0 also for a signal.

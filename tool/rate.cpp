@@ -254,6 +254,19 @@ std::string FormatAllowedSpeed(std::uint64_t bytesPerSecond)
     return bytesPerSecond == 0 ? "unlimited" : FormatSpeed(bytesPerSecond);
 }
 
+std::string FormatDuration(std::uint64_t seconds)
+{
+    std::array<char, 64> text{};
+    const auto hours = static_cast<unsigned long long>(seconds / 3600);
+    const auto minutes = static_cast<unsigned>(seconds / 60 % 60);
+    const auto rest = static_cast<unsigned>(seconds % 60);
+    if (hours != 0)
+        std::snprintf(text.data(), text.size(), "%llu:%02u:%02u", hours, minutes, rest);
+    else
+        std::snprintf(text.data(), text.size(), "%u:%02u", minutes, rest);
+    return text.data();
+}
+
 std::string FormatProgress(std::uint32_t tenThousandths)
 {
     return Decimal(tenThousandths, 1) + " %";

@@ -40,6 +40,9 @@ std::string FormatSpeed(std::uint64_t bytesPerSecond);
 // An allowed speed: as FormatSpeed(), but 0 is "unlimited".
 std::string FormatAllowedSpeed(std::uint64_t bytesPerSecond);
 
+// A time in seconds: "0:42", "1:02:03".
+std::string FormatDuration(std::uint64_t seconds);
+
 // Ten-thousandths as a percentage: "42.5 %".
 std::string FormatProgress(std::uint32_t tenThousandths);
 

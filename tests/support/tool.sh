@@ -49,6 +49,25 @@ wipe() {
     rm -rf /usr/zevo $running
 }
 
+# transfer FILE SECTION PROTOCOL DIRECTION FILENAME: the section of a running transfer, as it stands
+# in that status file; filename in the file's own escapes
+transfer() {
+    printf '[%s]\npid=%s\nid=%s\nuid=%s\nactive=1\ntimestamp=%s\ncurrent speed=524288\n' \
+        "$2" "${2%-*}" "${1#*-}" 2001 "$(date +%s)"
+    printf 'expect speed=1048576\nfilename=%s\nowner type=%s\nprotocol type=%s\n' \
+        "$5" "${1%-*}" "$3"
+    printf 'transfer type=%s\nprogress=4250\n\n' "$4"
+}
+
+# wait_for COMMAND...: up to ten seconds.
+wait_for() {
+    for _ in {1..200}; do
+        "$@" && return
+        sleep 0.05
+    done
+    fail "in vain: $*"
+}
+
 # The last line of a test.
 finish() {
     ((failed == 0)) || printf '%d checks failed\n' "$failed"
