@@ -65,6 +65,31 @@ void AddChoice(CLI::App &command, const std::string &name, std::string &value,
     command.add_option(name, value, help)->type_name(type)->check(CLI::IsMember(names));
 }
 
+TransferFilter TransferSelection::Filter() const
+{
+    TransferFilter filter;
+    if (!protocol.empty()) filter.protocol = FindProtocol(protocol);
+    if (!direction.empty())
+        filter.directions =
+            static_cast<std::uint32_t>(ValueOf(ZEVO_BW_TRANSFER_TYPE_LIST, direction));
+    return filter;
+}
+
+void AddTransferSelection(CLI::App &command, TransferSelection &selection)
+{
+    AddProtocolOption(command, selection.protocol);
+    AddChoice(command, "-d,--direction", selection.direction, "DIRECTION",
+              ZEVO_BW_TRANSFER_TYPE_LIST, "Only this direction");
+}
+
+CLI::Option *AddSecondsOption(CLI::App &command, const std::string &name, double &seconds,
+                              const std::string &help)
+{
+    return command.add_option(name, seconds, help)
+        ->check(CLI::Range(0.1, 86400.0))
+        ->type_name("SECONDS");
+}
+
 void AddOutputOptions(CLI::App &command)
 {
     Style &style = OutputStyle();

@@ -11,6 +11,7 @@
 #include <zevobandwidth.h>
 
 #include "store.hpp"
+#include "transfer_list.hpp"
 
 namespace tool {
 
@@ -39,6 +40,20 @@ CLI::Option *AddProtocolOption(CLI::App &command, std::string &protocol);
 // An option whose value is a name of the table. The states that can be chosen leave out NotExisted.
 void AddChoice(CLI::App &command, const std::string &name, std::string &value,
                const std::string &type, const ZEVO_BW_ENUM_ENTRY *table, const std::string &help);
+
+// Which of the running transfers.
+struct TransferSelection {
+    std::string protocol;
+    std::string direction;
+    // Throws Failure when there is no such protocol.
+    TransferFilter Filter() const;
+};
+// -p PROTOCOL, -d DIRECTION.
+void AddTransferSelection(CLI::App &command, TransferSelection &selection);
+
+// How often something is done again: 0.1 to 86400 seconds.
+CLI::Option *AddSecondsOption(CLI::App &command, const std::string &name, double &seconds,
+                              const std::string &help);
 
 // --json, -n, --no-legend, --no-color: into OutputStyle(). For every command that prints.
 void AddOutputOptions(CLI::App &command);

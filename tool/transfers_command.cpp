@@ -1,182 +1,222 @@
-// "transfers": what is running now. Every limited transfer has a copy in its user's status file and
-// further ones in those of the groups it is charged to; reading the users' files alone shows each
-// transfer once.
-//
-// The status files lie where every local user can write, so that their text is nobody's word.
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
+// "transfers": what is running now, once or again and again.
+#include <poll.h>
+#include <stdio_ext.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <charconv>
-#include <cstring>
-#include <map>
 #include <memory>
-#include <string_view>
-#include <tuple>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "command.hpp"
 #include "options.hpp"
 #include "output.hpp"
+#include "pipe_signal.hpp"
 #include "rate.hpp"
+#include "transfer_list.hpp"
 
 namespace tool {
 
 namespace {
 
-constexpr const char *kStatusDirectory = "/tmp/bandwidth";
-constexpr std::string_view kUserFilePrefix = "user-";
-// Numbers of add-ons are no bits: only with every bit set does none of them fall through.
-constexpr std::int32_t kEveryProtocol = -1;
-
 struct TransfersArguments {
     OwnerOption owner;
+    TransferSelection selection;
+    bool merge = false;
+    CLI::Option *watch = nullptr;
+    double watchSeconds = 1;
 };
 
-// Records without their links; names are looked up once each.
-class Transfers {
-public:
-    void Read(std::int32_t ownerType, std::uint32_t id);
-    void Sort();
-    void PrintTable() const;
-    void PrintAsJson() const;
-    int failures() const noexcept { return failures_; }
-
-private:
-    const std::string &ProtocolOf(const ZEVO_BANDWIDTH_STATUS &status) const;
-
-    std::vector<std::unique_ptr<ZEVO_BANDWIDTH_STATUS>> all_;
-    mutable std::map<std::uint32_t, std::string> protocols_;
-    int failures_ = 0;
+// What one run looks for, with every name looked up: nonsense is refused before anything is shown.
+struct Request {
+    std::optional<Owner> owner;
+    TransferFilter filter;
 };
 
-void Transfers::Read(std::int32_t ownerType, std::uint32_t id)
+Request Resolve(const TransfersArguments &arguments)
 {
-    ZEVO_BANDWIDTH_STATUS *list = nullptr;
-    if (ZEVOBandwidthStatusGetAll(ownerType, id, kEveryProtocol, ZEVO_BW_TRANSFER_ALL, &list) < 0) {
-        const std::string name = ValueName(ZEVO_BW_OWNER_TYPE_LIST, ownerType);
-        PrintNote(std::string("zevobandwidth: ") + kStatusDirectory + "/" + name + "-" +
-                  std::to_string(id) +
-                  " cannot be read; it must be a regular file that every user may read and write. "
-                  "Remove it: running transfers write it anew");
-        ++failures_;
+    Request request;
+    if (arguments.owner.IsGiven()) request.owner = arguments.owner.Find();
+    request.filter = arguments.selection.Filter();
+    request.filter.merge = arguments.merge;
+    return request;
+}
+
+TransferList Read(const Request &request)
+{
+    TransferList list(request.filter);
+    if (request.owner) {
+        list.Read(request.owner->type, request.owner->account.id);
+    } else {
+        list.ReadAll(ZEVO_BW_OWNER_USER);
+        // Sums are asked for per owner; single transfers would only stand there twice.
+        if (request.filter.merge) list.ReadAll(ZEVO_BW_OWNER_GROUP);
     }
-    for (const auto *status = list; status != nullptr; status = status->next)
-        all_.push_back(std::make_unique<ZEVO_BANDWIDTH_STATUS>(*status));
-    ZEVOBandwidthStatusListFree(&list);
+    list.Sort();
+    return list;
 }
 
-const std::string &Transfers::ProtocolOf(const ZEVO_BANDWIDTH_STATUS &status) const
+// ---- as a table ----
+
+Table SumsTable(const TransferList &list)
 {
-    const auto [place, isNew] = protocols_.try_emplace(status.protocol_type);
-    if (isNew) place->second = ProtocolName(static_cast<std::int32_t>(status.protocol_type));
-    return place->second;
+    Table table({"OWNER", "NAME", "PROTOCOL", "DIRECTION", "SPEED", "ALLOWED"});
+    table.AlignRight(4);
+    table.AlignRight(5);
+    for (const RunningTransfer &sum : list.all())
+        table.AddRow({ValueName(ZEVO_BW_OWNER_TYPE_LIST, sum.ownerType), OwnerName(sum),
+                      ProtocolOf(sum), DirectionOf(sum), FormatSpeed(sum.speedBps),
+                      FormatAllowedSpeed(sum.allowedBps)});
+    return table;
 }
 
-void Transfers::Sort()
+Table TransfersTable(const TransferList &list)
 {
-    std::sort(all_.begin(), all_.end(), [](const auto &a, const auto &b) {
-        return std::tie(UserName(a->uid), a->protocol_type, a->transfer_type, a->pid) <
-               std::tie(UserName(b->uid), b->protocol_type, b->transfer_type, b->pid);
-    });
-}
-
-std::string DirectionOf(const ZEVO_BANDWIDTH_STATUS &status)
-{
-    return ValueName(ZEVO_BW_TRANSFER_TYPE_LIST, status.transfer_type);
-}
-
-void Transfers::PrintTable() const
-{
-    if (all_.empty()) return PrintNote("No limited transfers are running.");
     Table table({"USER", "PROTOCOL", "DIRECTION", "PID", "SPEED", "ALLOWED", "PROGRESS", "FILE"});
     for (std::size_t column = 3; column < 7; ++column)
         table.AlignRight(column);
-    for (const auto &status : all_)
-        table.AddRow({UserName(status->uid), ProtocolOf(*status), DirectionOf(*status),
-                      std::to_string(status->pid), FormatSpeed(status->current_speed),
-                      FormatAllowedSpeed(status->expect_speed), FormatProgress(status->progress),
-                      status->filename});
-    table.Print();
+    for (const RunningTransfer &transfer : list.all())
+        table.AddRow({UserName(transfer.uid), ProtocolOf(transfer), DirectionOf(transfer),
+                      std::to_string(transfer.pid), FormatSpeed(transfer.speedBps),
+                      FormatAllowedSpeed(transfer.allowedBps), FormatProgress(transfer.progress),
+                      transfer.file});
+    return table;
 }
 
-void Transfers::PrintAsJson() const
+Table ToTable(const TransferList &list, const Request &request)
+{
+    return request.filter.merge ? SumsTable(list) : TransfersTable(list);
+}
+
+// ---- as JSON ----
+
+Json SumToJson(const RunningTransfer &sum)
+{
+    return {{"owner", ValueName(ZEVO_BW_OWNER_TYPE_LIST, sum.ownerType)},
+            {"name", OwnerName(sum)},
+            {"id", sum.ownerId},
+            {"protocol", ProtocolOf(sum)},
+            {"direction", DirectionOf(sum)},
+            {"speed_bytes_per_s", sum.speedBps},
+            {"allowed_bytes_per_s", sum.allowedBps == 0 ? Json(nullptr) : Json(sum.allowedBps)}};
+}
+
+Json TransferToJson(const RunningTransfer &transfer)
+{
+    const bool limited = transfer.allowedBps != 0;
+    return {{"user", UserName(transfer.uid)},
+            {"uid", transfer.uid},
+            {"protocol", ProtocolOf(transfer)},
+            {"direction", DirectionOf(transfer)},
+            {"pid", transfer.pid},
+            {"speed_bytes_per_s", transfer.speedBps},
+            {"allowed_bytes_per_s", limited ? Json(transfer.allowedBps) : Json(nullptr)},
+            {"progress_percent", transfer.progress / 100.0},
+            {"active", transfer.active},
+            {"timestamp", transfer.timestamp},
+            {"file", transfer.file}};
+}
+
+Json ToJson(const TransferList &list, const Request &request)
 {
     Json json = Json::array();
-    for (const auto &status : all_) {
-        const bool limited = status->expect_speed != 0;
-        json.push_back(
-            {{"user", UserName(status->uid)},
-             {"uid", status->uid},
-             {"protocol", ProtocolOf(*status)},
-             {"direction", DirectionOf(*status)},
-             {"pid", status->pid},
-             {"speed_bytes_per_s", status->current_speed},
-             {"allowed_bytes_per_s", limited ? Json(status->expect_speed) : Json(nullptr)},
-             {"progress_percent", status->progress / 100.0},
-             {"active", status->active != 0},
-             {"timestamp", status->timestamp},
-             {"file", status->filename}});
-    }
-    PrintJson(json);
+    for (const RunningTransfer &transfer : list.all())
+        json.push_back(request.filter.merge ? SumToJson(transfer) : TransferToJson(transfer));
+    return json;
 }
 
-// The uid in "user-2001", as the library writes it; -1 names nobody.
-std::uint32_t UidOf(std::string_view file)
-{
-    constexpr auto kNobody = static_cast<std::uint32_t>(-1);
-    if (!file.starts_with(kUserFilePrefix)) return kNobody;
-    file.remove_prefix(kUserFilePrefix.size());
-    std::uint32_t uid = 0;
-    const auto end = file.data() + file.size();
-    const auto result = std::from_chars(file.data(), end, uid);
-    const bool whole = result.ec == std::errc() && result.ptr == end;
-    return whole && std::to_string(uid) == file ? uid : kNobody;
-}
+// ---- once ----
 
-bool IsRegular(DIR *directory, const char *name)
+void ListOnce(const Request &request)
 {
-    struct stat attributes {};
-    return ::fstatat(::dirfd(directory), name, &attributes, AT_SYMLINK_NOFOLLOW) == 0 &&
-           S_ISREG(attributes.st_mode);
-}
-
-std::vector<std::uint32_t> UsersWithStatusFiles()
-{
-    std::vector<std::uint32_t> uids;
-    const int fd = ::open(kStatusDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0 && errno == ENOENT) return uids; // nothing has been limited since the last start
-    DIR *const opened = fd < 0 ? nullptr : ::fdopendir(fd);
-    if (opened == nullptr)
-        throw Failure(kFailed, std::string(kStatusDirectory) + " cannot be read: " +
-                                   std::strerror(errno) + "; it must be a directory and no link");
-    const std::unique_ptr<DIR, int (*)(DIR *)> directory(opened, &::closedir);
-    while (const dirent *entry = ::readdir(directory.get())) {
-        const std::uint32_t uid = UidOf(entry->d_name);
-        if (uid != static_cast<std::uint32_t>(-1) && IsRegular(directory.get(), entry->d_name))
-            uids.push_back(uid);
-    }
-    return uids;
-}
-
-void ListTransfers(const TransfersArguments &arguments)
-{
-    Transfers transfers;
-    if (arguments.owner.IsGiven()) {
-        const Owner owner = arguments.owner.Find();
-        transfers.Read(owner.type, owner.account.id);
-    } else {
-        for (const std::uint32_t uid : UsersWithStatusFiles())
-            transfers.Read(ZEVO_BW_OWNER_USER, uid);
-    }
-    transfers.Sort();
+    const TransferList list = Read(request);
+    for (const std::string &complaint : list.complaints())
+        PrintNote("zevobandwidth: " + complaint);
     if (OutputStyle().json)
-        transfers.PrintAsJson();
+        PrintJson(ToJson(list, request));
+    else if (list.all().empty())
+        PrintNote("No limited transfers are running.");
     else
-        transfers.PrintTable();
-    if (transfers.failures() != 0) throw Failure(kFailed, "the list is incomplete");
+        ToTable(list, request).Print();
+    if (!list.complaints().empty()) throw Failure(kFailed, "the list is incomplete");
+}
+
+// ---- again and again ----
+
+// The screen is the command's own while it watches; what stood there before comes back.
+class WatchScreen {
+public:
+    WatchScreen() { Write("\033[?1049h\033[?25l\033[?7l"); }
+    ~WatchScreen() { Write("\033[?7h\033[?25h\033[?1049l"); }
+    WatchScreen(const WatchScreen &) = delete;
+    WatchScreen &operator=(const WatchScreen &) = delete;
+
+    // The lines that fit, drawn over the last ones: clearing first would flicker.
+    void Draw(const std::vector<std::string> &lines) const
+    {
+        winsize size = {};
+        const bool known = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0;
+        const std::size_t rows = known ? size.ws_row : 24;
+        std::string text = "\033[H";
+        for (std::size_t i = 0; i < lines.size() && i < rows; ++i)
+            text += (i == 0 ? "" : "\r\n") + lines[i] + "\033[K";
+        Write(text + "\033[J");
+    }
+
+private:
+    static void Write(const std::string &text)
+    {
+        PrintText(text);
+        static_cast<void>(std::fflush(stdout)); // FlushOutput() tells what failed
+    }
+};
+
+std::vector<std::string> ScreenLines(const TransferList &list, const Request &request)
+{
+    std::vector<std::string> lines;
+    for (const std::string &complaint : list.complaints())
+        lines.push_back(Printable(complaint));
+    if (list.all().empty()) lines.emplace_back("No limited transfers are running.");
+    for (std::string &line : ToTable(list, request).Lines())
+        if (!list.all().empty()) lines.push_back(std::move(line));
+    return lines;
+}
+
+void PrintBlock(const TransferList &list, const Request &request, bool isFirst)
+{
+    for (const std::string &complaint : list.complaints())
+        PrintNote("zevobandwidth: " + complaint);
+    if (OutputStyle().json) return PrintLine(JsonText(ToJson(list, request)));
+    if (!isFirst) PrintLine("");
+    ToTable(list, request).Print();
+}
+
+void Watch(const Request &request, double seconds)
+{
+    CatchEnding();
+    std::optional<WatchScreen> screen;
+    if (!OutputStyle().json && ControlsTerminal()) screen.emplace();
+    const auto pauseUs = static_cast<std::int64_t>(seconds * 1e6);
+    std::int64_t nextUs = NowUs();
+    for (bool isFirst = true; EndingSignal() == 0; isFirst = false) {
+        const TransferList list = Read(request);
+        {
+            const SignalsLetIn scope; // whoever does not read on must not keep us from ending
+            if (screen)
+                screen->Draw(ScreenLines(list, request));
+            else
+                PrintBlock(list, request, isFirst);
+            static_cast<void>(std::fflush(stdout));
+        }
+        if (EndingSignal() == 0) FlushOutput();
+        nextUs = std::max(nextUs + pauseUs, NowUs());
+        while (EndingSignal() == 0 && NowUs() < nextUs)
+            WaitReady(nullptr, 0, nextUs);
+    }
+    // A block that nobody took is not waited for a second time.
+    ::__fpurge(stdout);
+    std::clearerr(stdout);
 }
 
 } // namespace
@@ -186,14 +226,33 @@ void AddTransfersCommand(CLI::App &app)
     const auto arguments = std::make_shared<TransfersArguments>();
     CLI::App *command = app.add_subcommand("transfers", "List the limited transfers that run now");
     AddOwnerOption(*command, arguments->owner);
+    AddTransferSelection(*command, arguments->selection);
+    command->add_flag("--merge", arguments->merge,
+                      "One line for each protocol and direction of an owner, with the sums of the "
+                      "speeds; groups too");
+    arguments->watch =
+        AddSecondsOption(*command, "--watch", arguments->watchSeconds,
+                         "Again and again, every so many seconds (1), until interrupted")
+            ->expected(0, 1);
     AddOutputOptions(*command);
     command->footer(
         "Upload is from the client to this server, download from this server to the client.\n"
         "With -g: the transfers charged to the group, with the part of the speed that it bears.\n"
-        "Transfers that no limit bears on are not listed.\n\nExamples:\n"
+        "A sum is unlimited as soon as one of its transfers is. Transfers that no limit bears on\n"
+        "are not listed. --watch redraws in place on a terminal; elsewhere blocks are set apart\n"
+        "by a blank line, JSON documents stand on one line each. Its exit status is 0 when it is\n"
+        "interrupted.\n\nExamples:\n"
         "  zevobandwidth transfers\n"
-        "  zevobandwidth transfers -u alice --json\n");
-    command->callback([arguments] { ListTransfers(*arguments); });
+        "  zevobandwidth transfers -u alice --json\n"
+        "  zevobandwidth transfers -g staff -p rsync -d upload --watch 5\n"
+        "  zevobandwidth transfers --merge\n");
+    command->callback([arguments] {
+        const Request request = Resolve(*arguments);
+        if (arguments->watch->count() != 0)
+            Watch(request, arguments->watchSeconds);
+        else
+            ListOnce(request);
+    });
 }
 
 } // namespace tool

@@ -1,0 +1,160 @@
+// Reading the status files through the library, which also drops from them what is stale.
+#include "transfer_list.hpp"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string_view>
+#include <tuple>
+
+#include "command.hpp"
+#include "names.hpp"
+
+namespace tool {
+
+namespace {
+
+constexpr const char *kStatusDirectory = "/tmp/bandwidth";
+// Numbers of add-ons are no bits: only with every bit set does none of them fall through.
+constexpr std::int32_t kEveryProtocol = -1;
+constexpr auto kNobody = static_cast<std::uint32_t>(-1);
+
+RunningTransfer FromRecord(const ZEVO_BANDWIDTH_STATUS &record, std::int32_t ownerType,
+                           std::uint32_t id)
+{
+    return {.ownerType = ownerType,
+            .ownerId = id,
+            .uid = ownerType == ZEVO_BW_OWNER_USER ? id : record.uid,
+            .pid = record.pid,
+            .protocol = static_cast<std::int32_t>(record.protocol_type),
+            .direction = static_cast<std::int32_t>(record.transfer_type),
+            .speedBps = record.current_speed,
+            .allowedBps = record.expect_speed,
+            .progress = record.progress,
+            .active = record.active != 0,
+            .timestamp = record.timestamp,
+            .file = record.filename};
+}
+
+std::string FilePrefix(std::int32_t ownerType)
+{
+    return ValueName(ZEVO_BW_OWNER_TYPE_LIST, ownerType) + "-";
+}
+
+// The id in "user-2001", as the library writes it.
+std::uint32_t IdOf(std::string_view file, std::string_view prefix)
+{
+    if (!file.starts_with(prefix)) return kNobody;
+    file.remove_prefix(prefix.size());
+    std::uint32_t id = 0;
+    const auto end = file.data() + file.size();
+    const auto result = std::from_chars(file.data(), end, id);
+    const bool whole = result.ec == std::errc() && result.ptr == end;
+    return whole && std::to_string(id) == file ? id : kNobody;
+}
+
+bool IsRegular(DIR *directory, const char *name)
+{
+    struct stat attributes {};
+    return ::fstatat(::dirfd(directory), name, &attributes, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISREG(attributes.st_mode);
+}
+
+std::vector<std::uint32_t> OwnersWithStatusFiles(std::int32_t ownerType)
+{
+    std::vector<std::uint32_t> ids;
+    const int fd = ::open(kStatusDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0 && errno == ENOENT) return ids; // nothing has been limited since the last start
+    DIR *const opened = fd < 0 ? nullptr : ::fdopendir(fd);
+    if (opened == nullptr)
+        throw Failure(kFailed, std::string(kStatusDirectory) + " cannot be read: " +
+                                   std::strerror(errno) + "; it must be a directory and no link");
+    const std::unique_ptr<DIR, int (*)(DIR *)> directory(opened, &::closedir);
+    const std::string prefix = FilePrefix(ownerType);
+    while (const dirent *entry = ::readdir(directory.get())) {
+        const std::uint32_t id = IdOf(entry->d_name, prefix);
+        if (id != kNobody && IsRegular(directory.get(), entry->d_name)) ids.push_back(id);
+    }
+    return ids;
+}
+
+} // namespace
+
+const std::string &OwnerName(const RunningTransfer &transfer)
+{
+    const bool isUser = transfer.ownerType == ZEVO_BW_OWNER_USER;
+    return isUser ? UserName(transfer.ownerId) : GroupName(transfer.ownerId);
+}
+
+const std::string &ProtocolOf(const RunningTransfer &transfer)
+{
+    static std::map<std::int32_t, std::string> names;
+    const auto [place, isNew] = names.try_emplace(transfer.protocol);
+    if (isNew) place->second = ProtocolName(transfer.protocol);
+    return place->second;
+}
+
+std::string DirectionOf(const RunningTransfer &transfer)
+{
+    return ValueName(ZEVO_BW_TRANSFER_TYPE_LIST, transfer.direction);
+}
+
+bool IsAlive(pid_t pid)
+{
+    return pid > 0 && (::kill(pid, 0) == 0 || errno != ESRCH);
+}
+
+std::string StatusFile(std::int32_t ownerType, std::uint32_t id)
+{
+    return std::string(kStatusDirectory) + "/" + FilePrefix(ownerType) + std::to_string(id);
+}
+
+bool TransferList::Passes(const RunningTransfer &transfer) const
+{
+    return (!filter_.protocol || *filter_.protocol == transfer.protocol) &&
+           (filter_.pid == 0 || filter_.pid == transfer.pid);
+}
+
+void TransferList::Read(std::int32_t ownerType, std::uint32_t id)
+{
+    const std::string path = StatusFile(ownerType, id);
+    ZEVO_BANDWIDTH_STATUS *list = nullptr;
+    if (ZEVOBandwidthIStatusGetAll(path.c_str(), kEveryProtocol, filter_.directions, &list,
+                                   filter_.merge ? 1 : 0) < 0)
+        complaints_.push_back(path + " cannot be read; it must be a regular file that every user "
+                                     "may read and write. Remove it: running transfers write it "
+                                     "anew");
+    for (const auto *record = list; record != nullptr; record = record->next) {
+        RunningTransfer transfer = FromRecord(*record, ownerType, id);
+        if (Passes(transfer)) all_.push_back(std::move(transfer));
+    }
+    ZEVOBandwidthStatusListFree(&list);
+}
+
+void TransferList::ReadAll(std::int32_t ownerType)
+{
+    for (const std::uint32_t id : OwnersWithStatusFiles(ownerType))
+        Read(ownerType, id);
+}
+
+void TransferList::Sort()
+{
+    std::sort(all_.begin(), all_.end(), [](const RunningTransfer &a, const RunningTransfer &b) {
+        const auto key = [](const RunningTransfer &t) {
+            return std::tie(t.ownerType, OwnerName(t), t.protocol, t.direction, UserName(t.uid),
+                            t.pid);
+        };
+        return key(a) < key(b);
+    });
+}
+
+} // namespace tool
