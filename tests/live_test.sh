@@ -4,6 +4,17 @@
 # shellcheck disable=SC2317  # some is called by wait_for
 source "${BASH_SOURCE[0]%/*}/support/tool.sh"
 
+# pipe USER ARG...: a transfer without end in the background, its pid in $!
+pipe() { exec "$ZEVOBW_TOOL" pipe -u "$1" -d upload "${@:2}" </dev/zero >/dev/null 2>"/tmp/err-$1"; }
+listed() { [[ $(cat $running/user-* 2>/dev/null | grep -c '^\[') == "$1" ]]; }
+
+limit() {
+    wipe
+    mkdir $running
+    zevo rule set -g staff -p rsync --up 4M
+    zevo policy set -p rsync --user-group group-only --occupy all
+}
+
 # ---- transfers ----
 
 mkdir -p $running $conf/addon
@@ -68,5 +79,81 @@ wait $! || fail "unread, --watch ended with $?"
 exec 4>&-
 "$ZEVOBW_TOOL" transfers --watch 0.1 2>/tmp/err | head -1 >/dev/null
 silent
+
+# ---- stop ----
+
+limit
+zevo stop -u alice
+exits 4
+err_has 'no such transfer'
+for user in alice alice bob; do
+    pipe $user -p rsync &
+done
+wait_for listed 3
+zevo stop -u alice
+exits 2
+err_has 'add --yes'
+listed 3 || fail 'stopped without being asked to'
+zevo stop -u alice -d download
+exits 4
+zevo stop -u alice -p ftp --yes
+exits 4
+zevo stop -u bob -p rsync
+exits 0
+grep -Eqx 'user bob: 1 transfer stopped after [0-9]+ ms' /tmp/out || fail 'not told'
+zevo stop -u alice --yes --json
+exits 0
+same "$(tr -d ' \n' </tmp/out | sed 's/[0-9]*,"left/N,"left/')" \
+    '{"user":"alice","uid":2001,"stopped":2,"milliseconds":N,"left":[]}'
+listed 0 || fail 'still listed'
+wait
+grep -q 'administrator has stopped' /tmp/err-alice || fail 'ended for another reason'
+
+# A process that does not look at the mark, and one that is no more.
+sleep 60 &
+mkdir -p $conf/addon
+touch $conf/addon/mirror_36.json
+{
+    transfer user-2001 "$!-1" mirror upload deaf
+    transfer user-2001 999999-2 ftp download dead
+} >$running/user-2001
+zevo stop -u alice -p ftp
+exits 0
+! grep -q dead $running/user-2001 || fail 'what a dead process left is still there'
+zevo stop -u alice -p mirror --wait 0.1
+exits 1
+err_has 'marked but not ended'
+grep -q '^active=0' $running/user-2001 || fail 'not marked'
+zevo stop -u alice --wait 0
+exits 0
+
+# ---- forget ----
+
+zevo forget -u alice
+exits 1
+err_has 'still running'
+grep -q deaf $running/user-2001 || fail 'a running transfer was forgotten'
+{
+    transfer user-2001 999998-1 ftp upload dead
+    printf '[999997-2]\nprogress=nonsense\n'
+} >>$running/user-2001
+for group in 3001 3002 2003; do # his, his, and one that he is not in
+    transfer group-$group 999996-1 ftp upload dead >$running/group-$group
+done
+transfer group-3001 999995-1 ftp upload bobs | sed 's/^uid=.*/uid=2002/' >>$running/group-3001
+zevo forget -u alice --pid 999998
+exits 0
+same "$(grep -c '^\[' $running/user-2001)" 2
+zevo forget -u alice
+exits 0
+prints 'user alice: the transfers of 2 processes forgotten'
+err_has '1 process still running'
+same "$(cat $running/* | grep -o '^filename=.*' | sort)" $'filename=bobs\nfilename=deaf'
+zevo forget -u alice --yes --json
+exits 0
+same "$(tr -d ' \n' </tmp/out)" "{\"user\":\"alice\",\"uid\":2001,\"forgotten\":[$!],\"running\":0}"
+zevo forget -u alice
+exits 4
+kill $!
 
 finish

@@ -38,6 +38,7 @@ void AddPolicyCommand(CLI::App &app);
 void AddPlanCommand(CLI::App &app);
 void AddTransfersCommand(CLI::App &app);
 void AddStopCommand(CLI::App &app);
+void AddForgetCommand(CLI::App &app);
 void AddPipeCommand(CLI::App &app);
 void AddAddonCommand(CLI::App &app);
 void AddCheckCommand(CLI::App &app);

@@ -99,6 +99,7 @@ int Run(int argc, char **argv)
     tool::AddPlanCommand(app);
     tool::AddTransfersCommand(app);
     tool::AddStopCommand(app);
+    tool::AddForgetCommand(app);
     tool::AddPipeCommand(app);
     tool::AddExportCommand(app);
     tool::AddImportCommand(app);

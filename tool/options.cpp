@@ -48,6 +48,11 @@ void AddOwnerOption(CLI::App &command, OwnerOption &owner)
     group->type_name("GROUP")->check(kNotEmpty)->excludes(user);
 }
 
+void AddUserOption(CLI::App &command, std::string &user, const std::string &help)
+{
+    command.add_option("-u,--user", user, help)->required()->type_name("USER")->check(kNotEmpty);
+}
+
 CLI::Option *AddProtocolOption(CLI::App &command, std::string &protocol)
 {
     return command
@@ -80,6 +85,18 @@ void AddTransferSelection(CLI::App &command, TransferSelection &selection)
     AddProtocolOption(command, selection.protocol);
     AddChoice(command, "-d,--direction", selection.direction, "DIRECTION",
               ZEVO_BW_TRANSFER_TYPE_LIST, "Only this direction");
+}
+
+void AddPidOption(CLI::App &command, pid_t &pid)
+{
+    command.add_option("--pid", pid, "Only those of this process")
+        ->check(CLI::PositiveNumber)
+        ->type_name("PID");
+}
+
+void AddYesFlag(CLI::App &command, bool &yes, const std::string &help)
+{
+    command.add_flag("-y,--yes", yes, help);
 }
 
 CLI::Option *AddSecondsOption(CLI::App &command, const std::string &name, double &seconds,

@@ -34,6 +34,9 @@ void AddOwnerOption(CLI::App &command, OwnerOption &owner);
 // For names: an empty one would read as an option that was not given.
 extern const CLI::Validator kNotEmpty;
 
+// -u USER alone, required.
+void AddUserOption(CLI::App &command, std::string &user, const std::string &help);
+
 // -p PROTOCOL.
 CLI::Option *AddProtocolOption(CLI::App &command, std::string &protocol);
 
@@ -50,6 +53,12 @@ struct TransferSelection {
 };
 // -p PROTOCOL, -d DIRECTION.
 void AddTransferSelection(CLI::App &command, TransferSelection &selection);
+
+// --pid PID.
+void AddPidOption(CLI::App &command, pid_t &pid);
+
+// --yes, for what is asked about otherwise.
+void AddYesFlag(CLI::App &command, bool &yes, const std::string &help);
 
 // How often something is done again: 0.1 to 86400 seconds.
 CLI::Option *AddSecondsOption(CLI::App &command, const std::string &name, double &seconds,

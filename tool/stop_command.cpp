@@ -1,77 +1,98 @@
-// "stop": asks transfers to end. A transfer sees the mark after its block and ends; a save that
-// raced with the mark may have undone it, so that it is set again until the transfer is gone.
-#include <unistd.h>
-
+// "stop": asks transfers to end and waits until they have.
 #include <chrono>
 #include <memory>
-#include <vector>
+#include <string>
+#include <thread>
 
 #include "command.hpp"
 #include "options.hpp"
 #include "output.hpp"
+#include "question.hpp"
+#include "stopping.hpp"
 
 namespace tool {
 
 namespace {
 
-constexpr std::int32_t kEveryProtocol = -1; // numbers of add-ons are no bits
-constexpr useconds_t kLookAgainUs = 50'000;
-constexpr std::chrono::seconds kPatience{10};
-
 struct StopArguments {
     std::string user;
-    std::string direction;
+    TransferSelection selection;
     pid_t pid = 0;
+    double waitSeconds = 10;
+    bool yes = false;
 };
 
-struct Target {
-    pid_t pid;
-    std::int32_t direction;
-};
-
-std::vector<Target> FindTargets(const StopArguments &arguments, std::uint32_t uid)
+std::string Count(std::size_t count)
 {
-    const std::uint32_t directions =
-        arguments.direction.empty()
-            ? static_cast<std::uint32_t>(ZEVO_BW_TRANSFER_ALL)
-            : static_cast<std::uint32_t>(ValueOf(ZEVO_BW_TRANSFER_TYPE_LIST, arguments.direction));
-    ZEVO_BANDWIDTH_STATUS *list = nullptr;
-    if (ZEVOBandwidthStatusGetAll(ZEVO_BW_OWNER_USER, uid, kEveryProtocol, directions, &list) < 0)
-        throw Failure(kFailed, "the status file /tmp/bandwidth/user-" + std::to_string(uid) +
-                                   " cannot be read; it must be a regular file");
-    std::vector<Target> targets;
-    for (const auto *status = list; status != nullptr; status = status->next)
-        if (arguments.pid == 0 || arguments.pid == status->pid)
-            targets.push_back({status->pid, static_cast<std::int32_t>(status->transfer_type)});
-    ZEVOBandwidthStatusListFree(&list);
-    return targets;
+    return std::to_string(count) + (count == 1 ? " transfer" : " transfers");
+}
+
+// False: the person at the terminal would rather not.
+bool IsWanted(const Account &user, const Stopping &stopping, bool yes)
+{
+    const std::size_t count = stopping.found().size();
+    if (count == 1 || yes) return true;
+    const std::string what = Count(count) + " of user " + user.name;
+    const Answer answer = Ask("Stop " + what + "?");
+    if (answer == Answer::kNobodyThere)
+        throw Failure(kWrongUsage, "this would stop " + what +
+                                       ", and nobody is there to ask: add --yes, or name one with "
+                                       "--pid");
+    return answer == Answer::kYes;
+}
+
+void WaitFor(Stopping &stopping, double seconds)
+{
+    const auto deadline = Stopping::Clock::now() + std::chrono::duration<double>(seconds);
+    stopping.Step();
+    while (!stopping.left().empty() && Stopping::Clock::now() < deadline) {
+        std::this_thread::sleep_for(Stopping::kLookAgain);
+        stopping.Step();
+    }
+}
+
+Json ToJson(const Account &user, const Stopping &stopping)
+{
+    Json left = Json::array();
+    for (const RunningTransfer &transfer : stopping.left())
+        left.push_back({{"pid", transfer.pid}, {"direction", DirectionOf(transfer)}});
+    return {{"user", user.name},
+            {"uid", user.id},
+            {"stopped", stopping.found().size() - stopping.left().size()},
+            {"milliseconds", stopping.Took().count()},
+            {"left", left}};
+}
+
+void Report(const Account &user, const Stopping &stopping)
+{
+    const std::size_t stopped = stopping.found().size() - stopping.left().size();
+    if (OutputStyle().json) return PrintJson(ToJson(user, stopping));
+    if (stopped != 0)
+        PrintLine(Printable("user " + user.name + ": " + Count(stopped) + " stopped after " +
+                            std::to_string(stopping.Took().count()) + " ms"));
 }
 
 void Stop(const StopArguments &arguments)
 {
-    using Clock = std::chrono::steady_clock;
     const Account user = FindUser(arguments.user);
-    const std::vector<Target> found = FindTargets(arguments, user.id);
-    if (found.empty())
+    TransferFilter which = arguments.selection.Filter();
+    which.pid = arguments.pid;
+    Stopping stopping(user, which);
+    if (stopping.found().empty())
         throw Failure(kNotFound, "user " + user.name +
                                      " has no such transfer; 'zevobandwidth transfers' lists what "
                                      "is running");
-    const Clock::time_point start = Clock::now();
-    for (std::vector<Target> left = found; !left.empty(); left = FindTargets(arguments, user.id)) {
-        if (Clock::now() - start > kPatience)
-            throw Failure(kFailed, "user " + user.name + ": " + std::to_string(left.size()) +
-                                       " transfers are marked but have not ended; their processes "
-                                       "may be waiting for data, or be gone: then they are "
-                                       "forgotten after 30 seconds");
-        for (const Target &target : left) // one that is gone by now needs no mark
-            static_cast<void>(ZEVOBandwidthStatusSetActiveByUserName(
-                user.name.c_str(), target.direction, target.pid, 0));
-        ::usleep(kLookAgainUs);
-    }
-    const auto took =
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-    PrintLine("user " + user.name + ": " + std::to_string(found.size()) + " transfer" +
-              (found.size() == 1 ? "" : "s") + " stopped after " + std::to_string(took) + " ms");
+    if (!IsWanted(user, stopping, arguments.yes)) return PrintNote("Nothing was stopped.");
+    WaitFor(stopping, arguments.waitSeconds);
+    Report(user, stopping);
+    if (stopping.left().empty()) return;
+    const std::string left = Count(stopping.left().size()) + " of user " + user.name;
+    if (arguments.waitSeconds == 0) return PrintNote(left + " will end after the next block");
+    throw Failure(kFailed, left + " marked but not ended within " +
+                               std::to_string(stopping.Took().count() / 1000) +
+                               " s: the processes may be waiting for data, and end with the next "
+                               "block. What no process saves any more is forgotten after 30 "
+                               "seconds, or now with 'zevobandwidth forget'");
 }
 
 } // namespace
@@ -80,19 +101,24 @@ void AddStopCommand(CLI::App &app)
 {
     const auto arguments = std::make_shared<StopArguments>();
     CLI::App *command = app.add_subcommand("stop", "Stop a user's running transfers");
-    command->add_option("-u,--user", arguments->user, "Whose transfers: a name or a numeric id")
-        ->required()
-        ->type_name("USER");
-    command->add_option("--pid", arguments->pid, "Only those of this process")
-        ->check(CLI::PositiveNumber)
-        ->type_name("PID");
-    AddChoice(*command, "-d,--direction", arguments->direction, "DIRECTION",
-              ZEVO_BW_TRANSFER_TYPE_LIST, "Only this direction");
+    AddUserOption(*command, arguments->user, "Whose transfers: a name or a numeric id");
+    AddPidOption(*command, arguments->pid);
+    AddTransferSelection(*command, arguments->selection);
+    command
+        ->add_option("--wait", arguments->waitSeconds,
+                     "How long to wait for them to end; 0 marks them and does not wait")
+        ->capture_default_str()
+        ->check(CLI::Range(0.0, 86400.0))
+        ->type_name("SECONDS");
+    AddYesFlag(*command, arguments->yes, "Stop several without asking");
+    AddOutputOptions(*command);
     command->footer(
-        "Upload is from the client to this server, download from this server to the client.\n\n"
+        "A transfer ends after the block it is moving; its service reports it as failed. Upload\n"
+        "is from the client to this server, download from this server to the client.\n\n"
         "Examples:\n"
         "  zevobandwidth stop -u alice\n"
-        "  zevobandwidth stop -u alice --pid 4711 -d upload\n");
+        "  zevobandwidth stop -u alice --pid 4711 -d upload\n"
+        "  zevobandwidth stop -u bob -p rsync --yes --wait 30\n");
     command->callback([arguments] { Stop(*arguments); });
 }
 
