@@ -156,4 +156,80 @@ zevo forget -u alice
 exits 4
 kill $!
 
+# ---- metrics ----
+
+# well_formed FILE: every line as the format has it, each sample behind the type of its family, none
+# twice
+well_formed() {
+    local label='[a-z]+="([^"\\]|\\["\\n])*"' lines
+    lines="^# (HELP [a-z_]+ .+|TYPE [a-z_]+ gauge)$"
+    lines+="|^[a-z_]+(\{$label(,$label)*\})? ([0-9]+|\+Inf)$"
+    ! grep -nvE "$lines" "$1" || fail 'malformed lines'
+    awk '/^# TYPE/ { family = $3 } !/^#/ && index($0, family) != 1 { exit 1 }' "$1" ||
+        fail 'a sample without its type'
+    same "$(sed 's/ [^ ]*$//' "$1" | grep -v '^#' | sort | uniq -d)" ''
+    iconv -f UTF-8 -t UTF-8 "$1" >/dev/null || fail 'no UTF-8'
+    [[ -z $(tail -c 1 "$1") ]] || fail 'no line end'
+}
+
+# sample NAME LABELS VALUE
+sample() { grep -qxF -- "zevobandwidth_$1{$2} $3" /tmp/out || fail "no such sample: $*"; }
+
+wipe
+zevo metrics
+exits 0
+well_formed /tmp/out
+limit
+printf '%s\n' $'ev"i\\l\xff\x1b\xe2\x80\xae:x:2005:2005::/:/bin/sh' >>/etc/passwd
+zevo rule set -u 2005 -p rsync --down 1M
+zevo rule set -u 2001 -p ftp --state disabled
+{
+    transfer user-2005 11-1 rsync upload $'"\n} 1\x1b'
+    transfer user-2005 12-1 rsync upload x
+} >$running/user-2005
+transfer user-9999 11-2 rsync download x | sed 's/^expect speed=.*/expect speed=0/' \
+    >$running/user-9999
+transfer group-3001 11-1 rsync upload x >$running/group-3001
+zevo metrics
+exits 0
+silent
+well_formed /tmp/out
+who='"ev\"i\\l\\xFF\\x1B\\xE2\\x80\\xAE"'
+sample policy_enabled 'protocol="rsync"' 1
+sample policy_enabled 'protocol="ftp"' 0
+sample rules 'owner="user",protocol="ftp",state="disabled"' 1
+sample rule_limit_bytes_per_second \
+    'owner="group",protocol="rsync",name="staff",id="3001",direction="upload"' 4194304
+sample rule_limit_bytes_per_second \
+    "owner=\"user\",protocol=\"rsync\",name=$who,id=\"2005\",direction=\"upload\"" +Inf
+his="user=$who,uid=\"2005\",protocol=\"rsync\",direction=\"upload\""
+sample user_transfers "$his" 2
+sample user_speed_bytes_per_second "$his" 1048576
+sample user_allowed_bytes_per_second \
+    'user="9999",uid="9999",protocol="rsync",direction="download"' +Inf
+sample group_speed_bytes_per_second \
+    'group="staff",gid="3001",protocol="rsync",direction="upload"' 524288
+out_has 'zevobandwidth_unreadable 0'
+
+# A file is replaced whole or not at all, and a list with holes says so.
+mkdir /tmp/collector
+zevo metrics -o /tmp/collector/zevo.prom
+exits 0
+well_formed /tmp/collector/zevo.prom
+same "$(stat -c %a /tmp/collector/zevo.prom)" 644
+sed -i 's/^upload rate=.*/upload rate=1oo/' $conf/bandwidth.ftp.conf
+zevo metrics -o /tmp/collector/zevo.prom
+exits 1
+grep -qx 'zevobandwidth_unreadable 1' /tmp/collector/zevo.prom || fail 'the hole is not told'
+same "$(ls -A /tmp/collector)" zevo.prom
+mount -t tmpfs -o size=4k full /tmp/collector
+head -c 4096 /dev/zero >/tmp/collector/ballast
+zevo metrics -o /tmp/collector/zevo.prom
+exits 1
+err_has 'the file is as it was'
+same "$(ls -A /tmp/collector)" ballast
+umount /tmp/collector
+zevo metrics -o /tmp/none/zevo.prom
+exits 1
+
 finish

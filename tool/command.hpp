@@ -45,6 +45,7 @@ void AddCheckCommand(CLI::App &app);
 void AddExportCommand(CLI::App &app);
 void AddImportCommand(CLI::App &app);
 void AddNotifyCommand(CLI::App &app);
+void AddMetricsCommand(CLI::App &app);
 
 } // namespace tool
 

@@ -1,41 +1,15 @@
 // "export": all rules and policies as one JSON text.
-#include <fcntl.h>
-#include <sys/stat.h>
-
-#include <cerrno>
-#include <cstring>
 #include <memory>
-
-#include <zevocore_file.hpp>
 
 #include "command.hpp"
 #include "config_json.hpp"
 #include "options.hpp"
 #include "output.hpp"
+#include "whole_file.hpp"
 
 namespace tool {
 
 namespace {
-
-constexpr mode_t kNewFileMode = 0644;
-
-// The file is replaced whole: a backup made once is not lost to a full disk at the next.
-void ReplaceFile(const std::string &path, const std::string &text)
-{
-    const auto fail = [&path](const std::string &why) {
-        throw Failure(kFailed, "cannot write " + path + ": " + why + "; the file is as it was");
-    };
-    const zevo::Place place(path.c_str());
-    if (!place) fail(std::strerror(errno));
-    struct stat old {};
-    const bool exists = ::fstatat(place.dir(), place.name(), &old, AT_SYMLINK_NOFOLLOW) == 0;
-    if (exists && !S_ISREG(old.st_mode))
-        fail("it is no regular file; to write elsewhere redirect standard output");
-    zevo::TempFile temp(place);
-    const mode_t mode = exists ? old.st_mode & zevo::kPermissionBits : kNewFileMode;
-    if (!temp || !temp.Write(text) || !temp.SetMode(mode) || !temp.Sync() || !temp.RenameOver())
-        fail(std::strerror(errno));
-}
 
 void Export(const std::string &file)
 {
@@ -48,7 +22,7 @@ void Export(const std::string &file)
                                    " cannot be read; mend them first ('zevobandwidth check')");
     const std::string text = ConfigToText(ReadPolicies(), rules);
     if (file == "-") return PrintLine(text);
-    ReplaceFile(file, text + "\n");
+    WriteWholeFile(file, text + "\n");
 }
 
 } // namespace

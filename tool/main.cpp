@@ -106,6 +106,7 @@ int Run(int argc, char **argv)
     tool::AddNotifyCommand(app);
     tool::AddAddonCommand(app);
     tool::AddCheckCommand(app);
+    tool::AddMetricsCommand(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
