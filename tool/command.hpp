@@ -37,6 +37,7 @@ void AddRuleCommand(CLI::App &app);
 void AddPolicyCommand(CLI::App &app);
 void AddPlanCommand(CLI::App &app);
 void AddTransfersCommand(CLI::App &app);
+void AddTopCommand(CLI::App &app);
 void AddStopCommand(CLI::App &app);
 void AddForgetCommand(CLI::App &app);
 void AddPipeCommand(CLI::App &app);

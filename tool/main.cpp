@@ -98,6 +98,7 @@ int Run(int argc, char **argv)
     tool::AddPolicyCommand(app);
     tool::AddPlanCommand(app);
     tool::AddTransfersCommand(app);
+    tool::AddTopCommand(app);
     tool::AddStopCommand(app);
     tool::AddForgetCommand(app);
     tool::AddPipeCommand(app);
