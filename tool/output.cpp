@@ -130,31 +130,38 @@ void Table::Print() const
         PrintLine(line);
 }
 
+std::string Table::Line(const Row &row, const std::vector<std::size_t> &widths) const
+{
+    std::string line;
+    for (std::size_t i = 0; i < row.size(); ++i) {
+        const std::string blanks(widths[i] - Width(row[i]), ' ');
+        const bool right = std::find(right_.begin(), right_.end(), i) != right_.end();
+        if (right) line += blanks;
+        line += row[i];
+        if (i + 1 == row.size()) break;
+        if (!right) line += blanks;
+        line += kGap;
+    }
+    return line;
+}
+
 std::vector<std::string> Table::Lines() const
 {
-    std::vector<std::string> lines;
-    std::vector<std::vector<std::string>> cells = rows_;
+    std::vector<Row> rows = rows_;
     std::vector<std::size_t> widths(rows_.front().size(), 0);
-    if (OutputStyle().noLegend) cells.erase(cells.begin());
-    for (auto &row : cells) {
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            row[i] = Printable(row[i]);
+    const auto isTitle = [this](const Row &row) { return IsTitle(row); };
+    if (OutputStyle().noLegend) {
+        rows.erase(rows.begin());
+        std::erase_if(rows, isTitle);
+    }
+    for (Row &row : rows) {
+        std::transform(row.begin(), row.end(), row.begin(), Printable);
+        for (std::size_t i = 0; i < row.size() && !isTitle(row); ++i)
             widths[i] = std::max(widths[i], Width(row[i]));
-        }
     }
-    for (const auto &row : cells) {
-        std::string line;
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            const std::string blanks(widths[i] - Width(row[i]), ' ');
-            const bool right = std::find(right_.begin(), right_.end(), i) != right_.end();
-            if (right) line += blanks;
-            line += row[i];
-            if (i + 1 == row.size()) break;
-            if (!right) line += blanks;
-            line += kGap;
-        }
-        lines.push_back(std::move(line));
-    }
+    std::vector<std::string> lines;
+    for (const Row &row : rows)
+        lines.push_back(isTitle(row) ? Paint(Color::kBold, row.front()) : Line(row, widths));
     return lines;
 }
 

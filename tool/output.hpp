@@ -59,18 +59,24 @@ std::string AsciiOnly(std::string text);
 std::size_t Width(std::string_view text);
 
 // Columns of text under a headline, left-aligned but for those named; the last is never padded.
-// Cells pass through Printable(). Without legend the headline is left out.
+// Cells pass through Printable(). Without legend the headline is left out, and so are the titles
+// above groups of rows.
 class Table {
 public:
     explicit Table(std::vector<std::string> headline) : rows_{std::move(headline)} {}
     void AlignRight(std::size_t column) { right_.push_back(column); }
     void AddRow(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
+    void AddTitle(std::string title) { rows_.push_back({std::move(title)}); }
     void Print() const;
     // What Print() prints, line by line.
     std::vector<std::string> Lines() const;
 
 private:
-    std::vector<std::vector<std::string>> rows_;
+    using Row = std::vector<std::string>;
+    bool IsTitle(const Row &row) const { return row.size() < rows_.front().size(); }
+    std::string Line(const Row &row, const std::vector<std::size_t> &widths) const;
+
+    std::vector<Row> rows_;
     std::vector<std::size_t> right_;
 };
 
