@@ -1,13 +1,12 @@
 // "plan": the week of a rule or of a protocol's policy as a picture, and what it changes next. Plans
 // are written with "rule set" and "policy set".
 #include <ctime>
-#include <iomanip>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 
 #include "command.hpp"
+#include "moment.hpp"
 #include "options.hpp"
 #include "output.hpp"
 #include "plan.hpp"
@@ -146,29 +145,9 @@ bool TellAbout(const Subject &subject)
 
 // ---- moments ----
 
-std::string Format(const std::tm &local, const char *format)
-{
-    std::ostringstream text;
-    text << std::put_time(&local, format);
-    return text.str();
-}
-
-// "+01:00", which put_time writes without the colon.
-std::string OffsetText(const std::tm &local)
-{
-    return Format(local, "%z").insert(3, ":");
-}
-
-std::string MomentText(std::time_t moment)
-{
-    return Format(LocalTime(moment), "%a %Y-%m-%d %H:%M %Z");
-}
-
 Json ToJson(const Subject &subject, const PlanChange &change)
 {
-    const std::tm local = LocalTime(change.moment);
-    return {{"at", Format(local, "%Y-%m-%dT%H:%M:%S") + OffsetText(local)},
-            {"state", HourStateName(subject.of, change.state)}};
+    return {{"at", IsoText(change.moment)}, {"state", HourStateName(subject.of, change.state)}};
 }
 
 std::optional<PlanChange> NextChange(const Subject &subject, std::time_t now)
@@ -263,7 +242,7 @@ void PrintMoments(const Subject &subject, std::time_t now)
     };
     const std::tm local = LocalTime(now);
     const auto next = NextChange(subject, now);
-    PrintLine("time zone    " + Format(local, "%Z") + ", UTC" + OffsetText(local));
+    PrintLine("time zone    " + FormatTime(local, "%Z") + ", UTC" + OffsetText(local));
     PrintLine("now          " + text(Present(subject, now)));
     PrintLine("next change  " + (next ? text(*next) : "none: every hour is the same"));
 }
@@ -294,7 +273,7 @@ void PrintPlanJson(const Subject &subject, std::time_t now)
     Json json = subject.json;
     json["plan_is_whole"] = HasWholePlan(subject.plan);
     json["plan_bears"] = subject.Bears();
-    json["time_zone"] = {{"name", Format(local, "%Z")}, {"utc_offset", OffsetText(local)}};
+    json["time_zone"] = {{"name", FormatTime(local, "%Z")}, {"utc_offset", OffsetText(local)}};
     json["week"] = isThere ? WeekJson(subject) : Json(nullptr);
     json["now"] = isThere ? ToJson(subject, Present(subject, now)) : Json(nullptr);
     json["next_change"] = isThere && next ? ToJson(subject, *next) : Json(nullptr);
