@@ -36,6 +36,7 @@ private:
 void AddRuleCommand(CLI::App &app);
 void AddPolicyCommand(CLI::App &app);
 void AddPlanCommand(CLI::App &app);
+void AddPreviewCommand(CLI::App &app);
 void AddTransfersCommand(CLI::App &app);
 void AddTopCommand(CLI::App &app);
 void AddStopCommand(CLI::App &app);

@@ -97,6 +97,7 @@ int Run(int argc, char **argv)
     tool::AddRuleCommand(app);
     tool::AddPolicyCommand(app);
     tool::AddPlanCommand(app);
+    tool::AddPreviewCommand(app);
     tool::AddTransfersCommand(app);
     tool::AddTopCommand(app);
     tool::AddStopCommand(app);
