@@ -48,6 +48,7 @@ void AddExportCommand(CLI::App &app);
 void AddImportCommand(CLI::App &app);
 void AddNotifyCommand(CLI::App &app);
 void AddMetricsCommand(CLI::App &app);
+void AddSimulateCommand(CLI::App &app);
 
 } // namespace tool
 

@@ -109,6 +109,7 @@ int Run(int argc, char **argv)
     tool::AddAddonCommand(app);
     tool::AddCheckCommand(app);
     tool::AddMetricsCommand(app);
+    tool::AddSimulateCommand(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

@@ -35,6 +35,14 @@ std::uint32_t Part(std::uint64_t part, std::uint64_t whole)
     return static_cast<std::uint32_t>(std::min(ratio, 1.0) * 10'000);
 }
 
+std::string Bar(std::uint64_t part, std::uint64_t whole)
+{
+    constexpr std::uint32_t kColumns = 20;
+    constexpr std::uint32_t kWhole = 10'000;
+    const std::size_t filled = Part(part, whole) * kColumns / kWhole;
+    return "[" + std::string(filled, '#') + std::string(kColumns - filled, ' ') + "]";
+}
+
 // Only ASCII is shown of a name, so that a byte is a column.
 std::string ForTerminal(const std::string &name)
 {
@@ -84,6 +92,7 @@ std::string Progress::Compose(const ProgressFigures &figures, std::size_t width)
     if (figures.configuredBps != 0)
         parts.push_back("share " + FormatProgress(Part(figures.allowedBps, figures.configuredBps)));
     if (figures.size != 0) {
+        if (figures.hasBar) parts.insert(parts.begin(), Bar(figures.bytes, figures.size));
         parts.push_back(FormatProgress(Part(figures.bytes, figures.size)));
         const std::uint64_t left = figures.size - std::min(figures.bytes, figures.size);
         if (speedBps_ != 0) parts.push_back(FormatDuration(left / speedBps_) + " left");

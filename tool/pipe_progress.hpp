@@ -13,6 +13,7 @@ struct ProgressFigures {
     std::uint64_t size = 0;          // that are expected, 0 when not known
     std::uint64_t allowedBps = 0;    // 0 unlimited
     std::uint64_t configuredBps = 0; // what this user's rules allow one transfer alone
+    bool hasBar = false;             // of the part that has gone out, where the size is known
     std::int64_t nowUs = 0;
 };
 
@@ -23,6 +24,9 @@ public:
     ~Progress(); // leaves the last line standing
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
+
+    // Whether there is anybody to see it.
+    bool IsActive() const noexcept { return active_; }
 
     // At most five times a second.
     void Show(const ProgressFigures &figures);

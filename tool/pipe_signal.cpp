@@ -128,6 +128,13 @@ void DieOf(int signal) noexcept
     ::sigprocmask(SIG_UNBLOCK, &one, nullptr);
 }
 
+void LeaveEndingToParent() noexcept
+{
+    Install(SIGINT, SIG_IGN);
+    Install(SIGTERM, SIG_DFL);
+    ::sigprocmask(SIG_SETMASK, &maskInWaits, nullptr);
+}
+
 int WaitReady(pollfd *fds, nfds_t count, std::int64_t untilUs) noexcept
 {
     const std::int64_t leftUs = std::max<std::int64_t>(0, untilUs - NowUs());

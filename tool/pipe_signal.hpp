@@ -46,6 +46,10 @@ private:
     sigset_t saved_;
 };
 
+// In a child of a process that has called CatchSignals(): it ends by SIGTERM, which its parent sends;
+// what the terminal sends to both is the parent's business.
+void LeaveEndingToParent() noexcept;
+
 // Polls until something is ready, a signal came, or the moment has passed; lets in what is pending
 // in any case. Returns poll's result, 0 also for a signal.
 int WaitReady(pollfd *fds, nfds_t count, std::int64_t untilUs) noexcept;
