@@ -49,6 +49,7 @@ void AddImportCommand(CLI::App &app);
 void AddNotifyCommand(CLI::App &app);
 void AddMetricsCommand(CLI::App &app);
 void AddSimulateCommand(CLI::App &app);
+void AddDumpCommand(CLI::App &app);
 
 } // namespace tool
 

@@ -110,6 +110,7 @@ int Run(int argc, char **argv)
     tool::AddCheckCommand(app);
     tool::AddMetricsCommand(app);
     tool::AddSimulateCommand(app);
+    tool::AddDumpCommand(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

@@ -107,12 +107,17 @@ CLI::Option *AddSecondsOption(CLI::App &command, const std::string &name, double
         ->type_name("SECONDS");
 }
 
+void AddLegendOption(CLI::App &command)
+{
+    command.add_flag("--no-legend", OutputStyle().noLegend, "Print no headlines and explanations");
+}
+
 void AddOutputOptions(CLI::App &command)
 {
     Style &style = OutputStyle();
     command.add_flag("--json", style.json, "Print JSON rather than text");
     command.add_flag("-n,--numeric", style.numeric, "Print ids of users and groups, not names");
-    command.add_flag("--no-legend", style.noLegend, "Print no headlines and explanations");
+    AddLegendOption(command);
     command.add_flag("--no-color", style.noColor,
                      "Print without colors, as with NO_COLOR in the environment");
 }

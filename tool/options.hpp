@@ -67,6 +67,9 @@ CLI::Option *AddSecondsOption(CLI::App &command, const std::string &name, double
 // --json, -n, --no-legend, --no-color: into OutputStyle(). For every command that prints.
 void AddOutputOptions(CLI::App &command);
 
+// --no-legend alone, where the form is fixed otherwise.
+void AddLegendOption(CLI::App &command);
+
 // What every command that changes something takes.
 struct ChangeOptions {
     bool isDryRun = false; // says what would hold, changes nothing
