@@ -50,6 +50,7 @@ void AddNotifyCommand(CLI::App &app);
 void AddMetricsCommand(CLI::App &app);
 void AddSimulateCommand(CLI::App &app);
 void AddDumpCommand(CLI::App &app);
+void AddCompletionCommand(CLI::App &app);
 
 } // namespace tool
 

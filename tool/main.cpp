@@ -111,6 +111,7 @@ int Run(int argc, char **argv)
     tool::AddMetricsCommand(app);
     tool::AddSimulateCommand(app);
     tool::AddDumpCommand(app);
+    tool::AddCompletionCommand(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

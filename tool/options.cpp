@@ -143,6 +143,17 @@ std::optional<std::string> PlanOptions::Read(PlanOf of) const
     return ParsePlan(of, *rules, base ? ParseHourState(of, *base) : HourState::kNormal);
 }
 
+namespace {
+
+std::string StateNames(PlanOf of)
+{
+    std::string names = HourStateName(of, HourState::kOff);
+    names += "," + HourStateName(of, HourState::kNormal);
+    return of == PlanOf::kPolicy ? names : names + "," + HourStateName(of, HourState::kCustom);
+}
+
+} // namespace
+
 void AddPlanOptions(CLI::App &command, PlanOf of, PlanOptions &plan)
 {
     const std::string normal = HourStateName(of, HourState::kNormal);
@@ -152,7 +163,7 @@ void AddPlanOptions(CLI::App &command, PlanOf of, PlanOptions &plan)
     command
         .add_option("--base", plan.base,
                     "State of the hours that --plan does not name, by default " + normal)
-        ->type_name("STATE")
+        ->type_name("STATE:{" + StateNames(of) + "}") // the form of a choice, which shells complete
         ->needs(rules);
     command.add_option("--plan-raw", plan.raw, "The week's plan as 168 digits")
         ->type_name("DIGITS")

@@ -23,7 +23,10 @@ die() {
 packages_of() { # GROUP
     case $1 in
     build) echo g++ cmake ninja-build libcli11-dev libncurses-dev nlohmann-json3-dev psmisc ;;
-    test) echo libgtest-dev libgmock-dev libbenchmark-dev util-linux mount uidmap tmux python3-jsonschema ;;
+    test)
+        echo libgtest-dev libgmock-dev libbenchmark-dev util-linux mount uidmap tmux zsh fish \
+            python3-jsonschema
+        ;;
     run) echo util-linux mount ;; # what the sandbox needs
     measure) echo pv ;; # what the cost is compared with
     check) echo clang-format clang-tidy shellcheck ;;
