@@ -112,6 +112,7 @@ void AddComplete(CLI::App &app)
 void AddCompletionCommand(CLI::App &app)
 {
     std::vector<std::string> names;
+    names.reserve(kShells.size());
     for (const Shell &shell : kShells)
         names.emplace_back(shell.name);
     const auto name = std::make_shared<std::string>();

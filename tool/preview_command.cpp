@@ -147,6 +147,7 @@ std::vector<std::uint32_t> GroupsOf(const Account &user)
         VLIBGroupInfoListGet(user.name.c_str(), 0), &VLIBCSzListFree);
     if (!list) throw Failure(kFailed, "the groups of user " + user.name + " cannot be looked up");
     std::vector<std::uint32_t> gids;
+    gids.reserve(static_cast<std::size_t>(list->nItem));
     for (int i = 0; i < list->nItem; ++i)
         gids.push_back(static_cast<std::uint32_t>(std::stoul(VLIBCSzListGet(list.get(), i))));
     return gids;
