@@ -25,9 +25,10 @@ packages_of() { # GROUP
     build) echo g++ cmake ninja-build libcli11-dev libncurses-dev nlohmann-json3-dev psmisc ;;
     test)
         echo libgtest-dev libgmock-dev libbenchmark-dev util-linux mount uidmap tmux zsh fish \
-            python3-jsonschema
+            python3-jsonschema mandoc
         ;;
     run) echo util-linux mount ;; # what the sandbox needs
+    pictures) echo python3 python3-rich tmux ;;
     measure) echo pv ;; # what the cost is compared with
     check) echo clang-format clang-tidy shellcheck ;;
     *) die "no package group '$1'" ;;
