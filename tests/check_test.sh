@@ -102,7 +102,7 @@ before=$(ls $running)
 zevo check --json
 exits 6
 same "$(ls $running)" "$before"
-same "$(python3 -c 'import json
+same "$(/usr/bin/python3 -c 'import json
 print(sum(f["repairable"] and not f["repaired"] for f in json.load(open("/tmp/out"))))')" 8
 zevo check --repair
 exits 6

@@ -29,7 +29,7 @@ zevo export /tmp/first.json
 exits 0
 silent
 prints ''
-python3 - "$schema" /tmp/first.json <<'PY' || fail 'the export does not follow its schema'
+/usr/bin/python3 - "$schema" /tmp/first.json <<'PY' || fail 'the export does not follow its schema'
 import json, sys, jsonschema
 schema, text = (json.load(open(name)) for name in sys.argv[1:])
 jsonschema.Draft202012Validator.check_schema(schema)
@@ -63,7 +63,7 @@ zevo rule set -u dave -p rsync --up 1M
 prints 'changed: user alice, ftp: upload 2 MiB/s → 1 MiB/s
 0 would be added, 1 changed; 6 unchanged; 1 stored ones are not in the file and stay'
 zevo import --json /tmp/first.json
-same "$(python3 -c 'import json; r = json.load(open("/tmp/out")); d, = r["differences"]
+same "$(/usr/bin/python3 -c 'import json; r = json.load(open("/tmp/out")); d, = r["differences"]
 print(r["changed"], r["kept"], d["from"]["upload_kib_per_s"], d["to"]["upload_kib_per_s"])')" \
     '1 1 2048 1024'
 
