@@ -22,7 +22,7 @@
 #include <zevocore_file.hpp>
 
 #include "check_text.hpp"
-#include "command.hpp"
+#include "failure.hpp"
 #include "store.hpp"
 
 namespace tool {

@@ -12,7 +12,7 @@
 #include <set>
 #include <tuple>
 
-#include "command.hpp"
+#include "failure.hpp"
 #include "policy_text.hpp"
 #include "rate.hpp"
 #include "rule_text.hpp"

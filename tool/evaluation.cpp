@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "command.hpp"
+#include "failure.hpp"
 #include "names.hpp"
 #include "pipe_block.hpp"
 #include "store.hpp"

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "command.hpp"
+#include "failure.hpp"
 
 namespace tool {
 

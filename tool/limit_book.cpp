@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <ctime>
 
-#include "command.hpp"
+#include "failure.hpp"
 #include "pipe_signal.hpp"
 #include "store.hpp"
 

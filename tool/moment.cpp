@@ -4,7 +4,7 @@
 #include <iomanip>
 #include <sstream>
 
-#include "command.hpp"
+#include "failure.hpp"
 #include "plan.hpp"
 
 namespace tool {

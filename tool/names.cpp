@@ -19,7 +19,7 @@
 #include <tuple>
 #include <unordered_map>
 
-#include "command.hpp"
+#include "failure.hpp"
 #include "output.hpp"
 
 namespace tool {
@@ -199,17 +199,14 @@ bool IsUsable(const Protocol &addon)
            ZEVOBandwidthEnumToValue(ZEVO_BW_PROTOCOL_TYPE_LIST, addon.name.c_str()) == addon.number;
 }
 
-constexpr const char *kAmbiguous = " has the same number or a name that begins with its name";
+constexpr const char *kAmbiguous =
+    "another file there has the same number or a name that begins with its name";
 
-Addon ReadAddon(const std::string &file)
+const char *WhyUnusable(const std::optional<Protocol> &protocol)
 {
-    const auto protocol = FromFileName(file);
-    if (!protocol) return {{}, file, "its name is no NAME_NUMBER.json with a number above 0"};
-    if (IsBuiltIn(*protocol))
-        return {*protocol, file, "its name or number is taken by the system itself"};
-    if (!IsUsable(*protocol))
-        return {*protocol, file, std::string("another file here") + kAmbiguous};
-    return {*protocol, file, ""};
+    if (!protocol) return "its name is no NAME_NUMBER.json with a number above 0";
+    if (IsBuiltIn(*protocol)) return "its name or number is taken by the system itself";
+    return IsUsable(*protocol) ? "" : kAmbiguous;
 }
 
 std::string KnownProtocolNames()
@@ -290,9 +287,8 @@ std::int32_t FindProtocol(const std::string &name)
         if (protocol.name == name) return protocol.number;
     for (const Protocol &addon : AnnouncedAddons())
         if (addon.name == name)
-            throw Failure(kNotFound, "the add-on protocol \"" + name +
-                                         "\" is ambiguous: another file in " + kAddonDirectory +
-                                         kAmbiguous);
+            throw Failure(kNotFound, "the add-on protocol \"" + name + "\" of " + kAddonDirectory +
+                                         " is ambiguous: " + kAmbiguous);
     throw Failure(kNotFound,
                   "no such protocol: \"" + name + "\"; known are " + KnownProtocolNames());
 }
@@ -315,8 +311,13 @@ std::vector<Protocol> KnownProtocols()
 std::vector<Addon> AddonFiles()
 {
     std::vector<Addon> addons;
-    for (const std::string &file : NamesOfAddonFiles())
-        addons.push_back(ReadAddon(file));
+    for (const std::string &file : NamesOfAddonFiles()) {
+        const std::optional<Protocol> protocol = FromFileName(file);
+        Addon &addon = addons.emplace_back();
+        addon.protocol = protocol.value_or(Protocol{});
+        addon.file = file;
+        addon.fault = WhyUnusable(protocol);
+    }
     std::sort(addons.begin(), addons.end(), [](const Addon &a, const Addon &b) {
         return std::tie(a.protocol.name, a.file) < std::tie(b.protocol.name, b.file);
     });

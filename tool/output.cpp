@@ -12,7 +12,7 @@
 
 #include <unistd.h>
 
-#include "command.hpp"
+#include "failure.hpp"
 
 namespace tool {
 

@@ -15,7 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "command.hpp"
+#include "failure.hpp"
 #include "pipe_signal.hpp"
 
 namespace tool {

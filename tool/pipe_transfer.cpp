@@ -9,7 +9,7 @@
 
 #include <zevocore.h>
 
-#include "command.hpp"
+#include "failure.hpp"
 
 namespace tool {
 

@@ -7,7 +7,7 @@
 #include <optional>
 #include <sstream>
 
-#include "command.hpp"
+#include "failure.hpp"
 
 namespace tool {
 

@@ -8,7 +8,7 @@
 #include <limits>
 #include <string_view>
 
-#include "command.hpp"
+#include "failure.hpp"
 
 namespace tool {
 

@@ -6,7 +6,7 @@
 #include <optional>
 #include <sstream>
 
-#include "command.hpp"
+#include "failure.hpp"
 #include "rate.hpp"
 #include "rule_text.hpp"
 

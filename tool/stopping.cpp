@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "command.hpp"
+#include "failure.hpp"
 
 namespace tool {
 

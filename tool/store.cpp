@@ -16,7 +16,7 @@
 
 #include <zevocore.h>
 
-#include "command.hpp"
+#include "failure.hpp"
 #include "output.hpp"
 
 namespace tool {

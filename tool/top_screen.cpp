@@ -12,7 +12,7 @@
 #include <cstring>
 #include <cwchar>
 
-#include "command.hpp"
+#include "failure.hpp"
 #include "pipe_signal.hpp"
 
 #define NCURSES_NOMACROS 1

@@ -16,7 +16,7 @@
 #include <string_view>
 #include <tuple>
 
-#include "command.hpp"
+#include "failure.hpp"
 #include "names.hpp"
 
 namespace tool {

@@ -9,7 +9,7 @@
 
 #include <zevocore_file.hpp>
 
-#include "command.hpp"
+#include "failure.hpp"
 
 namespace tool {
 
