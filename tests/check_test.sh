@@ -67,7 +67,7 @@ ftp 7 unknown setting "uplaod rate"
 ftp 8 "2002" instead of "2001"
 ftp 9 is no section, setting or comment
 ftp 10 is no section, setting or comment
-ftp 11 unknown user 4711
+ftp 12 unknown user 4711
 ftp 13 belongs to nobody: [user-02001]
 ftp 15 second section of this name
 ftp 16 is no section, setting or comment
@@ -78,6 +78,9 @@ FAULTS
 finds $conf/bandwidth.gopher.conf 'unknown protocol'
 finds $conf/bandwidth.rsync.conf 'hint: its rules do not bear'
 out_has 'zevobandwidth rule clear -u 4711 -p ftp'
+zevo rule clear -u 4711 -p ftp
+zevo check
+! grep -q 'unknown user' /tmp/out || fail 'the remedy does not cure'
 ! grep -q 'nonsense' /tmp/out || fail 'lines of an unknown section were judged'
 
 # A repair removes what is old and sets modes; all else, links and planted names above all, stays.

@@ -50,7 +50,7 @@ zevo transfers --merge -u bob --json
 same "$(tr -d ' \n' </tmp/out)" '[{"owner":"user","name":"bob","id":2002,"protocol":"ftp",'`
     `'"direction":"upload","speed_bytes_per_s":524288,"allowed_bytes_per_s":null}]'
 
-for seconds in 0 -1 x 1e9; do
+for seconds in 0 -1 x nan 1e9; do
     zevo transfers --watch $seconds
     exits 2
 done
@@ -226,10 +226,21 @@ mount -t tmpfs -o size=4k full /tmp/collector
 head -c 4096 /dev/zero >/tmp/collector/ballast
 zevo metrics -o /tmp/collector/zevo.prom
 exits 1
-err_has 'the file is as it was'
+err_has 'nothing was written'
 same "$(ls -A /tmp/collector)" ballast
 umount /tmp/collector
 zevo metrics -o /tmp/none/zevo.prom
 exits 1
+
+# ---- what was found by trying ----
+
+lines=$(timeout -s INT 2.5 "$ZEVOBW_TOOL" transfers --watch --no-legend 2>&1 | wc -l)
+((lines <= 30)) || fail "--watch without seconds does not pause: $lines lines"
+
+mkdir -p $running/user-2001 # nobody's file: told, not passed over
+zevo transfers
+exits 1
+err_has "$running/user-2001"
+rm -r $running
 
 finish

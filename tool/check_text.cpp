@@ -260,9 +260,8 @@ protected:
             Tell(kNobodysSection + section + "]", kMendSection);
         else if (unique_.IsSecond(section))
             Tell(kSecondSection + section + "]", kMendSection);
-        else if (!IsKnown(*owner))
-            TellUnknown(OwnerById(owner->type, owner->account.id));
         hasRules_ = hasRules_ || owner;
+        owner_ = owner;
         if (owner)
             expected_ = {{"id", std::to_string(owner->account.id)},
                          {"owner type", ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner->type)},
@@ -272,6 +271,9 @@ protected:
 
     void Pair(const Key &key, const std::string &value) override
     {
+        // A rule that was cleared is none, whoever's it was.
+        if (std::string_view(key.name) == "state" && value != "NotExisted" && !IsKnown(*owner_))
+            TellUnknown(OwnerById(owner_->type, owner_->account.id));
         const auto expected = expected_.find(key.name);
         if (expected == expected_.end() || expected->second == value) return;
         Tell("\"" + std::string(key.name) + "\" contradicts the section and its file: \"" + value +
@@ -289,6 +291,7 @@ private:
     const std::int32_t protocol_;
     const std::string protocolName_;
     UniqueSections unique_;
+    decltype(ParseOwner("")) owner_; // of the section
     bool hasRules_ = false;
     std::map<std::string_view, std::string> expected_;
 };

@@ -50,7 +50,8 @@ std::string ConfigToText(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies
     std::vector<Json> ruleEntries;
     for (const auto &[owner, rule] : rules) {
         ruleEntries.push_back(ToJson(owner, rule));
-        if (!IsKnown(owner)) ruleEntries.back()["name"] = nullptr;
+        // In digits it would be taken for a name.
+        if (OutputStyle().numeric || !IsKnown(owner)) ruleEntries.back()["name"] = nullptr;
     }
     std::string text = std::string("{\n  \"format\": \"") + kFormat +
                        "\",\n  \"version\": " + std::to_string(kVersion) + ",\n";
@@ -415,7 +416,7 @@ void ConfigReader::ReadPolicy(Entry &entry)
     for (const PolicyChoice &choice : kChoices) {
         std::vector<std::string> names = ValueNames(choice.table);
         // A policy is stored or not there at all.
-        if (choice.table == ZEVO_BW_STATE_LIST) names.erase(names.begin());
+        if (choice.field == &ZEVO_BANDWIDTH_GLOBAL_CONF::state) names.erase(names.begin());
         if (const auto value = entry.Choice(choice.key, names, choice.table))
             policy.*choice.field = *value;
     }

@@ -107,7 +107,12 @@ std::vector<std::string> NamesOfAddonFiles()
 {
     std::vector<std::string> names;
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(::opendir(kAddonDirectory), &::closedir);
-    if (!directory) return names;
+    if (!directory && errno == ENOENT) return names;
+    if (!directory)
+        throw Failure(errno == EACCES ? kNotPermitted : kFailed,
+                      std::string("the add-on protocols of ") + kAddonDirectory +
+                          " cannot be read: " + std::strerror(errno) +
+                          "; it must be a directory that every user may read");
     while (const dirent *entry = ::readdir(directory.get())) {
         const std::string_view name = entry->d_name;
         if (!name.starts_with('.') && name.ends_with(kAddonSuffix)) names.emplace_back(name);

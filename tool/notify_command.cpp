@@ -51,9 +51,6 @@ Notice NotifySimulator()
     const int result = ZEVOBandwidthHupSimulator();
     const int told = NotifyTransfers();
     std::string text = std::to_string(told) + (told == 1 ? " process" : " processes") + " told";
-    if (result != 0)
-        text += " directly; killall " +
-                (result < 0 ? "could not be run" : "ended with status " + std::to_string(result));
     return {"simulator", result, text};
 }
 

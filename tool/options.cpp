@@ -2,6 +2,7 @@
 #include "options.hpp"
 
 #include <algorithm>
+#include <charconv>
 
 #include "command.hpp"
 #include "notify.hpp"
@@ -87,10 +88,26 @@ void AddTransferSelection(CLI::App &command, TransferSelection &selection)
               ZEVO_BW_TRANSFER_TYPE_LIST, "Only this direction");
 }
 
+namespace {
+
+constexpr double kMostSeconds = 86400;
+
+const CLI::Validator kProcessId(
+    [](const std::string &text) -> std::string {
+        pid_t pid = 0;
+        const char *const end = text.data() + text.size();
+        const auto result = std::from_chars(text.data(), end, pid);
+        if (result.ec == std::errc() && result.ptr == end && pid > 0) return "";
+        return "must be the number of a process";
+    },
+    "");
+
+} // namespace
+
 void AddPidOption(CLI::App &command, pid_t &pid)
 {
     command.add_option("--pid", pid, "Only those of this process")
-        ->check(CLI::PositiveNumber)
+        ->check(kProcessId)
         ->type_name("PID");
 }
 
@@ -100,10 +117,20 @@ void AddYesFlag(CLI::App &command, bool &yes, const std::string &help)
 }
 
 CLI::Option *AddSecondsOption(CLI::App &command, const std::string &name, double &seconds,
-                              const std::string &help)
+                              const std::string &help, double least)
 {
+    const auto check = [least](const std::string &text) -> std::string {
+        double value = 0;
+        const char *const end = text.data() + text.size();
+        const auto result = std::from_chars(text.data(), end, value);
+        const bool isNumber = result.ec == std::errc() && result.ptr == end;
+        // Written so that it also refuses what is no number but called one.
+        if (isNumber && value >= least && value <= kMostSeconds) return "";
+        return "must be a number of seconds from " + std::string(least == 0 ? "0" : "0.1") +
+               " to 86400";
+    };
     return command.add_option(name, seconds, help)
-        ->check(CLI::Range(0.1, 86400.0))
+        ->check(CLI::Validator(check, ""))
         ->type_name("SECONDS");
 }
 

@@ -62,7 +62,7 @@ void AddYesFlag(CLI::App &command, bool &yes, const std::string &help);
 
 // How often something is done again: 0.1 to 86400 seconds.
 CLI::Option *AddSecondsOption(CLI::App &command, const std::string &name, double &seconds,
-                              const std::string &help);
+                              const std::string &help, double least = 0.1);
 
 // --json, -n, --no-legend, --no-color: into OutputStyle(). For every command that prints.
 void AddOutputOptions(CLI::App &command);

@@ -44,6 +44,12 @@ constexpr std::uint64_t kFiveSeconds = 5;
     }
 }
 
+[[noreturn]] void FailReadingLimits(const std::string &what)
+{
+    FailWith(what, "make sure that this user may read the files in /usr/zevo/etc/bandwidth; "
+                   "'zevobandwidth check' says what is wrong with them");
+}
+
 // What one rule's sharers leave: how many move data, and the part that is this user's own.
 Sharing Share(const ZEVO_BANDWIDTH_STATUS *list, std::int32_t pid, std::uint32_t uid,
               std::uint64_t rateBps)
@@ -70,7 +76,7 @@ Transfer::Transfer(std::uint32_t uid, std::int32_t protocol, std::int32_t direct
 {
     if (ZEVOBandwidthConfigGet(uid, protocol, &config_) < 0) {
         ZEVOBandwidthConfigFree(&config_);
-        FailWithSlot("the limits cannot be read");
+        FailReadingLimits("the limits cannot be read");
     }
     Evaluate();
     std::uint64_t timeUs = 0;

@@ -219,6 +219,7 @@ std::uint64_t ParseSize(const std::string &text)
 std::string FormatRate(std::uint64_t kBps)
 {
     if (kBps == 0) return "unlimited";
+    if (kBps > UINT64_MAX / 100) return std::to_string(kBps) + " KiB/s"; // has no hundredths here
     // The largest unit of which it is a whole number of quarters: two decimals then say it exactly.
     std::size_t unit = 1;
     std::uint64_t size = 1;

@@ -112,16 +112,15 @@ void NotePlan(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
         "the custom rates hold. Without a plan choose --state enabled for the normal rates");
 }
 
-void NotePolicy(const Owner &owner, std::int32_t protocol)
+void NotePolicy(const Owner &owner, const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
 {
-    const ZEVO_BANDWIDTH_GLOBAL_CONF policy = ReadPolicy(protocol);
     const std::string why = WhyNothingIsLimited(policy);
     if (!why.empty()) return PrintNote("note: " + why);
     const bool isUser = owner.type == ZEVO_BW_OWNER_USER;
     const int ignoring =
         isUser ? ZEVO_BW_USER_GROUP_POLICY_GROUP_ONLY : ZEVO_BW_USER_GROUP_POLICY_USER_ONLY;
     if (policy.userGroupPolicy == ignoring)
-        PrintNote("note: the policy of " + ProtocolName(protocol) + " is " +
+        PrintNote("note: the policy of " + ProtocolName(policy.protocolType) + " is " +
                   ValueName(ZEVO_BW_USER_GROUP_POLICY_LIST, ignoring) + ", so the rules of " +
                   (isUser ? "users" : "groups") + " do not bear on it");
 }
@@ -189,10 +188,11 @@ void ChangeState(const RuleArguments &arguments, std::int32_t state)
     ZEVO_BANDWIDTH_CONF rule = ReadRule(owner, protocol);
     if (rule.state == ZEVO_BW_STATE_NOT_EXISTED) RefuseForLackOfRule(owner, protocol);
     rule.state = state;
+    const ZEVO_BANDWIDTH_GLOBAL_CONF policy = ReadPolicy(protocol);
     CarryOut(arguments.change, [&rule] { WriteRule(rule); });
     Report(owner, rule);
     NotePlan(owner, rule);
-    if (state != ZEVO_BW_STATE_DISABLED) NotePolicy(owner, protocol);
+    if (state != ZEVO_BW_STATE_DISABLED) NotePolicy(owner, policy);
 }
 
 void AddStateCommands(CLI::App &parent)
@@ -398,10 +398,12 @@ void AddList(CLI::App &parent)
 
 void StoreRule(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule, const ChangeOptions &change)
 {
+    // Before anything is written: what is told as failed must not have been done.
+    const ZEVO_BANDWIDTH_GLOBAL_CONF policy = ReadPolicy(rule.protocolType);
     CarryOut(change, [&rule] { WriteRule(rule); });
     Report(owner, rule);
     NotePlan(owner, rule);
-    NotePolicy(owner, rule.protocolType);
+    NotePolicy(owner, policy);
 }
 
 void AddRuleCommand(CLI::App &app)

@@ -104,12 +104,9 @@ void AddStopCommand(CLI::App &app)
     AddUserOption(*command, arguments->user, "Whose transfers: a name or a numeric id");
     AddPidOption(*command, arguments->pid);
     AddTransferSelection(*command, arguments->selection);
-    command
-        ->add_option("--wait", arguments->waitSeconds,
-                     "How long to wait for them to end; 0 marks them and does not wait")
-        ->capture_default_str()
-        ->check(CLI::Range(0.0, 86400.0))
-        ->type_name("SECONDS");
+    AddSecondsOption(*command, "--wait", arguments->waitSeconds,
+                     "How long to wait for them to end; 0 marks them and does not wait", 0)
+        ->capture_default_str();
     AddYesFlag(*command, arguments->yes, "Stop several without asking");
     AddOutputOptions(*command);
     command->footer(

@@ -45,14 +45,17 @@ int Refusal(const std::string &path, int mode)
     if (::faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0) return 0;
     const int error = errno;
     if (error == ENOENT && mode == W_OK && path != "/") return Refusal(ParentOf(path), mode);
-    return error == EACCES || error == EPERM || error == EROFS ? error : 0;
+    return error == ENOENT ? 0 : error;
 }
 
 void RequirePermission(const std::string &path, int mode)
 {
     const int error = Refusal(path, mode);
     if (error == 0) return;
-    const std::string remedy = error == EROFS ? "the file system is mounted read-only"
+    if (error == ENOTDIR || error == ELOOP)
+        throw Failure(kFailed, path + " cannot be reached: " + std::strerror(error) +
+                                   "; 'zevobandwidth check' says what should be there");
+    const std::string remedy = error == EROFS ? "mount the file system for writing"
                                               : "run this command as an administrator (root)";
     throw Failure(kNotPermitted, "not permitted to " +
                                      std::string(mode == W_OK ? "write" : "read") + " " + path +

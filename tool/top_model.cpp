@@ -45,7 +45,7 @@ constexpr std::array kHelp = {
     "",
     "SPEED    measured over the last block     ALLOWED  what the limits leave it now",
     "SHARE    ALLOWED of what the user's limits allow one transfer alone",
-    "DONE     as its service tells it          LEFT     at the pace of the last minute",
+    "DONE     as its service tells it          LEFT     at the last minute's pace",
     "HISTORY  of the speed; a full bar is what is allowed, or the highest speed seen",
     "Groups: speed charged to the group against its rule in force at this hour.",
 };

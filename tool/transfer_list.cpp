@@ -62,11 +62,24 @@ std::uint32_t IdOf(std::string_view file, std::string_view prefix)
     return whole && std::to_string(id) == file ? id : kNobody;
 }
 
-bool IsRegular(DIR *directory, const char *name)
+[[noreturn]] void RefuseDirectory(int error)
+{
+    const std::string what =
+        std::string(kStatusDirectory) + " cannot be read: " + std::strerror(error);
+    if (error == EACCES || error == EPERM)
+        throw Failure(kNotPermitted, what +
+                                         "; it should be open to everybody: 'zevobandwidth check "
+                                         "--repair', run as root, sees to that");
+    throw Failure(kFailed, what + "; it must be a directory and no link: remove what is there");
+}
+
+// To the library a directory that cannot be searched is one without files.
+void RequireDirectory()
 {
     struct stat attributes {};
-    return ::fstatat(::dirfd(directory), name, &attributes, AT_SYMLINK_NOFOLLOW) == 0 &&
-           S_ISREG(attributes.st_mode);
+    if (::lstat(kStatusDirectory, &attributes) != 0) return; // nothing has been limited yet
+    if (!S_ISDIR(attributes.st_mode)) RefuseDirectory(ENOTDIR);
+    if (::faccessat(AT_FDCWD, kStatusDirectory, X_OK, AT_EACCESS) != 0) RefuseDirectory(errno);
 }
 
 std::vector<std::uint32_t> OwnersWithStatusFiles(std::int32_t ownerType)
@@ -75,14 +88,12 @@ std::vector<std::uint32_t> OwnersWithStatusFiles(std::int32_t ownerType)
     const int fd = ::open(kStatusDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0 && errno == ENOENT) return ids; // nothing has been limited since the last start
     DIR *const opened = fd < 0 ? nullptr : ::fdopendir(fd);
-    if (opened == nullptr)
-        throw Failure(kFailed, std::string(kStatusDirectory) + " cannot be read: " +
-                                   std::strerror(errno) + "; it must be a directory and no link");
+    if (opened == nullptr) RefuseDirectory(errno);
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(opened, &::closedir);
     const std::string prefix = FilePrefix(ownerType);
     while (const dirent *entry = ::readdir(directory.get())) {
         const std::uint32_t id = IdOf(entry->d_name, prefix);
-        if (id != kNobody && IsRegular(directory.get(), entry->d_name)) ids.push_back(id);
+        if (id != kNobody) ids.push_back(id);
     }
     return ids;
 }
@@ -126,6 +137,7 @@ bool TransferList::Passes(const RunningTransfer &transfer) const
 
 void TransferList::Read(std::int32_t ownerType, std::uint32_t id)
 {
+    RequireDirectory();
     const std::string path = StatusFile(ownerType, id);
     ZEVO_BANDWIDTH_STATUS *list = nullptr;
     if (ZEVOBandwidthIStatusGetAll(path.c_str(), kEveryProtocol, filter_.directions, &list,

@@ -233,7 +233,8 @@ void AddTransfersCommand(CLI::App &app)
     arguments->watch =
         AddSecondsOption(*command, "--watch", arguments->watchSeconds,
                          "Again and again, every so many seconds (1), until interrupted")
-            ->expected(0, 1);
+            ->expected(0, 1)
+            ->type_name("[SECONDS]");
     AddOutputOptions(*command);
     command->footer(
         "Upload is from the client to this server, download from this server to the client.\n"
@@ -249,7 +250,7 @@ void AddTransfersCommand(CLI::App &app)
     command->callback([arguments] {
         const Request request = Resolve(*arguments);
         if (arguments->watch->count() != 0)
-            Watch(request, arguments->watchSeconds);
+            Watch(request, arguments->watchSeconds > 0 ? arguments->watchSeconds : 1);
         else
             ListOnce(request);
     });

@@ -22,12 +22,15 @@ constexpr mode_t kNewFileMode = 0644;
 void WriteWholeFile(const std::string &path, const std::string &text)
 {
     const auto fail = [&path](const std::string &why) {
-        throw Failure(kFailed, "cannot write " + path + ": " + why + "; the file is as it was");
+        const bool forbidden = errno == EACCES || errno == EPERM || errno == EROFS;
+        throw Failure(forbidden ? kNotPermitted : kFailed,
+                      "cannot write " + path + ": " + why + "; nothing was written");
     };
     const zevo::Place place(path.c_str());
     if (!place) fail(std::strerror(errno));
     struct stat old {};
     const bool exists = ::fstatat(place.dir(), place.name(), &old, AT_SYMLINK_NOFOLLOW) == 0;
+    errno = 0;
     if (exists && !S_ISREG(old.st_mode))
         fail("it is no regular file; to write elsewhere redirect standard output");
     zevo::TempFile temp(place);
