@@ -94,6 +94,10 @@ zevo stop -u alice
 exits 2
 err_has 'add --yes'
 listed 3 || fail 'stopped without being asked to'
+zevo stop -u alice -N
+exits 0
+prints 'user alice: 2 transfers would be stopped'
+listed 3 || fail 'a dry run stopped'
 zevo stop -u alice -d download
 exits 4
 zevo stop -u alice -p ftp --yes
@@ -144,6 +148,8 @@ transfer group-3001 999995-1 ftp upload bobs | sed 's/^uid=.*/uid=2002/' >>$runn
 zevo forget -u alice --pid 999998
 exits 0
 same "$(grep -c '^\[' $running/user-2001)" 2
+zevo forget -u alice --dry-run
+prints 'user alice: the transfers of 2 processes would be forgotten'
 zevo forget -u alice
 exits 0
 prints 'user alice: the transfers of 2 processes forgotten'

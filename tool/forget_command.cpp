@@ -23,6 +23,7 @@ struct ForgetArguments {
     std::string user;
     pid_t pid = 0;
     bool yes = false;
+    bool isDryRun = false;
 };
 
 using Pids = std::set<pid_t>;
@@ -90,25 +91,25 @@ void Remove(const Account &user, const Pids &pids)
 }
 
 // Takes those that are still there out of pids, unless they are meant too. Returns how many.
-std::size_t SpareRunning(Pids &pids, bool yes)
+std::size_t SpareRunning(Pids &pids, bool yes, bool mayAsk)
 {
     Pids running;
     std::copy_if(pids.begin(), pids.end(), std::inserter(running, running.end()), IsAlive);
     if (running.empty() || yes) return 0;
-    const Answer answer = Ask(Count(running.size()) + " still running. Forget those too?");
-    if (answer == Answer::kYes) return 0;
+    if (mayAsk && Ask(Count(running.size()) + " still running. Forget those too?") == Answer::kYes)
+        return 0;
     std::erase_if(pids, [&](pid_t pid) { return running.contains(pid); });
     return running.size();
 }
 
-void Report(const Account &user, const Pids &pids, std::size_t spared)
+void Report(const Account &user, const Pids &pids, std::size_t spared, bool isDryRun)
 {
     if (OutputStyle().json)
         PrintJson(
             {{"user", user.name}, {"uid", user.id}, {"forgotten", pids}, {"running", spared}});
     else if (!pids.empty())
         PrintLine(Printable("user " + user.name + ": the transfers of " + Count(pids.size()) +
-                            " forgotten"));
+                            (isDryRun ? " would be forgotten" : " forgotten")));
     if (spared == 0) return;
     const std::string text = Count(spared) + " still running and left on the list; end the "
                                              "transfers with 'zevobandwidth stop', or add --yes";
@@ -122,9 +123,9 @@ void Forget(const ForgetArguments &arguments)
     Pids pids = FindPids(user, arguments.pid);
     if (pids.empty())
         throw Failure(kNotFound, "user " + user.name + " has no such transfer on the list");
-    const std::size_t spared = SpareRunning(pids, arguments.yes);
-    Remove(user, pids);
-    Report(user, pids, spared);
+    const std::size_t spared = SpareRunning(pids, arguments.yes, !arguments.isDryRun);
+    if (!arguments.isDryRun) Remove(user, pids);
+    Report(user, pids, spared, arguments.isDryRun);
 }
 
 } // namespace
@@ -137,6 +138,7 @@ void AddForgetCommand(CLI::App &app)
     AddUserOption(*command, arguments->user, "Whose transfers: a name or a numeric id");
     AddPidOption(*command, arguments->pid);
     AddYesFlag(*command, arguments->yes, "Forget also what is still running");
+    AddDryRunFlag(*command, arguments->isDryRun);
     AddOutputOptions(*command);
     command->footer(
         "Removes the user's transfers from his status file and from those of all groups. What a\n"

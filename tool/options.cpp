@@ -149,9 +149,14 @@ void AddOutputOptions(CLI::App &command)
                      "Print without colors, as with NO_COLOR in the environment");
 }
 
+void AddDryRunFlag(CLI::App &command, bool &isDryRun)
+{
+    command.add_flag("-N,--dry-run", isDryRun, "Print what would hold, and change nothing");
+}
+
 void AddChangeOptions(CLI::App &command, ChangeOptions &change)
 {
-    command.add_flag("-N,--dry-run", change.isDryRun, "Print what would hold, and change nothing");
+    AddDryRunFlag(command, change.isDryRun);
     command.add_flag("--no-notify", change.isSilent,
                      "Do not tell running services: they follow when they next read the limits");
 }

@@ -75,6 +75,8 @@ struct ChangeOptions {
     bool isDryRun = false; // says what would hold, changes nothing
     bool isSilent = false; // tells no service of the change
 };
+// -N/--dry-run.
+void AddDryRunFlag(CLI::App &command, bool &isDryRun);
 void AddChangeOptions(CLI::App &command, ChangeOptions &change);
 
 // Writes the change and tells the services; says instead that it is a dry run when it is.

@@ -20,6 +20,7 @@ struct StopArguments {
     pid_t pid = 0;
     double waitSeconds = 10;
     bool yes = false;
+    bool isDryRun = false;
 };
 
 std::string Count(std::size_t count)
@@ -72,6 +73,13 @@ void Report(const Account &user, const Stopping &stopping)
                             std::to_string(stopping.Took().count()) + " ms"));
 }
 
+void ReportDryRun(const Account &user, const Stopping &stopping)
+{
+    if (OutputStyle().json) return PrintJson(ToJson(user, stopping)); // all are left
+    PrintLine(Printable("user " + user.name + ": " + Count(stopping.found().size()) +
+                        " would be stopped"));
+}
+
 void Stop(const StopArguments &arguments)
 {
     const Account user = FindUser(arguments.user);
@@ -82,6 +90,7 @@ void Stop(const StopArguments &arguments)
         throw Failure(kNotFound, "user " + user.name +
                                      " has no such transfer; 'zevobandwidth transfers' lists what "
                                      "is running");
+    if (arguments.isDryRun) return ReportDryRun(user, stopping);
     if (!IsWanted(user, stopping, arguments.yes)) return PrintNote("Nothing was stopped.");
     WaitFor(stopping, arguments.waitSeconds);
     Report(user, stopping);
@@ -108,6 +117,7 @@ void AddStopCommand(CLI::App &app)
                      "How long to wait for them to end; 0 marks them and does not wait", 0)
         ->capture_default_str();
     AddYesFlag(*command, arguments->yes, "Stop several without asking");
+    AddDryRunFlag(*command, arguments->isDryRun);
     AddOutputOptions(*command);
     command->footer(
         "A transfer ends after the block it is moving; its service reports it as failed. Upload\n"
