@@ -18,9 +18,10 @@ public:
     {
         for (size_t cb = 1024; cb <= kMostFileBytes; cb *= 2) {
             buffer_.Clear();
-            // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): the buffer's own destructor frees it
+            // NOLINTBEGIN(clang-analyzer-unix.Malloc): the buffer's own destructor frees it
             if (!buffer_.Reserve(cb)) break;
             const int error = call(&record_, buffer_.end(), buffer_.room(), &found_);
+            // NOLINTEND(clang-analyzer-unix.Malloc)
             if (error == EINTR) continue;
             if (error != ERANGE) {
                 errno = error;
