@@ -53,7 +53,7 @@ class TransferList {
 public:
     explicit TransferList(const TransferFilter &filter = {}) : filter_(filter) {}
 
-    // One owner's file. One that is not there holds no transfers.
+    // One owner's file. One that is not there holds no transfers. Throws as ReadAll().
     void Read(std::int32_t ownerType, std::uint32_t id);
     // The files of all users, or of all groups. Throws Failure when their directory cannot be read.
     void ReadAll(std::int32_t ownerType);
