@@ -9,7 +9,6 @@
 using standins::Call;
 using standins::FailNth;
 using standins::TakeLog;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {

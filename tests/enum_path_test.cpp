@@ -10,9 +10,7 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-using standins::Call;
 using standins::TakeLog;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {

@@ -1,7 +1,7 @@
 /* The public header as a C99 caller without extensions includes it: first and alone, and again. */
 #include "zevobandwidth.h"
 
-#include "zevobandwidth.h"
+#include "zevobandwidth.h" /* NOLINT(readability-duplicate-include): guarded */
 
 /* Functions and tables are C's to use. */
 int header_is_c(ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STATUS *pStatus);

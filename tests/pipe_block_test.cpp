@@ -168,7 +168,7 @@ private:
 
 TEST(Sharing, TheSumStaysAtTheLimitHoweverManyShare)
 {
-    for (const std::size_t count : {1, 2, 8, 32, 100}) {
+    for (const std::size_t count : {1U, 2U, 8U, 32U, 100U}) {
         SCOPED_TRACE(count);
         Crowd crowd(10 * kMiB, count);
         for (int i = 0; i < 200; ++i) {

@@ -10,7 +10,6 @@ using standins::Before;
 using standins::Call;
 using standins::Sleeps;
 using standins::TakeLog;
-using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;

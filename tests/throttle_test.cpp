@@ -489,7 +489,7 @@ TEST_F(RealTime, TwoProcessesShareOneRule)
     Child bob([&] { return transfer(kBob); });
     EXPECT_EQ(alice.Wait(), 0);
     EXPECT_EQ(bob.Wait(), 0);
-    const double whole = static_cast<double>(kGroupBps * (kToUs - kFromUs) / kUsPerSecond);
+    const double whole = static_cast<double>(kGroupBps) * (kToUs - kFromUs) / kUsPerSecond;
     const double alices = std::stod(etc.Read(std::to_string(kAlice))) / whole;
     const double bobs = std::stod(etc.Read(std::to_string(kBob))) / whole;
     // Wide, since the machine may be busy with other tests: it is for the benchmarks to be exact.
@@ -497,7 +497,7 @@ TEST_F(RealTime, TwoProcessesShareOneRule)
     EXPECT_GT(bobs, 0.3);
     EXPECT_GT(alices + bobs, 0.7);
     EXPECT_LT(alices + bobs, 1.2);
-    EXPECT_EQ(box.Read("group-3001").find("["), std::string::npos) << "both have gone";
+    EXPECT_EQ(box.Read("group-3001").find('['), std::string::npos) << "both have gone";
 }
 
 } // namespace

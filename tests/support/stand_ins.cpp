@@ -121,7 +121,7 @@ std::optional<bool> FakeSleep(int64_t lengthUs)
     });
 }
 
-void KeepLine(int priority, const char *szFormat, va_list args)
+[[gnu::format(printf, 2, 0)]] void KeepLine(int priority, const char *szFormat, va_list args)
 {
     const int savedErrno = errno; // the format may hold %m
     va_list again;
