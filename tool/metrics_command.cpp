@@ -114,7 +114,7 @@ public:
 
 private:
     void AddRule(const StoredRule &stored);
-    std::vector<Family> Families() const;
+    template <typename Visit> void ForEach(Visit visit) const; // family after family
 
     std::map<std::int32_t, ZEVO_BANDWIDTH_GLOBAL_CONF> policies_;
     int failures_ = 0;
@@ -188,28 +188,28 @@ void Metrics::AddTransfers(std::int32_t ownerType)
     failures_ += static_cast<int>(list.complaints().size());
 }
 
-std::vector<Family> Metrics::Families() const
+template <typename Visit> void Metrics::ForEach(Visit visit) const
 {
-    Family failures("zevobandwidth_unreadable",
-                    "Rules and status files that could not be read and are missing here.");
-    failures.Add({}, static_cast<std::uint64_t>(failures_));
-    return {failures,   enabled_,     rules_,      limits_,     userCount_,
-            userSpeed_, userAllowed_, groupCount_, groupSpeed_, groupAllowed_};
+    Family unreadable("zevobandwidth_unreadable",
+                      "Rules and status files that could not be read and are missing here.");
+    unreadable.Add({}, static_cast<std::uint64_t>(failures_));
+    for (const Family *family :
+         {&std::as_const(unreadable), &enabled_, &rules_, &limits_, &userCount_, &userSpeed_,
+          &userAllowed_, &groupCount_, &groupSpeed_, &groupAllowed_})
+        visit(*family);
 }
 
 std::string Metrics::Exposition() const
 {
     std::string text;
-    for (const Family &family : Families())
-        text += family.Exposition();
+    ForEach([&text](const Family &family) { text += family.Exposition(); });
     return text;
 }
 
 Json Metrics::ToJson() const
 {
     Json json = Json::array();
-    for (const Family &family : Families())
-        json.push_back(family.ToJson());
+    ForEach([&json](const Family &family) { json.push_back(family.ToJson()); });
     return json;
 }
 
