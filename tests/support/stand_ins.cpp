@@ -365,8 +365,9 @@ void syslog(int priority, const char *szFormat, ...)
 }
 
 // What the fortified build calls in place of the two above.
-void __vsyslog_chk(int priority, int, const char *szFormat, va_list args);
-void __syslog_chk(int priority, int, const char *szFormat, ...);
+[[gnu::format(printf, 3, 0)]] void __vsyslog_chk(int priority, int, const char *szFormat,
+                                                 va_list args);
+[[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int, const char *szFormat, ...);
 
 void __vsyslog_chk(int priority, int, const char *szFormat, va_list args)
 {
