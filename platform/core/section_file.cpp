@@ -74,7 +74,7 @@ public:
     int Set(const VLIB_SZ_HASH &hash) noexcept
     {
         const VLIB_SZ_HASH *pAwaited = nullptr;
-        for (Line line; reader_.Next(line);) {
+        for (Line line; Next(line);) {
             const bool isFirst = Enter(line) && !found_;
             if (pAwaited != nullptr && line.kind != LineKind::kComment) {
                 if (!WritePairs(out_, *pAwaited)) return -1;
@@ -87,21 +87,34 @@ public:
             pAwaited = &hash;
         }
         if (pAwaited != nullptr && !(EndLine(out_) && WritePairs(out_, *pAwaited))) return -1;
-        return found_ ? 1 : 0;
+        return Result();
     }
 
     // Of a removed section its comments stay: somebody wrote them by hand.
     int Remove() noexcept
     {
-        for (Line line; reader_.Next(line);) {
+        for (Line line; Next(line);) {
             found_ |= Enter(line);
             if (inside_ && line.kind != LineKind::kComment) continue;
             if (!out_.Append(line.whole)) return -1;
         }
-        return found_ ? 1 : 0;
+        return Result();
     }
 
 private:
+    // The next line of the section or the next header; what lies before a header outside of the
+    // section goes over as it is, unread, for a file of thousands of rules is written once for each.
+    bool Next(Line &line) noexcept
+    {
+        if (inside_) return reader_.Next(line);
+        std::string_view before;
+        const bool isThere = reader_.NextHeader(line, before);
+        hasRoom_ = out_.Append(before);
+        return isThere && hasRoom_;
+    }
+
+    int Result() const noexcept { return !hasRoom_ ? -1 : found_ ? 1 : 0; }
+
     // Notes whether the line lies inside the section; true for a header of it.
     bool Enter(const Line &line) noexcept
     {
@@ -114,6 +127,7 @@ private:
     Bytes &out_;
     bool inside_ = false;
     bool found_ = false;
+    bool hasRoom_ = true; // false once memory has run out
 };
 
 // Adds a section below the text, after a blank line.

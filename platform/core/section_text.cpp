@@ -281,6 +281,14 @@ bool Reader::NextHeader(Line &line) noexcept
     }
 }
 
+bool Reader::NextHeader(Line &line, std::string_view &before) noexcept
+{
+    const size_t from = at_;
+    const bool isThere = NextHeader(line);
+    before = text_.substr(from, at_ - from - (isThere ? line.whole.size() : 0));
+    return isThere;
+}
+
 bool EndLine(Bytes &out) noexcept
 {
     return out.size() == 0 || out.view().back() == '\n' || out.Append("\n");

@@ -48,6 +48,8 @@ public:
     bool Next(Line &line) noexcept;
     // The next header, without a look at the lines before it; false at the end.
     bool NextHeader(Line &line) noexcept;
+    // The same with those lines.
+    bool NextHeader(Line &line, std::string_view &before) noexcept;
 
 private:
     std::string_view text_;
