@@ -28,6 +28,12 @@ refused 2 'nothing to change' rule set -u alice -p ftp
 refused 2 'enabled,disabled,schedule' rule set -u alice -p ftp --state NotExisted
 refused 2 'min,max,sum' policy set -p ftp --inter-group user-first
 refused 2 '--user' rule show -u '' -p ftp
+refused 2 'must not be empty' rule show --user= alice -p ftp
+refused 2 'must not be empty' metrics --output= /tmp/swallowed
+for command in export import 'metrics -o'; do
+    # shellcheck disable=SC2086
+    refused 2 'must not be empty' $command ''
+done
 for rate in 10 -5M 0K 0.5K 10Mb 99999999999999999999G M ''; do
     refused 2 '1.5M' rule set -u alice -p ftp --state disabled --up "$rate"
 done

@@ -20,6 +20,9 @@ struct Completion {
     bool isFile = false; // the shell completes file names itself
 };
 
+// The command by which the scripts ask; it takes every word behind it as it stands.
+inline constexpr const char *kCompleteCommand = "__complete";
+
 // words: the command line up to the cursor, the tool's own name first; the last one is being typed
 // and may be empty.
 Completion Complete(const CLI::App &root, const std::vector<std::string> &words);

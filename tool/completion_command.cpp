@@ -14,8 +14,7 @@ namespace {
 
 // What the scripts know of the answer: a line is a candidate, with a tab and a word about it behind
 // it; an empty candidate asks for the names of files.
-constexpr char kCommand[] = "__complete";
-
+//
 // Quotes and backslashes of the line are dropped rather than understood: nothing typed so far may
 // be run. What is inserted is quoted, unless the word has an open quote already.
 constexpr char kBash[] = R"SCRIPT(# bash completion for zevobandwidth: source this file
@@ -102,7 +101,7 @@ void PrintCompletion(const CLI::App &root, const std::vector<std::string> &words
 // Takes every word as it stands, options too: the first, the tool's own name, is none.
 void AddComplete(CLI::App &app)
 {
-    CLI::App *command = app.add_subcommand(kCommand, "");
+    CLI::App *command = app.add_subcommand(kCompleteCommand, "");
     command->group("")->prefix_command()->set_help_flag();
     command->callback([&app, command] { PrintCompletion(app, command->remaining()); });
 }

@@ -32,7 +32,8 @@ void AddExportCommand(CLI::App &app)
     const auto file = std::make_shared<std::string>("-");
     CLI::App *command = app.add_subcommand("export", "Write all rules and policies as JSON");
     command->add_option("file", *file, "Where to; without it, or with -, to standard output")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(kNotEmpty);
     AddOutputOptions(*command);
     command->footer(
         "One line for each policy and each rule: protocols in the order of 'policy list', users\n"

@@ -320,7 +320,8 @@ void AddImportCommand(CLI::App &app)
     command
         ->add_option("file", arguments->file,
                      "Where from; without it, or with -, from standard input")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(kNotEmpty);
     AddChangeOptions(*command, arguments->change);
     AddOutputOptions(*command);
     command->footer(

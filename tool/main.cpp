@@ -6,16 +6,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <exception>
 #include <iostream>
 #include <new>
 #include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <zevobandwidth.h>
 
 #include "command.hpp"
+#include "completion.hpp"
 #include "output.hpp"
 
 namespace {
@@ -81,6 +85,21 @@ int EndParsing(const CLI::App &app, const CLI::ParseError &error)
     return tool::kDone;
 }
 
+// The words behind the tool's name. "--option=" becomes two of them, of which the second is empty:
+// the reader of the command line would take the next option's name or a file for the value.
+std::vector<std::string> Words(int argc, char **argv)
+{
+    std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    if (!words.empty() && words.front() == tool::kCompleteCommand) return words;
+    for (std::size_t i = 0; i < words.size() && words[i] != "--"; ++i) {
+        const bool isOption = words[i].starts_with("--");
+        if (!isOption || words[i].find('=') != words[i].size() - 1) continue;
+        words[i].pop_back();
+        words.emplace(words.begin() + static_cast<std::ptrdiff_t>(++i));
+    }
+    return words;
+}
+
 int Run(int argc, char **argv)
 {
     CLI::App app("Bandwidth limits per user, group and protocol", "zevobandwidth");
@@ -113,7 +132,9 @@ int Run(int argc, char **argv)
     tool::AddDumpCommand(app);
     tool::AddCompletionCommand(app);
     try {
-        app.parse(argc, argv);
+        std::vector<std::string> words = Words(argc, argv);
+        std::reverse(words.begin(), words.end()); // as it wants them
+        app.parse(std::move(words));
     } catch (const CLI::ParseError &error) {
         return EndParsing(app, error);
     }

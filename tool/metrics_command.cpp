@@ -244,7 +244,8 @@ void AddMetricsCommand(CLI::App &app)
         ->add_option("-o,--output", *file,
                      "Write to this file, which is replaced whole, rather than to standard "
                      "output")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(kNotEmpty);
     AddOutputOptions(*command);
     command->footer(
         "All are gauges: policies and rules, the rates in force at this hour, and of the running\n"
