@@ -118,8 +118,27 @@ sed -i 's/^upload rate=7$/upload rate=7x/' $conf/bandwidth.ftp.conf
 rm -f /tmp/first.json
 zevo export /tmp/first.json
 exits 1
-err_has 'nothing was exported: 1 rule cannot be read'
+err_has 'nothing was exported: mend the 1 fault first'
 [[ ! -e /tmp/first.json ]] || fail 'an incomplete export was written'
+
+# Nor may it hold what import refuses, or a default in place of what nobody understands.
+while IFS='|' read -r script reason; do
+    configure
+    sed -i "$script" $conf/bandwidth.ftp.conf $conf/bandwidth.global.conf
+    refused 1 "$reason" export
+    err_has 'nothing was exported: mend the 1 fault first'
+done <<CASES
+s/^upload rate=7$/upload rate=-5/|section [user-4711] of $conf/bandwidth.ftp.conf: "upload_kib
+s/^state=schedule$/state=on/|section [user-2002] of $conf/bandwidth.ftp.conf: "state" is no name
+s/^schedule plan=0.*/schedule plan=3/|section [user-2002] of $conf/bandwidth.ftp.conf: "plan" must
+s/^occupy policy=weighted/occupy policy=x/|section [ftp] of $conf/bandwidth.global.conf: "occupy
+CASES
+configure
+touch $conf/addon/$'b\xff_40.json'
+zevo export
+exits 0
+zevo rule set -u alice -p $'b\xff' --up 1M
+refused 1 'the name of the add-on is no UTF-8' export
 
 # When there is no room for the last file, the first ones are as they were.
 configure

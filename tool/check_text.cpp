@@ -153,6 +153,25 @@ std::string FaultOf(const Key &key, const std::string &value,
     return "";
 }
 
+// "\"state\" is no name known here: \"on\""
+std::string FaultText(const Key &key, const std::string &fault, const std::string &value)
+{
+    constexpr std::size_t kMostShown = 200;
+    return "\"" + std::string(key.name) + "\" " + fault + ": \"" + value.substr(0, kMostShown) +
+           "\"";
+}
+
+std::string UnknownName(std::span<const Key> keys, const VLIB_SZ_HASH &section)
+{
+    for (const Key &key : keys) {
+        if (key.takes != Takes::kName) continue;
+        const char *const value = VLIBCSzHashGetValue(&section, key.name.data());
+        const std::string fault = value == nullptr ? "" : FaultOf(key, value, {});
+        if (!fault.empty()) return FaultText(key, fault, value);
+    }
+    return "";
+}
+
 // ---- the walk ----
 
 constexpr const char *kMendLine = "correct or remove the line in an editor";
@@ -212,15 +231,11 @@ private:
             if (key.name != line.name) continue;
             const std::string fault = FaultOf(key, line.value, protocols_);
             if (!fault.empty())
-                Tell("section [" + section_ + "]: \"" + line.name + "\" " + fault + ": \"" +
-                         line.value.substr(0, kMostShown) + "\"",
-                     kMendLine);
+                Tell("section [" + section_ + "]: " + FaultText(key, fault, line.value), kMendLine);
             return Pair(key, line.value);
         }
         Tell("section [" + section_ + "]: unknown setting \"" + line.name + "\"", kMendLine);
     }
-
-    static constexpr std::size_t kMostShown = 200;
 
     std::span<const Key> keys_;
     const std::set<std::string> &protocols_;
@@ -372,6 +387,16 @@ private:
 };
 
 } // namespace
+
+std::string UnknownNameInRule(const VLIB_SZ_HASH &section)
+{
+    return UnknownName(kRuleKeys, section);
+}
+
+std::string UnknownNameInPolicy(const VLIB_SZ_HASH &section)
+{
+    return UnknownName(kPolicyKeys, section);
+}
 
 bool CheckRules(std::string_view text, std::int32_t protocol,
                 const std::set<std::string> &protocols, const TellFault &tell)

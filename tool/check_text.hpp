@@ -11,7 +11,14 @@
 #include <string>
 #include <string_view>
 
+#include <zevocore.h>
+
 namespace tool {
+
+// A name of a state or a policy in a section's pairs that nobody knows, and that a reader takes for
+// the default: "\"state\" is no name known here: \"on\""; empty when there is none.
+std::string UnknownNameInRule(const VLIB_SZ_HASH &section);
+std::string UnknownNameInPolicy(const VLIB_SZ_HASH &section);
 
 // Seconds after its last save at which a transfer is taken for dead.
 inline constexpr std::time_t kStaleAfterSeconds = 30;

@@ -31,34 +31,59 @@ constexpr std::uint32_t kNobody = std::numeric_limits<std::uint32_t>::max();
 
 // ---- to text ----
 
-void AppendList(std::string &text, const char *key, const std::vector<Json> &entries)
-{
-    text += std::string("  \"") + key + "\": [";
-    for (std::size_t i = 0; i < entries.size(); ++i)
-        text += (i == 0 ? "\n    " : ",\n    ") + JsonText(entries[i]);
-    text += entries.empty() ? "]" : "\n  ]";
-}
+struct StoredEntry {
+    Json json;
+    std::string source;
+};
+
+class ConfigWriter {
+public:
+    void AddLine(const std::string &line)
+    {
+        config_.text += (line_ == 0 ? "" : "\n") + line;
+        ++line_;
+    }
+    void AddList(const char *key, const std::vector<StoredEntry> &entries, const std::string &end)
+    {
+        const std::string begin = std::string("  \"") + key + "\": [";
+        if (entries.empty()) return AddLine(begin + "]" + end);
+        AddLine(begin);
+        for (const StoredEntry &entry : entries) {
+            AddLine("    " + JsonText(entry.json) + (&entry == &entries.back() ? "" : ","));
+            config_.sources[line_] = entry.source;
+        }
+        AddLine("  ]" + end);
+    }
+    ConfigText Take() { return std::move(config_); }
+
+private:
+    ConfigText config_;
+    int line_ = 0;
+};
 
 } // namespace
 
-std::string ConfigToText(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies,
-                         const std::vector<StoredRule> &rules)
+ConfigText ConfigToText(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies,
+                        const std::vector<StoredRule> &rules)
 {
-    std::vector<Json> policyEntries;
+    std::vector<StoredEntry> policyEntries;
     for (const auto &policy : policies)
-        if (policy.state != ZEVO_BW_STATE_NOT_EXISTED) policyEntries.push_back(ToJson(policy));
-    std::vector<Json> ruleEntries;
+        if (policy.state != ZEVO_BW_STATE_NOT_EXISTED)
+            policyEntries.push_back({ToJson(policy), PlaceOfPolicy(policy.protocolType)});
+    std::vector<StoredEntry> ruleEntries;
     for (const auto &[owner, rule] : rules) {
-        ruleEntries.push_back(ToJson(owner, rule));
+        ruleEntries.push_back({ToJson(owner, rule), PlaceOfRule(owner, rule.protocolType)});
         // In digits it would be taken for a name.
-        if (OutputStyle().numeric || !IsKnown(owner)) ruleEntries.back()["name"] = nullptr;
+        if (OutputStyle().numeric || !IsKnown(owner)) ruleEntries.back().json["name"] = nullptr;
     }
-    std::string text = std::string("{\n  \"format\": \"") + kFormat +
-                       "\",\n  \"version\": " + std::to_string(kVersion) + ",\n";
-    AppendList(text, kPolicies, policyEntries);
-    text += ",\n";
-    AppendList(text, kRules, ruleEntries);
-    return text + "\n}";
+    ConfigWriter writer;
+    writer.AddLine("{");
+    writer.AddLine(std::string("  \"format\": \"") + kFormat + "\",");
+    writer.AddLine("  \"version\": " + std::to_string(kVersion) + ",");
+    writer.AddList(kPolicies, policyEntries, ",");
+    writer.AddList(kRules, ruleEntries, "");
+    writer.AddLine("}");
+    return writer.Take();
 }
 
 // ---- from text: where things stand ----

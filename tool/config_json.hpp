@@ -3,6 +3,7 @@
 #ifndef ZEVOBW_TOOL_CONFIG_JSON_HPP
 #define ZEVOBW_TOOL_CONFIG_JSON_HPP
 
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,10 +12,15 @@
 
 namespace tool {
 
+struct ConfigText {
+    std::string text;                   // without its last line end
+    std::map<int, std::string> sources; // where the entry of a line is stored
+};
+
 // In the order given; policies that are not stored are left out. An owner whom the user database
 // does not know is written without a name.
-std::string ConfigToText(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies,
-                         const std::vector<StoredRule> &rules);
+ConfigText ConfigToText(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies,
+                        const std::vector<StoredRule> &rules);
 
 // Something to say about a line of the text, counted from 1.
 struct Remark {

@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -27,8 +26,6 @@
 namespace tool {
 
 namespace {
-
-constexpr std::size_t kMostRemarks = 20;
 
 struct ImportArguments {
     std::string file = "-";
@@ -60,10 +57,11 @@ std::string ReadAll(const std::string &file)
 
 void PrintRemarks(const std::string &prefix, const std::vector<Remark> &remarks)
 {
-    for (std::size_t i = 0; i < std::min(remarks.size(), kMostRemarks); ++i)
-        PrintNote(prefix + "line " + std::to_string(remarks[i].line) + ": " + remarks[i].text);
-    if (remarks.size() > kMostRemarks)
-        PrintNote(prefix + "and " + std::to_string(remarks.size() - kMostRemarks) + " more lines");
+    std::vector<std::string> lines;
+    lines.reserve(remarks.size());
+    for (const Remark &remark : remarks)
+        lines.push_back("line " + std::to_string(remark.line) + ": " + remark.text);
+    PrintNotes(prefix, lines);
 }
 
 Configuration ReadConfiguration(const std::string &file)

@@ -117,6 +117,16 @@ std::string Printable(std::string_view text)
     return out;
 }
 
+bool IsUtf8(std::string_view text)
+{
+    while (!text.empty()) {
+        const std::size_t length = FirstCharacter(text).length;
+        if (length == 0) return false;
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
 std::string AsciiOnly(std::string text)
 {
     std::replace_if(
@@ -203,6 +213,15 @@ void PrintNote(const std::string &note)
     static_cast<void>(std::fflush(stdout));
     const std::string line = Printable(note) + "\n";
     static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr)); // nobody left to tell
+}
+
+void PrintNotes(const std::string &prefix, const std::vector<std::string> &notes)
+{
+    constexpr std::size_t kMostNotes = 20;
+    for (std::size_t i = 0; i < std::min(notes.size(), kMostNotes); ++i)
+        PrintNote(prefix + notes[i]);
+    if (notes.size() > kMostNotes)
+        PrintNote(prefix + "and " + std::to_string(notes.size() - kMostNotes) + " more");
 }
 
 void FlushOutput()

@@ -52,6 +52,8 @@ bool ControlsTerminal();
 // backslash per byte. Never holds a line end.
 std::string Printable(std::string_view text);
 
+bool IsUtf8(std::string_view text);
+
 // Printable text for a terminal that shows ASCII alone: a '?' for every byte of other characters.
 std::string AsciiOnly(std::string text);
 
@@ -90,6 +92,9 @@ std::string JsonText(const Json &json);
 
 // A line to standard error, for what should be known beside the result.
 void PrintNote(const std::string &note);
+
+// The first of many such lines, each behind the prefix, and how many more there are.
+void PrintNotes(const std::string &prefix, const std::vector<std::string> &notes);
 
 // Throws Failure when standard output could not take everything that was printed (it is closed, or
 // its disk is full).

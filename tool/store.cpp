@@ -62,11 +62,16 @@ void RequirePermission(const std::string &path, int mode)
                                      ": " + std::strerror(error) + "; " + remedy);
 }
 
+std::string PlaceText(const std::string &file, const std::string &section)
+{
+    return "section [" + section + "] of " + file;
+}
+
 // The error slot in words that go on "the rule of ... cannot be read: ".
 std::string Reason(const std::string &file, const std::string &section)
 {
     const unsigned code = VLIBCErrGet();
-    const std::string place = "section [" + section + "] of " + file;
+    const std::string place = PlaceText(file, section);
     switch (code) {
     case ZEVO_BW_ERROR_NO_MEMORY:
         return "out of memory";
@@ -105,6 +110,16 @@ std::string RuleOptions(const Owner &owner, std::int32_t protocol)
 {
     return (owner.type == ZEVO_BW_OWNER_USER ? "-u " : "-g ") + owner.account.name + " -p " +
            ProtocolName(protocol);
+}
+
+std::string PlaceOfRule(const Owner &owner, std::int32_t protocol)
+{
+    return PlaceText(ConfPath(protocol), SectionOf(owner));
+}
+
+std::string PlaceOfPolicy(std::int32_t protocol)
+{
+    return PlaceText(ConfPath(ZEVO_BW_PROTOCOL_ALL), ProtocolName(protocol));
 }
 
 Owner OwnerById(std::int32_t type, std::uint32_t id)
@@ -208,25 +223,31 @@ void WritePolicy(ZEVO_BANDWIDTH_GLOBAL_CONF policy)
     throw Failure(kFailed, "the policy cannot be stored: " + reason);
 }
 
-namespace {
-
-std::vector<Owner> OwnersOfRules(std::int32_t protocol)
+std::vector<std::string> SectionNames(const std::string &path, const std::string &what)
 {
-    const std::string path = ConfPath(protocol);
     RequirePermission(path, R_OK);
-    std::vector<Owner> owners;
-    if (VLIBCFileExist(path.c_str()) == 0) return owners;
+    std::vector<std::string> names;
+    if (VLIBCFileExist(path.c_str()) == 0) return names;
 
     VLIB_SZ_LIST *list = VLIBCSzListAlloc(0);
     const int count = list == nullptr ? -1 : VLIBCFileEnumSection(path.c_str(), &list);
     const std::unique_ptr<VLIB_SZ_LIST, decltype(&VLIBCSzListFree)> guard(list, &VLIBCSzListFree);
     if (count < 0)
-        throw Failure(kFailed, "the rules of " + ProtocolName(protocol) +
-                                   " cannot be listed: " + Reason(path, "*"));
-    for (int i = 0; i < count; ++i) {
-        if (const auto owner = ParseOwner(VLIBCSzListGet(list, i)))
+        throw Failure(kFailed, "the " + what + " cannot be listed: " + Reason(path, "*"));
+    for (int i = 0; i < count; ++i)
+        names.emplace_back(VLIBCSzListGet(list, i));
+    return names;
+}
+
+namespace {
+
+std::vector<Owner> OwnersOfRules(std::int32_t protocol)
+{
+    std::vector<Owner> owners;
+    for (const std::string &section :
+         SectionNames(ConfPath(protocol), "rules of " + ProtocolName(protocol)))
+        if (const auto owner = ParseOwner(section))
             owners.push_back(OwnerById(owner->type, owner->account.id));
-    }
     std::sort(owners.begin(), owners.end(), [](const Owner &a, const Owner &b) {
         return std::tie(a.type, a.account.name, a.account.id) <
                std::tie(b.type, b.account.name, b.account.id);

@@ -41,6 +41,14 @@ std::optional<Owner> ParseOwner(std::string_view section);
 // The rule file of a protocol, or the global file. Throws Failure for a protocol without a name.
 std::string ConfPath(std::int32_t protocol);
 
+// "section [user-2001] of FILE": where a rule or a policy stands.
+std::string PlaceOfRule(const Owner &owner, std::int32_t protocol);
+std::string PlaceOfPolicy(std::int32_t protocol);
+
+// The sections of a section file, none of one that is not there. what: "rules of ftp". Throws
+// Failure as ReadRule().
+std::vector<std::string> SectionNames(const std::string &path, const std::string &what);
+
 // A rule that is not stored has the state NotExisted. All throw Failure: kNotPermitted where the
 // file system refuses this user, else kFailed with the file and the remedy.
 ZEVO_BANDWIDTH_CONF ReadRule(const Owner &owner, std::int32_t protocol);
