@@ -201,6 +201,20 @@ s/^upload/uplaod/|line "upload = ..." is missing
 $a color = red|unknown name "color"
 $a what|is no "name = value"
 CASES
+# Something else in the text's place is neither waited for nor removed.
+for made in mkfifo mkdir 'ln -s /etc/passwd'; do
+    # shellcheck disable=SC2016  # the editor's arguments
+    printf 'mv "$1" "$1~" && %s "$1"\n' "$made" >/tmp/swap
+    EDITOR='bash /tmp/swap' zevo rule edit -u bob -p ftp
+    exits 1
+    err_has 'must be a regular file'
+    grep -q '^upload = ' "$(sed -n 's/.*is kept in //p' /tmp/err)"/*~ || fail 'the text is lost'
+    same "$(stored)" "$before"
+done
+(ulimit -f 0 && EDITOR=true "$ZEVOBW_TOOL" rule edit -u bob -p ftp) 2>&1 | cat >/tmp/err
+status=${PIPESTATUS[0]}
+exits 1
+err_has 'File too large'
 # Another administrator was faster.
 cat >/tmp/slow <<SH
 sed -i 's/^upload.*/upload = 1G/' "\$1"
@@ -210,6 +224,6 @@ EDITOR='bash /tmp/slow' zevo rule edit -u bob -p ftp
 exits 1
 err_has 'somebody else has changed the rule'
 grep -q '^upload rate=3072$' $conf/bandwidth.ftp.conf || fail 'the other change was lost'
-same "$(find /tmp -maxdepth 1 -name 'zevobandwidth.*' | wc -l)" 8
+same "$(find /tmp -maxdepth 1 -name 'zevobandwidth.*' | wc -l)" 11
 
 finish

@@ -156,6 +156,8 @@ int main(int argc, char **argv)
 {
     // The notice that limits have changed goes to every process of this name, this one included.
     std::signal(SIGHUP, SIG_IGN);
+    // A write beyond the limit of a file's size fails then, as on a full disk.
+    std::signal(SIGXFSZ, SIG_IGN);
     KeepStandardStreamsTaken();
     ::umask(022); // every service has to read the rules, whatever the administrator's shell says
     try {

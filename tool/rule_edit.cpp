@@ -1,6 +1,7 @@
 // "rule edit": one rule as a text in the administrator's editor. The text lies in a directory of
 // its own that nobody else may enter, for editors leave copies beside what they edit; it is kept
 // whenever it holds work that could not be stored.
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -11,9 +12,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
+
+#include <zevocore_file.hpp>
 
 #include "command.hpp"
 #include "options.hpp"
@@ -40,7 +41,8 @@ public:
     Draft &operator=(const Draft &) = delete;
 
     const std::string &path() const { return path_; }
-    std::string Read() const;
+    // Throws Failure when something else lies in its place, and keeps that.
+    std::string Read();
     // Returns words that tell where it is.
     std::string Keep();
 
@@ -61,13 +63,14 @@ Draft::Draft(const std::string &text)
         throw Failure(kFailed, "cannot make a directory for the text in " + directory_ + ": " +
                                    std::strerror(errno) + "; set TMPDIR to another place");
     path_ = directory_ + "/rule.conf";
-    std::ofstream file(path_);
-    const bool isPrivate = ::chmod(path_.c_str(), S_IRUSR | S_IWUSR) == 0;
-    file << text;
-    if (!isPrivate || !file.flush()) {
-        Remove();
-        throw Failure(kFailed, "cannot write " + path_ + "; set TMPDIR to another place");
-    }
+    const zevo::Place place(path_.c_str());
+    const zevo::Fd file =
+        zevo::OpenAt(place.dir(), place.name(), O_WRONLY | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR);
+    if (file && zevo::WriteAll(file.get(), text)) return;
+    const int error = errno;
+    Remove();
+    throw Failure(kFailed, "cannot write " + path_ + ": " + std::strerror(error) +
+                               "; make room there, or set TMPDIR to another place");
 }
 
 Draft::~Draft()
@@ -81,19 +84,27 @@ void Draft::Remove() const
     std::filesystem::remove_all(directory_, ignored);
 }
 
-std::string Draft::Read() const
+std::string Draft::Read()
 {
-    std::ifstream file(path_);
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
-    if (!file.is_open() || file.bad()) throw Failure(kFailed, "cannot read " + path_ + " again");
-    return text;
+    const zevo::Place place(path_.c_str());
+    const zevo::RegularFile file(place, O_RDONLY);
+    zevo::Bytes text;
+    if (file && file.ReadWhole(text) == 0) return std::string(text.view());
+    const int error = errno;
+    isKept_ = true;
+    throw Failure(kFailed, "cannot read " + path_ + " again, which must be a regular file: " +
+                               std::strerror(error) + "; nothing is changed, and what the editor " +
+                               "left is kept in " + directory_);
 }
 
 std::string Draft::Keep()
 {
     isKept_ = true;
-    // An editor may have put another file in its place.
-    static_cast<void>(::chmod(path_.c_str(), S_IRUSR | S_IWUSR));
+    // An editor may have put another file in its place, readable for others; nobody else gets into
+    // the directory.
+    const zevo::Place place(path_.c_str());
+    if (const zevo::RegularFile file(place, O_RDONLY); file)
+        static_cast<void>(::fchmod(file.get(), S_IRUSR | S_IWUSR));
     return "nothing is changed; the text is kept in " + path_;
 }
 
@@ -137,7 +148,7 @@ int RunEditor(const std::string &path)
     posix_spawnattr_t attributes;
     sigset_t defaults; // what this tool ignores must not be ignored by the editor
     ::sigemptyset(&defaults);
-    for (const int signal : {SIGINT, SIGQUIT, SIGHUP})
+    for (const int signal : {SIGINT, SIGQUIT, SIGHUP, SIGXFSZ})
         ::sigaddset(&defaults, signal);
     ::posix_spawnattr_init(&attributes);
     ::posix_spawnattr_setsigdefault(&attributes, &defaults);
