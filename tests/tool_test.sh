@@ -253,9 +253,26 @@ for target in /dev/full '&-'; do
     same "$(value ftp 'upload rate')" 1024
     rm $conf/bandwidth.ftp.conf
 done
+zevo rule set -u alice -p ftp --up 1M
+for command in --help 'rule set --help' 'rule list' 'rule show -u alice -p ftp --json' \
+    'policy list' 'preview -u alice' 'transfers --json' 'dump rules' metrics \
+    export check 'completion bash'; do
+    # shellcheck disable=SC2086
+    prints_to /dev/full $command
+    exits 1
+    same "$(grep -c 'cannot write to standard output: No space left' /tmp/err)" 1
+done
+zevo rule set -u bob -p ftp --state schedule
+sed -i 's/^upload rate=1024$/upload rate=1oo/' $conf/bandwidth.ftp.conf
+prints_to /dev/full check # what else is to be told comes with its own exit status
+exits 6
+err_has 'cannot write to standard output'
+rm $conf/bandwidth.ftp.conf
+# The end of the room that a shell grants is no other than that of the disk.
 status=0
-"$ZEVOBW_TOOL" --help >/dev/full 2>/tmp/err || status=$?
+(ulimit -f 1 && "$ZEVOBW_TOOL" --help >/tmp/large 2>/tmp/err) || status=$?
 exits 1
+err_has 'cannot write to standard output'
 
 zevo rule set -u alice -p ftp --up 1M
 mount -t tmpfs -o size=4k,mode=755 full $conf
@@ -269,12 +286,6 @@ exits 3
 err_has 'Read-only'
 umount $conf
 
-# Without capabilities root is held to the permissions like anybody else.
-as_anybody() {
-    status=0
-    setpriv --inh-caps=-all --bounding-set=-all "$ZEVOBW_TOOL" "$@" >/tmp/out 2>/tmp/err ||
-        status=$?
-}
 chmod 500 $conf
 as_anybody rule set -u alice -p ftp --up 2M
 exits 3

@@ -144,8 +144,11 @@ int Run(int argc, char **argv)
 
 int Report(const std::string &message, int status)
 {
-    // What was printed before the failure still belongs to the result.
-    std::fflush(stdout);
+    try {
+        tool::FlushOutput(); // what was printed before the failure still belongs to the result
+    } catch (const Failure &failure) {
+        tool::PrintNote(std::string("zevobandwidth: ") + failure.what());
+    }
     tool::PrintNote("zevobandwidth: " + message);
     return status;
 }

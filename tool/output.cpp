@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <stdio_ext.h>
 #include <unistd.h>
 
 #include "failure.hpp"
@@ -230,8 +231,12 @@ void FlushOutput()
     const bool failed = std::fflush(stdout) != 0 || std::ferror(stdout) != 0;
     if (!failed) return;
     const std::string reason = errno != 0 ? std::string(": ") + std::strerror(errno) : "";
-    throw Failure(kFailed, "cannot write to standard output" + reason +
-                               "; what was asked for is done, only its report is incomplete");
+    std::clearerr(stdout); // it is told once; what is left in the buffer would fail again
+    ::__fpurge(stdout);
+    throw Failure(kFailed,
+                  "cannot write to standard output" + reason +
+                      "; what was printed is incomplete, what was to be changed is changed; "
+                      "make room, or send it somewhere else");
 }
 
 } // namespace tool

@@ -94,6 +94,7 @@ const char *StateText(State state)
 struct Played {
     pid_t pid = 0;
     State state = State::kRunning;
+    unsigned code = 0; // of the error slot when it has failed; 0 when it was killed
     std::uint64_t gotKB = 0;
     std::int64_t beganUs = 0;
     std::int64_t endedUs = 0;
@@ -200,6 +201,7 @@ void Ensemble::Settle(std::size_t index)
     }
     const bool isStopped = report.endedUs != 0 && report.code == ZEVO_BW_ERROR_STOPPED;
     played.state = isStopped ? State::kStopped : State::kFailed;
+    played.code = report.endedUs != 0 ? report.code : 0;
     ZEVO_BANDWIDTH_STATUS saved = {};
     if (ZEVOBandwidthIStatusGet(ZEVO_BW_OWNER_USER, task_.user.id, played.pid, task_.direction,
                                 &saved) == 0)
@@ -322,12 +324,42 @@ Json ToJson(const std::vector<Played> &all, bool isLimited)
             {"fairness", isLimited ? Json(total.fairness) : Json(nullptr)}};
 }
 
+std::string WhyAndWhatToDo(unsigned code)
+{
+    switch (code) {
+    case 0:
+        return "it was killed; find out by whom, and run the command again";
+    case ZEVO_BW_ERROR_NO_MEMORY:
+        return "out of memory; ask for fewer with --count";
+    case ZEVO_BW_ERROR_OPEN:
+    case ZEVO_BW_ERROR_READ:
+    case ZEVO_BW_ERROR_STAT:
+        return "a status file or a file of the limits cannot be opened or read; 'zevobandwidth "
+               "check' says what is wrong with it";
+    case ZEVO_BW_ERROR_WRITE:
+    case ZEVO_BW_ERROR_RENAME:
+        return "a status file in /tmp/bandwidth cannot be written; is the disk full? Make room "
+               "there";
+    default: {
+        std::array<char, 32> text{};
+        std::snprintf(text.data(), text.size(), "error 0x%04X", code);
+        return std::string(text.data()) + "; mend what 'zevobandwidth check' finds, and look into "
+                                          "the system log for more";
+    }
+    }
+}
+
 void CheckAllPlayedOut(const Ensemble &ensemble)
 {
     const std::string of = " of " + std::to_string(ensemble.all().size()) + " transfers ";
-    if (const std::size_t failed = ensemble.Count(State::kFailed); failed != 0)
-        throw Failure(kFailed, std::to_string(failed) + of +
-                                   "failed or were killed; the system log says why");
+    const auto &all = ensemble.all();
+    const auto first = std::find_if(all.begin(), all.end(), [](const Played &played) {
+        return played.state == State::kFailed;
+    });
+    if (first != all.end())
+        throw Failure(kFailed, std::to_string(ensemble.Count(State::kFailed)) + of +
+                                   "failed, that of process " + std::to_string(first->pid) + ": " +
+                                   WhyAndWhatToDo(first->code));
     if (const std::size_t stopped = ensemble.Count(State::kStopped); stopped != 0)
         throw Failure(kFailed, std::to_string(stopped) + of + "stopped by an administrator");
 }

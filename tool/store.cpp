@@ -77,7 +77,8 @@ std::string Reason(const std::string &file, const std::string &section)
         return "out of memory";
     case ZEVO_BW_ERROR_OPEN:
         return file + " cannot be opened or made; it must be a regular file in a directory that "
-                      "this user may write";
+                      "this user may write. 'zevobandwidth check' says what is there instead: "
+                      "move that away";
     case ZEVO_BW_ERROR_READ:
     case ZEVO_BW_ERROR_STAT:
         return file + " cannot be read; check the disk";

@@ -19,6 +19,20 @@ zevo() {
     "$ZEVOBW_TOOL" "$@" >/tmp/out 2>/tmp/err </dev/null || status=$?
 }
 
+# as_anybody ARG...: the same without capabilities, for which root is held to the permissions, too.
+as_anybody() {
+    status=0
+    setpriv --inh-caps=-all --bounding-set=-all "$ZEVOBW_TOOL" "$@" >/tmp/out 2>/tmp/err ||
+        status=$?
+}
+
+# prints_to FILE ARG...: runs the tool with FILE as its standard output.
+prints_to() {
+    : >/tmp/out
+    status=0
+    "$ZEVOBW_TOOL" "${@:2}" >"$1" 2>/tmp/err </dev/null || status=$?
+}
+
 fail() {
     printf 'line %s: %s\n' "${BASH_LINENO[1]}" "$1"
     sed 's/^/    /' /tmp/out /tmp/err
