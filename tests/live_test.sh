@@ -238,6 +238,37 @@ umount /tmp/collector
 zevo metrics -o /tmp/none/zevo.prom
 exits 1
 
+# ---- what may not be read or written ----
+
+wipe
+mkdir -m 777 $running
+transfer user-2001 999999-1 ftp upload x >$running/user-2001
+chmod 000 $running/user-2001
+for command in transfers 'transfers -u alice --json' 'dump transfers' metrics 'stop -u alice' \
+    'forget -u alice'; do
+    # shellcheck disable=SC2086
+    as_anybody $command
+    exits 3
+    err_has "not permitted to read $running/user-2001"
+done
+chmod 666 $running/user-2001
+chmod 555 $running
+as_anybody forget -u alice
+exits 3
+err_has 'cannot be removed'
+chmod 777 $running
+mkdir $running/group-3001
+zevo forget -u bob # there may be more than could be read
+exits 1
+err_has "$running/group-3001"
+rm -r $running && : >$running
+zevo rule set -u alice -p ftp --up 1M
+zevo policy set -p ftp
+zevo simulate -u alice -p ftp -d upload 64K
+exits 1
+err_has "'zevobandwidth check'"
+rm $running
+
 # ---- what was found by trying ----
 
 lines=$(timeout -s INT 2.5 "$ZEVOBW_TOOL" transfers --watch --no-legend 2>&1 | wc -l)

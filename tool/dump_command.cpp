@@ -58,7 +58,7 @@ void EmitHeader(int (*print)(FILE *))
 // The library has no line for an owner that the user database does not know.
 class Omissions {
 public:
-    explicit Omissions(int unread = 0) : count_(unread) {}
+    explicit Omissions(int unread, ExitStatus status = kFailed) : count_(unread), status_(status) {}
     void Add(const std::string &what)
     {
         PrintNote("zevobandwidth: no line for " + what +
@@ -67,11 +67,12 @@ public:
     }
     void Check() const
     {
-        if (count_ != 0) throw Failure(kFailed, "the table is incomplete");
+        if (count_ != 0) throw Failure(status_, "the table is incomplete");
     }
 
 private:
     int count_;
+    ExitStatus status_;
 };
 
 // ---- rules ----
@@ -169,7 +170,7 @@ void DumpTransfers(const DumpArguments &arguments)
     const TransferList list = ChosenTransfers(arguments);
     for (const std::string &complaint : list.complaints())
         PrintNote("zevobandwidth: " + complaint);
-    Omissions omissions(static_cast<int>(list.complaints().size()));
+    Omissions omissions(static_cast<int>(list.complaints().size()), list.status());
     for (const RunningTransfer &transfer : list.all()) {
         const auto record = ToRecord(transfer);
         if (!Emit([&record](FILE *fp) { return ZEVOBandwidthStatusDump(fp, record.get()); }))

@@ -51,16 +51,22 @@ Pids PidsOfSections(const std::string &path)
     return pids;
 }
 
-Pids FindPids(const Account &user, pid_t only)
+// His own file and those of all groups.
+TransferList ReadCopies(const Account &user)
 {
-    Pids pids = PidsOfSections(StatusFile(ZEVO_BW_OWNER_USER, user.id));
     TransferList list;
     list.Read(ZEVO_BW_OWNER_USER, user.id);
     list.ReadAll(ZEVO_BW_OWNER_GROUP);
-    for (const RunningTransfer &transfer : list.all())
-        if (transfer.uid == user.id && transfer.pid > 0) pids.insert(transfer.pid);
     for (const std::string &complaint : list.complaints())
         PrintNote("zevobandwidth: " + complaint);
+    return list;
+}
+
+Pids FindPids(const Account &user, const TransferList &list, pid_t only)
+{
+    Pids pids = PidsOfSections(StatusFile(ZEVO_BW_OWNER_USER, user.id));
+    for (const RunningTransfer &transfer : list.all())
+        if (transfer.uid == user.id && transfer.pid > 0) pids.insert(transfer.pid);
     if (only != 0) std::erase_if(pids, [only](pid_t pid) { return pid != only; });
     return pids;
 }
@@ -78,15 +84,20 @@ void RemoveFromOtherGroups(const Account &user, const Pids &pids)
     }
 }
 
-void Remove(const Account &user, const Pids &pids)
+// status: what the failure ends with unless it turns out to be for want of permission.
+void Remove(const Account &user, const Pids &pids, ExitStatus status)
 {
-    for (const pid_t pid : pids)
+    for (const pid_t pid : pids) {
         if (ZEVOBandwidthStatusForceRemoveAllByUserName(user.name.c_str(), ZEVO_BW_TRANSFER_ALL,
-                                                        pid) < 0)
-            throw Failure(kFailed, "the transfers of process " + std::to_string(pid) +
-                                       " cannot be removed; the status files of user " + user.name +
-                                       " and of his groups must be regular files in a directory "
-                                       "that can be written and has room left");
+                                                        pid) >= 0)
+            continue;
+        throw Failure(MayChangeStatusFiles() ? status : kNotPermitted,
+                      "the transfers of process " + std::to_string(pid) +
+                          " cannot be removed; the status files of user " + user.name +
+                          " and of his groups must be regular files that this user may read, in a "
+                          "directory that he may write and that has room left; 'zevobandwidth "
+                          "check' tells what is wrong with them");
+    }
     RemoveFromOtherGroups(user, pids);
 }
 
@@ -120,12 +131,19 @@ void Report(const Account &user, const Pids &pids, std::size_t spared, bool isDr
 void Forget(const ForgetArguments &arguments)
 {
     const Account user = FindUser(arguments.user);
-    Pids pids = FindPids(user, arguments.pid);
+    const TransferList list = ReadCopies(user);
+    const auto checkAllRead = [&list] {
+        if (!list.complaints().empty())
+            throw Failure(list.status(), "what could not be read may hold more of them");
+    };
+    Pids pids = FindPids(user, list, arguments.pid);
+    if (pids.empty()) checkAllRead();
     if (pids.empty())
         throw Failure(kNotFound, "user " + user.name + " has no such transfer on the list");
     const std::size_t spared = SpareRunning(pids, arguments.yes, !arguments.isDryRun);
-    if (!arguments.isDryRun) Remove(user, pids);
+    if (!arguments.isDryRun) Remove(user, pids, list.status());
     Report(user, pids, spared, arguments.isDryRun);
+    checkAllRead();
 }
 
 } // namespace

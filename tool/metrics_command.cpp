@@ -109,6 +109,7 @@ public:
     void AddRules();
     void AddTransfers(std::int32_t ownerType);
     int failures() const noexcept { return failures_; }
+    ExitStatus status() const noexcept { return status_; } // when there are any
     std::string Exposition() const;
     Json ToJson() const;
 
@@ -118,6 +119,7 @@ private:
 
     std::map<std::int32_t, ZEVO_BANDWIDTH_GLOBAL_CONF> policies_;
     int failures_ = 0;
+    ExitStatus status_ = kFailed;
     Family enabled_{"zevobandwidth_policy_enabled",
                     "Whether the limits of the protocol are switched on at this hour."};
     Family rules_{"zevobandwidth_rules", "Stored rules."};
@@ -186,6 +188,7 @@ void Metrics::AddTransfers(std::int32_t ownerType)
     for (const std::string &complaint : list.complaints())
         PrintNote("zevobandwidth: " + complaint);
     failures_ += static_cast<int>(list.complaints().size());
+    if (list.status() == kNotPermitted) status_ = kNotPermitted;
 }
 
 template <typename Visit> void Metrics::ForEach(Visit visit) const
@@ -229,7 +232,7 @@ void Expose(const std::string &file)
     else
         PrintText(metrics.Exposition());
     if (metrics.failures() != 0)
-        throw Failure(kFailed,
+        throw Failure(metrics.status(),
                       "the metrics are incomplete, and say so in zevobandwidth_unreadable");
 }
 

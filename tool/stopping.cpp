@@ -19,7 +19,7 @@ std::vector<RunningTransfer> List(const Account &user, const TransferFilter &whi
 {
     TransferList list(which);
     list.Read(ZEVO_BW_OWNER_USER, user.id);
-    if (!list.complaints().empty()) throw Failure(kFailed, list.complaints().front());
+    if (!list.complaints().empty()) throw Failure(list.status(), list.complaints().front());
     return list.all();
 }
 

@@ -129,10 +129,29 @@ std::string StatusFile(std::int32_t ownerType, std::uint32_t id)
     return std::string(kStatusDirectory) + "/" + FilePrefix(ownerType) + std::to_string(id);
 }
 
+bool MayChangeStatusFiles()
+{
+    return ::faccessat(AT_FDCWD, kStatusDirectory, W_OK | X_OK, AT_EACCESS) == 0;
+}
+
 bool TransferList::Passes(const RunningTransfer &transfer) const
 {
     return (!filter_.protocol || *filter_.protocol == transfer.protocol) &&
            (filter_.pid == 0 || filter_.pid == transfer.pid);
+}
+
+void TransferList::Complain(const std::string &path)
+{
+    const int flags = AT_EACCESS | AT_SYMLINK_NOFOLLOW; // the library follows no link either
+    const bool isRefused = ::faccessat(AT_FDCWD, path.c_str(), R_OK, flags) != 0 &&
+                           (errno == EACCES || errno == EPERM);
+    if (isRefused) status_ = kNotPermitted;
+    complaints_.push_back(
+        isRefused ? "not permitted to read " + path +
+                        ", which every user should be able to read and write; run this command, or "
+                        "'zevobandwidth check --repair', as an administrator (root)"
+                  : path + " cannot be read; it must be a regular file that every user may read "
+                           "and write. Remove it: running transfers write it anew");
 }
 
 void TransferList::Read(std::int32_t ownerType, std::uint32_t id)
@@ -142,9 +161,7 @@ void TransferList::Read(std::int32_t ownerType, std::uint32_t id)
     ZEVO_BANDWIDTH_STATUS *list = nullptr;
     if (ZEVOBandwidthIStatusGetAll(path.c_str(), kEveryProtocol, filter_.directions, &list,
                                    filter_.merge ? 1 : 0) < 0)
-        complaints_.push_back(path + " cannot be read; it must be a regular file that every user "
-                                     "may read and write. Remove it: running transfers write it "
-                                     "anew");
+        Complain(path);
     for (const auto *record = list; record != nullptr; record = record->next) {
         RunningTransfer transfer = FromRecord(*record, ownerType, id);
         if (Passes(transfer)) all_.push_back(std::move(transfer));

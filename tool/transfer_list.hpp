@@ -16,6 +16,8 @@
 
 #include <zevobandwidth.h>
 
+#include "failure.hpp"
+
 namespace tool {
 
 struct RunningTransfer {
@@ -64,17 +66,25 @@ public:
     const std::vector<RunningTransfer> &all() const noexcept { return all_; }
     // What could not be read, and what to do about it: one line for each file.
     const std::vector<std::string> &complaints() const noexcept { return complaints_; }
+    // With what a command ends that had to complain: kNotPermitted when that was all that was
+    // missing for one of the files.
+    ExitStatus status() const noexcept { return status_; }
 
 private:
+    void Complain(const std::string &path);
     bool Passes(const RunningTransfer &transfer) const;
 
     TransferFilter filter_;
     std::vector<RunningTransfer> all_;
     std::vector<std::string> complaints_;
+    ExitStatus status_ = kFailed;
 };
 
 // "/tmp/bandwidth/user-2001".
 std::string StatusFile(std::int32_t ownerType, std::uint32_t id);
+
+// Whether this user may replace files in their directory.
+bool MayChangeStatusFiles();
 
 } // namespace tool
 

@@ -139,7 +139,7 @@ void ListOnce(const Request &request)
         PrintNote("No limited transfers are running.");
     else
         ToTable(list, request).Print();
-    if (!list.complaints().empty()) throw Failure(kFailed, "the list is incomplete");
+    if (!list.complaints().empty()) throw Failure(list.status(), "the list is incomplete");
 }
 
 // ---- again and again ----
