@@ -162,23 +162,23 @@ void OfferPeople(Offer &offer, const std::vector<Person> &people)
     }
 }
 
-void OfferUsers(Offer &offer, const Place &)
+Person ToPerson(const passwd &entry)
 {
-    std::vector<Person> people;
-    ::setpwent();
-    while (const passwd *entry = ::getpwent())
-        people.push_back({entry->pw_uid, entry->pw_name, "uid " + std::to_string(entry->pw_uid)});
-    ::endpwent();
-    OfferPeople(offer, people);
+    return {entry.pw_uid, entry.pw_name, "uid " + std::to_string(entry.pw_uid)};
+}
+Person ToPerson(const group &entry)
+{
+    return {entry.gr_gid, entry.gr_name, "gid " + std::to_string(entry.gr_gid)};
 }
 
-void OfferGroups(Offer &offer, const Place &)
+// The three calls that walk over a database.
+template <void (*begin)(), auto next, void (*end)()> void OfferAll(Offer &offer, const Place &)
 {
     std::vector<Person> people;
-    ::setgrent();
-    while (const group *entry = ::getgrent())
-        people.push_back({entry->gr_gid, entry->gr_name, "gid " + std::to_string(entry->gr_gid)});
-    ::endgrent();
+    begin();
+    while (const auto *entry = next())
+        people.push_back(ToPerson(*entry));
+    end();
     OfferPeople(offer, people);
 }
 
@@ -218,8 +218,11 @@ struct Source {
 };
 
 constexpr std::array kSources = {
-    Source{"USER", OfferUsers}, Source{"GROUP", OfferGroups}, Source{"PROTOCOL", OfferProtocols},
-    Source{"PID", OfferPids},   Source{"FILE", OfferFiles},
+    Source{"USER", OfferAll<::setpwent, ::getpwent, ::endpwent>},
+    Source{"GROUP", OfferAll<::setgrent, ::getgrent, ::endgrent>},
+    Source{"PROTOCOL", OfferProtocols},
+    Source{"PID", OfferPids},
+    Source{"FILE", OfferFiles},
 };
 
 // "{enabled,disabled,schedule}": the help itself lists the values.

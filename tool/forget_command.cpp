@@ -19,13 +19,6 @@ namespace tool {
 
 namespace {
 
-struct ForgetArguments {
-    std::string user;
-    pid_t pid = 0;
-    bool yes = false;
-    bool isDryRun = false;
-};
-
 using Pids = std::set<pid_t>;
 
 std::string Count(std::size_t count)
@@ -128,7 +121,7 @@ void Report(const Account &user, const Pids &pids, std::size_t spared, bool isDr
     PrintNote("note: " + text);
 }
 
-void Forget(const ForgetArguments &arguments)
+void Forget(const EndingOptions &arguments)
 {
     const Account user = FindUser(arguments.user);
     const TransferList list = ReadCopies(user);
@@ -150,14 +143,10 @@ void Forget(const ForgetArguments &arguments)
 
 void AddForgetCommand(CLI::App &app)
 {
-    const auto arguments = std::make_shared<ForgetArguments>();
+    const auto arguments = std::make_shared<EndingOptions>();
     CLI::App *command =
         app.add_subcommand("forget", "Take what dead transfers left behind off the list");
-    AddUserOption(*command, arguments->user, "Whose transfers: a name or a numeric id");
-    AddPidOption(*command, arguments->pid);
-    AddYesFlag(*command, arguments->yes, "Forget also what is still running");
-    AddDryRunFlag(*command, arguments->isDryRun);
-    AddOutputOptions(*command);
+    AddEndingOptions(*command, *arguments, "Forget also what is still running");
     command->footer(
         "Removes the user's transfers from his status file and from those of all groups. What a\n"
         "process leaves behind is dropped by itself 30 seconds after its last save. A process\n"

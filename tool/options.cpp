@@ -104,16 +104,15 @@ const CLI::Validator kProcessId(
 
 } // namespace
 
-void AddPidOption(CLI::App &command, pid_t &pid)
+void AddEndingOptions(CLI::App &command, EndingOptions &ending, const std::string &yesHelp)
 {
-    command.add_option("--pid", pid, "Only those of this process")
+    AddUserOption(command, ending.user, "Whose transfers: a name or a numeric id");
+    command.add_option("--pid", ending.pid, "Only those of this process")
         ->check(kProcessId)
         ->type_name("PID");
-}
-
-void AddYesFlag(CLI::App &command, bool &yes, const std::string &help)
-{
-    command.add_flag("-y,--yes", yes, help);
+    command.add_flag("-y,--yes", ending.yes, yesHelp);
+    AddDryRunFlag(command, ending.isDryRun);
+    AddOutputOptions(command);
 }
 
 CLI::Option *AddSecondsOption(CLI::App &command, const std::string &name, double &seconds,

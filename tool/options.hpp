@@ -54,11 +54,15 @@ struct TransferSelection {
 // -p PROTOCOL, -d DIRECTION.
 void AddTransferSelection(CLI::App &command, TransferSelection &selection);
 
-// --pid PID.
-void AddPidOption(CLI::App &command, pid_t &pid);
-
-// --yes, for what is asked about otherwise.
-void AddYesFlag(CLI::App &command, bool &yes, const std::string &help);
+// What a command takes that ends transfers of one user.
+struct EndingOptions {
+    std::string user;
+    pid_t pid = 0;    // 0: of every process
+    bool yes = false; // does without a question
+    bool isDryRun = false;
+};
+// -u USER, --pid PID, -y/--yes, -N/--dry-run; with the options of what is printed.
+void AddEndingOptions(CLI::App &command, EndingOptions &ending, const std::string &yesHelp);
 
 // How often something is done again: 0.1 to 86400 seconds.
 CLI::Option *AddSecondsOption(CLI::App &command, const std::string &name, double &seconds,

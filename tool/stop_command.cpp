@@ -15,12 +15,9 @@ namespace tool {
 namespace {
 
 struct StopArguments {
-    std::string user;
+    EndingOptions ending;
     TransferSelection selection;
-    pid_t pid = 0;
     double waitSeconds = 10;
-    bool yes = false;
-    bool isDryRun = false;
 };
 
 std::string Count(std::size_t count)
@@ -82,16 +79,16 @@ void ReportDryRun(const Account &user, const Stopping &stopping)
 
 void Stop(const StopArguments &arguments)
 {
-    const Account user = FindUser(arguments.user);
+    const Account user = FindUser(arguments.ending.user);
     TransferFilter which = arguments.selection.Filter();
-    which.pid = arguments.pid;
+    which.pid = arguments.ending.pid;
     Stopping stopping(user, which);
     if (stopping.found().empty())
         throw Failure(kNotFound, "user " + user.name +
                                      " has no such transfer; 'zevobandwidth transfers' lists what "
                                      "is running");
-    if (arguments.isDryRun) return ReportDryRun(user, stopping);
-    if (!IsWanted(user, stopping, arguments.yes)) return PrintNote("Nothing was stopped.");
+    if (arguments.ending.isDryRun) return ReportDryRun(user, stopping);
+    if (!IsWanted(user, stopping, arguments.ending.yes)) return PrintNote("Nothing was stopped.");
     WaitFor(stopping, arguments.waitSeconds);
     Report(user, stopping);
     if (stopping.left().empty()) return;
@@ -110,15 +107,11 @@ void AddStopCommand(CLI::App &app)
 {
     const auto arguments = std::make_shared<StopArguments>();
     CLI::App *command = app.add_subcommand("stop", "Stop a user's running transfers");
-    AddUserOption(*command, arguments->user, "Whose transfers: a name or a numeric id");
-    AddPidOption(*command, arguments->pid);
+    AddEndingOptions(*command, arguments->ending, "Stop several without asking");
     AddTransferSelection(*command, arguments->selection);
     AddSecondsOption(*command, "--wait", arguments->waitSeconds,
                      "How long to wait for them to end; 0 marks them and does not wait", 0)
         ->capture_default_str();
-    AddYesFlag(*command, arguments->yes, "Stop several without asking");
-    AddDryRunFlag(*command, arguments->isDryRun);
-    AddOutputOptions(*command);
     command->footer(
         "A transfer ends after the block it is moving; its service reports it as failed. Upload\n"
         "is from the client to this server, download from this server to the client.\n\n"
