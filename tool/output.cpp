@@ -135,6 +135,24 @@ std::string AsciiOnly(std::string text)
     return text;
 }
 
+std::vector<std::string> Wrapped(std::string_view text, std::size_t columns)
+{
+    std::vector<std::string> lines(1);
+    while (!text.empty()) {
+        const std::string_view word = text.substr(0, text.find(' '));
+        text.remove_prefix(std::min(word.size() + 1, text.size()));
+        if (word.empty()) continue;
+        std::string &line = lines.back();
+        if (line.empty())
+            line = word;
+        else if (Width(line) + 1 + Width(word) <= columns)
+            line.append(" ").append(word);
+        else
+            lines.emplace_back(word);
+    }
+    return lines;
+}
+
 void Table::Print() const
 {
     for (const std::string &line : Lines())
@@ -185,6 +203,11 @@ void PrintText(const std::string &lines)
 void PrintLine(const std::string &line)
 {
     PrintText(line + "\n");
+}
+
+void PrintExactLine(const std::string &line)
+{
+    PrintLine(::isatty(STDOUT_FILENO) == 1 ? Printable(line) : line);
 }
 
 namespace {

@@ -60,6 +60,9 @@ std::string AsciiOnly(std::string text);
 // Columns that a printable text takes on a terminal.
 std::size_t Width(std::string_view text);
 
+// The words of a text in lines of at most so many columns; a longer word has a line of its own.
+std::vector<std::string> Wrapped(std::string_view text, std::size_t columns);
+
 // Columns of text under a headline, left-aligned but for those named; the last is never padded.
 // Cells pass through Printable(). Without legend the headline is left out, and so are the titles
 // above groups of rows.
@@ -86,6 +89,19 @@ private:
 void PrintText(const std::string &lines); // with their ends
 void PrintLine(const std::string &line);
 void PrintJson(const Json &json);
+
+// A line for programs: byte for byte, but made harmless where it goes to a terminal.
+void PrintExactLine(const std::string &line);
+
+// What convert() makes of each record.
+template <typename Records, typename Convert>
+Json JsonArray(const Records &records, Convert convert)
+{
+    Json json = Json::array();
+    for (const auto &record : records)
+        json.push_back(convert(record));
+    return json;
+}
 
 // On one line, as PrintJson() escapes it.
 std::string JsonText(const Json &json);

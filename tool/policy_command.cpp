@@ -141,10 +141,7 @@ void ListPolicies()
 {
     const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies = ReadPolicies();
     if (!OutputStyle().json) return PrintPolicies(policies);
-    Json json = Json::array();
-    for (const auto &policy : policies)
-        json.push_back(ToJson(policy));
-    PrintJson(json);
+    PrintJson(JsonArray(policies, [](const auto &policy) { return ToJson(policy); }));
 }
 
 void AddList(CLI::App &parent)

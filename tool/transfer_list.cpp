@@ -119,6 +119,22 @@ std::string DirectionOf(const RunningTransfer &transfer)
     return ValueName(ZEVO_BW_TRANSFER_TYPE_LIST, transfer.direction);
 }
 
+Json ToJson(const RunningTransfer &transfer)
+{
+    const bool limited = transfer.allowedBps != 0;
+    return {{"user", UserName(transfer.uid)},
+            {"uid", transfer.uid},
+            {"protocol", ProtocolOf(transfer)},
+            {"direction", DirectionOf(transfer)},
+            {"pid", transfer.pid},
+            {"speed_bytes_per_s", transfer.speedBps},
+            {"allowed_bytes_per_s", limited ? Json(transfer.allowedBps) : Json(nullptr)},
+            {"progress_percent", transfer.progress / 100.0},
+            {"active", transfer.active},
+            {"timestamp", transfer.timestamp},
+            {"file", transfer.file}};
+}
+
 bool IsAlive(pid_t pid)
 {
     return pid > 0 && (::kill(pid, 0) == 0 || errno != ESRCH);

@@ -17,6 +17,7 @@
 #include <zevobandwidth.h>
 
 #include "failure.hpp"
+#include "output.hpp"
 
 namespace tool {
 
@@ -39,6 +40,8 @@ struct RunningTransfer {
 const std::string &OwnerName(const RunningTransfer &transfer);
 const std::string &ProtocolOf(const RunningTransfer &transfer);
 std::string DirectionOf(const RunningTransfer &transfer);
+
+Json ToJson(const RunningTransfer &transfer);
 
 // Whether the process that runs it is there, whoever it belongs to.
 bool IsAlive(pid_t pid);

@@ -102,28 +102,11 @@ Json SumToJson(const RunningTransfer &sum)
             {"allowed_bytes_per_s", sum.allowedBps == 0 ? Json(nullptr) : Json(sum.allowedBps)}};
 }
 
-Json TransferToJson(const RunningTransfer &transfer)
-{
-    const bool limited = transfer.allowedBps != 0;
-    return {{"user", UserName(transfer.uid)},
-            {"uid", transfer.uid},
-            {"protocol", ProtocolOf(transfer)},
-            {"direction", DirectionOf(transfer)},
-            {"pid", transfer.pid},
-            {"speed_bytes_per_s", transfer.speedBps},
-            {"allowed_bytes_per_s", limited ? Json(transfer.allowedBps) : Json(nullptr)},
-            {"progress_percent", transfer.progress / 100.0},
-            {"active", transfer.active},
-            {"timestamp", transfer.timestamp},
-            {"file", transfer.file}};
-}
-
 Json ToJson(const TransferList &list, const Request &request)
 {
-    Json json = Json::array();
-    for (const RunningTransfer &transfer : list.all())
-        json.push_back(request.filter.merge ? SumToJson(transfer) : TransferToJson(transfer));
-    return json;
+    return JsonArray(list.all(), [&request](const RunningTransfer &transfer) {
+        return request.filter.merge ? SumToJson(transfer) : ToJson(transfer);
+    });
 }
 
 // ---- once ----
