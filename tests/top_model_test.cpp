@@ -107,7 +107,7 @@ TEST_F(Top, EveryScreenIsFilledExactlyAndHoldsNothingHarmful)
     transfers.back().limitBps.reset();
     transfers.back().progress = UINT32_MAX;
     Show(transfers);
-    for (const char *keys : {"", "/iso", "?"}) {
+    for (const char *keys : {"", "/iso", "x", "?"}) {
         Type(keys);
         for (std::size_t rows = 0; rows <= 30; rows += 3) {
             for (std::size_t columns = 0; columns <= 130; ++columns) {
@@ -180,6 +180,26 @@ TEST_F(Top, OnlyAYesStopsAndOnlyWhatTheQuestionNamed)
     Show({Upload("bob", 2, 1, "b")});
     EXPECT_TRUE(Shows("has ended by itself"));
     Type("y");
+    EXPECT_FALSE(Shows("has ended by itself"));
+}
+
+TEST_F(Top, AMessageGoesByItself)
+{
+    Show({Upload("alice", 1, 2, "a")}, 100);
+    model.Say("Process 1: stopped after 20 ms");
+    Show({}, 103);
+    EXPECT_TRUE(Shows("stopped after"));
+    Show({}, 200);
+    EXPECT_FALSE(Shows("stopped after"));
+}
+
+TEST_F(Top, TheQuestionIsWholeOnANarrowScreen)
+{
+    Show({Upload("alice", 4194304, 2, "a")});
+    Type("x");
+    const std::string narrow = Screen(10, 40);
+    EXPECT_NE(narrow.find("4194304?"), std::string::npos);
+    EXPECT_NE(narrow.find("(y/n)"), std::string::npos);
 }
 
 TEST_F(Top, TheTimeLeftFollowsFromTheProgress)

@@ -16,6 +16,7 @@ namespace tool {
 namespace {
 
 constexpr std::int64_t kPaceUs = 60'000'000; // over how long the time left is worked out
+constexpr std::int64_t kMessageUs = 10'000'000;
 constexpr std::uint32_t kWhole = 10'000;
 constexpr std::size_t kMostHistory = 24;
 constexpr std::size_t kLeastHistory = 8;
@@ -141,6 +142,7 @@ std::string TopModel::Clean(const std::string &text) const
 void TopModel::Update(TopFigures figures)
 {
     figures_ = std::move(figures);
+    if (figures_.nowUs - saidUs_ > kMessageUs) message_.clear();
     Record();
     Arrange();
 }
@@ -206,11 +208,17 @@ void TopModel::FindSelection()
     }
     if (mode_ == Mode::kQuestion) {
         mode_ = Mode::kList;
-        message_ = "That transfer has ended by itself.";
+        Say("That transfer has ended by itself.");
     }
     place_ = shown_.empty() ? 0 : std::min(place_, shown_.size() - 1);
     selected_.reset();
     if (!shown_.empty()) selected_ = KeyOf(*shown_[place_].transfer);
+}
+
+void TopModel::Say(const std::string &message)
+{
+    message_ = message;
+    saidUs_ = figures_.nowUs;
 }
 
 const TopTransfer *TopModel::Selected() const
@@ -308,7 +316,7 @@ TopAction TopModel::PressInQuestion(const TopKey &key)
 {
     mode_ = Mode::kList;
     if (key.text == "y" || key.text == "Y") return TopAction::kStop;
-    message_ = "Nothing was stopped.";
+    Say("Nothing was stopped.");
     return TopAction::kNone;
 }
 
@@ -342,6 +350,20 @@ std::string TopModel::Bottom() const
     if (!message_.empty()) return Clean(message_);
     if (!figures_.complaint.empty()) return Clean(figures_.complaint);
     return hints_ ? "q quit  s sort  r reverse  / filter  x stop  ? help" : "";
+}
+
+// What is a sentence takes further lines where the screen is narrow, up to half of it.
+std::vector<TopLine> TopModel::BottomLines(std::size_t rows, std::size_t columns) const
+{
+    const bool speaks = !message_.empty() || !figures_.complaint.empty();
+    const bool isSentence = mode_ == Mode::kQuestion || (mode_ == Mode::kList && speaks);
+    std::vector<std::string> texts = {Bottom()};
+    if (isSentence) texts = Wrapped(texts.front(), columns);
+    texts.resize(std::min({texts.size(), std::max<std::size_t>(rows / 2, 1), rows}));
+    std::vector<TopLine> lines;
+    for (const std::string &text : texts)
+        lines.push_back(PlainLine(text, columns, {Color::kDim}));
+    return lines;
 }
 
 // A third of the screen at most.
@@ -426,10 +448,12 @@ std::vector<TopLine> TopModel::TransferLines(std::size_t rows, std::size_t colum
 
 std::vector<TopLine> TopModel::Compose(std::size_t rows, std::size_t columns)
 {
+    const std::vector<TopLine> bottom = BottomLines(rows, columns);
+    const std::size_t above = rows - bottom.size();
     std::vector<TopLine> lines;
     const auto append = [&](std::vector<TopLine> more) {
         for (TopLine &line : more)
-            if (lines.size() + 1 < rows) lines.push_back(std::move(line));
+            if (lines.size() < above) lines.push_back(std::move(line));
     };
     append({PlainLine(Title(), columns, {Color::kBold})});
     if (mode_ == Mode::kHelp) {
@@ -438,15 +462,14 @@ std::vector<TopLine> TopModel::Compose(std::size_t rows, std::size_t columns)
     } else {
         append(GroupLines(rows, columns));
         if (lines.size() > 1 && rows >= 2 * kRowsForGroups) append({PlainLine("", columns)});
-        append(TransferLines(rows - std::min(rows, lines.size() + 1), columns));
+        append(TransferLines(above - lines.size(), columns));
         if (shown_.empty())
             append({PlainLine(filter_.empty() ? "No limited transfers are running."
                                               : "No transfer holds that text.",
                               columns)});
     }
-    while (lines.size() + 1 < rows)
-        lines.push_back(PlainLine("", columns));
-    if (rows != 0) lines.push_back(PlainLine(Bottom(), columns, {Color::kDim}));
+    lines.resize(above, PlainLine("", columns));
+    lines.insert(lines.end(), bottom.begin(), bottom.end());
     return lines;
 }
 

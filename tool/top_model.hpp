@@ -69,8 +69,8 @@ public:
     TopAction Press(const TopKey &key);
     // Nothing when no transfer is shown.
     const TopTransfer *Selected() const;
-    // In the bottom line until the next key.
-    void Say(const std::string &message) { message_ = message; }
+    // In the bottom line until the next key, for some seconds at most.
+    void Say(const std::string &message);
 
     // As many lines as the screen has, none of them wider.
     std::vector<TopLine> Compose(std::size_t rows, std::size_t columns);
@@ -110,6 +110,7 @@ private:
     std::vector<std::string> Cells(const Entry &entry, std::size_t graphColumns) const;
     std::string Title() const;
     std::string Bottom() const;
+    std::vector<TopLine> BottomLines(std::size_t rows, std::size_t columns) const;
     std::vector<TopLine> GroupLines(std::size_t rows, std::size_t columns) const;
     std::vector<TopLine> TransferLines(std::size_t rows, std::size_t columns);
 
@@ -121,6 +122,7 @@ private:
     Mode mode_ = Mode::kList;
     std::string filter_;
     std::string message_;
+    std::int64_t saidUs_ = 0;
     std::size_t sortBy_ = 0;
     bool reversed_ = false;
     std::optional<Key> selected_;
