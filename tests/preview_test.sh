@@ -129,6 +129,8 @@ silent
 same "$(grep -c '"result": "done"' /tmp/out)" 3
 same "$(field kib | tr '\n' ' ')" '64 64 64 192 '
 sections user-2001 0 || fail 'sections are left'
+script -qec "$ZEVOBW_TOOL simulate -u alice -p ftp -d upload 1M" /dev/null >/tmp/out
+! grep -q 'of unlimited' /tmp/out || fail 'the progress tells no limit'
 
 # One of two is stopped, the other goes on; what the stopped one got is shown, nothing of it left.
 zevo rule set -u alice -p ftp --up 512K

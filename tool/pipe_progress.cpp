@@ -88,9 +88,12 @@ std::string Progress::Compose(const ProgressFigures &figures, std::size_t width)
 {
     std::vector<std::string> parts = {FormatBytes(figures.bytes)};
     parts.push_back(speedBps_ == 0 ? std::string("-") : FormatSpeed(speedBps_));
-    parts.push_back("of " + FormatAllowedSpeed(figures.allowedBps));
-    if (figures.configuredBps != 0)
-        parts.push_back("share " + FormatProgress(Part(figures.allowedBps, figures.configuredBps)));
+    if (figures.allowedBps) {
+        parts.push_back("of " + FormatAllowedSpeed(*figures.allowedBps));
+        if (figures.configuredBps != 0)
+            parts.push_back("share " +
+                            FormatProgress(Part(*figures.allowedBps, figures.configuredBps)));
+    }
     if (figures.size != 0) {
         if (figures.hasBar) parts.insert(parts.begin(), Bar(figures.bytes, figures.size));
         parts.push_back(FormatProgress(Part(figures.bytes, figures.size)));

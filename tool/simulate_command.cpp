@@ -235,7 +235,9 @@ ProgressFigures Ensemble::Look() const
         };
         if (std::none_of(all_.begin(), all_.end(), isOurs)) continue;
         figures.bytes += SavedKB(*status) * kBytesPerKB;
-        figures.allowedBps += status->expect_speed;
+        const bool isUnlimited = status->expect_speed == 0 || figures.allowedBps == 0;
+        figures.allowedBps =
+            isUnlimited ? 0 : figures.allowedBps.value_or(0) + status->expect_speed;
     }
     ZEVOBandwidthStatusListFree(&list);
     return figures;
