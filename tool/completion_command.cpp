@@ -6,6 +6,7 @@
 
 #include "command.hpp"
 #include "completion.hpp"
+#include "options.hpp"
 #include "output.hpp"
 
 namespace tool {
@@ -120,13 +121,15 @@ void AddCompletionCommand(CLI::App &app)
         ->type_name("SHELL")
         ->required()
         ->check(CLI::IsMember(names));
+    constexpr const char *kIsScript = "what it prints is a script";
+    AddOutputOptions(*command, {kIsScript, kIsScript, kIsScript});
     command->footer(
         "Completes commands, options, users, groups, protocols, states, policies and the\n"
         "ids of running processes.\n\n"
         "Examples:\n"
         "  source <(zevobandwidth completion bash)\n"
         "  zevobandwidth completion bash >/etc/bash_completion.d/zevobandwidth\n"
-        "  zevobandwidth completion zsh >/usr/local/share/zsh/site-functions/_zevobandwidth\n"
+        "  zevobandwidth completion zsh >\"${fpath[1]}/_zevobandwidth\"\n"
         "  zevobandwidth completion fish >/etc/fish/completions/zevobandwidth.fish\n");
     command->callback([name] { PrintScript(*name); });
     AddComplete(app);

@@ -1,7 +1,5 @@
-// "dump": the library's own fixed tables, for programs that read them. They go out byte for byte;
-// only a terminal gets them made harmless, for a name may hold anything.
-#include <unistd.h>
-
+// "dump": the library's own fixed tables, for programs that read them, byte for byte. As JSON the
+// same records are told as the other commands tell them.
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +11,8 @@
 #include "command.hpp"
 #include "options.hpp"
 #include "output.hpp"
+#include "policy_text.hpp"
+#include "rule_text.hpp"
 #include "transfer_list.hpp"
 
 namespace tool {
@@ -46,7 +46,7 @@ bool Emit(const Printer &print)
     std::string line = Catch(print);
     if (line.empty()) return false;
     line.pop_back();
-    PrintLine(::isatty(STDOUT_FILENO) == 1 ? Printable(line) : line);
+    PrintExactLine(line);
     return true;
 }
 
@@ -102,12 +102,20 @@ void Evaluate(std::vector<StoredRule> &rules)
     }
 }
 
-void DumpRules(const DumpArguments &arguments)
+// With the rates in force, which only the evaluated rule knows.
+Json EvaluatedToJson(const StoredRule &stored)
 {
-    int failures = 0;
-    std::vector<StoredRule> rules = ChosenRules(arguments, failures);
-    Evaluate(rules);
-    Omissions omissions(failures);
+    const auto &[owner, rule] = stored;
+    const auto rate = [](std::uint64_t kBps) { return kBps == 0 ? Json(nullptr) : Json(kBps); };
+    Json json = ToJson(owner, rule);
+    json["in_force"] = rule.currentState == ZEVO_BW_STATE_ENABLED;
+    json["current_upload_kib_per_s"] = rate(rule.currentUploadRate);
+    json["current_download_kib_per_s"] = rate(rule.currentDownloadRate);
+    return json;
+}
+
+void PrintRuleTable(const std::vector<StoredRule> &rules, Omissions &omissions)
+{
     EmitHeader(ZEVOBandwidthConfDumpHeader);
     for (const auto &[owner, rule] : rules) {
         const auto print = [&rule = rule](FILE *fp) { return ZEVOBandwidthConfDump(fp, &rule); };
@@ -115,6 +123,18 @@ void DumpRules(const DumpArguments &arguments)
             omissions.Add("the rule of " + OwnerText(owner) + " for " +
                           ProtocolName(rule.protocolType));
     }
+}
+
+void DumpRules(const DumpArguments &arguments)
+{
+    int failures = 0;
+    std::vector<StoredRule> rules = ChosenRules(arguments, failures);
+    Evaluate(rules);
+    Omissions omissions(failures);
+    if (OutputStyle().json)
+        PrintJson(JsonArray(rules, EvaluatedToJson));
+    else
+        PrintRuleTable(rules, omissions);
     omissions.Check();
 }
 
@@ -122,12 +142,17 @@ void DumpRules(const DumpArguments &arguments)
 
 void DumpPolicies(const DumpArguments &arguments)
 {
+    std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies;
+    for (const std::int32_t protocol : ProtocolsToList(arguments.protocol))
+        policies.push_back(ReadPolicy(protocol));
+    if (OutputStyle().json)
+        return PrintJson(JsonArray(policies, [](const auto &policy) { return ToJson(policy); }));
     EmitHeader(ZEVOBandwidthGlobalConfDumpHeader);
-    for (const std::int32_t protocol : ProtocolsToList(arguments.protocol)) {
-        const ZEVO_BANDWIDTH_GLOBAL_CONF policy = ReadPolicy(protocol);
+    for (const ZEVO_BANDWIDTH_GLOBAL_CONF &policy : policies) {
         const auto print = [&policy](FILE *fp) { return ZEVOBandwidthGlobalConfDump(fp, &policy); };
         if (!Emit(print))
-            throw Failure(kFailed, "the policy of " + ProtocolName(protocol) + " has no line");
+            throw Failure(kFailed,
+                          "the policy of " + ProtocolName(policy.protocolType) + " has no line");
     }
 }
 
@@ -165,17 +190,25 @@ TransferList ChosenTransfers(const DumpArguments &arguments)
     return list;
 }
 
+void PrintTransferTable(const TransferList &list, Omissions &omissions)
+{
+    for (const RunningTransfer &transfer : list.all()) {
+        const auto record = ToRecord(transfer);
+        if (!Emit([&record](FILE *fp) { return ZEVOBandwidthStatusDump(fp, record.get()); }))
+            omissions.Add("a transfer of process " + std::to_string(transfer.pid));
+    }
+}
+
 void DumpTransfers(const DumpArguments &arguments)
 {
     const TransferList list = ChosenTransfers(arguments);
     for (const std::string &complaint : list.complaints())
         PrintNote("zevobandwidth: " + complaint);
     Omissions omissions(static_cast<int>(list.complaints().size()), list.status());
-    for (const RunningTransfer &transfer : list.all()) {
-        const auto record = ToRecord(transfer);
-        if (!Emit([&record](FILE *fp) { return ZEVOBandwidthStatusDump(fp, record.get()); }))
-            omissions.Add("a transfer of process " + std::to_string(transfer.pid));
-    }
+    if (OutputStyle().json)
+        PrintJson(JsonArray(list.all(), [](const auto &transfer) { return ToJson(transfer); }));
+    else
+        PrintTransferTable(list, omissions);
     omissions.Check();
 }
 
@@ -211,10 +244,14 @@ void AddKind(CLI::App &parent, const Kind &kind)
     CLI::App *command = parent.add_subcommand(kind.name, kind.about);
     if (kind.hasOwner) AddOwnerOption(*command, arguments->owner);
     AddProtocolOption(*command, arguments->protocol);
-    AddLegendOption(*command);
+    AddOutputOptions(*command);
     command->footer(std::string(kind.columns) + "\n\nExample:\n  zevobandwidth dump " + kind.name +
                     " -p ftp\n");
-    command->callback([arguments, &kind] { kind.dump(*arguments); });
+    command->callback([arguments, &kind] {
+        if (kind.hasOwner && OutputStyle().numeric && !OutputStyle().json)
+            throw Failure(kWrongUsage, "the library's tables name the owners: -n goes with --json");
+        kind.dump(*arguments);
+    });
 }
 
 } // namespace
@@ -223,9 +260,12 @@ void AddDumpCommand(CLI::App &app)
 {
     CLI::App *command = app.add_subcommand("dump", "Print the library's fixed tables");
     command->require_subcommand(1);
-    command->footer("Columns of fixed width, for programs that read them; other commands have\n"
-                    "--json. A terminal gets control characters escaped, anything else the table\n"
-                    "byte for byte.\n\nExample:\n  zevobandwidth dump rules\n");
+    command->footer(
+        "Columns of fixed width, for programs that read them. A terminal gets control\n"
+        "characters escaped, anything else the table byte for byte. With --json: the\n"
+        "records as the commands rule, policy and transfers write them, rules with the\n"
+        "rates in force now; -n goes with it.\n\n"
+        "Example:\n  zevobandwidth dump rules\n");
     for (const Kind &kind : kKinds)
         AddKind(*command, kind);
 }

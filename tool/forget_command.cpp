@@ -86,7 +86,7 @@ void Remove(const Account &user, const Pids &pids, ExitStatus status)
             continue;
         throw Failure(MayChangeStatusFiles() ? status : kNotPermitted,
                       "the transfers of process " + std::to_string(pid) +
-                          " cannot be removed; the status files of user " + user.name +
+                          " cannot be removed; the status files of user " + ShownName(user) +
                           " and of his groups must be regular files that this user may read, in a "
                           "directory that he may write and that has room left; 'zevobandwidth "
                           "check' tells what is wrong with them");
@@ -109,10 +109,12 @@ std::size_t SpareRunning(Pids &pids, bool yes, bool mayAsk)
 void Report(const Account &user, const Pids &pids, std::size_t spared, bool isDryRun)
 {
     if (OutputStyle().json)
-        PrintJson(
-            {{"user", user.name}, {"uid", user.id}, {"forgotten", pids}, {"running", spared}});
+        PrintJson({{"user", ShownName(user)},
+                   {"uid", user.id},
+                   {"forgotten", pids},
+                   {"running", spared}});
     else if (!pids.empty())
-        PrintLine(Printable("user " + user.name + ": the transfers of " + Count(pids.size()) +
+        PrintLine(Printable("user " + ShownName(user) + ": the transfers of " + Count(pids.size()) +
                             (isDryRun ? " would be forgotten" : " forgotten")));
     if (spared == 0) return;
     const std::string text = Count(spared) + " still running and left on the list; end the "
@@ -132,7 +134,7 @@ void Forget(const EndingOptions &arguments)
     Pids pids = FindPids(user, list, arguments.pid);
     if (pids.empty()) checkAllRead();
     if (pids.empty())
-        throw Failure(kNotFound, "user " + user.name + " has no such transfer on the list");
+        throw Failure(kNotFound, "user " + ShownName(user) + " has no such transfer on the list");
     const std::size_t spared = SpareRunning(pids, arguments.yes, !arguments.isDryRun);
     if (!arguments.isDryRun) Remove(user, pids, list.status());
     Report(user, pids, spared, arguments.isDryRun);

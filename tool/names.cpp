@@ -207,11 +207,21 @@ bool IsUsable(const Protocol &addon)
 constexpr const char *kAmbiguous =
     "another file there has the same number or a name that begins with its name";
 
-const char *WhyUnusable(const std::optional<Protocol> &protocol)
+struct Unusable {
+    const char *why; // empty: it is usable
+    const char *remedy;
+};
+
+Unusable WhyUnusable(const std::optional<Protocol> &protocol)
 {
-    if (!protocol) return "its name is no NAME_NUMBER.json with a number above 0";
-    if (IsBuiltIn(*protocol)) return "its name or number is taken by the system itself";
-    return IsUsable(*protocol) ? "" : kAmbiguous;
+    if (!protocol)
+        return {"its name is no NAME_NUMBER.json with a number above 0",
+                "rename it, such as backup_20.json, or remove it"};
+    if (IsBuiltIn(*protocol))
+        return {"its name or number is taken by the system itself",
+                "rename it to a name and a number of its own, or remove it"};
+    if (!IsUsable(*protocol)) return {kAmbiguous, "rename or remove one of the two"};
+    return {"", ""};
 }
 
 std::string KnownProtocolNames()
@@ -273,6 +283,11 @@ const std::string &GroupName(std::uint32_t gid)
     return Groups().NameOf(gid);
 }
 
+std::string ShownName(const Account &account)
+{
+    return OutputStyle().numeric ? std::to_string(account.id) : account.name;
+}
+
 bool IsKnownUser(std::uint32_t uid)
 {
     return Users().Knows(uid);
@@ -321,7 +336,9 @@ std::vector<Addon> AddonFiles()
         Addon &addon = addons.emplace_back();
         addon.protocol = protocol.value_or(Protocol{});
         addon.file = file;
-        addon.fault = WhyUnusable(protocol);
+        const Unusable unusable = WhyUnusable(protocol);
+        addon.fault = unusable.why;
+        addon.remedy = unusable.remedy;
     }
     std::sort(addons.begin(), addons.end(), [](const Addon &a, const Addon &b) {
         return std::tie(a.protocol.name, a.file) < std::tie(b.protocol.name, b.file);

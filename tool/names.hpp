@@ -37,6 +37,8 @@ Account CallingUser();
 // asked for. Each is looked up once.
 const std::string &UserName(std::uint32_t uid);
 const std::string &GroupName(std::uint32_t gid);
+// What is printed of an account: its name, or its id when numeric ids are asked for.
+std::string ShownName(const Account &account);
 bool IsKnownUser(std::uint32_t uid);
 bool IsKnownGroup(std::uint32_t gid);
 
@@ -55,6 +57,7 @@ struct Addon {
     Protocol protocol; // number 0 when the file's name does not tell
     std::string file;
     std::string fault; // why it cannot be used; empty when it can
+    std::string remedy;
 };
 
 // By name.

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 
 #include "command.hpp"
 #include "notify.hpp"
@@ -133,24 +134,39 @@ CLI::Option *AddSecondsOption(CLI::App &command, const std::string &name, double
         ->type_name("SECONDS");
 }
 
-void AddLegendOption(CLI::App &command)
+namespace {
+
+void AddOutputFlag(CLI::App &command, const char *names, bool &flag, const char *help,
+                   const char *whySenseless)
 {
-    command.add_flag("--no-legend", OutputStyle().noLegend, "Print no headlines and explanations");
+    if (whySenseless == nullptr) {
+        command.add_flag(names, flag, help);
+        return;
+    }
+    const std::string option = std::strstr(names, "--");
+    const auto refuse = [name = command.get_name(), option, whySenseless](std::int64_t) {
+        throw Failure(kWrongUsage, name + " has no " + option + ": " + whySenseless);
+    };
+    command.add_flag_function(names, refuse)->group("");
 }
 
-void AddOutputOptions(CLI::App &command)
+} // namespace
+
+void AddOutputOptions(CLI::App &command, const Senseless &senseless)
 {
     Style &style = OutputStyle();
-    command.add_flag("--json", style.json, "Print JSON rather than text");
-    command.add_flag("-n,--numeric", style.numeric, "Print ids of users and groups, not names");
-    AddLegendOption(command);
+    AddOutputFlag(command, "--json", style.json, "Print JSON rather than text", senseless.json);
+    AddOutputFlag(command, "-n,--numeric", style.numeric,
+                  "Print ids of users and groups, not names", senseless.numeric);
+    AddOutputFlag(command, "--no-legend", style.noLegend, "Print no headlines and explanations",
+                  senseless.legend);
     command.add_flag("--no-color", style.noColor,
                      "Print without colors, as with NO_COLOR in the environment");
 }
 
-void AddDryRunFlag(CLI::App &command, bool &isDryRun)
+CLI::Option *AddDryRunFlag(CLI::App &command, bool &isDryRun)
 {
-    command.add_flag("-N,--dry-run", isDryRun, "Print what would hold, and change nothing");
+    return command.add_flag("-N,--dry-run", isDryRun, "Print what would hold, and change nothing");
 }
 
 void AddChangeOptions(CLI::App &command, ChangeOptions &change)

@@ -68,11 +68,16 @@ void AddEndingOptions(CLI::App &command, EndingOptions &ending, const std::strin
 CLI::Option *AddSecondsOption(CLI::App &command, const std::string &name, double &seconds,
                               const std::string &help, double least = 0.1);
 
-// --json, -n, --no-legend, --no-color: into OutputStyle(). For every command that prints.
-void AddOutputOptions(CLI::App &command);
+// Why an option of the output makes no sense in a command; null where it does.
+struct Senseless {
+    const char *json = nullptr;
+    const char *numeric = nullptr;
+    const char *legend = nullptr;
+};
 
-// --no-legend alone, where the form is fixed otherwise.
-void AddLegendOption(CLI::App &command);
+// --json, -n, --no-legend, --no-color: into OutputStyle(). For every command. Those that make no
+// sense are not in its help, and refused with the reason.
+void AddOutputOptions(CLI::App &command, const Senseless &senseless = {});
 
 // What every command that changes something takes.
 struct ChangeOptions {
@@ -80,7 +85,7 @@ struct ChangeOptions {
     bool isSilent = false; // tells no service of the change
 };
 // -N/--dry-run.
-void AddDryRunFlag(CLI::App &command, bool &isDryRun);
+CLI::Option *AddDryRunFlag(CLI::App &command, bool &isDryRun);
 void AddChangeOptions(CLI::App &command, ChangeOptions &change);
 
 // Writes the change and tells the services; says instead that it is a dry run when it is.

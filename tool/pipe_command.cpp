@@ -93,18 +93,13 @@ void RunPipe(const PipeArguments &arguments)
     throw Failure(kFailed, "whoever reads the data has gone away before its end");
 }
 
-constexpr char kPipeHelp[] =
-    "Copies standard input to standard output as one transfer of a user, held to the limits that "
-    "fall to it beside all others, listed by \"transfers\" and stopped by an administrator like "
-    "any "
-    "other. Upload is from the client to this server, download from this server to the client.";
-
 } // namespace
 
 void AddPipeCommand(CLI::App &app)
 {
     const auto arguments = std::make_shared<PipeArguments>();
-    CLI::App *command = app.add_subcommand("pipe", kPipeHelp);
+    CLI::App *command =
+        app.add_subcommand("pipe", "Copy input to output as one transfer, held to the limits");
     command->add_option("-u,--user", arguments->user, "Whose transfer it is; else your own")
         ->type_name("USER");
     AddProtocolOption(*command, arguments->protocol)->required();
@@ -116,9 +111,18 @@ void AddPipeCommand(CLI::App &app)
     command->add_option("--size", arguments->size, "Bytes expected, such as 1500000 or 1.5G")
         ->type_name("SIZE");
     command->add_flag("-q,--quiet", arguments->isQuiet, "No progress line and no notes");
+    constexpr const char *kIsData = "standard output carries the data";
+    AddOutputOptions(*command, {.json = "standard output carries the data; another process can ask "
+                                        "'zevobandwidth transfers --json' meanwhile",
+                                .numeric = kIsData,
+                                .legend = kIsData});
     command->footer(
+        "Copies standard input to standard output as one transfer of a user, held to the limits\n"
+        "that fall to it beside all others, listed by 'transfers' and stopped by an administrator\n"
+        "like any other. Upload is from the client to this server, download from this server to\n"
+        "the client.\n\n"
         "Example:\n"
-        "  tar c dir | zevobandwidth pipe -u alice -p rsync -d upload | ssh host tar x");
+        "  tar c dir | zevobandwidth pipe -u alice -p rsync -d upload | ssh host tar x\n");
     command->callback([arguments] { RunPipe(*arguments); });
 }
 

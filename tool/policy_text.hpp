@@ -22,7 +22,7 @@ struct PolicyChoice {
 };
 
 // Each source has its own, for its tables of names are its own, too: compare fields, never tables.
-constexpr std::array kChoices = {
+[[maybe_unused]] constexpr std::array kChoices = {
     PolicyChoice{"--state", "state", "state", &ZEVO_BANDWIDTH_GLOBAL_CONF::state,
                  ZEVO_BW_STATE_LIST,
                  "Whether the protocol's limits apply; those of a new policy do"},

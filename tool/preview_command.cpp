@@ -60,7 +60,7 @@ Speeds SpeedsNow(const Preview &preview)
 {
     std::array<std::uint64_t, ZEVO_BW_TRANSFER_ALL> speeds{};
     if (ZEVOBandwidthPreview(preview.user.id, preview.protocol, speeds.data()) < 0)
-        throw Failure(kFailed, "the limits of user " + preview.user.name + " on " +
+        throw Failure(kFailed, "the limits of user " + ShownName(preview.user) + " on " +
                                    ProtocolName(preview.protocol) +
                                    " cannot be worked out; the system log says why");
     return {speeds[ZEVO_BW_TRANSFER_UPLOAD], speeds[ZEVO_BW_TRANSFER_DOWNLOAD]};
@@ -145,7 +145,8 @@ std::vector<std::uint32_t> GroupsOf(const Account &user)
 {
     const std::unique_ptr<VLIB_SZ_LIST, decltype(&VLIBCSzListFree)> list(
         VLIBGroupInfoListGet(user.name.c_str(), 0), &VLIBCSzListFree);
-    if (!list) throw Failure(kFailed, "the groups of user " + user.name + " cannot be looked up");
+    if (!list)
+        throw Failure(kFailed, "the groups of user " + ShownName(user) + " cannot be looked up");
     std::vector<std::uint32_t> gids;
     gids.reserve(static_cast<std::size_t>(list->nItem));
     for (int i = 0; i < list->nItem; ++i)
@@ -339,7 +340,7 @@ void PrintExplanation(const Preview &preview)
 Json RuleJson(const RuleView &view)
 {
     Json json = {{"owner", ValueName(ZEVO_BW_OWNER_TYPE_LIST, view.owner.type)},
-                 {"name", view.owner.account.name},
+                 {"name", ShownName(view.owner.account)},
                  {"id", view.owner.account.id},
                  {"state", view.state},
                  {"in_force", view.isInForce}};
@@ -365,15 +366,11 @@ Json ExplanationJson(const Preview &preview)
         {"user_group", ValueName(ZEVO_BW_USER_GROUP_POLICY_LIST, policy.userGroupPolicy)},
         {"inter_group", ValueName(ZEVO_BW_INTER_GROUP_POLICY_LIST, policy.interGroupPolicy)},
         {"occupy", ValueName(ZEVO_BW_OCCUPY_POLICY_LIST, policy.occupyPolicy)}};
-    json["rules"] = Json::array();
-    for (const RuleView &view : explanation.rules)
-        json["rules"].push_back(RuleJson(view));
+    json["rules"] = JsonArray(explanation.rules, RuleJson);
     if (explanation.own) json["own"] = SpeedsJson(*explanation.own);
     if (explanation.groups) json["groups"] = SpeedsJson(*explanation.groups);
     json["combined"] = SpeedsJson(preview.byRules);
-    json["charged"] = Json::array();
-    for (const Charge &charge : explanation.charges)
-        json["charged"].push_back(ChargeJson(charge));
+    json["charged"] = JsonArray(explanation.charges, ChargeJson);
     if (explanation.now) json["new_transfer"] = SpeedsJson(*explanation.now);
     return json;
 }
@@ -395,12 +392,10 @@ Json ToJson(const Preview &preview, bool isExplained)
 
 void Print(const std::vector<Preview> &previews, bool isExplained)
 {
-    if (OutputStyle().json) {
-        Json json = Json::array();
-        for (const Preview &preview : previews)
-            json.push_back(ToJson(preview, isExplained));
-        return PrintJson(json);
-    }
+    if (OutputStyle().json)
+        return PrintJson(JsonArray(previews, [isExplained](const Preview &preview) {
+            return ToJson(preview, isExplained);
+        }));
     if (!isExplained) return PrintTable(previews);
     for (const Preview &preview : previews) {
         if (&preview != &previews.front()) PrintLine("");

@@ -38,6 +38,9 @@ inline constexpr std::array kRates = {
 
 std::string StateText(const ZEVO_BANDWIDTH_CONF &rule);
 
+// Whether there is anything to tell about the rates of custom hours.
+bool HasCustomRates(const ZEVO_BANDWIDTH_CONF &rule);
+
 // "user alice, ftp: enabled, upload 10 MiB/s, download unlimited"; custom rates and the plan where
 // there are any or the state asks for them.
 std::string OneLine(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule);

@@ -30,7 +30,7 @@ bool IsWanted(const Account &user, const Stopping &stopping, bool yes)
 {
     const std::size_t count = stopping.found().size();
     if (count == 1 || yes) return true;
-    const std::string what = Count(count) + " of user " + user.name;
+    const std::string what = Count(count) + " of user " + ShownName(user);
     const Answer answer = Ask("Stop " + what + "?");
     if (answer == Answer::kNobodyThere)
         throw Failure(kWrongUsage, "this would stop " + what +
@@ -54,7 +54,7 @@ Json ToJson(const Account &user, const Stopping &stopping)
     Json left = Json::array();
     for (const RunningTransfer &transfer : stopping.left())
         left.push_back({{"pid", transfer.pid}, {"direction", DirectionOf(transfer)}});
-    return {{"user", user.name},
+    return {{"user", ShownName(user)},
             {"uid", user.id},
             {"stopped", stopping.found().size() - stopping.left().size()},
             {"milliseconds", stopping.Took().count()},
@@ -66,14 +66,14 @@ void Report(const Account &user, const Stopping &stopping)
     const std::size_t stopped = stopping.found().size() - stopping.left().size();
     if (OutputStyle().json) return PrintJson(ToJson(user, stopping));
     if (stopped != 0)
-        PrintLine(Printable("user " + user.name + ": " + Count(stopped) + " stopped after " +
+        PrintLine(Printable("user " + ShownName(user) + ": " + Count(stopped) + " stopped after " +
                             std::to_string(stopping.Took().count()) + " ms"));
 }
 
 void ReportDryRun(const Account &user, const Stopping &stopping)
 {
     if (OutputStyle().json) return PrintJson(ToJson(user, stopping)); // all are left
-    PrintLine(Printable("user " + user.name + ": " + Count(stopping.found().size()) +
+    PrintLine(Printable("user " + ShownName(user) + ": " + Count(stopping.found().size()) +
                         " would be stopped"));
 }
 
@@ -84,7 +84,7 @@ void Stop(const StopArguments &arguments)
     which.pid = arguments.ending.pid;
     Stopping stopping(user, which);
     if (stopping.found().empty())
-        throw Failure(kNotFound, "user " + user.name +
+        throw Failure(kNotFound, "user " + ShownName(user) +
                                      " has no such transfer; 'zevobandwidth transfers' lists what "
                                      "is running");
     if (arguments.ending.isDryRun) return ReportDryRun(user, stopping);
@@ -92,7 +92,7 @@ void Stop(const StopArguments &arguments)
     WaitFor(stopping, arguments.waitSeconds);
     Report(user, stopping);
     if (stopping.left().empty()) return;
-    const std::string left = Count(stopping.left().size()) + " of user " + user.name;
+    const std::string left = Count(stopping.left().size()) + " of user " + ShownName(user);
     if (arguments.waitSeconds == 0) return PrintNote(left + " will end after the next block");
     throw Failure(kFailed, left + " marked but not ended within " +
                                std::to_string(stopping.Took().count() / 1000) +

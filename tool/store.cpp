@@ -104,12 +104,12 @@ std::string SectionOf(const Owner &owner)
 
 std::string OwnerText(const Owner &owner)
 {
-    return ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type) + " " + owner.account.name;
+    return ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type) + " " + ShownName(owner.account);
 }
 
 std::string RuleOptions(const Owner &owner, std::int32_t protocol)
 {
-    return (owner.type == ZEVO_BW_OWNER_USER ? "-u " : "-g ") + owner.account.name + " -p " +
+    return (owner.type == ZEVO_BW_OWNER_USER ? "-u " : "-g ") + ShownName(owner.account) + " -p " +
            ProtocolName(protocol);
 }
 

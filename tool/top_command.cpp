@@ -198,9 +198,6 @@ private:
 
 void ShowTop(double seconds)
 {
-    if (OutputStyle().json)
-        throw Failure(kWrongUsage, "top prints no JSON; 'zevobandwidth transfers --watch --json' "
-                                   "does");
     CatchEnding();
     Top(seconds).Run();
 }
@@ -213,7 +210,7 @@ void AddTopCommand(CLI::App &app)
     CLI::App *command = app.add_subcommand("top", "Watch the running transfers, full screen");
     AddSecondsOption(*command, "-d,--delay", *seconds, "Look again every so many seconds")
         ->capture_default_str();
-    AddOutputOptions(*command);
+    AddOutputOptions(*command, {.json = "use 'zevobandwidth transfers --watch --json'"});
     command->footer(
         "Shows per transfer its speed, the speed it is allowed now, what part that is of what the\n"
         "user's limits allow one transfer alone, progress, time left and the last speeds; above\n"
