@@ -107,6 +107,13 @@ exits 6
 same "$(ls $running)" "$before"
 same "$(/usr/bin/python3 -c 'import json
 print(sum(f["repairable"] and not f["repaired"] for f in json.load(open("/tmp/out"))))')" 8
+refused 2 '--repair' check --dry-run
+zevo check --repair --dry-run
+exits 6
+finds $conf 'would be repaired: its mode is 0700 instead of 0755'
+finds $running/user-2001.AbCdEf 'would be repaired: a temporary file'
+same "$(ls $running)" "$before"
+same "$(stat -c %a $conf)" 700
 zevo check --repair
 exits 6
 finds $conf 'repaired: its mode is 0700 instead of 0755'
@@ -179,9 +186,24 @@ exits 0
 silent
 same "$(awk 'NR > 1 { print $1, $2, $4, $5 }' /tmp/out | sort | xargs)" \
     '- - not usable: backup 20 usable evil 4 not usable: x 5 not usable: y 5 not usable:'
+zevo check
+exits 6
+err_has '4 findings'
+finds $conf/addon/z_abc.json 'cannot be used: its name is no NAME_NUMBER.json'
+finds $conf/addon/evil_4.json 'taken by the system itself'
+finds $conf/addon/x_5.json 'another file there has the same number'
+out_has '    rename or remove one of the two'
 zevo addon path backup
 exits 0
-same "$(realpath "$(cat /tmp/out)")" $conf/addon/backup_20.json
+prints $conf/addon/backup_20.json
+
+# A name goes out as it is, but not to a terminal.
+name=$'e\033[2Jvil'
+touch "$conf/addon/${name}_21.json"
+zevo addon path "$name"
+prints "$conf/addon/${name}_21.json"
+ZEVO_NAME=$name script -qec "$ZEVOBW_TOOL addon path \"\$ZEVO_NAME\"" /dev/null >/tmp/out
+out_has 'e\x1B[2Jvil_21.json'
 refused 4 'built in' addon path ftp
 refused 4 'no such protocol' addon path gopher
 

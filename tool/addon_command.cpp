@@ -44,10 +44,12 @@ void PrintPath(const std::string &name)
     std::array<char, 4096> path{};
     if (ZEVOBandwidthGetAddonConfigPath(number, path.data(), path.size()) != 0)
         throw Failure(kFailed, "the file of " + name + " cannot be found any more");
+    std::string text = path.data();
+    if (const std::size_t slashes = text.rfind("//"); slashes != text.npos) text.erase(slashes, 1);
     if (OutputStyle().json)
-        PrintJson({{"name", name}, {"path", path.data()}});
+        PrintJson({{"name", name}, {"path", text}});
     else
-        PrintLine(Printable(path.data()));
+        PrintExactLine(text);
 }
 
 } // namespace

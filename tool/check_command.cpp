@@ -20,6 +20,11 @@ std::string PlaceOf(const Finding &finding)
     return finding.file + (finding.line == 0 ? "" : ":" + std::to_string(finding.line));
 }
 
+struct CheckArguments {
+    bool doesRepair = false;
+    bool isDryRun = false;
+};
+
 void Repair(std::vector<Finding> &findings)
 {
     for (Finding &finding : findings) {
@@ -33,13 +38,16 @@ void Repair(std::vector<Finding> &findings)
     }
 }
 
-void PrintText(const std::vector<Finding> &findings)
+void PrintText(const std::vector<Finding> &findings, bool isDryRun)
 {
     for (const Finding &finding : findings) {
         const Color color = finding.isRepaired ? Color::kGreen
                             : finding.isHint   ? Color::kYellow
                                                : Color::kRed;
-        const char *const kind = finding.isRepaired ? "repaired: " : finding.isHint ? "hint: " : "";
+        const char *const kind = finding.isRepaired           ? "repaired: "
+                                 : isDryRun && finding.repair ? "would be repaired: "
+                                 : finding.isHint             ? "hint: "
+                                                              : "";
         PrintLine(Paint(Color::kBold, Printable(PlaceOf(finding))) + ": " +
                   Paint(color, kind + Printable(finding.what)));
         if (!finding.isRepaired && !OutputStyle().noLegend)
@@ -49,31 +57,34 @@ void PrintText(const std::vector<Finding> &findings)
 
 void PrintAsJson(const std::vector<Finding> &findings)
 {
-    Json json = Json::array();
-    for (const Finding &finding : findings)
-        json.push_back({{"file", finding.file},
-                        {"line", finding.line == 0 ? Json(nullptr) : Json(finding.line)},
-                        {"what", finding.what},
-                        {"remedy", finding.remedy},
-                        {"hint", finding.isHint},
-                        {"repairable", static_cast<bool>(finding.repair)},
-                        {"repaired", finding.isRepaired}});
-    PrintJson(json);
+    PrintJson(JsonArray(findings, [](const Finding &finding) -> Json {
+        return {{"file", finding.file},
+                {"line", finding.line == 0 ? Json(nullptr) : Json(finding.line)},
+                {"what", finding.what},
+                {"remedy", finding.remedy},
+                {"hint", finding.isHint},
+                {"repairable", static_cast<bool>(finding.repair)},
+                {"repaired", finding.isRepaired}};
+    }));
 }
 
-void Check(bool doesRepair)
+void Check(const CheckArguments &arguments)
 {
     std::vector<Finding> findings = FindFaults();
-    if (doesRepair) Repair(findings);
+    if (arguments.isDryRun)
+        PrintNote("dry run: nothing is repaired");
+    else if (arguments.doesRepair)
+        Repair(findings);
     if (OutputStyle().json)
         PrintAsJson(findings);
     else
-        PrintText(findings);
+        PrintText(findings, arguments.isDryRun);
     const auto left = std::count_if(findings.begin(), findings.end(), [](const Finding &finding) {
         return !finding.isHint && !finding.isRepaired;
     });
-    const bool helps = !doesRepair && std::any_of(findings.begin(), findings.end(),
-                                                  [](const Finding &f) { return !!f.repair; });
+    const bool helps =
+        !arguments.doesRepair &&
+        std::any_of(findings.begin(), findings.end(), [](const Finding &f) { return !!f.repair; });
     if (left != 0)
         throw Failure(kFindings, std::to_string(left) + (left == 1 ? " finding" : " findings") +
                                      (helps ? "; 'zevobandwidth check --repair' removes leftovers "
@@ -87,23 +98,26 @@ void Check(bool doesRepair)
 
 void AddCheckCommand(CLI::App &app)
 {
-    const auto doesRepair = std::make_shared<bool>(false);
+    const auto arguments = std::make_shared<CheckArguments>();
     CLI::App *command =
         app.add_subcommand("check", "Look for faults in the files of limits and transfers");
-    command->add_flag("--repair", *doesRepair,
-                      "Remove leftovers and stale sections and set modes; nothing else");
+    CLI::Option *const repair =
+        command->add_flag("--repair", arguments->doesRepair,
+                          "Remove leftovers and stale sections and set modes; nothing else");
+    AddDryRunFlag(*command, arguments->isDryRun)->needs(repair);
     AddOutputOptions(*command);
     command->footer(
         "Told are sections and lines that nobody reads or that say nothing valid, owners and\n"
-        "protocols that are gone, plans of a wrong length, wrong owners and modes, and leftovers\n"
+        "protocols that are gone, add-ons that cannot be used, plans of a wrong length, wrong "
+        "owners and modes, and leftovers\n"
         "of processes that died: each with its file, its line and the remedy. A hint is worth\n"
         "knowing, but no fault.\n"
         "Exit status 6 when something was found and is not repaired, else 0.\n"
         "\nExamples:\n"
         "  zevobandwidth check\n"
-        "  zevobandwidth check --repair\n"
+        "  zevobandwidth check --repair --dry-run\n"
         "  zevobandwidth check --json\n");
-    command->callback([doesRepair] { Check(*doesRepair); });
+    command->callback([arguments] { Check(*arguments); });
 }
 
 } // namespace tool

@@ -23,6 +23,7 @@
 
 #include "check_text.hpp"
 #include "failure.hpp"
+#include "names.hpp"
 #include "store.hpp"
 
 namespace tool {
@@ -131,6 +132,7 @@ private:
     bool CheckTemporary(const std::string &path, const struct stat &status);
     bool ReadFile(const std::string &path, const struct stat &status, zevo::Bytes &text);
     void CheckRuleDirectory();
+    void CheckAddons(const std::string &directory);
     void CheckRuleFile(const std::string &path, const Entry &entry);
     void CheckRuleText(const std::string &path, std::string_view protocol, std::string_view text);
     void HintAtPolicy(const std::string &path, std::int32_t protocol);
@@ -255,13 +257,22 @@ void LookOver::CheckRuleDirectory()
     for (const Entry &entry : List(directory)) {
         const std::string path = directory + "/" + entry.name;
         if (entry.name == kAddonDirectory) {
-            static_cast<void>(CheckDirectory(path, WantedOfRules));
+            if (CheckDirectory(path, WantedOfRules)) CheckAddons(path);
         } else if (entry.name.starts_with(kRulePrefix)) {
             const bool isTemporary = NameOfTemporary(entry.name).ends_with(kRuleSuffix);
             if (isTemporary && CheckTemporary(path, entry.status)) continue;
             if (entry.name.ends_with(kRuleSuffix)) CheckRuleFile(path, entry);
         }
     }
+}
+
+// Of each only the name counts.
+void LookOver::CheckAddons(const std::string &directory)
+{
+    for (const Addon &addon : AddonFiles())
+        if (!addon.fault.empty())
+            Add(directory + "/" + addon.file, 0, "an add-on that cannot be used: " + addon.fault,
+                addon.remedy);
 }
 
 void LookOver::CheckRuleFile(const std::string &path, const Entry &entry)
