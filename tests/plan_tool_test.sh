@@ -111,18 +111,18 @@ refused 1 'section [group-9998]' rule enable -g 9998 -p ftp
 zevo rule clear -g 9998 -p ftp
 exits 0
 
-listed() { # ARG...: the names of the rules that "rule list ARG..." lists
+listed() { # ARG...: the owners of the rules that "rule list ARG..." lists
     zevo rule list --no-legend "$@"
     exits 0
-    awk '{ printf "%s%s", (NR > 1 ? " " : ""), $2 }' /tmp/out
+    awk '{ printf "%s%s", (NR > 1 ? " " : ""), $1 }' /tmp/out
 }
 zevo rule set -u alice -p rsync --up 1M
-same "$(listed)" '9999 alice bob staff alice'
-same "$(listed -p ftp)" '9999 alice bob staff'
-same "$(listed -u alice -g staff)" 'alice staff alice'
+same "$(listed)" '9999 alice bob @staff alice'
+same "$(listed -p ftp)" '9999 alice bob @staff'
+same "$(listed -u alice -g staff)" 'alice @staff alice'
 same "$(listed -u 9999 -u bob)" '9999 bob'
 same "$(listed --state disabled)" '9999 bob'
-same "$(listed --state NotExisted)" 'carol 9998'
+same "$(listed --state NotExisted)" 'carol @9998'
 same "$(listed -u dave)" ''
 refused 4 'no such user: "4711"' rule list -u 4711
 zevo rule clear -u 9999 -p ftp

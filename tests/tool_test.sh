@@ -67,7 +67,7 @@ zevo rule list -p ftp
 exits 0
 silent
 same "$(wc -l </tmp/out)" 3
-same "$(awk 'NR > 1 { print $1, $2, $4 }' /tmp/out)" $'user alice disabled\ngroup alice enabled'
+same "$(awk 'NR > 1 { print $1, $3 }' /tmp/out)" $'alice disabled\n@alice enabled'
 zevo rule list --json
 exits 0
 same "$(grep -c '"protocol"' /tmp/out)" 3
@@ -93,7 +93,7 @@ printf '# by hand\n[user-4711]\nstate=enabled\nupload rate=7\n[user-04711]\nx=y\
     >>$conf/bandwidth.ftp.conf
 zevo rule set -u carol -p ftp --up 3M
 zevo rule list -p ftp
-grep -q '^user *4711 .* 7 KiB/s' /tmp/out || fail 'rule of an unknown user not listed'
+grep -q '^4711 .* 7 KiB/s' /tmp/out || fail 'rule of an unknown user not listed'
 grep -qxF '[user-04711]' $conf/bandwidth.ftp.conf || fail 'foreign section lost'
 
 # Keys that contradict the section's name do not lead the next write astray.

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "command.hpp"
@@ -259,7 +260,9 @@ void ShowRule(const RuleArguments &arguments)
         label.resize(17, ' ');
         PrintLine(Printable(label + value));
     };
-    print("owner", OwnerText(owner) + " (" + std::to_string(owner.account.id) + ")");
+    const bool isNamed = !OutputStyle().numeric;
+    print("owner", OwnerText(owner) +
+                       (isNamed ? " (" + std::to_string(owner.account.id) + ")" : std::string()));
     print("protocol", ProtocolName(rule.protocolType));
     if (rule.state == ZEVO_BW_STATE_NOT_EXISTED) return print("state", "NotExisted (no rule)");
     print("state", StateText(rule));
@@ -327,19 +330,22 @@ void Filter(const ListArguments &arguments, std::vector<StoredRule> &rules)
     });
 }
 
+// In 80 columns but for long names: a group as --like has it, short headlines, and nothing said
+// about custom rates where there are none.
 void PrintRules(const std::vector<StoredRule> &rules)
 {
-    Table table({"OWNER", "NAME", "PROTOCOL", "STATE", "UPLOAD", "DOWNLOAD", "CUSTOM-UP",
-                 "CUSTOM-DOWN", "PLAN"});
-    for (std::size_t column = 4; column < 8; ++column)
+    Table table(
+        {"OWNER", "PROTOCOL", "STATE", "UPLOAD", "DOWNLOAD", "CUST-UP", "CUST-DOWN", "PLAN"});
+    for (std::size_t column = 3; column < 7; ++column)
         table.AlignRight(column);
     for (const auto &[owner, rule] : rules) {
-        std::vector<std::string> row = {ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type),
-                                        owner.account.name, ProtocolName(rule.protocolType),
-                                        StateText(rule)};
-        for (const RateOption &rate : kRates)
-            row.push_back(FormatRate(rule.*rate.field));
-        row.push_back(PlanText(rule.szSchedulePlan));
+        const bool isGroup = owner.type == ZEVO_BW_OWNER_GROUP;
+        std::vector<std::string> row = {(isGroup ? "@" : "") + owner.account.name,
+                                        ProtocolName(rule.protocolType), StateText(rule)};
+        for (std::size_t i = 0; i < kRates.size(); ++i)
+            row.push_back(i < 2 || HasCustomRates(rule) ? FormatRate(rule.*kRates[i].field) : "-");
+        const std::string_view plan = rule.szSchedulePlan;
+        row.push_back(plan.empty() ? "none" : std::to_string(plan.size()) + " h");
         table.AddRow(std::move(row));
     }
     table.Print();
@@ -351,10 +357,8 @@ void ListRules(const ListArguments &arguments)
     std::vector<StoredRule> rules = ReadRules(ProtocolsToList(arguments.protocol), failures);
     Filter(arguments, rules);
     if (OutputStyle().json) {
-        Json json = Json::array();
-        for (const auto &[owner, rule] : rules)
-            json.push_back(ToJson(owner, rule));
-        PrintJson(json);
+        PrintJson(JsonArray(
+            rules, [](const StoredRule &stored) { return ToJson(stored.owner, stored.rule); }));
     } else if (!rules.empty()) {
         PrintRules(rules);
     } else if (failures == 0) {
@@ -386,11 +390,15 @@ void AddList(CLI::App &parent)
         ->type_name("STATE")
         ->check(CLI::IsMember(ValueNames(ZEVO_BW_STATE_LIST)));
     AddOutputOptions(*list);
-    list->footer("Rules that were cleared are left out unless --state NotExisted asks for them.\n"
-                 "Owners whom the user database does not know are listed by id.\n\nExamples:\n"
-                 "  zevobandwidth rule list\n"
-                 "  zevobandwidth rule list -u alice -g staff --state enabled\n"
-                 "  zevobandwidth rule list -p ftp --json\n");
+    list->footer(
+        "A group stands behind an at sign. CUST-UP and CUST-DOWN are the rates in the hours\n"
+        "that a plan marks as custom, PLAN the number of hours that it has: a whole one\n"
+        "has 168.\n"
+        "Rules that were cleared are left out unless --state NotExisted asks for them.\n"
+        "Owners whom the user database does not know are listed by id.\n\nExamples:\n"
+        "  zevobandwidth rule list\n"
+        "  zevobandwidth rule list -u alice -g staff --state enabled\n"
+        "  zevobandwidth rule list -p ftp --json\n");
     list->callback([arguments] { ListRules(*arguments); });
 }
 
