@@ -10,6 +10,7 @@
 #include <csignal>
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <new>
 #include <sstream>
 #include <string>
@@ -20,6 +21,7 @@
 
 #include "command.hpp"
 #include "completion.hpp"
+#include "help.hpp"
 #include "output.hpp"
 
 namespace {
@@ -103,6 +105,7 @@ std::vector<std::string> Words(int argc, char **argv)
 int Run(int argc, char **argv)
 {
     CLI::App app("Bandwidth limits per user, group and protocol", "zevobandwidth");
+    app.formatter(std::make_shared<tool::HelpFormatter>()); // the commands inherit it
     app.require_subcommand(1);
     app.set_version_flag("--version", Version(), "Print the version and exit");
     app.footer("Upload always means from the client to this server, download from this server to\n"

@@ -1,0 +1,86 @@
+// Texts in 80 columns.
+#include "help.hpp"
+
+#include <sstream>
+#include <utility>
+
+#include "output.hpp"
+
+namespace tool {
+
+namespace {
+
+constexpr std::size_t kColumns = 80;
+
+// Every line but the first behind so many blanks.
+std::string Fitting(const std::string &text, std::size_t indent)
+{
+    std::string fitting;
+    for (const std::string &line : Wrapped(text, kColumns - indent))
+        fitting += (fitting.empty() ? "" : "\n" + std::string(indent, ' ')) + line;
+    return fitting;
+}
+
+std::string Reflowed(const std::string &text)
+{
+    std::string reflowed;
+    std::string paragraph;
+    const auto end = [&] {
+        if (!paragraph.empty()) reflowed += Fitting(paragraph, 0) + "\n";
+        paragraph.clear();
+    };
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const bool isFixed = line.empty() || line.front() == ' ';
+        if (isFixed) {
+            end();
+            reflowed += line + "\n";
+            continue;
+        }
+        paragraph += (paragraph.empty() ? "" : " ") + line;
+        if (line.back() == ':') end();
+    }
+    end();
+    return reflowed;
+}
+
+} // namespace
+
+std::string HelpFormatter::make_help(const CLI::App *app, std::string name,
+                                     CLI::AppFormatMode mode) const
+{
+    std::string help = Formatter::make_help(app, std::move(name), mode);
+    // An option that is not shown leaves a second empty line behind.
+    for (std::size_t at = 0; (at = help.find("\n\n\n", at)) != help.npos;)
+        help.erase(at, 1);
+    return help;
+}
+
+std::string HelpFormatter::make_description(const CLI::App *app) const
+{
+    return Fitting(app->get_description(), 0) + "\n";
+}
+
+std::string HelpFormatter::make_footer(const CLI::App *app) const
+{
+    return Reflowed(app->get_footer());
+}
+
+// The base class indents what follows a line end.
+std::string HelpFormatter::make_option_desc(const CLI::Option *option) const
+{
+    std::string text;
+    for (const std::string &line :
+         Wrapped(option->get_description(), kColumns - get_column_width()))
+        text += (text.empty() ? "" : "\n") + line;
+    return text;
+}
+
+std::string HelpFormatter::make_subcommand(const CLI::App *command) const
+{
+    std::string name = "  " + command->get_name();
+    name.resize(get_column_width(), ' ');
+    return name + Fitting(command->get_description(), get_column_width()) + "\n";
+}
+
+} // namespace tool
