@@ -106,11 +106,10 @@ void Evaluate(std::vector<StoredRule> &rules)
 Json EvaluatedToJson(const StoredRule &stored)
 {
     const auto &[owner, rule] = stored;
-    const auto rate = [](std::uint64_t kBps) { return kBps == 0 ? Json(nullptr) : Json(kBps); };
     Json json = ToJson(owner, rule);
     json["in_force"] = rule.currentState == ZEVO_BW_STATE_ENABLED;
-    json["current_upload_kib_per_s"] = rate(rule.currentUploadRate);
-    json["current_download_kib_per_s"] = rate(rule.currentDownloadRate);
+    json["current_upload_kib_per_s"] = LimitJson(rule.currentUploadRate);
+    json["current_download_kib_per_s"] = LimitJson(rule.currentDownloadRate);
     return json;
 }
 

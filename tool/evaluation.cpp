@@ -49,15 +49,15 @@ std::string Evaluation::WhyOff() const
     return "";
 }
 
-Answer Evaluation::Ask(std::int32_t direction, Beside beside) const
+Allowance Evaluation::Ask(std::int32_t direction, Beside beside) const
 {
     return AskUnder(policy().userGroupPolicy, direction, beside);
 }
 
-Answer Evaluation::AskUnder(std::int32_t userGroupPolicy, std::int32_t direction,
-                            Beside beside) const
+Allowance Evaluation::AskUnder(std::int32_t userGroupPolicy, std::int32_t direction,
+                               Beside beside) const
 {
-    Answer answer{0, {limits().begin(), limits().end()}};
+    Allowance answer{0, {limits().begin(), limits().end()}};
     ZEVO_BANDWIDTH_CONFIG asked = config_;
     asked.pLimit = answer.limits.data();
     asked.globalConf.userGroupPolicy = userGroupPolicy;

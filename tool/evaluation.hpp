@@ -15,7 +15,7 @@ namespace tool {
 
 // The speed of a transfer in bytes per second, 0 unlimited, and the rules as the library left them:
 // what each gives, and the part of the transfer that each group is charged with.
-struct Answer {
+struct Allowance {
     std::uint64_t bps = 0;
     std::vector<ZEVO_BANDWIDTH_LIMIT> limits;
 };
@@ -42,10 +42,10 @@ public:
     // Why the protocol limits nobody at the moment, in a few words; empty when it does.
     std::string WhyOff() const;
 
-    Answer Ask(std::int32_t direction, Beside beside) const;
+    Allowance Ask(std::int32_t direction, Beside beside) const;
 
     // The same under another way of combining a user and his groups.
-    Answer AskUnder(std::int32_t userGroupPolicy, std::int32_t direction, Beside beside) const;
+    Allowance AskUnder(std::int32_t userGroupPolicy, std::int32_t direction, Beside beside) const;
 
 private:
     ZEVO_BANDWIDTH_CONFIG config_ = {};

@@ -8,13 +8,12 @@
 
 #include "failure.hpp"
 #include "pipe_signal.hpp"
+#include "rate.hpp"
 #include "store.hpp"
 
 namespace tool {
 
 namespace {
-
-constexpr std::uint64_t kBytesPerKB = 1024;
 
 std::uint64_t ToBps(std::uint64_t kBps)
 {

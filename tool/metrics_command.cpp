@@ -98,11 +98,6 @@ private:
     std::map<std::string, Sample> samples_;
 };
 
-std::string DirectionName(std::int32_t direction)
-{
-    return ValueName(ZEVO_BW_TRANSFER_TYPE_LIST, direction);
-}
-
 class Metrics {
 public:
     void AddPolicies();
@@ -159,7 +154,7 @@ void Metrics::AddRule(const StoredRule &stored)
     labels.push_back({"name", owner.account.name});
     labels.push_back({"id", std::to_string(owner.account.id)});
     for (const std::int32_t direction : {ZEVO_BW_TRANSFER_UPLOAD, ZEVO_BW_TRANSFER_DOWNLOAD}) {
-        labels.push_back({"direction", DirectionName(direction)});
+        labels.push_back({"direction", ValueName(ZEVO_BW_TRANSFER_TYPE_LIST, direction)});
         limits_.AddAllowed(labels, (*speeds)[static_cast<std::size_t>(direction)]);
         labels.pop_back();
     }

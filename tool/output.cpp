@@ -226,6 +226,11 @@ void PrintJson(const Json &json)
     PrintLine(Dump(json, 2));
 }
 
+Json LimitJson(std::uint64_t limit)
+{
+    return limit == 0 ? Json(nullptr) : Json(limit);
+}
+
 std::string JsonText(const Json &json)
 {
     return Dump(json, -1);

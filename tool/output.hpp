@@ -3,6 +3,7 @@
 #define ZEVOBW_TOOL_OUTPUT_HPP
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -92,6 +93,9 @@ void PrintJson(const Json &json);
 
 // A line for programs: byte for byte, but made harmless where it goes to a terminal.
 void PrintExactLine(const std::string &line);
+
+// A rate or a speed of which 0 is unlimited: null for that.
+Json LimitJson(std::uint64_t limit);
 
 // What convert() makes of each record.
 template <typename Records, typename Convert>

@@ -21,7 +21,6 @@ namespace {
 
 constexpr std::array<std::int32_t, 2> kDirections = {ZEVO_BW_TRANSFER_UPLOAD,
                                                      ZEVO_BW_TRANSFER_DOWNLOAD};
-constexpr std::uint64_t kBytesPerKB = 1024;
 
 struct PreviewArguments {
     std::string user;
@@ -95,8 +94,8 @@ Cells SpeedCells(const Speeds &speeds)
 
 Json SpeedsJson(const Speeds &speeds)
 {
-    const auto value = [](std::uint64_t bps) { return bps == 0 ? Json(nullptr) : Json(bps); };
-    return {{"upload_bytes_per_s", value(speeds[0])}, {"download_bytes_per_s", value(speeds[1])}};
+    return {{"upload_bytes_per_s", LimitJson(speeds[0])},
+            {"download_bytes_per_s", LimitJson(speeds[1])}};
 }
 
 // ---- the table of protocols ----
@@ -211,7 +210,7 @@ struct Explanation {
 };
 
 // An unlimited transfer is not listed, and so charged to nobody.
-std::vector<Charge> ChargesOf(const std::array<Answer, kDirections.size()> &answers)
+std::vector<Charge> ChargesOf(const std::array<Allowance, kDirections.size()> &answers)
 {
     std::vector<Charge> charges;
     for (std::size_t i = 0; i < answers[0].limits.size(); ++i) {

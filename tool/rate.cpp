@@ -25,7 +25,6 @@ namespace {
 using Wide = unsigned __int128;
 
 constexpr std::uint64_t kBitsPerByte = 8;
-constexpr std::uint64_t kBytesPerKB = 1024;
 constexpr std::size_t kMostDecimals = 18; // 10^18 still fits 64 bits
 // Speeds pass through signed 64-bit arithmetic on their way to a sleep.
 constexpr std::uint64_t kMostBytes = std::numeric_limits<std::int64_t>::max();

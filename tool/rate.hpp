@@ -9,6 +9,8 @@
 
 namespace tool {
 
+inline constexpr std::uint64_t kBytesPerKB = 1024;
+
 // Speeds pass through signed 64-bit arithmetic on their way to a sleep.
 inline constexpr std::uint64_t kMostRateKBps = std::numeric_limits<std::int64_t>::max() / 1024;
 

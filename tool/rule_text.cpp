@@ -38,7 +38,7 @@ Json ToJson(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
                  {"protocol", ProtocolName(rule.protocolType)},
                  {"state", StateText(rule)}};
     for (const RateOption &rate : kRates)
-        json[rate.key] = rule.*rate.field == 0 ? Json(nullptr) : Json(rule.*rate.field);
+        json[rate.key] = LimitJson(rule.*rate.field);
     json["plan"] = rule.szSchedulePlan;
     return json;
 }

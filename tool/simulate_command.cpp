@@ -35,7 +35,6 @@ namespace tool {
 
 namespace {
 
-constexpr std::uint64_t kBytesPerKB = 1024;
 constexpr std::uint64_t kBlockKB = 64; // the library plays out whole blocks
 constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 50;
 constexpr int kMostTransfers = 1024;

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <csignal>
 #include <cstring>
 #include <map>
@@ -18,6 +17,7 @@
 
 #include "failure.hpp"
 #include "names.hpp"
+#include "store.hpp"
 
 namespace tool {
 
@@ -43,23 +43,6 @@ RunningTransfer FromRecord(const ZEVO_BANDWIDTH_STATUS &record, std::int32_t own
             .active = record.active != 0,
             .timestamp = record.timestamp,
             .file = record.filename};
-}
-
-std::string FilePrefix(std::int32_t ownerType)
-{
-    return ValueName(ZEVO_BW_OWNER_TYPE_LIST, ownerType) + "-";
-}
-
-// The id in "user-2001", as the library writes it.
-std::uint32_t IdOf(std::string_view file, std::string_view prefix)
-{
-    if (!file.starts_with(prefix)) return kNobody;
-    file.remove_prefix(prefix.size());
-    std::uint32_t id = 0;
-    const auto end = file.data() + file.size();
-    const auto result = std::from_chars(file.data(), end, id);
-    const bool whole = result.ec == std::errc() && result.ptr == end;
-    return whole && std::to_string(id) == file ? id : kNobody;
 }
 
 [[noreturn]] void RefuseDirectory(int error)
@@ -90,10 +73,10 @@ std::vector<std::uint32_t> OwnersWithStatusFiles(std::int32_t ownerType)
     DIR *const opened = fd < 0 ? nullptr : ::fdopendir(fd);
     if (opened == nullptr) RefuseDirectory(errno);
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(opened, &::closedir);
-    const std::string prefix = FilePrefix(ownerType);
     while (const dirent *entry = ::readdir(directory.get())) {
-        const std::uint32_t id = IdOf(entry->d_name, prefix);
-        if (id != kNobody) ids.push_back(id);
+        const auto owner = ParseOwner(entry->d_name);
+        if (owner && owner->type == ownerType && owner->account.id != kNobody)
+            ids.push_back(owner->account.id);
     }
     return ids;
 }
@@ -121,14 +104,13 @@ std::string DirectionOf(const RunningTransfer &transfer)
 
 Json ToJson(const RunningTransfer &transfer)
 {
-    const bool limited = transfer.allowedBps != 0;
     return {{"user", UserName(transfer.uid)},
             {"uid", transfer.uid},
             {"protocol", ProtocolOf(transfer)},
             {"direction", DirectionOf(transfer)},
             {"pid", transfer.pid},
             {"speed_bytes_per_s", transfer.speedBps},
-            {"allowed_bytes_per_s", limited ? Json(transfer.allowedBps) : Json(nullptr)},
+            {"allowed_bytes_per_s", LimitJson(transfer.allowedBps)},
             {"progress_percent", transfer.progress / 100.0},
             {"active", transfer.active},
             {"timestamp", transfer.timestamp},
@@ -142,7 +124,8 @@ bool IsAlive(pid_t pid)
 
 std::string StatusFile(std::int32_t ownerType, std::uint32_t id)
 {
-    return std::string(kStatusDirectory) + "/" + FilePrefix(ownerType) + std::to_string(id);
+    return std::string(kStatusDirectory) + "/" + ValueName(ZEVO_BW_OWNER_TYPE_LIST, ownerType) +
+           "-" + std::to_string(id);
 }
 
 bool MayChangeStatusFiles()

@@ -99,7 +99,7 @@ Json SumToJson(const RunningTransfer &sum)
             {"protocol", ProtocolOf(sum)},
             {"direction", DirectionOf(sum)},
             {"speed_bytes_per_s", sum.speedBps},
-            {"allowed_bytes_per_s", sum.allowedBps == 0 ? Json(nullptr) : Json(sum.allowedBps)}};
+            {"allowed_bytes_per_s", LimitJson(sum.allowedBps)}};
 }
 
 Json ToJson(const TransferList &list, const Request &request)
