@@ -208,7 +208,8 @@ public:
         return "";
     }
 
-    std::optional<std::int32_t> Choice(const std::string &key, std::vector<std::string> names,
+    std::optional<std::int32_t> Choice(const std::string &key,
+                                       const std::vector<std::string> &names,
                                        const ZEVO_BW_ENUM_ENTRY *table)
     {
         const Json *value = Value(key);
@@ -265,6 +266,7 @@ private:
 
 // ---- from text: the whole ----
 
+// NOLINTNEXTLINE(bugprone-exception-escape): to move its members throws nothing
 class ConfigReader {
 public:
     Configuration Read(std::string_view text);
