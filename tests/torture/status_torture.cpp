@@ -1,0 +1,422 @@
+// Status files under many writers: how many updates another writer undoes, how long a group's copy
+// is missing, whether a fresh save is ever purged, and whether a stop holds.
+#include "row.hpp"
+
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "zevobandwidth.h"
+#include "zevocore.h"
+
+using namespace torture;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char kDirectory[] = "/tmp/bandwidth";
+constexpr char kUserFile[] = "/tmp/bandwidth/user-2001";
+constexpr char kGroupFile[] = "/tmp/bandwidth/group-3001";
+constexpr char kUserName[] = "alice";
+constexpr std::uint32_t kUid = 2001;
+constexpr std::uint32_t kGid = 3001;
+constexpr std::int64_t kUsPerSecond = 1'000'000;
+constexpr std::int64_t kSaveEveryUs = 100'000;
+
+std::string SectionOf(pid_t pid)
+{
+    return std::to_string(pid) + "-1";
+}
+
+// A transfer of this process; its number is its current speed.
+ZEVO_BANDWIDTH_STATUS Record(std::uint64_t number)
+{
+    ZEVO_BANDWIDTH_STATUS status = {};
+    status.pid = getpid();
+    status.id = status.uid = kUid;
+    status.active = 1;
+    status.timestamp = std::time(nullptr);
+    status.current_speed = number;
+    status.expect_speed = 1'000;
+    (void)std::snprintf(status.filename, sizeof(status.filename), "/volume1/a file");
+    status.owner_type = ZEVO_BW_OWNER_USER;
+    status.protocol_type = ZEVO_BW_PROTOCOL_FTP;
+    status.transfer_type = ZEVO_BW_TRANSFER_UPLOAD;
+    return status;
+}
+
+bool Save(std::uint64_t number, std::int64_t ageSeconds = 0)
+{
+    ZEVO_BANDWIDTH_STATUS status = Record(number);
+    status.timestamp -= ageSeconds;
+    return ZEVOBandwidthStatusSave(kUid, nullptr, &status) == 0;
+}
+
+// The number that stands in the own section; 0 when there is none.
+std::uint64_t Saved()
+{
+    ZEVO_BANDWIDTH_STATUS status = {};
+    if (ZEVOBandwidthStatusGet(ZEVO_BW_OWNER_USER, kUid, ZEVO_BW_TRANSFER_UPLOAD, &status) < 0)
+        return 0;
+    return status.current_speed;
+}
+
+// A place for one scenario: in memory, or on the disk.
+enum class Place { kMemory, kDisk };
+
+// Runs the scenario with a fresh status directory there, in a process of its own.
+template <class Scenario> void RunAt(Place place, const Options &options, Scenario scenario)
+{
+    const Directory directory(place == Place::kDisk ? options.disk : "/tmp");
+    fs::permissions(directory.path(), fs::perms{0777});
+    RunWorkers(1, [&](int) {
+        fs::create_directories(kDirectory);
+        Cover(kDirectory, directory.path());
+        scenario();
+    });
+}
+
+// A bound in hundredths of a percent on a part of many. A short run has too few to hold it to the
+// letter and stops at what no chance explains.
+void Judge(Row &row, const Options &options, double bad, double all, double bound)
+{
+    const double allowed = bound * all;
+    const double slack = options.amount == Amount::kShort ? 3 + 3 * std::sqrt(allowed) : 0;
+    char text[100];
+    (void)std::snprintf(text, sizeof(text), ": %.3f %%, at most %.2f %%",
+                        all > 0 ? bad / all * 100 : 0, bound * 100);
+    row.Add(text);
+    if (bad > allowed + slack) row.Violate("%.0f of %.0f", bad, all);
+}
+
+// ---- lost updates ----
+
+struct Losses {
+    const char *szName;
+    Place place;
+    int writers;
+    std::int64_t fromUs; // between two saves
+    std::int64_t toUs;
+    double bound;
+};
+
+constexpr Losses kLosses[] = {
+    {"tmpfs, 8 writers every 2 to 5 ms", Place::kMemory, 8, 2'000, 5'000, 0.01},
+    {"tmpfs, 32 writers every 100 ms", Place::kMemory, 32, kSaveEveryUs, kSaveEveryUs, 0.005},
+    {"disk, 8 writers every 100 ms", Place::kDisk, 8, kSaveEveryUs, kSaveEveryUs, 0.005},
+    {"disk, 32 writers every 100 ms", Place::kDisk, 32, kSaveEveryUs, kSaveEveryUs, 0.02},
+};
+
+// A writer looks, before each save, whether its last one still stands.
+std::uint64_t WriteAndLook(const Losses &losses, Row &row, const Budget &budget, Random &random)
+{
+    std::uint64_t lost = 0;
+    SleepUs(static_cast<std::int64_t>(random.Below(static_cast<std::uint64_t>(losses.toUs))));
+    for (std::uint64_t number = 1; budget.Allows(row.tried()); ++number) {
+        if (number > 1) {
+            lost += Saved() != number - 1;
+            row.Try();
+        }
+        const std::int64_t nextUs =
+            NowUs() + losses.fromUs +
+            static_cast<std::int64_t>(
+                random.Below(static_cast<std::uint64_t>(losses.toUs - losses.fromUs) + 1));
+        if (!Save(number)) Die("cannot save");
+        SleepUs(nextUs - NowUs());
+    }
+    return lost;
+}
+
+void MeasureLosses(const Losses &losses, const Options &options, Table &table, double share)
+{
+    Row &row = table.Add("updates lost at the next save, " + std::string(losses.szName));
+    auto &lost = *Share<std::atomic<std::uint64_t>>();
+    const Budget budget(options, share, losses.fromUs == kSaveEveryUs ? 400 : 2'000, 50'000);
+    RunAt(losses.place, options, [&] {
+        RunWorkers(losses.writers, [&](int worker) {
+            Random random(options.seed, static_cast<std::uint64_t>(worker + 1'000));
+            lost += WriteAndLook(losses, row, budget, random);
+        });
+    });
+    Judge(row, options, static_cast<double>(lost), static_cast<double>(row.tried()), losses.bound);
+}
+
+// ---- group copies ----
+
+void MakeRules()
+{
+    ZEVO_BANDWIDTH_CONF rule = {};
+    rule.id = kGid;
+    rule.ownerType = ZEVO_BW_OWNER_GROUP;
+    rule.protocolType = ZEVO_BW_PROTOCOL_FTP;
+    rule.state = ZEVO_BW_STATE_ENABLED;
+    rule.uploadRate = rule.downloadRate = 1'000;
+    ZEVO_BANDWIDTH_GLOBAL_CONF policy = {};
+    policy.protocolType = ZEVO_BW_PROTOCOL_FTP;
+    policy.state = ZEVO_BW_STATE_ENABLED;
+    policy.userGroupPolicy = ZEVO_BW_USER_GROUP_POLICY_GROUP_ONLY;
+    policy.interGroupPolicy = ZEVO_BW_INTER_GROUP_POLICY_MAX;
+    policy.occupyPolicy = ZEVO_BW_OCCUPY_POLICY_ALL;
+    if (ZEVOBandwidthConfSetByID(&rule) < 0 || ZEVOBandwidthGlobalConfSet(&policy) < 0)
+        Die("cannot make rules");
+}
+
+// A limited transfer that moves a block every 100 ms, until it is ended.
+[[noreturn]] void Transfer()
+{
+    ZEVO_BANDWIDTH_CONFIG config = {};
+    ZEVO_BANDWIDTH_STATUS status = {};
+    std::uint64_t lastUs = 0;
+    if (ZEVOBandwidthConfigGet(kUid, ZEVO_BW_PROTOCOL_FTP, &config) < 0 ||
+        ZEVOBandwidthStatusInit(&config, ZEVO_BW_TRANSFER_UPLOAD, "a file", &lastUs, &status) < 0)
+        Die("cannot begin a transfer");
+    if (status.expect_speed == 0) Die("the transfer is not limited");
+    for (;;) {
+        const std::uint64_t bytes = status.expect_speed * kSaveEveryUs / kUsPerSecond;
+        if (ZEVOBandwidthSleepInLoop(&config, bytes, 0, &lastUs, &status) < 0) ::_exit(1);
+    }
+}
+
+// ---- the same by plain read and rename, to compare with ----
+
+void PlainRewrite(const std::string &path, const std::string &section, const std::string &text)
+{
+    std::string all = ReadFile(path);
+    const std::size_t at = all.find("[" + section + "]\n");
+    if (at != all.npos) {
+        const std::size_t end = all.find("\n[", at);
+        all.replace(at, end == all.npos ? all.npos : end + 1 - at, text);
+    }
+    std::string temporary = path + ".XXXXXX";
+    const int fd = ::mkstemp(temporary.data());
+    if (fd < 0 || ::write(fd, all.data(), all.size()) != static_cast<ssize_t>(all.size()) ||
+        ::fsync(fd) < 0 || ::rename(temporary.c_str(), path.c_str()) < 0)
+        Die("cannot rewrite %s", path.c_str());
+    ::close(fd);
+}
+
+void PlainSave(const std::string &path, const std::string &section, const std::string &text)
+{
+    PlainRewrite(path, section, text);
+    if (ReadFile(path).find("[" + section + "]\n") != std::string::npos) return;
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
+    if (fd < 0 || ::write(fd, text.data(), text.size()) < 0 || ::fsync(fd) < 0)
+        Die("cannot append to %s", path.c_str());
+    ::close(fd);
+}
+
+[[noreturn]] void PlainTransfer()
+{
+    const std::string section = SectionOf(getpid());
+    const std::string text = "[" + section + "]\nfilename=" + std::string(150, 'x') + "\n";
+    PlainSave(kUserFile, section, text);
+    PlainSave(kGroupFile, section, text);
+    for (;;) {
+        SleepUs(kSaveEveryUs);
+        PlainRewrite(kGroupFile, section, "");
+        PlainSave(kUserFile, section, text);
+        PlainSave(kGroupFile, section, text);
+    }
+}
+
+// The part of the time in which a reader finds no copy, of at least one transfer's.
+double AbsentRate(Row &row, const Budget &budget, void (*Body)())
+{
+    fs::remove(kUserFile);
+    WriteFile(kGroupFile, "\n");
+    const pid_t pid = Fork([&] {
+        Body();
+        return 0;
+    });
+    const std::string header = "[" + SectionOf(pid) + "]\n";
+    const auto isThere = [&] { return ReadFile(kGroupFile).find(header) != std::string::npos; };
+    for (const std::int64_t endUs = NowUs() + 10 * kUsPerSecond; !isThere();)
+        if (NowUs() > endUs) Die("there is no copy for the group at all");
+    std::int64_t absentUs = 0;
+    const std::int64_t beganUs = NowUs();
+    std::int64_t lastUs = beganUs;
+    for (std::uint64_t looks = 0; budget.Allows(looks); ++looks, row.Try()) {
+        SleepUs(20);
+        const bool there = isThere();
+        const std::int64_t nowUs = NowUs();
+        if (!there) absentUs += nowUs - lastUs;
+        lastUs = nowUs;
+    }
+    ::kill(pid, SIGKILL);
+    if (WaitFor(pid) != 128 + SIGKILL) Die("the transfer has ended by itself");
+    return static_cast<double>(absentUs) / static_cast<double>(lastUs - beganUs);
+}
+
+void MeasureCopies(Place place, const Options &options, Table &table, double share)
+{
+    const bool onDisk = place == Place::kDisk;
+    Row &row = table.Add(std::string("looks at a group's copy, ") + (onDisk ? "disk" : "tmpfs") +
+                         ", absent");
+    auto &rates = *Share<double[2]>();
+    RunAt(place, options, [&] {
+        const Budget ours(options, onDisk ? share / 2 : share, 3'000, 200'000);
+        rates[0] = AbsentRate(row, ours, Transfer);
+        if (!onDisk) return;
+        const Budget plain(options, share / 2, 3'000, 200'000);
+        rates[1] = AbsentRate(row, plain, PlainTransfer);
+    });
+    char text[100];
+    const double bound = onDisk ? rates[1] / 5 : 0.005;
+    (void)std::snprintf(text, sizeof(text), ": %.3f %% of the time, at most %.3f %%%s",
+                        rates[0] * 100, bound * 100, onDisk ? " (a fifth of plain)" : "");
+    row.Add(text);
+    if (rates[0] > bound + (options.amount == Amount::kShort ? 0.01 : 0))
+        row.Violate("%.4f %%", rates[0] * 100);
+}
+
+// ---- purges ----
+
+// Goes stale and comes back at the moment others clear the file up.
+void Revive(Row &row, const Budget &budget, Random &random)
+{
+    for (std::uint64_t number = 1; budget.Allows(row.tried()); ++number) {
+        if (!Save(1'000'000 + number, 100)) Die("cannot save");
+        SleepUs(static_cast<std::int64_t>(random.Below(300)));
+        if (!Save(number)) Die("cannot save");
+        SleepUs(static_cast<std::int64_t>(random.Below(1'000)));
+        row.Try();
+        if (Saved() == number) continue;
+        SleepUs(50'000); // a purge may be putting back what it has taken
+        if (Saved() != number) row.Violate("save %llu", static_cast<unsigned long long>(number));
+    }
+}
+
+void TryPurges(const Options &options, Table &table, double share)
+{
+    Row &row = table.Add("fresh saves beside purging readers, tmpfs, purged");
+    const Budget budget(options, share, 500, 50'000);
+    RunAt(Place::kMemory, options, [&] {
+        std::vector<pid_t> readers;
+        for (int i = 0; i < 3; ++i)
+            readers.push_back(Fork([] {
+                for (;;) {
+                    ZEVO_BANDWIDTH_STATUS *pList = nullptr;
+                    (void)ZEVOBandwidthStatusGetAll(ZEVO_BW_OWNER_USER, kUid, ZEVO_BW_PROTOCOL_ALL,
+                                                    ZEVO_BW_TRANSFER_ALL, &pList);
+                    ZEVOBandwidthStatusListFree(&pList);
+                }
+                return 0;
+            }));
+        Random random(options.seed, 2'000);
+        Revive(row, budget, random);
+        for (const pid_t pid : readers) {
+            ::kill(pid, SIGKILL);
+            WaitFor(pid);
+        }
+    });
+}
+
+// ---- stops ----
+
+// As the throttle loop does: ends when it finds itself stopped, else saves and goes on.
+[[noreturn]] void SaveUntilStopped(Random random)
+{
+    for (std::uint64_t number = 1;; ++number) {
+        ZEVO_BANDWIDTH_STATUS saved = {};
+        saved.active = 1;
+        if (ZEVOBandwidthStatusGet(ZEVO_BW_OWNER_USER, kUid, ZEVO_BW_TRANSFER_UPLOAD, &saved) ==
+                0 &&
+            saved.active == 0) {
+            const std::string section = SectionOf(getpid());
+            (void)ZEVOBandwidthStatusRemoveSection(kUserFile, section.c_str());
+            ::_exit(0);
+        }
+        if (!Save(number)) ::_exit(1);
+        SleepUs(2'000 + static_cast<std::int64_t>(random.Below(3'000)));
+    }
+}
+
+int Tool(const std::string &pid, const char *szSeconds)
+{
+    const char *const szTool = std::getenv("ZEVOBW_TOOL");
+    if (szTool == nullptr) Die("ZEVOBW_TOOL does not name the tool");
+    return WaitFor(Fork([&] {
+        const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        ::dup2(nowhere, STDOUT_FILENO);
+        ::dup2(nowhere, STDERR_FILENO);
+        ::execl(szTool, szTool, "stop", "-u", kUserName, "--pid", pid.c_str(), "--wait", szSeconds,
+                nullptr);
+        return 127;
+    }));
+}
+
+bool HasEnded(pid_t pid, std::int64_t withinUs)
+{
+    const std::int64_t endUs = NowUs() + withinUs;
+    do {
+        if (::waitpid(pid, nullptr, WNOHANG) == pid) return true;
+        SleepUs(1'000);
+    } while (NowUs() < endUs);
+    return false;
+}
+
+void TryStop(Row &row, const char *szSeconds, Random &random)
+{
+    const std::uint64_t stream = random.Below(UINT32_MAX);
+    const pid_t pid = Fork([&]() -> int { SaveUntilStopped(Random(stream, 0)); });
+    while (ReadFile(kUserFile).find("[" + SectionOf(pid) + "]") == std::string::npos)
+        SleepUs(1'000);
+    const int status = Tool(std::to_string(pid), szSeconds);
+    row.Try();
+    // Others' writes may undo the mark as the transfer's own do: what the tool has told must hold.
+    if (status != 0) row.Violate("stop --wait %s ended with %d", szSeconds, status);
+    if (HasEnded(pid, 2 * kUsPerSecond)) return;
+    row.Violate("the transfer goes on after stop --wait %s", szSeconds);
+    ::kill(pid, SIGKILL);
+    WaitFor(pid);
+}
+
+void TryStops(const Options &options, Table &table, double share)
+{
+    Row &row = table.Add("stops beside 8 writers every 2 to 5 ms, tmpfs, undone");
+    const Budget budget(options, share, 10, 1'000);
+    RunAt(Place::kMemory, options, [&] {
+        std::vector<pid_t> writers;
+        for (int i = 0; i < 8; ++i)
+            writers.push_back(Fork([&, i]() -> int {
+                SaveUntilStopped(Random(options.seed, 3'000 + static_cast<std::uint64_t>(i)));
+            }));
+        Random random(options.seed, 3'100);
+        while (budget.Allows(row.tried()))
+            TryStop(row, row.tried() % 2 == 0 ? "10" : "0", random);
+        for (const pid_t pid : writers) {
+            ::kill(pid, SIGKILL);
+            WaitFor(pid);
+        }
+    });
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const Options options = ParseOptions(argc, argv);
+    Table table(options.seed);
+    const double share = 1.0 / (options.disk.empty() ? 5 : 8);
+    for (const Losses &losses : kLosses)
+        if (losses.place == Place::kMemory || !options.disk.empty())
+            MeasureLosses(losses, options, table, share);
+    MakeRules();
+    MeasureCopies(Place::kMemory, options, table, share);
+    if (!options.disk.empty()) MeasureCopies(Place::kDisk, options, table, share);
+    TryPurges(options, table, share);
+    TryStops(options, table, share);
+    return table.Print();
+}
