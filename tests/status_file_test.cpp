@@ -476,13 +476,55 @@ TEST_F(StatusRewrite, AfterFiveDefeatsTheLaterRenameWins)
     int defeats = 0;
     const std::function<void()> beFaster = [&] {
         Write("[4711-1]\na=1\n#" + std::string(static_cast<size_t>(++defeats), 'x') + "\n");
-        Before(Call::Fsync, 1, beFaster);
+        Before(Call::Chmod, 1, beFaster);
     };
-    Before(Call::Fsync, 1, beFaster);
+    Before(Call::Chmod, 1, beFaster);
     EXPECT_EQ(Set(), 1);
     EXPECT_EQ(defeats, 6);
     EXPECT_EQ(Read(), "[4711-1]\npid=4711\nactive=0\n#xxxxx\n");
     EXPECT_EQ(standins::Count(Call::Rename), 1);
+    EXPECT_EQ(box.FileCount(), 1);
+}
+
+// The last moment: after the look at what the path names.
+TEST_F(StatusRewrite, WhoComesBetweenTheLookAndTheRenameIsNotOverwritten)
+{
+    const struct {
+        const char *szWhat;
+        std::function<void()> Act;
+        int result;
+        std::string text;
+    } kRows[] = {
+        {"replaced", [&] { EXPECT_EQ(Remove("5-2"), 1); }, 1, "[4711-1]\npid=4711\nactive=0\n"},
+        {"appended", [&] { EXPECT_EQ(Add("6-1"), 1); }, 1,
+         "[4711-1]\npid=4711\nactive=0\n[5-2]\nb=2\n[6-1]\npid=4711\nactive=0\n"},
+        {"our section removed", [&] { EXPECT_EQ(Remove("4711-1"), 1); }, 0, "[5-2]\nb=2\n"},
+    };
+    for (const auto &row : kRows) {
+        SCOPED_TRACE(row.szWhat);
+        Write("[4711-1]\na=1\n[5-2]\nb=2\n");
+        Before(Call::Rename, 1, row.Act);
+        EXPECT_EQ(Set(), row.result);
+        EXPECT_EQ(Read(), row.text);
+        EXPECT_EQ(box.FileCount(), 1);
+    }
+    Write(kTwo);
+    Before(Call::Rename, 1, [&] {
+        EXPECT_EQ(::unlink(Path()), 0);
+        EXPECT_EQ(::mkdir(Path(), 0755), 0);
+    });
+    EXPECT_EQ(Set(), -1) << "a directory in the file's place is let be";
+    ExpectSlot(0x0900, kRewrite);
+    EXPECT_EQ(::rmdir(Path()), 0);
+    EXPECT_EQ(box.FileCount(), 0);
+}
+
+TEST_F(StatusRewrite, AFileSystemThatCannotSwapNamesGetsAPlainRename)
+{
+    Write(kTwo);
+    FailNext(Call::Rename, EINVAL);
+    EXPECT_EQ(Remove("5-2"), 1);
+    EXPECT_EQ(standins::Count(Call::Rename), 2);
     EXPECT_EQ(box.FileCount(), 1);
 }
 

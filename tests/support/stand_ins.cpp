@@ -341,6 +341,12 @@ int renameat(int oldDirFd, const char *szOld, int newDirFd, const char *szNew) n
     return Enter(Call::Rename) ? -1 : REAL(renameat)(oldDirFd, szOld, newDirFd, szNew);
 }
 
+int renameat2(int oldDirFd, const char *szOld, int newDirFd, const char *szNew,
+              unsigned flags) noexcept
+{
+    return Enter(Call::Rename) ? -1 : REAL(renameat2)(oldDirFd, szOld, newDirFd, szNew, flags);
+}
+
 int mkdir(const char *szPath, mode_t mode) noexcept
 {
     return Enter(Call::Mkdir) ? -1 : REAL(mkdir)(szPath, mode);

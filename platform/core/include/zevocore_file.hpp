@@ -374,6 +374,40 @@ public:
         const KeepErrno keep;
         if (::fchown(fd_.get(), uid, gid) < 0 && ::fchown(fd_.get(), uid_t(-1), gid) < 0) return;
     }
+    // Puts the data, not yet the name, on its way to the disk; where that cannot be said it is left to
+    // the file system.
+    void SendOff() noexcept
+    {
+        const KeepErrno keep;
+        (void)::sync_file_range(fd_.get(), 0, 0,
+                                SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE |
+                                    SYNC_FILE_RANGE_WAIT_AFTER);
+    }
+    enum class Swapped { kDone, kBeaten, kFailed };
+    // Takes the place if it still names the file that was read, cbKnown bytes long. A look before the
+    // rename leaves a gap in which another process's file would be lost, so the two swap names, in
+    // one step, and what has come out is looked at: anything else goes back. In that moment a third
+    // one may have built upon ours; then his file stays, ours within it.
+    Swapped SwapIn(const struct stat &known, size_t cbKnown) noexcept
+    {
+        if (!StillNames(place_, known, cbKnown)) return Swapped::kBeaten;
+        if (!Swap()) {
+            const bool canNot = errno == EINVAL || errno == ENOSYS || errno == ENOENT;
+            return canNot ? Replace() : Swapped::kFailed; // some file systems know no swapping
+        }
+        struct stat out = {};
+        struct stat ours = {};
+        const auto hasComeOut = [&] {
+            return ::fstatat(place_.dir(), szName_, &out, AT_SYMLINK_NOFOLLOW) == 0;
+        };
+        if (!hasComeOut()) return Swapped::kDone; // somebody has cleared it away
+        if (IsSameFile(out, known) && out.st_size == static_cast<off_t>(cbKnown))
+            return Swapped::kDone;
+        if (!Swap()) return Swapped::kDone; // the later one wins
+        const bool isOurs = hasComeOut() && ::fstat(fd_.get(), &ours) == 0 && IsSameFile(out, ours);
+        return !isOurs && Swap() ? Swapped::kDone : Swapped::kBeaten;
+    }
+    Swapped Replace() noexcept { return RenameOver() ? Swapped::kDone : Swapped::kFailed; }
     bool RenameOver() noexcept
     {
         renamed_ = ::renameat(place_.dir(), szName_, place_.dir(), place_.name()) == 0;
@@ -381,6 +415,12 @@ public:
     }
 
 private:
+    bool Swap() noexcept
+    {
+        return ::renameat2(place_.dir(), szName_, place_.dir(), place_.name(), RENAME_EXCHANGE) ==
+               0;
+    }
+    // What stands under the temporary name: ours, or the file that it has replaced.
     void Unlink() noexcept
     {
         const KeepErrno keep;
@@ -425,11 +465,26 @@ struct RewriteResult {
 constexpr int kComposeFailed = -1;  // for want of memory
 constexpr int kComposeRefused = -2; // by somebody who has recorded why
 
+enum class IfBeaten { kWin, kGiveUp };
+
+// Puts the new text into the temporary file, fit to take the old one's place. The first attempt waits
+// for the disk. That takes so long that with many writers every later one would be beaten, too: those
+// see to it only that the data are on their way before the name is, and wait afterwards.
+inline bool FillTemp(TempFile &temp, std::string_view text, mode_t mode, bool isFirst) noexcept
+{
+    if (!temp.Write(text)) return false;
+    if (isFirst && !temp.Sync()) return false;
+    if (!isFirst) temp.SendOff();
+    return temp.SetMode(mode & kPermissionBits);
+}
+
 // Replaces a file that many processes rewrite without a lock. compose(old, new) puts the new text
 // together: 1 to write it, 0 to leave the file as it is, or one of the two above. Each attempt starts
-// from what the path names then; when another process was faster it starts over, and after the last
-// retry the later rename wins.
-template <class Compose> RewriteResult RewriteFile(const char *szPath, Compose compose) noexcept
+// from what the path names then; when another process was faster it starts over. After the last retry
+// the later rename wins, or the file is left as it is (0).
+template <class Compose>
+RewriteResult RewriteFile(const char *szPath, Compose compose,
+                          IfBeaten ifBeaten = IfBeaten::kWin) noexcept
 {
     const Place place(szPath);
     if (!place) return {-1, kFileOpen};
@@ -446,12 +501,18 @@ template <class Compose> RewriteResult RewriteFile(const char *szPath, Compose c
         if (found == 0) return {0, 0};
         TempFile temp(place);
         if (!temp) return {-1, kFileOpen};
-        if (!temp.Write(newText.view()) || !temp.Sync() ||
-            !temp.SetMode(in.stat().st_mode & kPermissionBits))
-            return {-1, kFileWrite};
-        if (attempt < kMostRewriteRetries && !StillNames(place, in.stat(), oldText.size()))
+        const bool isFirst = attempt == 0;
+        const bool isLast = attempt == kMostRewriteRetries;
+        if (!FillTemp(temp, newText.view(), in.stat().st_mode, isFirst)) return {-1, kFileWrite};
+        const auto swapped = isLast && ifBeaten == IfBeaten::kWin
+                                 ? temp.Replace()
+                                 : temp.SwapIn(in.stat(), oldText.size());
+        if (swapped == TempFile::Swapped::kFailed) return {-1, kFileRename};
+        if (swapped == TempFile::Swapped::kBeaten) {
+            if (isLast) return {0, 0};
             continue;
-        if (!temp.RenameOver()) return {-1, kFileRename};
+        }
+        if (!isFirst) (void)temp.Sync(); // the file stands: there is no failure to tell any more
         return {1, 0};
     }
 }
