@@ -1,10 +1,11 @@
 // Listing the running transfers of one status file, and clearing it on the way: a section that has
 // not been saved for more than 30 seconds belongs to a transfer that died. Whoever lists the file
-// removes it, whatever he looks for. Nothing is locked: others may change the file between any two
-// of the platform's operations.
+// removes it, whatever he looks for, together with all others at the end. Nothing is locked: others
+// may change the file between any two of the platform's operations.
 
 #include "bandwidth_guard.hpp"
 #include "bandwidth_status_path.hpp"
+#include "bandwidth_status_purge.hpp"
 
 #include <cstdlib>
 #include <cstring>
@@ -18,7 +19,6 @@ using namespace bandwidth;
 
 namespace {
 
-constexpr int64_t kStaleAfterSeconds = 30;
 constexpr int64_t kLeftoverAfterSeconds = 10;
 constexpr int32_t kMerge = 1;
 
@@ -31,6 +31,7 @@ struct Listing {
     uint32_t protocolMask;
     uint32_t transferMask;
     bool merge;
+    Purge &purge;
     ZEVO_BANDWIDTH_STATUS *pHead = nullptr;
     int count = 0;
 };
@@ -72,9 +73,16 @@ void Accept(Listing &listing, Status status) noexcept
     ++listing.count;
 }
 
-// Reads one section and does with it what it calls for: 0, or -1 without memory.
-int ListSection(Listing &listing, const char *szSection, Hash &hash) noexcept
+void LogNotRemoved(const Listing &listing, const char *szSection) noexcept
 {
+    BW_LOG_SLOT("VLIBCFileRemoveSection failed. user:[%s], section:[%s] ", listing.szFile,
+                szSection);
+}
+
+// Reads one section and does with it what it calls for: 0, or -1 without memory.
+int ListSection(Listing &listing, int32_t index, Hash &hash) noexcept
+{
+    const char *const szSection = listing.purge.name(index);
     (void)::VLIBCHashRemoveAll(hash.get());
     const int found = ::VLIBCFileGetSection(listing.szFile, szSection, hash.address());
     if (found < 0) BW_LOG_SLOT("Get section [%s] from [%s] failed. ", szSection, listing.szFile);
@@ -89,14 +97,29 @@ int ListSection(Listing &listing, const char *szSection, Hash &hash) noexcept
         BW_LOG_SLOT("Init status from hash failed. ");
         return 0;
     }
-    if (status->timestamp < listing.now - kStaleAfterSeconds) {
-        if (::VLIBCFileRemoveSection(listing.szFile, szSection) < 0)
-            BW_LOG_SLOT("VLIBCFileRemoveSection failed. user:[%s], section:[%s] ", listing.szFile,
-                        szSection);
+    if (IsStale(*status, listing.now)) {
+        if (!listing.purge.Note(index)) {
+            BW_RECORD(ZEVO_BW_ERROR_NO_MEMORY);
+            LogNotRemoved(listing, szSection);
+        }
         return 0;
     }
     if (Passes(listing, *status)) Accept(listing, std::move(status));
     return 0;
+}
+
+int ListSections(Listing &listing, Hash &hash) noexcept
+{
+    for (int32_t i = 0; i < listing.purge.count(); ++i)
+        if (ListSection(listing, i, hash) < 0) return BW_PASS_UNLOGGED;
+    return 0;
+}
+
+void RunPurge(const Listing &listing) noexcept
+{
+    if (listing.purge.Run() == 0) return;
+    for (int32_t i = 0; i < listing.purge.noted(); ++i)
+        LogNotRemoved(listing, listing.purge.NotedName(i));
 }
 
 } // namespace
@@ -115,21 +138,22 @@ int ZEVOBandwidthIStatusGetAll(const char *szStatusFile, int32_t protocol_mask,
     }
     if (::VLIBCFileExist(szStatusFile) != 1) return 0;
 
+    Purge purge(szStatusFile, now);
     VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
     const int sections = pNames == nullptr ? -1 : ::VLIBCFileEnumSection(szStatusFile, &pNames);
-    const List names(pNames);
+    purge.SetNames(List(pNames));
     if (sections < 0) return BW_PASS_UNLOGGED;
     if (sections == 0) return 0;
     Hash hash;
     if (!hash) return BW_PASS_UNLOGGED;
 
-    Listing listing{szStatusFile, now, static_cast<uint32_t>(protocol_mask), transfer_mask,
-                    blMerge == kMerge};
-    for (int32_t i = 0; i < names->nItem; ++i) {
-        if (ListSection(listing, ::VLIBCSzListGet(names.get(), i), hash) < 0) {
-            ::ZEVOBandwidthStatusListFree(&listing.pHead);
-            return BW_PASS_UNLOGGED;
-        }
+    Listing listing{szStatusFile,      now,  static_cast<uint32_t>(protocol_mask), transfer_mask,
+                    blMerge == kMerge, purge};
+    const int listed = ListSections(listing, hash);
+    RunPurge(listing);
+    if (listed < 0) {
+        ::ZEVOBandwidthStatusListFree(&listing.pHead);
+        return BW_PASS_UNLOGGED;
     }
     if (listing.count > 0) *pStatusList = listing.pHead;
     return listing.count;

@@ -3,6 +3,7 @@
 #include "library_box.hpp"
 
 #include <cstring>
+#include <functional>
 
 #include <fcntl.h>
 
@@ -24,6 +25,12 @@ constexpr char kRemoveFile[] = "bandwidth_status_remove.cpp";
 
 class Query : public LibraryTest {
 protected:
+    // As other processes do: the name leads to another file.
+    void Replace(const std::string &text)
+    {
+        box.Write("new", text);
+        EXPECT_EQ(::rename(box.Path("new"), Path()), 0);
+    }
     const char *Path() { return box.Path("user-2001"); }
     void Write(const std::vector<Transfer> &transfers)
     {
@@ -134,12 +141,40 @@ TEST_F(Query, ATransferThatIsJustBeingSavedAnewIsNotTakenForDead)
 {
     // Between the names and the section it is gone, right after that it is back.
     Write({Of(1, "ftp"), Of(2, "ftp")});
-    Before(Call::Stat, 3, [&] { // the first question whether the file still is the one listed
+    Before(Call::Stat, 4, [&] { // the first question whether the file still is the one listed
         Write({Of(2, "ftp")});
         Before(Call::Stat, 3, [&] { Write({Of(2, "ftp"), Of(1, "ftp")}); }); // and the second
     });
     EXPECT_THAT(List(), ElementsAre("2:100/1000"));
     EXPECT_EQ(box.Read("user-2001"), Of(2, "ftp").Text() + Of(1, "ftp").Text());
+    EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
+TEST_F(Query, ASaveThatComesBeforeThePurgeIsNotPurged)
+{
+    const std::string saved = Of(1, "ftp").Text() + Aged(2, 31).Text() + Of(3, "rsync").Text();
+    for (const auto call : {Call::Fsync, Call::Rename}) {
+        Write({Aged(1, 31), Aged(2, 31), Of(3, "rsync")});
+        Before(call, 1, [&] { Replace(saved); });
+        EXPECT_THAT(List(), ElementsAre("3:100/1000"));
+        EXPECT_EQ(box.Read("user-2001"), Of(1, "ftp").Text() + Of(3, "rsync").Text())
+            << "only who is still dead goes";
+        EXPECT_EQ(box.FileCount(), 1);
+    }
+}
+
+TEST_F(Query, AFileThatChangesFasterIsPurgedAnotherTime)
+{
+    Write({Aged(1, 31), Of(2, "ftp")});
+    int defeats = 0;
+    const std::function<void()> beFaster = [&] {
+        const std::string note = "# " + std::to_string(++defeats) + "\n";
+        Replace(note + Aged(1, 31).Text() + Of(2, "ftp").Text());
+        Before(Call::Chmod, 1, beFaster);
+    };
+    Before(Call::Chmod, 1, beFaster);
+    EXPECT_THAT(List(), ElementsAre("2:100/1000"));
+    EXPECT_EQ(box.Read("user-2001"), "# 6\n" + Aged(1, 31).Text() + Of(2, "ftp").Text());
     EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
@@ -151,7 +186,7 @@ TEST_F(Query, ADeadTransferThatCannotBeRemovedIsLoggedAndPassedOver)
     EXPECT_THAT(TakeLog(),
                 ElementsAre("bandwidth_status_get_all.cpp:# VLIBCFileRemoveSection failed. "
                             "user:[/tmp/bandwidth/user-2001], section:[1-1] [0x2800 "
-                            "section_file.cpp:#]"));
+                            "bandwidth_status_purge.cpp:#]"));
     EXPECT_EQ(box.Read("user-2001"), Aged(1, 31).Text() + Of(2, "ftp").Text());
 }
 
@@ -166,7 +201,7 @@ TEST_F(Query, NothingToListLeavesTheHeadAlone)
     EXPECT_EQ(ZEVOBandwidthIStatusGetAll(Path(), 8, 3, &pList, 0), 0);
     EXPECT_EQ(pList, &other);
 
-    FailNth(Call::Open, 2, EACCES);
+    FailNth(Call::Open, 4, EACCES);
     EXPECT_EQ(ZEVOBandwidthIStatusGetAll(Path(), 15, 3, &pList, 0), -1);
     platform::FailNextHashAlloc();
     EXPECT_EQ(ZEVOBandwidthIStatusGetAll(Path(), 15, 3, &pList, 0), -1);

@@ -1,0 +1,52 @@
+// Clearing a status file of the sections that dead transfers have left behind, all in one rewrite.
+#ifndef BANDWIDTH_STATUS_PURGE_HPP
+#define BANDWIDTH_STATUS_PURGE_HPP
+
+#include "bandwidth_guard.hpp"
+
+namespace bandwidth {
+
+constexpr int64_t kStaleAfterSeconds = 30;
+
+inline bool IsStale(const ZEVO_BANDWIDTH_STATUS &status, int64_t now) noexcept
+{
+    return status.timestamp < now - kStaleAfterSeconds;
+}
+
+// Made before the file is listed. The listing notes what it finds stale; Run() drops that, unless a
+// save has come in time: where the file is another one by then each section is decided on again.
+class Purge {
+public:
+    Purge(const char *szFile, int64_t now) noexcept;
+
+    // Takes over the names of the listed sections, in file order.
+    void SetNames(List names) noexcept { names_ = std::move(names); }
+    int32_t count() const noexcept { return names_->nItem; }
+    const char *name(int32_t i) const noexcept { return ::VLIBCSzListGet(names_.get(), i); }
+
+    // false without memory.
+    bool Note(int32_t i) noexcept;
+    // 0, also when others rewrite the file so often that the next listing must do it; -1 when the
+    // file cannot be rewritten, the code recorded.
+    int Run() noexcept;
+    // The sections that Run() meant to drop.
+    int32_t noted() const noexcept { return nNoted_; }
+    const char *NotedName(int32_t i) const noexcept { return name(noted_[i]); }
+
+private:
+    bool IsAsListed() const noexcept;
+    bool DecideAgain() noexcept;
+    int Compose(std::string_view oldText, zevo::Bytes &newText) noexcept;
+
+    const char *szFile_;
+    const int64_t now_;
+    const zevo::Place place_;
+    const zevo::RegularFile file_; // kept open: its inode number is not given to another meanwhile
+    List names_;
+    Array<int32_t> noted_; // indices of names, ascending
+    int32_t nNoted_ = 0;
+};
+
+} // namespace bandwidth
+
+#endif // BANDWIDTH_STATUS_PURGE_HPP
