@@ -595,7 +595,10 @@ ZEVO_BW_API int ZEVOBandwidthStatusRemoveSection(const char *szFile,
                                                  const char *szSection) ZEVO_BW_NOEXCEPT;
 
 /**
- * Appends a section to a status file in one write, on a line of its own; makes the file at need.
+ * Appends a section to a status file in one write, on a line of its own; makes the file at need. A
+ * process that dies meanwhile may leave a part of it. The hash of ZEVOBandwidthInitHashFromStatus()
+ * ends with the time stamp, so that such a part counts as stale; one that lacks nothing but its last
+ * line end is whole.
  * @return  1 written, 0 already present, -1 on failure: a failed write may leave a part of it
  * Errors:  0x0D00 (not logged), 0x0900, 0x0B00, 0x0200; none when reading fails.
  * Threads: any.
@@ -605,7 +608,8 @@ ZEVO_BW_API int ZEVOBandwidthStatusAddSection(const char *szFile, const char *sz
 
 /**
  * Lists the running transfers in one status file, the file's last section first. Sections more than
- * 30 seconds old are removed from the file, whatever the masks.
+ * 30 seconds old are removed from the file, whatever the masks, in one rewrite; one that has been
+ * saved again meanwhile stays.
  * DANGER: a path with a "." anywhere in it is taken for a leftover temporary file: it is deleted
  * when it was last modified more than 10 seconds ago, and 0 is returned.
  * @param protocol_mask  a record passes when its protocol number has a bit in common; add-on

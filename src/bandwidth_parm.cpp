@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 namespace bandwidth {
 
@@ -49,6 +50,32 @@ int32_t EnumField(const void *pField) noexcept
     int32_t value;
     std::memcpy(&value, pField, sizeof(value));
     return value;
+}
+
+// Sets the pair of one row: 0, or -1, logged.
+int SetPair(VLIB_SZ_HASH **ppHash, const void *pRecord, const ZEVO_BW_PARM *parm_table,
+            const ZEVO_BW_PARM *row, Site site) noexcept
+{
+    const char *const pField = static_cast<const char *>(pRecord) + row->offset;
+    const char *szText = pField;
+    char szName[kNameBytes];
+    char szNumber[kNumberBytes];
+    if (row->names != nullptr) {
+        if (!NameOf(row->names, EnumField(pField), szName)) {
+            BW_LOG_AT(site, "Unknown value [%d] for [%s]", EnumField(pField), row->szKey);
+            return 0;
+        }
+        szText = szName;
+    } else if (row->ToHashStr != nullptr) {
+        if (row->ToHashStr(pField, szNumber, sizeof(szNumber), site) < 0) {
+            BW_LOG_AT(site, "parm_table[%d].ToHashStr failed.", static_cast<int>(row - parm_table));
+            return BW_PASS_UNLOGGED;
+        }
+        szText = szNumber;
+    }
+    if (::VLIBCSzHashSetValue(ppHash, row->szKey, szText) < 0)
+        return BW_PASS_AT(site, "Set hash value failed. key:[%s], val:[%s]. ", row->szKey, szText);
+    return 0;
 }
 
 } // namespace
@@ -97,29 +124,10 @@ int HashFromRecord(VLIB_SZ_HASH **ppHash, const void *pRecord, const ZEVO_BW_PAR
                    Site site) noexcept
 {
     (void)::VLIBCHashRemoveAll(*ppHash);
-    for (const ZEVO_BW_PARM *row = parm_table; row->szKey != nullptr; ++row) {
-        const char *const pField = static_cast<const char *>(pRecord) + row->offset;
-        const char *szText = pField;
-        char szName[kNameBytes];
-        char szNumber[kNumberBytes];
-        if (row->names != nullptr) {
-            if (!NameOf(row->names, EnumField(pField), szName)) {
-                BW_LOG_AT(site, "Unknown value [%d] for [%s]", EnumField(pField), row->szKey);
-                continue;
-            }
-            szText = szName;
-        } else if (row->ToHashStr != nullptr) {
-            if (row->ToHashStr(pField, szNumber, sizeof(szNumber), site) < 0) {
-                BW_LOG_AT(site, "parm_table[%d].ToHashStr failed.",
-                          static_cast<int>(row - parm_table));
+    for (const bool last : {false, true})
+        for (const ZEVO_BW_PARM *row = parm_table; row->szKey != nullptr; ++row)
+            if (row->comesLast == last && SetPair(ppHash, pRecord, parm_table, row, site) < 0)
                 return BW_PASS_UNLOGGED;
-            }
-            szText = szNumber;
-        }
-        if (::VLIBCSzHashSetValue(ppHash, row->szKey, szText) < 0)
-            return BW_PASS_AT(site, "Set hash value failed. key:[%s], val:[%s]. ", row->szKey,
-                              szText);
-    }
     return 0;
 }
 

@@ -21,6 +21,7 @@ struct ZEVO_BW_PARM {
     const ZEVO_BW_ENUM_ENTRY *names;
     ToText ToHashStr;
     FromText fnFromHashStr;
+    bool comesLast = false; // its pair is set, and so written, after those of all other rows
 };
 
 int S32ToText(const void *private_data, char *str, size_t cb, Site site) noexcept;
@@ -35,8 +36,8 @@ int U32FromText(void *private_data, const char *str, Site site) noexcept;
 int S64FromText(void *private_data, const char *str, Site site) noexcept;
 int U64FromText(void *private_data, const char *str, Site site) noexcept;
 
-// Empties the hash and sets one pair a row, in the table's order. A value without a name is left
-// out.
+// Empties the hash and sets one pair a row, in the table's order, but the last one last. A value
+// without a name is left out.
 int HashFromRecord(VLIB_SZ_HASH **ppHash, const void *pRecord, const ZEVO_BW_PARM *parm_table,
                    Site site) noexcept;
 

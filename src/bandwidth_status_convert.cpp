@@ -1,6 +1,7 @@
-// A running transfer as a string hash and back: one table for the engine. Its order is the order of
-// the lines in a status file, so that a section that was cut off in the middle of a write lacks its
-// last keys.
+// A running transfer as a string hash and back: one table for the engine. The time stamp comes last
+// in a status file, so that a section that was cut off in the middle of a write is stale: it lacks
+// the stamp, or what is left of it is a time long ago. A section that lacks nothing but its last line
+// end is whole.
 
 #include "bandwidth_guard.hpp"
 #include "bandwidth_parm.hpp"
@@ -25,7 +26,7 @@ constexpr ZEVO_BW_PARM kStatusParms[] = {
     {"id",            STATUS(id),            nullptr,                    U32ToText, U32FromText},
     {"uid",           STATUS(uid),           nullptr,                    U32ToText, U32FromText},
     {"active",        STATUS(active),        nullptr,                    U32ToText, U32FromText},
-    {"timestamp",     STATUS(timestamp),     nullptr,                    S64ToText, S64FromText},
+    {"timestamp",     STATUS(timestamp),     nullptr,                    S64ToText, S64FromText, true},
     {"current speed", STATUS(current_speed), nullptr,                    U64ToText, U64FromText},
     {"expect speed",  STATUS(expect_speed),  nullptr,                    U64ToText, U64FromText},
     {"filename",      STATUS(filename),      nullptr,                    nullptr,   nullptr},

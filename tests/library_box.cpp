@@ -180,10 +180,10 @@ std::string Transfer::Text() const
 {
     return "[" + Name() + "]\npid=" + std::to_string(pid) + "\nid=" + std::to_string(id) +
            "\nuid=" + std::to_string(uid) + "\nactive=" + std::to_string(active) +
-           "\ntimestamp=" + std::to_string(timestamp) + "\ncurrent speed=" + std::to_string(speed) +
-           "\nexpect speed=" + std::to_string(expect) + "\nfilename=/a file\nowner type=" + owner +
-           "\nprotocol type=" + protocol + "\ntransfer type=" + transfer +
-           "\nprogress=" + std::to_string(progress) + "\n";
+           "\ncurrent speed=" + std::to_string(speed) + "\nexpect speed=" + std::to_string(expect) +
+           "\nfilename=/a file\nowner type=" + owner + "\nprotocol type=" + protocol +
+           "\ntransfer type=" + transfer + "\nprogress=" + std::to_string(progress) +
+           "\ntimestamp=" + std::to_string(timestamp) + "\n";
 }
 
 ZEVO_BANDWIDTH_STATUS Record(const Transfer &transfer)

@@ -53,7 +53,7 @@ mode_t ModeOf(const char *szPath)
 
 class StatusConversion : public LibraryTest {};
 
-TEST_F(StatusConversion, ATransferBecomesItsTwelveKeysInTheirOrder)
+TEST_F(StatusConversion, ATransferBecomesItsTwelveKeysTheTimeStampLast)
 {
     Hash hash{{"left over", ""}};
     ZEVO_BANDWIDTH_STATUS status = Record({});
@@ -64,10 +64,10 @@ TEST_F(StatusConversion, ATransferBecomesItsTwelveKeysInTheirOrder)
     status.owner_type = ZEVO_BW_OWNER_ALL;
     status.progress = 10000;
     EXPECT_EQ(ZEVOBandwidthInitHashFromStatus(hash.address(), &status), 0);
-    EXPECT_EQ(hash.Text(), "[s]\npid=-1\nid=4294967295\nuid=2001\nactive=1\ntimestamp=-5\n"
+    EXPECT_EQ(hash.Text(), "[s]\npid=-1\nid=4294967295\nuid=2001\nactive=1\n"
                            "current speed=1000\nexpect speed=18446744073709551615\n"
                            "filename=/a file\nowner type=all\nprotocol type=ftp\n"
-                           "transfer type=upload\nprogress=10000\n");
+                           "transfer type=upload\nprogress=10000\ntimestamp=-5\n");
     EXPECT_THAT(TakeLog(), IsEmpty());
 
     status.transfer_type = 3;

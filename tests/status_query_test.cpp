@@ -113,16 +113,22 @@ TEST_F(Query, DeadTransfersAreTakenOutOfTheFileWhateverIsLookedFor)
     EXPECT_EQ(box.Read("user-2001"), live);
     EXPECT_THAT(List(), ElementsAre("3:100/1000", "2:100/1000"));
 
-    // A tail torn before its time stamp is nobody's live transfer.
-    box.Write("user-2001", live + "[9-1]\npid=9\nid=2001\nuid=2001\nact");
-    EXPECT_EQ(List().size(), 2U);
-    EXPECT_EQ(box.Read("user-2001"), live);
     EXPECT_THAT(TakeLog(), IsEmpty());
+}
 
-    // One torn after it is not listed, whatever else it lacks.
-    const std::string torn = live + Aged(9, 0).Text();
-    box.Write("user-2001", torn.substr(0, torn.find("transfer type=upload", live.size()) + 15));
-    EXPECT_EQ(List().size(), 2U);
+TEST_F(Query, ASectionCutOffInTheMiddleOfAWriteIsNoTransferAndOneThatLacksALineEndIs)
+{
+    const std::string live = Aged(2, 30).Text() + Aged(3, -500).Text();
+    const std::string last = Aged(9, 0).Text();
+    for (size_t cb = 0; cb <= last.size(); ++cb) {
+        SCOPED_TRACE(last.substr(0, cb));
+        box.Write("user-2001", live + last.substr(0, cb));
+        const bool isWhole = cb + 1 >= last.size();
+        EXPECT_EQ(List().size(), isWhole ? 3U : 2U);
+        // It is cleared away from its whole header on; less than that is nobody's line.
+        const bool isSection = cb >= last.find(']') + 1;
+        EXPECT_EQ(box.Read("user-2001"), isSection && !isWhole ? live : live + last.substr(0, cb));
+    }
 }
 
 TEST_F(Query, OneBadSectionHidesNoOther)

@@ -18,7 +18,8 @@
  * misread (control bytes, bytes that are no UTF-8, blanks at the ends, and what could be taken for
  * a header, a comment, a quote or a separator) stands in double quotes with the escapes \\ \" \n \r
  * \t \xHH. Blanks around an unquoted name, key or value do not count. A line that is none of these
- * belongs to nobody: it is passed over by readers and kept by writers.
+ * belongs to nobody: it is passed over by readers and kept by writers. The file's last line counts
+ * like any other when it lacks its line end.
  */
 #ifndef ZEVOCORE_H
 #define ZEVOCORE_H
