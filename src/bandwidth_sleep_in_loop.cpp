@@ -7,6 +7,7 @@
 #include "bandwidth_frame.hpp"
 #include "bandwidth_guard.hpp"
 #include "bandwidth_speed.hpp"
+#include "bandwidth_status_copy.hpp"
 
 #include <atomic>
 #include <cerrno>
@@ -115,17 +116,34 @@ uint64_t Throttle(uint64_t bytes, uint64_t nowUs, uint64_t lastUs,
     return endUs;
 }
 
+int RemoveCopies(const OccupiedGroups &groups, const ZEVO_BANDWIDTH_STATUS &status) noexcept
+{
+    if (groups.count == 0) return 0;
+    return ::ZEVOBandwidthStatusRemoveByOccGroups(groups.ids, groups.count, status.transfer_type);
+}
+
 // Shows the block to the others, unless the transfer has been stopped meanwhile. The copies of the
-// groups that bore it go first: it may be charged to others now.
+// groups that bore it go first, for it may be charged to others now. A group that bears it again
+// keeps its copy with the new values: the others would divide the limit without us until we had
+// waited for the disk.
 int Publish(const ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STATUS *pStatus,
             const OccupiedGroups &groups) noexcept
 {
-    if (groups.count > 0 && ::ZEVOBandwidthStatusRemoveByOccGroups(groups.ids, groups.count,
-                                                                   pStatus->transfer_type) < 0)
+    OccupiedGroups left;
+    for (int32_t i = 0; i < groups.count; ++i)
+        if (!RenewGroupCopy(*pConfig, groups.ids[i], pStatus))
+            left.ids[left.count++] = groups.ids[i];
+    if (RemoveCopies(left, *pStatus) < 0)
         return BW_PASS("ZEVOBandwidthStatusRemove failed. uid:[%u] ", pStatus->id);
-    if (IsStopped(*pStatus)) return BW_FAIL(ZEVO_BW_ERROR_STOPPED);
-    if (::ZEVOBandwidthStatusSave(pStatus->id, pConfig, pStatus) < 0)
-        return BW_PASS("save info failed. [%u] ", pStatus->id);
+    if (IsStopped(*pStatus)) {
+        (void)RemoveCopies(groups, *pStatus); // what cannot be removed goes stale
+        return BW_FAIL(ZEVO_BW_ERROR_STOPPED);
+    }
+    if (::ZEVOBandwidthStatusSave(pStatus->id, pConfig, pStatus) < 0) {
+        BW_LOG_SLOT("save info failed. [%u] ", pStatus->id);
+        (void)RemoveCopies(groups, *pStatus);
+        return BW_PASS_UNLOGGED;
+    }
     return 0;
 }
 

@@ -333,11 +333,31 @@ TEST_F(Throttle, AFailedCallSaysWhereItFailedAndLeavesTheTime)
     limits[1].conf.ownerType = 2;
 
     box.Write("group-3001", mine.Text());
-    FailNext(Call::Rename, EACCES);
+    FailNext(Call::Rename, EACCES); // the copy can neither be renewed nor taken away
+    Before(Call::Chmod, 2, [] { FailNext(Call::Rename, EACCES); });
     expectFailure("ZEVOBandwidthStatusRemove failed. uid:[2001] [0x2800 "
                   "bandwidth_status_set_section.cpp:#]");
-    FailNth(Call::Write, 2, ENOSPC); // the first takes the group's copy away
+    FailNth(Call::Write, 2, ENOSPC); // the first renews the group's copy
     expectFailure("save info failed. [2001] [0x0B00 bandwidth_status_add_section.cpp:#]");
+    EXPECT_EQ(box.Read("group-3001"), "") << "nobody counts on what is not saved";
+}
+
+TEST_F(Throttle, AGroupThatBearsTheTransferAgainIsNeverWithoutItsCopy)
+{
+    limits.push_back(Limit(ZEVO_BW_OWNER_GROUP, kStaff, 64));
+    Attach();
+    EXPECT_EQ(Loop(), 0);
+    const std::string header = "[" + std::to_string(::getpid()) + "-1]";
+    int looks = 0;
+    const std::function<void()> look = [&] {
+        ++looks;
+        EXPECT_NE(box.Read("group-3001").find(header), std::string::npos);
+        Before(Call::Rename, 1, look);
+    };
+    Before(Call::Rename, 1, look);
+    EXPECT_EQ(Loop(), 0);
+    EXPECT_GE(looks, 3) << "the copy, the user's section, the copy";
+    look();
 }
 
 // ---- plans ----
