@@ -379,9 +379,7 @@ public:
     void SendOff() noexcept
     {
         const KeepErrno keep;
-        (void)::sync_file_range(fd_.get(), 0, 0,
-                                SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE |
-                                    SYNC_FILE_RANGE_WAIT_AFTER);
+        (void)::sync_file_range(fd_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
     }
     enum class Swapped { kDone, kBeaten, kFailed };
     // Takes the place if it still names the file that was read, cbKnown bytes long. A look before the
