@@ -19,6 +19,7 @@ using namespace bandwidth;
 namespace {
 
 constexpr mode_t kStatusDirectoryMode = 0777;
+constexpr int kMostRepeats = 2;
 
 // Makes the status directory unless it is there. A link is no directory: whoever planted it must
 // not choose where the files go.
@@ -55,14 +56,17 @@ int ZEVOBandwidthIStatusRecordSave(int32_t owner_type, uint32_t id, const char *
     StatusPath path;
     if (path.Compose(owner_type, id, BW_HERE) < 0 || EnsureFile(path.get()) < 0)
         return BW_PASS_UNLOGGED;
-    const int replaced = ::ZEVOBandwidthStatusSetSection(path.get(), szSection, pHash);
-    if (replaced < 0) return BW_PASS("Save section [%s] to [%s] failed. ", szSection, path.get());
-    if (replaced > 0) return 0;
-    // 0 from the append, too, is success: the section has appeared, and takes these values at the
-    // next save.
-    if (::ZEVOBandwidthStatusAddSection(path.get(), szSection, pHash) < 0)
-        return BW_PASS("Add section [%s] to [%s] failed. ", szSection, path.get());
-    return 0;
+    for (int attempt = 0;; ++attempt) {
+        const int replaced = ::ZEVOBandwidthStatusSetSection(path.get(), szSection, pHash);
+        if (replaced < 0)
+            return BW_PASS("Save section [%s] to [%s] failed. ", szSection, path.get());
+        if (replaced > 0) return 0;
+        const int added = ::ZEVOBandwidthStatusAddSection(path.get(), szSection, pHash);
+        if (added < 0) return BW_PASS("Add section [%s] to [%s] failed. ", szSection, path.get());
+        // 0: the section has appeared meanwhile, as when a purge has put back what it had taken. When
+        // it comes and goes like that these values follow at the next save.
+        if (added > 0 || attempt == kMostRepeats) return 0;
+    }
 }
 
 // Lets a record pass for a group's copy, and gives it back as it was.
