@@ -14,6 +14,10 @@ namespace tool {
 
 namespace {
 
+// A save that is under way when a mark is set undoes it, so that it counts as set only after these.
+constexpr int kLooksToHold = 3;
+constexpr int kMostLooks = 40;
+
 struct StopArguments {
     EndingOptions ending;
     TransferSelection selection;
@@ -42,10 +46,12 @@ bool IsWanted(const Account &user, const Stopping &stopping, bool yes)
 void WaitFor(Stopping &stopping, double seconds)
 {
     const auto deadline = Stopping::Clock::now() + std::chrono::duration<double>(seconds);
-    stopping.Step();
-    while (!stopping.left().empty() && Stopping::Clock::now() < deadline) {
-        std::this_thread::sleep_for(Stopping::kLookAgain);
+    for (int held = 0, looks = 0;; ++looks) {
         stopping.Step();
+        held = stopping.IsMarked() ? held + 1 : 0;
+        const bool isSure = held >= kLooksToHold || looks >= kMostLooks;
+        if (stopping.left().empty() || (isSure && Stopping::Clock::now() >= deadline)) return;
+        std::this_thread::sleep_for(Stopping::kLookAgain);
     }
 }
 

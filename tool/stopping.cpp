@@ -54,6 +54,12 @@ void Stopping::Mark(const RunningTransfer &transfer) const
             name, static_cast<std::uint32_t>(transfer.direction), transfer.pid));
 }
 
+bool Stopping::IsMarked() const
+{
+    return std::none_of(left_.begin(), left_.end(),
+                        [](const RunningTransfer &one) { return one.active; });
+}
+
 void Stopping::Step()
 {
     if (began_ == Clock::time_point{}) began_ = Clock::now();

@@ -26,6 +26,8 @@ public:
     const std::vector<RunningTransfer> &found() const noexcept { return found_; }
     // Those not yet gone when last looked at.
     const std::vector<RunningTransfer> &left() const noexcept { return left_; }
+    // Whether all of those bore the mark then.
+    bool IsMarked() const;
 
     // Marks those that go on and looks who is left. Throws Failure as the constructor.
     void Step();
