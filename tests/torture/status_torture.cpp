@@ -143,7 +143,7 @@ void MeasureLosses(const Losses &losses, const Options &options, Table &table, d
 {
     Row &row = table.Add("updates lost at the next save, " + std::string(losses.szName));
     auto &lost = *Share<std::atomic<std::uint64_t>>();
-    const Budget budget(options, share, losses.fromUs == kSaveEveryUs ? 400 : 2'000, 50'000);
+    const Budget budget(options, share, losses.fromUs == kSaveEveryUs ? 150 : 1'000, 50'000);
     RunAt(losses.place, options, [&] {
         RunWorkers(losses.writers, [&](int worker) {
             Random random(options.seed, static_cast<std::uint64_t>(worker + 1'000));
@@ -266,10 +266,10 @@ void MeasureCopies(Place place, const Options &options, Table &table, double sha
                          ", absent");
     auto &rates = *Share<double[2]>();
     RunAt(place, options, [&] {
-        const Budget ours(options, onDisk ? share / 2 : share, 3'000, 200'000);
+        const Budget ours(options, onDisk ? share / 2 : share, 1'000, 200'000);
         rates[0] = AbsentRate(row, ours, Transfer);
         if (!onDisk) return;
-        const Budget plain(options, share / 2, 3'000, 200'000);
+        const Budget plain(options, share / 2, 1'000, 200'000);
         rates[1] = AbsentRate(row, plain, PlainTransfer);
     });
     char text[100];
@@ -301,7 +301,7 @@ void Revive(Row &row, const Budget &budget, Random &random)
 void TryPurges(const Options &options, Table &table, double share)
 {
     Row &row = table.Add("fresh saves beside purging readers, tmpfs, purged");
-    const Budget budget(options, share, 500, 50'000);
+    const Budget budget(options, share, 300, 50'000);
     RunAt(Place::kMemory, options, [&] {
         std::vector<pid_t> readers;
         for (int i = 0; i < 3; ++i)
@@ -386,7 +386,7 @@ void TryStop(Row &row, const char *szSeconds, Random &random)
 void TryStops(const Options &options, Table &table, double share)
 {
     Row &row = table.Add("stops beside 8 writers every 2 to 5 ms, tmpfs, undone");
-    const Budget budget(options, share, 10, 1'000);
+    const Budget budget(options, share, 4, 1'000);
     RunAt(Place::kMemory, options, [&] {
         std::vector<pid_t> writers;
         for (int i = 0; i < 8; ++i)
