@@ -39,11 +39,23 @@ public:
     // How it ends when it is killed now: by that, or by what came before.
     int End()
     {
+        while (HasPending()) // blocked while the shell starts a program; a kill would overtake it
+            ::usleep(1000);
         child_.Signal(SIGKILL);
         return child_.Wait();
     }
 
 private:
+    bool HasPending() const
+    {
+        std::ifstream in("/proc/" + std::to_string(child_.pid()) + "/status");
+        unsigned long signals = 0;
+        for (std::string word; in >> word;) {
+            if (word == "State:" && in >> word && word == "Z") return false;
+            if (word == "ShdPnd:") in >> std::hex >> signals;
+        }
+        return signals != 0;
+    }
     static int Become(const std::string &word)
     {
         ::signal(SIGHUP, SIG_DFL);
