@@ -1,6 +1,8 @@
 // What else the platform offers: containers, the error slot, running programs, pid files, the user
 // database and directories.
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <functional>
 #include <set>
 #include <string>
@@ -122,6 +124,16 @@ TEST_F(PlatformFiles, TouchMakesAFileOnlyWhereNothingStands)
     EXPECT_EQ(VLIBCFileExist("/tmp/bandwidth/"), 1);
     EXPECT_EQ(VLIBCFileExist("/tmp/bandwidth/no/file"), 0);
     EXPECT_EQ(VLIBCFileExist(""), 0);
+    EXPECT_EQ(VLIBCFileExist(box.Path(std::string(300, 'x'))), 0);
+}
+
+// Else a rule that is there would read as one that does not exist, and a limit be off.
+TEST_F(PlatformFiles, AFileThatCannotBeLookedAtCountsAsThere)
+{
+    for (const int error : {EIO, ENOMEM, EACCES}) {
+        standins::FailNext(standins::Call::Stat, error);
+        EXPECT_EQ(VLIBCFileExist(box.Path("new")), 1) << std::strerror(error);
+    }
 }
 
 TEST_F(PlatformFiles, APidFileHoldsOneProcessIdAboveOneOrNothing)

@@ -29,6 +29,12 @@ pid_t PidOf(std::string_view text) noexcept
     return pid > 1 ? static_cast<pid_t>(pid) : 0;
 }
 
+// Whether looking at a path failed because nothing can stand there.
+bool IsAbsence(int error) noexcept
+{
+    return error == ENOENT || error == ENOTDIR || error == ENAMETOOLONG || error == ELOOP;
+}
+
 } // namespace
 } // namespace zevo
 
@@ -37,9 +43,10 @@ using namespace zevo;
 int VLIBCFileExist(const char *szPath) noexcept
 {
     // The most frequent question of all, hence one call: a parent directory that is a link is
-    // refused by whoever opens the file next.
+    // refused by whoever opens the file next. Where it has no answer the file counts as there:
+    // whoever opens it next finds out, while one that is not there has nothing to say to anybody.
     struct stat found = {};
-    return szPath != nullptr && ::lstat(szPath, &found) == 0 ? 1 : 0;
+    return szPath != nullptr && (::lstat(szPath, &found) == 0 || !IsAbsence(errno)) ? 1 : 0;
 }
 
 int VLIBCFileTouch(const char *szPath) noexcept

@@ -144,7 +144,8 @@ ZEVOCORE_API int VLIBCIFileMatchSection(const char *szLine, int cbLine,
 
 /* ---- files and processes ---- */
 
-/** 1 when something stands at the path (a dangling link included), else 0. */
+/** 1 when something stands at the path (a dangling link included) or when that cannot be told, so
+ *  that the next operation on it says why; else 0. */
 ZEVOCORE_API int VLIBCFileExist(const char *szPath) ZEVOCORE_NOEXCEPT;
 
 /** Creates an empty file, 0666 less the creation mask, unless something stands at the path.
