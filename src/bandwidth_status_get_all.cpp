@@ -138,14 +138,14 @@ int ZEVOBandwidthIStatusGetAll(const char *szStatusFile, int32_t protocol_mask,
     }
     if (::VLIBCFileExist(szStatusFile) != 1) return 0;
 
+    Hash hash;
+    if (!hash) return BW_PASS_UNLOGGED;
     Purge purge(szStatusFile, now);
     VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
     const int sections = pNames == nullptr ? -1 : ::VLIBCFileEnumSection(szStatusFile, &pNames);
     purge.SetNames(List(pNames));
     if (sections < 0) return BW_PASS_UNLOGGED;
     if (sections == 0) return 0;
-    Hash hash;
-    if (!hash) return BW_PASS_UNLOGGED;
 
     Listing listing{szStatusFile,      now,  static_cast<uint32_t>(protocol_mask), transfer_mask,
                     blMerge == kMerge, purge};

@@ -650,6 +650,20 @@ TEST_F(Listing, LeftHalfwayItEndsWithWhateverTheThreadDoesNext)
     VLIBCSzListFree(pList);
 }
 
+TEST_F(Listing, LeftHalfwayItEndsWithItsNames)
+{
+    Write(kThree);
+    const int descriptors = Descriptors();
+    VLIB_SZ_LIST *const pKept = VLIBCSzListAlloc(0);
+    VLIB_SZ_LIST *pNames = VLIBCSzListAlloc(0);
+    EXPECT_EQ(VLIBCFileEnumSection(Path(), &pNames), 3);
+    EXPECT_EQ(Get("b"), "2");
+    VLIBCSzListFree(pKept);
+    EXPECT_EQ(Descriptors(), descriptors + 1);
+    VLIBCSzListFree(pNames);
+    EXPECT_EQ(Descriptors(), descriptors);
+}
+
 TEST_F(Listing, IsTheThreadsOwnAndEndsWithIt)
 {
     Write(kThree);

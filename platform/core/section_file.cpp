@@ -266,7 +266,7 @@ int VLIBCFileEnumSection(const char *szPath, VLIB_SZ_LIST **ppList) noexcept
         ListCut(list, nBefore);
         return ZEVO_FAIL(kFileNoMemory);
     }
-    Listing::Begin(szPath, std::move(snapshot), std::move(index));
+    Listing::Begin(szPath, std::move(snapshot), std::move(index), list);
     return list.nItem - nBefore;
 }
 

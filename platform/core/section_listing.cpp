@@ -11,7 +11,9 @@
 //    them. Our own writers replace or append, so that inode or size differ. For the sake of others
 //    no section is answered twice (a second read of it belongs to a later call) and nothing from
 //    what was read more than a second ago.
-//  - Memory and descriptor are given back with the listing's last section and when the thread ends.
+//  - Memory and descriptor are given back with the listing's last section and when the thread ends,
+//    and when the names are freed although some sections have been read and others have not: whoever
+//    does that has failed half-way. (Names that are freed first may have been copied.)
 //    Whatever else the thread does to section files ends a listing that was left halfway: what is
 //    kept could be the very descriptor that is lacking. Before it writes only the names are kept.
 //  - Daemons close all their descriptors, ours among them, and then get its number for something of
@@ -141,7 +143,9 @@ void Snapshot::Drop() noexcept
     const KeepErrno keep;
     text_ = Bytes();
     struct stat now = {};
-    if (fd_ && (::fstat(fd_.get(), &now) < 0 || !IsSameFile(now, stat_))) (void)fd_.Release();
+    const bool isStat = fd_ && ::fstat(fd_.get(), &now) == 0;
+    const bool isGone = !isStat && errno == EBADF; // any other failure is that of a file of ours
+    if (fd_ && (isGone || (isStat && !IsSameFile(now, stat_)))) (void)fd_.Release();
     fd_ = Fd();
 }
 
@@ -196,19 +200,29 @@ std::optional<std::string_view> SectionIndex::Take(std::string_view section,
 
 // ---- listing ----
 
-void Listing::Begin(const char *szPath, Snapshot &&snapshot, SectionIndex &&index) noexcept
+void Listing::Begin(const char *szPath, Snapshot &&snapshot, SectionIndex &&index,
+                    const VLIB_SZ_LIST &names) noexcept
 {
     if (index.left() == 0) return;
     std::unique_ptr<Listing> pListing(new (std::nothrow) Listing);
     if (!pListing || !pListing->path_.Append({szPath, std::strlen(szPath) + 1})) return;
     pListing->snapshot_ = std::move(snapshot);
     pListing->index_ = std::move(index);
+    pListing->pNames_ = &names;
     slot.Set(pListing.release());
 }
 
 void Listing::End() noexcept
 {
     if (slot.get() != nullptr) slot.Set(nullptr);
+}
+
+void Listing::Abandon(const VLIB_SZ_LIST *pNames) noexcept
+{
+    Listing *const pListing = slot.get();
+    if (pListing == nullptr || pListing->pNames_ != pNames) return;
+    pListing->pNames_ = nullptr;
+    if (pListing->isBegun_) End();
 }
 
 void Listing::Suspend() noexcept
@@ -230,6 +244,7 @@ Listing *Listing::Of(const char *szPath, const char *szSection) noexcept
 unsigned Listing::Take(const char *szSection, std::optional<std::string_view> &lines) noexcept
 {
     const char *const szPath = path_.view().data();
+    isBegun_ = true;
     if (!snapshot_.IsCurrent(szPath)) {
         snapshot_.Drop();
         if (const unsigned code = snapshot_.Read(szPath); code != 0) return code;

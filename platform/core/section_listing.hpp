@@ -63,8 +63,11 @@ public:
     ~Listing() { snapshot_.Drop(); }
 
     // Keeps what an enumeration has read; without memory quietly not.
-    static void Begin(const char *szPath, Snapshot &&snapshot, SectionIndex &&index) noexcept;
+    static void Begin(const char *szPath, Snapshot &&snapshot, SectionIndex &&index,
+                      const VLIB_SZ_LIST &names) noexcept;
     static void End() noexcept;
+    // The list of names is freed: a listing half-way through it ends.
+    static void Abandon(const VLIB_SZ_LIST *pNames) noexcept;
     // Before a thread writes: its sections stay to be read, but anew.
     static void Suspend() noexcept;
     // The thread's listing if it has this section to read; any other ends.
@@ -79,6 +82,8 @@ private:
     Bytes path_; // with its NUL
     Snapshot snapshot_;
     SectionIndex index_;
+    const VLIB_SZ_LIST *pNames_ = nullptr; // while it lives; the caller's
+    bool isBegun_ = false;
 };
 
 // The read of one section, as part of the thread's listing or by itself. The lines are valid as

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <limits>
 
+#include "section_listing.hpp"
 #include "zevocore_frame.hpp"
 
 namespace {
@@ -69,6 +70,7 @@ void VLIBCSzListFree(VLIB_SZ_LIST *pList) noexcept
 {
     if (pList == nullptr) return;
     const zevo::KeepErrno keep;
+    zevo::Listing::Abandon(pList);
     zevo::ListCut(*pList, 0);
     std::free(pList->ppszItem);
     std::free(pList);

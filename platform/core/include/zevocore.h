@@ -126,7 +126,8 @@ ZEVOCORE_API int VLIBCFileRemoveSection(const char *szPath,
 
 /** Appends the names of a file's sections to *ppList in file order, each once. Reading these sections
  *  next, in any order, opens the file again only after it has changed; until the last of them has
- *  been read, or the thread does something else to section files, one descriptor stays open.
+ *  been read, the list is freed half-way, or the thread does something else to section files, one
+ *  descriptor stays open.
  *  Returns their number, or -1 on failure. */
 ZEVOCORE_API int VLIBCFileEnumSection(const char *szPath, VLIB_SZ_LIST **ppList) ZEVOCORE_NOEXCEPT;
 
