@@ -1,4 +1,5 @@
 // The groups of a user, as the system's user database tells them.
+#include <cerrno>
 #include <charconv>
 #include <new>
 #include <vector>
@@ -9,17 +10,51 @@
 namespace zevo {
 namespace {
 
+constexpr int kMostTries = 4;
+
+// What the database answered, and the errno that it left.
+struct Answer {
+    std::vector<gid_t> gids;
+    int error = 0;
+};
+
+Answer Ask(const char *szUserName, gid_t primary)
+{
+    Answer answer = {std::vector<gid_t>(32)};
+    for (;;) {
+        int nGids = static_cast<int>(answer.gids.size());
+        errno = 0;
+        const bool fits = ::getgrouplist(szUserName, primary, answer.gids.data(), &nGids) >= 0;
+        answer.error = errno;
+        // No wish for more room: what it lacked was memory of its own.
+        if (!fits && static_cast<size_t>(nGids) <= answer.gids.size()) throw std::bad_alloc();
+        answer.gids.resize(static_cast<size_t>(nGids));
+        if (fits) return answer;
+    }
+}
+
+// A service that is missing leaves one of these; so do the steps of a look-up that went well.
+bool IsUsual(int error) noexcept
+{
+    return error == 0 || error == ENOENT || error == ENOTDIR || error == ECONNREFUSED ||
+           error == ERANGE;
+}
+
+bool IsShortage(int error) noexcept
+{
+    return error == EINTR || error == EIO || error == EMFILE || error == ENFILE || error == ENOMEM;
+}
+
+// The database says nothing of a file that it could not read: the answer is a shorter list, and errno
+// the only trace. Who believes it leaves out limits and sections of groups. So what looks odd is asked
+// again; a shortage that lasts is a failure, any other oddness that lasts is the database's way.
 std::vector<gid_t> GroupsOf(const char *szUserName, gid_t primary)
 {
-    std::vector<gid_t> gids(32);
-    for (;;) {
-        int nGids = static_cast<int>(gids.size());
-        const bool fits = ::getgrouplist(szUserName, primary, gids.data(), &nGids) >= 0;
-        // No wish for more room: what it lacked was memory of its own.
-        if (!fits && static_cast<size_t>(nGids) <= gids.size()) throw std::bad_alloc();
-        gids.resize(static_cast<size_t>(nGids));
-        if (fits) return gids;
-    }
+    Answer answer = Ask(szUserName, primary);
+    for (int tries = 1; !IsUsual(answer.error) && tries < kMostTries; ++tries)
+        answer = Ask(szUserName, primary);
+    if (IsShortage(answer.error)) throw std::bad_alloc();
+    return answer.gids;
 }
 
 bool AppendId(VLIB_SZ_LIST &list, gid_t gid) noexcept

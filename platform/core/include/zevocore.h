@@ -167,8 +167,8 @@ ZEVOCORE_API int VLIBCExec(const char *szProgram, const char *szArg1, const char
 ZEVOCORE_API pid_t VLIBCReadPidFile(const char *szPath) ZEVOCORE_NOEXCEPT;
 
 /** The decimal ids of the groups a user belongs to, the primary one included, from the system's
- *  user database; the caller frees the list. flags is 0. NULL on failure (0x0D00, 0x0200, or
- *  0x2000 for an unknown user). */
+ *  user database; the caller frees the list. flags is 0. NULL on failure (0x0D00; 0x0200 when
+ *  memory, descriptors or the disk fail the database; 0x2000 for an unknown user). */
 ZEVOCORE_API VLIB_SZ_LIST *VLIBGroupInfoListGet(const char *szUserName,
                                                 int flags) ZEVOCORE_NOEXCEPT;
 
