@@ -41,7 +41,9 @@ public:
         FILE *const pStream = ::open_memstream(&pText, &cbText);
         if (pStream == nullptr) return zevo::kComposeFailed;
         const bool written = ::VLIBCFileHash2File(pStream, szSection, pHash, 0) >= 0;
-        const bool kept = std::fclose(pStream) == 0 && text_.Append({pText, cbText});
+        // Without memory for the last of it the stream closes well, and leaves no text.
+        const bool kept =
+            std::fclose(pStream) == 0 && pText != nullptr && text_.Append({pText, cbText});
         std::free(pText);
         if (!written) return zevo::kComposeRefused;
         return kept ? 0 : zevo::kComposeFailed;
