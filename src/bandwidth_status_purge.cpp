@@ -32,16 +32,21 @@ bool Purge::IsAsListed() const noexcept
            now.st_mtim.tv_nsec == file_.stat().st_mtim.tv_nsec;
 }
 
-// A section that cannot be read is not stale for sure and stays. false without memory.
+// A section that cannot be read is not stale for sure and stays. false when there is nothing to decide
+// on, the notes as they were: they tell what has not gone.
 bool Purge::DecideAgain() noexcept
 {
-    nNoted_ = 0;
-    noted_.reset();
+    const Hash hash;
+    if (!hash) return false;
     VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
     const int sections = pNames == nullptr ? -1 : ::VLIBCFileEnumSection(szFile_, &pNames);
-    names_.reset(pNames);
-    const Hash hash;
-    if (sections < 0 || !hash) return false;
+    List names(pNames);
+    if (sections < 0) return false;
+    auto noted = AllocateArray<int32_t>(static_cast<size_t>(sections));
+    if (!noted) return false;
+    names_ = std::move(names);
+    noted_ = std::move(noted);
+    nNoted_ = 0;
     for (int32_t i = 0; i < count(); ++i) {
         VLIB_SZ_HASH *pHash = hash.get();
         (void)::VLIBCHashRemoveAll(pHash);
@@ -49,7 +54,7 @@ bool Purge::DecideAgain() noexcept
         if (::VLIBCFileGetSection(szFile_, name(i), &pHash) <= 0 ||
             ::ZEVOBandwidthInitStatusFromHash(&status, pHash) < 0 || !IsStale(status, now_))
             continue;
-        if (!Note(i)) return false;
+        noted_[nNoted_++] = i;
     }
     return true;
 }
