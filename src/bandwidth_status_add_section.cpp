@@ -49,7 +49,8 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
                                                    : BW_FAIL(ZEVO_BW_ERROR_NO_MEMORY);
         if (!zevo::AppendOnce(file.get(), section.view())) return BW_FAIL(ZEVO_BW_ERROR_WRITE);
         written = true;
-        (void)::fsync(file.get()); // the section is there; how soon on the disk is no promise
+        // The section is there; how soon on the disk is no promise.
+        (void)zevo::RetryInterrupted([&] { return ::fsync(file.get()); });
         struct stat now = {};
         if (zevo::NamesSameFile(place, file.stat(), now)) break;
     }

@@ -148,7 +148,8 @@ unsigned Replace(const Place &place, const struct stat &old, std::string_view te
     if (!temp.SetMode(old.st_mode & kPermissionBits) || !temp.Sync()) return kFileWrite;
     if (!temp.RenameOver()) return kFileRename;
     // The new file stands, so there is no failure to tell any more.
-    if (const Fd dir = OpenAt(place.dir(), ".", O_RDONLY | O_DIRECTORY)) (void)::fsync(dir.get());
+    if (const Fd dir = OpenAt(place.dir(), ".", O_RDONLY | O_DIRECTORY))
+        (void)RetryInterrupted([&] { return ::fsync(dir.get()); });
     return 0;
 }
 
