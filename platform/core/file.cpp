@@ -68,7 +68,12 @@ pid_t VLIBCReadPidFile(const char *szPath) noexcept
     const RegularFile file(place, O_RDONLY);
     if (!file) return 0;
     char text[kPidFileBytes];
-    const ssize_t cb = RetryInterrupted([&] { return ::pread(file.get(), text, sizeof(text), 0); });
-    if (cb < 0 || cb == sizeof(text)) return 0;
-    return PidOf({text, static_cast<size_t>(cb)});
+    size_t size = 0;
+    for (ssize_t cb = 1; cb != 0; size += static_cast<size_t>(cb)) { // half an id is another one
+        cb = RetryInterrupted([&] {
+            return ::pread(file.get(), text + size, sizeof(text) - size, static_cast<off_t>(size));
+        });
+        if (cb < 0) return 0;
+    }
+    return size == sizeof(text) ? 0 : PidOf({text, size});
 }
