@@ -1,0 +1,621 @@
+#include "operations.hpp"
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "row.hpp"
+
+namespace fs = std::filesystem;
+
+namespace torture {
+
+namespace {
+
+constexpr char kStatusDirectory[] = "/tmp/bandwidth";
+constexpr char kRuleDirectory[] = "/usr/zevo/etc/bandwidth";
+constexpr char kAlicesFile[] = "/tmp/bandwidth/user-2001";
+constexpr char kStaffFile[] = "/tmp/bandwidth/group-3001";
+constexpr char kFtpFile[] = "/usr/zevo/etc/bandwidth/bandwidth.ftp.conf";
+constexpr char kLeftover[] = "/tmp/bandwidth/user-2001.AbCdEf";
+constexpr char kPidFile[] = "/run/httpd/httpd-webdav.pid";
+constexpr char kOtherPidFile[] = "/run/other.pid";
+constexpr std::uint32_t kBob = 2002;
+constexpr std::uint32_t kCarol = 2003;
+constexpr std::uint32_t kGuests = 3002;
+constexpr int kFtp = ZEVO_BW_PROTOCOL_FTP;
+constexpr int kUp = ZEVO_BW_TRANSFER_UPLOAD;
+constexpr int kDown = ZEVO_BW_TRANSFER_DOWNLOAD;
+constexpr int kHashSize = 64;
+constexpr std::uint64_t kBlockBytes = 65'536;
+constexpr std::int64_t kUsPerSecond = 1'000'000;
+
+// ---- the scene ----
+
+struct SceneTransfer {
+    const char *szFile;
+    const char *szOwner;
+    std::uint32_t id;
+    std::uint32_t uid;
+    int pid; // 0: the caller's
+    int direction;
+    bool isStale;
+    const char *szNote;
+};
+
+constexpr SceneTransfer kTransfers[] = {
+    {kAlicesFile, "user", kAlice, kAlice, 100, kUp, false, "# a note on the first one\n"},
+    {kAlicesFile, "user", kAlice, kAlice, 0, kUp, false, "; a note on ours\n"},
+    {kAlicesFile, "user", kAlice, kAlice, 101, kDown, false, "\n"},
+    {kStaffFile, "group", kStaff, kBob, 102, kUp, false, "# bob's\n"},
+    {kStaffFile, "group", kStaff, kAlice, 0, kUp, false, ""},
+    {"/tmp/bandwidth/group-3002", "group", kGuests, kCarol, 103, kUp, false, "\n\n"},
+};
+
+std::string SectionText(const SceneTransfer &transfer, std::int64_t now, int ownPid)
+{
+    const std::string pid = std::to_string(transfer.pid == 0 ? ownPid : transfer.pid);
+    const std::string stamp = std::to_string(transfer.isStale ? now - 1000 : now);
+    return "[" + pid + "-" + std::to_string(transfer.direction) + "]\npid=" + pid +
+           "\nid=" + std::to_string(transfer.id) + "\nuid=" + std::to_string(transfer.uid) +
+           "\nactive=1\ntimestamp=" + stamp + "\ncurrent speed=7000\nexpect speed=8000\n" +
+           "filename=/of/" + pid + "\nowner type=" + transfer.szOwner + "\nprotocol type=ftp\n" +
+           "transfer type=" + (transfer.direction == kUp ? "upload" : "download") +
+           "\nprogress=50\n" + transfer.szNote;
+}
+
+constexpr char kRules[] =
+    "# of all owners\n"
+    "[user-2001]\nid=2001\nstate=enabled\nprotocol type=ftp\nowner type=user\n"
+    "upload rate=64000\ndownload rate=64000\n# alice's\n\n"
+    "[group-3001]\nid=3001\nstate=enabled\nprotocol type=ftp\n"
+    "owner type=group\nupload rate=70000\ndownload rate=70000\n\n"
+    "[group-3002]\nid=3002\nstate=enabled\nprotocol type=ftp\n"
+    "owner type=group\nupload rate=80000\ndownload rate=80000\n";
+constexpr char kPolicies[] = "[webdav]\nstate=enabled\nprotocol type=webdav\n\n"
+                             "[ftp]\nstate=enabled\nprotocol type=ftp\nuser-group policy=min\n"
+                             "inter-group policy=max\noccupy policy=all\n";
+
+void Append(const char *szFile, const std::string &text)
+{
+    WriteFile(szFile, ReadFile(szFile) + text);
+}
+
+// ---- stages ----
+
+std::int64_t g_now = 0; // of the last scene
+int g_pid = 0;
+
+void StageStale()
+{
+    constexpr SceneTransfer kStale[] = {
+        {kAlicesFile, "user", kAlice, kAlice, 110, kUp, true, "# of one that died\n"},
+        {kAlicesFile, "user", kAlice, kAlice, 111, kDown, true, ""},
+        {kAlicesFile, "user", kAlice, kAlice, 112, kDown, false, ""},
+    };
+    for (const SceneTransfer &transfer : kStale)
+        Append(kAlicesFile, SectionText(transfer, g_now, g_pid));
+}
+
+void StageLeftover()
+{
+    WriteFile(kLeftover, "[4711-1]\nhalf a fi");
+    const struct timespec times[2] = {{1000, 0}, {1000, 0}};
+    if (::utimensat(AT_FDCWD, kLeftover, times, 0) < 0) Die("cannot date %s", kLeftover);
+}
+
+void StageNoFiles()
+{
+    fs::remove_all(kStatusDirectory);
+    fs::remove_all(kRuleDirectory);
+}
+
+void StageStopped()
+{
+    std::string text = ReadFile(kAlicesFile);
+    const std::string own = "[" + std::to_string(g_pid) + "-1]";
+    const std::size_t at = text.find("active=1", text.find(own));
+    if (at == std::string::npos) Die("no such section in the scene");
+    text[at + std::strlen("active=")] = '0';
+    WriteFile(kAlicesFile, text);
+}
+
+void StagePolicyOff()
+{
+    WriteFile("/usr/zevo/etc/bandwidth/bandwidth.global.conf",
+              "[ftp]\nstate=disabled\nprotocol type=ftp\n");
+}
+
+void StageTornTail()
+{
+    std::string text = ReadFile(kStaffFile);
+    text.resize(text.find("[" + std::to_string(g_pid)));
+    WriteFile(kStaffFile, text + "[999-1]\npid=99");
+}
+
+} // namespace
+
+void StageScene(std::int64_t now, int pid)
+{
+    g_now = now;
+    g_pid = pid;
+    const std::string addons = std::string(kRuleDirectory) + "/addon";
+    fs::remove_all(kStatusDirectory);
+    fs::remove_all(kRuleDirectory);
+    fs::create_directories(kStatusDirectory);
+    fs::permissions(kStatusDirectory, fs::perms{0777});
+    fs::create_directories(addons);
+    fs::create_directories("/run/httpd");
+    std::map<std::string, std::string> texts;
+    for (const SceneTransfer &transfer : kTransfers)
+        texts[transfer.szFile] += SectionText(transfer, now, pid);
+    texts[kFtpFile] = kRules;
+    texts["/usr/zevo/etc/bandwidth/bandwidth.global.conf"] = kPolicies;
+    texts[addons + "/" + kAddonName + "_" + std::to_string(kAddon) + ".json"] = "{}";
+    texts[kPidFile] = "4000000\n"; // above every process id
+    texts[kOtherPidFile] = "12345\n";
+    for (const auto &[path, text] : texts)
+        WriteFile(path, text);
+}
+
+Texts SceneFiles()
+{
+    Texts files;
+    for (const char *const szDirectory : {kStatusDirectory, kRuleDirectory}) {
+        std::error_code ignored;
+        if (!fs::exists(szDirectory)) continue;
+        files[szDirectory] = "(directory)";
+        for (const auto &entry : fs::recursive_directory_iterator(szDirectory, ignored))
+            files[entry.path()] =
+                entry.is_directory() ? "(directory)" : ReadFile(entry.path().string());
+    }
+    return files;
+}
+
+// ---- the memory ----
+
+namespace {
+
+ZEVO_BANDWIDTH_LIMIT Limit(int ownerType, std::uint32_t id, std::uint64_t rateKBps)
+{
+    ZEVO_BANDWIDTH_LIMIT limit = {};
+    limit.conf.id = id;
+    limit.conf.ownerType = ownerType;
+    limit.conf.protocolType = kFtp;
+    limit.conf.state = limit.conf.currentState = ZEVO_BW_STATE_ENABLED;
+    limit.conf.uploadRate = limit.conf.currentUploadRate = rateKBps;
+    limit.conf.downloadRate = limit.conf.currentDownloadRate = rateKBps;
+    limit.occupyWeight = ownerType == ZEVO_BW_OWNER_GROUP ? 10'000 : 0;
+    limit.maxSpeedBps = 5'000;
+    return limit;
+}
+
+ZEVO_BANDWIDTH_CONFIG Config()
+{
+    ZEVO_BANDWIDTH_CONFIG config = {};
+    config.uid = kAlice;
+    config.iLimit = 3;
+    config.blUserConfExist = config.blGroupConfExist = 1;
+    config.globalConf.state = config.globalConf.currentState = ZEVO_BW_STATE_ENABLED;
+    config.globalConf.protocolType = kFtp;
+    config.globalConf.userGroupPolicy = ZEVO_BW_USER_GROUP_POLICY_MIN;
+    config.globalConf.interGroupPolicy = ZEVO_BW_INTER_GROUP_POLICY_MAX;
+    config.globalConf.occupyPolicy = ZEVO_BW_OCCUPY_POLICY_ALL;
+    config.pLimit = static_cast<ZEVO_BANDWIDTH_LIMIT *>(
+        std::calloc(static_cast<std::size_t>(config.iLimit), sizeof(ZEVO_BANDWIDTH_LIMIT)));
+    if (config.pLimit == nullptr) Die("no memory");
+    config.pLimit[0] = Limit(ZEVO_BW_OWNER_USER, kAlice, 64'000);
+    config.pLimit[1] = Limit(ZEVO_BW_OWNER_GROUP, kStaff, 70'000);
+    config.pLimit[2] = Limit(ZEVO_BW_OWNER_GROUP, kGuests, 80'000);
+    return config;
+}
+
+std::string TextOf(const ZEVO_BANDWIDTH_CONFIG &config)
+{
+    std::string text = std::to_string(config.uid) + "/" + std::to_string(config.globalConf.state);
+    for (std::int32_t i = 0; i < config.iLimit; ++i)
+        text += " " + std::to_string(config.pLimit[i].conf.id) + ":" +
+                std::to_string(config.pLimit[i].conf.currentUploadRate) + ":" +
+                std::to_string(config.pLimit[i].occupyWeight) + ":" +
+                std::to_string(config.pLimit[i].maxSpeedBps);
+    return text + "\n";
+}
+
+std::string TextOf(const ZEVO_BANDWIDTH_STATUS &status)
+{
+    std::string text = status.filename;
+    for (const std::uint64_t number :
+         {std::uint64_t{static_cast<std::uint32_t>(status.pid)}, std::uint64_t{status.id},
+          std::uint64_t{status.uid}, std::uint64_t{status.active},
+          static_cast<std::uint64_t>(status.timestamp), status.current_speed, status.expect_speed,
+          std::uint64_t{status.owner_type}, std::uint64_t{status.protocol_type},
+          std::uint64_t{status.transfer_type}, std::uint64_t{status.progress}})
+        text += " " + std::to_string(number);
+    return text + "\n";
+}
+
+std::string TextOf(const VLIB_SZ_HASH *pHash)
+{
+    char *pText = nullptr;
+    std::size_t cbText = 0;
+    std::FILE *const pStream = ::open_memstream(&pText, &cbText);
+    if (pStream == nullptr || VLIBCFileHash2File(pStream, "s", pHash, 0) < 0) Die("no hash's text");
+    std::fclose(pStream);
+    const std::string text(pText, cbText);
+    std::free(pText);
+    return text;
+}
+
+} // namespace
+
+Scratch::Scratch(int pidOfSections, std::int64_t now)
+    : pid(pidOfSections), config(Config()), otherConfig(Config()),
+      pHash(VLIBCSzHashAlloc(kHashSize)), pOtherHash(VLIBCSzHashAlloc(kHashSize)),
+      pNames(VLIBCSzListAlloc(4)), pStream(std::fopen("/tmp/stream", "w"))
+{
+    rule = config.pLimit[0].conf;
+    rule.uploadRate = 4321;
+    policy = config.globalConf;
+    policy.userGroupPolicy = ZEVO_BW_USER_GROUP_POLICY_SUM;
+    status.pid = pid;
+    status.id = status.uid = kAlice;
+    status.active = 1;
+    status.timestamp = now;
+    status.current_speed = 1001;
+    status.expect_speed = 2002;
+    status.owner_type = ZEVO_BW_OWNER_USER;
+    status.protocol_type = kFtp;
+    status.transfer_type = kUp;
+    status.progress = 77;
+    std::strcpy(status.filename, "/a file");
+    timeUs = static_cast<std::uint64_t>((now - 10) * kUsPerSecond);
+    if (pHash == nullptr || pOtherHash == nullptr || pNames == nullptr || pStream == nullptr ||
+        ZEVOBandwidthInitHashFromStatus(&pHash, &status) < 0)
+        Die("cannot make the memory of an operation");
+    std::setvbuf(pStream, streamBuffer, _IOFBF, sizeof(streamBuffer));
+}
+
+Scratch::~Scratch()
+{
+    (void)VLIBCFileEnumSection("/tmp/no such file", &pNames); // ends a listing left halfway
+    ZEVOBandwidthConfigFree(&config);
+    ZEVOBandwidthConfigFree(&otherConfig);
+    ZEVOBandwidthStatusListFree(&pList);
+    std::free(pLimits);
+    VLIBCSzHashFree(pHash);
+    VLIBCSzHashFree(pOtherHash);
+    VLIBCSzListFree(pNames);
+    VLIBCSzListFree(pGids);
+    ZEVOUserFree(pUser);
+    ZEVOGroupFree(pGroup);
+    std::fclose(pStream);
+}
+
+std::string Scratch::Given() const
+{
+    std::string given = TextOf(config) + TextOf(otherConfig) + TextOf(status) +
+                        TextOf(otherStatus) + TextOf(pHash) + TextOf(pOtherHash) + text + "\n";
+    for (const ZEVO_BANDWIDTH_STATUS *p = pList; p != nullptr; p = p->next)
+        given += TextOf(*p);
+    for (const std::uint64_t speed : speeds)
+        given += std::to_string(speed) + " ";
+    given += std::to_string(timeUs) + " " + std::to_string(pLimits != nullptr) + " " +
+             std::to_string(flags[0]) + std::to_string(flags[1]) + " " +
+             std::to_string(rule.uploadRate) + " " + std::to_string(rule.state) + " " +
+             std::to_string(policy.userGroupPolicy) + " " + std::to_string(policy.state) + "\n";
+    for (std::int32_t i = 0; i < groupCount; ++i)
+        given += std::to_string(groups[i]) + " ";
+    for (const VLIB_SZ_LIST *const pTexts : {pNames, pGids})
+        for (std::int32_t i = 0; pTexts != nullptr && i < pTexts->nItem; ++i)
+            given += std::string(VLIBCSzListGet(pTexts, i)) + " ";
+    if (pUser != nullptr) given += pUser->szName;
+    if (pGroup != nullptr) given += pGroup->szName;
+    return given + "\n" + streamBuffer;
+}
+
+// ---- the operations ----
+
+const std::vector<Operation> kOperations = {
+    // names, add-ons and paths
+    {"EnumToName",
+     [](Scratch &s) {
+         return ZEVOBandwidthEnumToName(ZEVO_BW_PROTOCOL_TYPE_LIST, kAddon, s.text, sizeof(s.text));
+     },
+     kRemembers},
+    {"EnumToValue",
+     [](Scratch &) { return ZEVOBandwidthEnumToValue(ZEVO_BW_PROTOCOL_TYPE_LIST, kAddonName); },
+     kRemembers},
+    {"EnumToNameAddon",
+     [](Scratch &s) { return ZEVOBandwidthEnumToNameAddon(kAddon, s.text, sizeof(s.text)); },
+     kRemembers},
+    {"EnumToValueAddon", [](Scratch &) { return ZEVOBandwidthEnumToValueAddon(kAddonName); },
+     kRemembers},
+    {"GetAddonConfigPath",
+     [](Scratch &s) { return ZEVOBandwidthGetAddonConfigPath(kAddon, s.text, sizeof(s.text)); },
+     kRemembers},
+    {"ConfPath", [](Scratch &s) { return ZEVOBandwidthConfPath(kAddon, s.text, sizeof(s.text)); },
+     kRemembers},
+    // records and hashes
+    {"InitHashFromConf",
+     [](Scratch &s) { return ZEVOBandwidthInitHashFromConf(&s.pOtherHash, &s.rule); }, kSilent},
+    {"InitConfFromHash",
+     [](Scratch &s) { return ZEVOBandwidthInitConfFromHash(&s.rule, s.pHash); }},
+    {"InitHashFromGlobalConf",
+     [](Scratch &s) { return ZEVOBandwidthInitHashFromGlobalConf(&s.pOtherHash, &s.policy); },
+     kSilent},
+    {"InitGlobalConfFromHash",
+     [](Scratch &s) { return ZEVOBandwidthInitGlobalConfFromHash(&s.policy, s.pHash); }},
+    {"InitHashFromStatus",
+     [](Scratch &s) { return ZEVOBandwidthInitHashFromStatus(&s.pOtherHash, &s.status); }, kSilent},
+    {"InitStatusFromHash",
+     [](Scratch &s) { return ZEVOBandwidthInitStatusFromHash(&s.otherStatus, s.pHash); }},
+    // rules and policies
+    {"ConfGetByID",
+     [](Scratch &s) {
+         return ZEVOBandwidthConfGetByID(ZEVO_BW_OWNER_USER, kAlice, kFtp, &s.rule);
+     }},
+    {"ConfSetByID", [](Scratch &s) { return ZEVOBandwidthConfSetByID(&s.rule); }},
+    {"ConfSetByID, a new section",
+     [](Scratch &s) {
+         s.rule.id = kBob;
+         return ZEVOBandwidthConfSetByID(&s.rule);
+     }},
+    {"ConfSetByID, a new file", [](Scratch &s) { return ZEVOBandwidthConfSetByID(&s.rule); }, 0,
+     StageNoFiles},
+    {"GlobalConfGet", [](Scratch &s) { return ZEVOBandwidthGlobalConfGet(kFtp, &s.policy); },
+     kSilent},
+    {"GlobalConfSet", [](Scratch &s) { return ZEVOBandwidthGlobalConfSet(&s.policy); }},
+    {"GlobalConfSet, a new file", [](Scratch &s) { return ZEVOBandwidthGlobalConfSet(&s.policy); },
+     0, StageNoFiles},
+    {"ConfDumpHeader", [](Scratch &s) { return ZEVOBandwidthConfDumpHeader(s.pStream); }},
+    {"ConfDump", [](Scratch &s) { return ZEVOBandwidthConfDump(s.pStream, &s.rule); }},
+    {"ConfDump of a group",
+     [](Scratch &s) { return ZEVOBandwidthConfDump(s.pStream, &s.config.pLimit[1].conf); }},
+    {"GlobalConfDumpHeader",
+     [](Scratch &s) { return ZEVOBandwidthGlobalConfDumpHeader(s.pStream); }},
+    {"GlobalConfDump",
+     [](Scratch &s) { return ZEVOBandwidthGlobalConfDump(s.pStream, &s.policy); }},
+    // effective configuration
+    {"ConfigGet",
+     [](Scratch &s) {
+         ZEVOBandwidthConfigFree(&s.config);
+         return ZEVOBandwidthConfigGet(kAlice, kFtp, &s.config);
+     }},
+    {"LimitInit",
+     [](Scratch &s) {
+         return ZEVOBandwidthLimitInit(kAlice, &s.config.globalConf, &s.pLimits, &s.flags[0],
+                                       &s.flags[1]);
+     }},
+    {"InitConfig",
+     [](Scratch &s) {
+         s.config.pLimit[0].conf.state = ZEVO_BW_STATE_SCHEDULE;
+         return ZEVOBandwidthInitConfig(&s.config, 0);
+     },
+     kBlind},
+    {"IsUserGroupLimitEnable",
+     [](Scratch &s) { return ZEVOBandwidthIsUserGroupLimitEnable(&s.config); }},
+    {"ConfCheckEnabled", [](Scratch &s) { return ZEVOBandwidthConfCheckEnabled(&s.config); }},
+    {"OccGroupsGet",
+     [](Scratch &s) { return ZEVOBandwidthOccGroupsGet(s.groups, &s.groupCount, &s.config); }},
+    {"ExpectSpeedEstimate",
+     [](Scratch &s) {
+         return ZEVOBandwidthExpectSpeedEstimate(kAlice, &s.rule, kUp, s.speeds, s.pid);
+     },
+     kTells},
+    {"ExpectSpeedEstimateByPolicy",
+     [](Scratch &s) {
+         return ZEVOBandwidthExpectSpeedEstimateByPolicy(kUp, &s.config, s.speeds, 1);
+     },
+     kTells},
+    // status files
+    {"StatusSave", [](Scratch &s) { return ZEVOBandwidthStatusSave(kAlice, &s.config, &s.status); },
+     kTorn},
+    {"StatusSave, new files",
+     [](Scratch &s) { return ZEVOBandwidthStatusSave(kAlice, &s.config, &s.status); }, kTorn,
+     StageNoFiles},
+    {"StatusSetSection",
+     [](Scratch &s) { return ZEVOBandwidthStatusSetSection(kAlicesFile, "100-1", s.pHash); },
+     kSilent},
+    {"StatusSetSection, absent",
+     [](Scratch &s) { return ZEVOBandwidthStatusSetSection(kAlicesFile, "1-1", s.pHash); },
+     kSilent},
+    {"StatusRemoveSection",
+     [](Scratch &) { return ZEVOBandwidthStatusRemoveSection(kAlicesFile, "100-1"); }, kSilent},
+    {"StatusAddSection",
+     [](Scratch &s) { return ZEVOBandwidthStatusAddSection(kAlicesFile, "1-1", s.pHash); },
+     kMute | kTorn},
+    {"StatusAddSection, a torn tail",
+     [](Scratch &s) { return ZEVOBandwidthStatusAddSection(kStaffFile, "1-1", s.pHash); },
+     kMute | kTorn, StageTornTail},
+    {"StatusAddSection, a new file",
+     [](Scratch &s) {
+         return ZEVOBandwidthStatusAddSection("/tmp/bandwidth/user-2004", "1-1", s.pHash);
+     },
+     kMute | kTorn},
+    {"IStatusGetAll",
+     [](Scratch &s) {
+         return ZEVOBandwidthIStatusGetAll(kAlicesFile, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL,
+                                           &s.pList, 0);
+     },
+     kSilent | kTells},
+    {"IStatusGetAll, merged",
+     [](Scratch &s) {
+         return ZEVOBandwidthIStatusGetAll(kAlicesFile, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL,
+                                           &s.pList, 1);
+     },
+     kSilent | kTells},
+    {"IStatusGetAll, stale ones",
+     [](Scratch &s) {
+         return ZEVOBandwidthIStatusGetAll(kAlicesFile, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL,
+                                           &s.pList, 0);
+     },
+     kSilent | kTells, StageStale},
+    {"IStatusGetAll, a leftover",
+     [](Scratch &s) {
+         return ZEVOBandwidthIStatusGetAll(kLeftover, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL,
+                                           &s.pList, 0);
+     },
+     kBlind, StageLeftover},
+    {"StatusGetAll",
+     [](Scratch &s) {
+         return ZEVOBandwidthStatusGetAll(ZEVO_BW_OWNER_GROUP, kStaff, ZEVO_BW_PROTOCOL_ALL,
+                                          ZEVO_BW_TRANSFER_ALL, &s.pList);
+     },
+     kSilent | kTells},
+    {"IStatusGet",
+     [](Scratch &s) {
+         return ZEVOBandwidthIStatusGet(ZEVO_BW_OWNER_USER, kAlice, 100, kUp, &s.otherStatus);
+     },
+     kSilent},
+    {"StatusGet",
+     [](Scratch &s) {
+         return ZEVOBandwidthStatusGet(ZEVO_BW_OWNER_USER, kAlice, kUp, &s.otherStatus);
+     },
+     kSilent},
+    {"StatusDump", [](Scratch &s) { return ZEVOBandwidthStatusDump(s.pStream, &s.status); }},
+    {"StatusDump of a group's",
+     [](Scratch &s) {
+         s.status.owner_type = ZEVO_BW_OWNER_GROUP;
+         s.status.id = kStaff;
+         return ZEVOBandwidthStatusDump(s.pStream, &s.status);
+     }},
+    {"StatusRemove",
+     [](Scratch &s) { return ZEVOBandwidthStatusRemove(&s.config, ZEVO_BW_TRANSFER_ALL); }},
+    {"StatusRemoveByOccGroups",
+     [](Scratch &) {
+         constexpr std::uint32_t kGroups[] = {kStaff, kGuests};
+         return ZEVOBandwidthStatusRemoveByOccGroups(kGroups, 2, ZEVO_BW_TRANSFER_ALL);
+     }},
+    {"StatusForceRemoveAllByUserName",
+     [](Scratch &s) {
+         return ZEVOBandwidthStatusForceRemoveAllByUserName("alice", ZEVO_BW_TRANSFER_ALL, s.pid);
+     }},
+    {"StatusForceRemoveAllByUID",
+     [](Scratch &) {
+         return ZEVOBandwidthStatusForceRemoveAllByUID(kAlice, ZEVO_BW_TRANSFER_ALL);
+     }},
+    {"StatusSetActiveByUserName",
+     [](Scratch &) { return ZEVOBandwidthStatusSetActiveByUserName("alice", kUp, 100, 0); }, kTorn},
+    // the life of a transfer
+    {"StatusInit",
+     [](Scratch &s) {
+         return ZEVOBandwidthStatusInit(&s.config, kUp, "/some/file", &s.timeUs, &s.status);
+     },
+     kTells | kTorn},
+    {"TransferSizeEstimate",
+     [](Scratch &s) {
+         return ZEVOBandwidthTransferSizeEstimate(&s.config, kUp, kBlockBytes, s.speeds);
+     }},
+    {"SleepInLoop",
+     [](Scratch &s) {
+         s.timeUs += static_cast<std::uint64_t>(10 * kUsPerSecond - 100);
+         return ZEVOBandwidthSleepInLoop(&s.config, kBlockBytes, 88, &s.timeUs, &s.status);
+     },
+     kTells | kTorn},
+    {"SleepInLoop, new files",
+     [](Scratch &s) {
+         return ZEVOBandwidthSleepInLoop(&s.config, kBlockBytes, 88, &s.timeUs, &s.status);
+     },
+     kTells | kTorn, StageNoFiles},
+    {"SleepInLoop, stopped",
+     [](Scratch &s) {
+         return ZEVOBandwidthSleepInLoop(&s.config, kBlockBytes, 88, &s.timeUs, &s.status);
+     },
+     kTells | kTorn | kSilent | kGoesOn, StageStopped},
+    {"SleepInLoop, no longer limited",
+     [](Scratch &s) {
+         s.config.globalConf.state = s.config.globalConf.currentState = ZEVO_BW_STATE_DISABLED;
+         return ZEVOBandwidthSleepInLoop(&s.config, kBlockBytes, 88, &s.timeUs, &s.status);
+     }},
+    {"CurrTimeGet",
+     [](Scratch &s) {
+         s.timeUs = ZEVOBandwidthCurrTimeGet();
+         return 0;
+     }},
+    {"the functions that only calculate",
+     [](Scratch &s) {
+         s.speeds[0] = ZEVOBandwidthSpeedEstimate(200'000, 65'536);
+         s.speeds[1] = ZEVOBandwidthSum(1, 2);
+         return static_cast<int>(ZEVOBandwidthSleepEstimate(200'000, 65'536, 65'536)) +
+                ZEVOBandwidthIsLessThan(1, 2) + ZEVOBandwidthIsLargerThan(1, 2);
+     }},
+    // notices
+    {"HupDocuhall",
+     [](Scratch &) {
+         ZEVOBandwidthHupDocuhall();
+         return 0;
+     },
+     kBlind},
+    {"HupWebDAV", [](Scratch &) { return ZEVOBandwidthHupWebDAV(); }, kBlind},
+    {"HupSimulator", [](Scratch &) { return ZEVOBandwidthHupSimulator(); }, kSilent},
+    {"HupRecv", [](Scratch &s) { return ZEVOBandwidthHupRecv(&s.config, &s.status, &s.timeUs); }},
+    {"HupRecv, no longer limited",
+     [](Scratch &s) { return ZEVOBandwidthHupRecv(&s.config, &s.status, &s.timeUs); },
+     kTells | kSilent, StagePolicyOff},
+    // preview and simulation
+    {"Preview", [](Scratch &s) { return ZEVOBandwidthPreview(kAlice, kFtp, s.speeds); }},
+    {"Simulate", [](Scratch &) { return ZEVOBandwidthSimulate("alice", kFtp, kUp, 64); },
+     kTells | kTorn | kAlone},
+    // the platform's
+    {"VLIBCSzHashSetValue",
+     [](Scratch &s) {
+         return VLIBCSzHashSetValue(&s.pOtherHash, "a key", "a value that is not so short");
+     },
+     kSilent},
+    {"VLIBCSzHashAlloc",
+     [](Scratch &) {
+         VLIB_SZ_HASH *const pHash = VLIBCSzHashAlloc(kHashSize);
+         VLIBCSzHashFree(pHash);
+         return pHash == nullptr ? -1 : 0;
+     },
+     kSilent},
+    {"VLIBCSzListAlloc",
+     [](Scratch &) {
+         VLIB_SZ_LIST *const pList = VLIBCSzListAlloc(kHashSize);
+         VLIBCSzListFree(pList);
+         return pList == nullptr ? -1 : 0;
+     },
+     kSilent},
+    {"VLIBCFileGetSection",
+     [](Scratch &s) { return VLIBCFileGetSection(kFtpFile, "user-2001", &s.pOtherHash); }, kSilent},
+    {"VLIBCFileSetSection",
+     [](Scratch &s) { return VLIBCFileSetSection(kFtpFile, "user-2001", nullptr, s.pHash, 0); },
+     kSilent},
+    {"VLIBCFileAddSection",
+     [](Scratch &s) { return VLIBCFileAddSection(kFtpFile, "user-2002", s.pHash, 0); }, kSilent},
+    {"VLIBCFileRemoveSection",
+     [](Scratch &) { return VLIBCFileRemoveSection(kAlicesFile, "100-1"); }, kSilent},
+    {"VLIBCFileEnumSection",
+     [](Scratch &s) { return VLIBCFileEnumSection(kAlicesFile, &s.pNames); }, kSilent | kRemembers},
+    {"VLIBCFileHash2File",
+     [](Scratch &s) { return VLIBCFileHash2File(s.pStream, "a section", s.pHash, 0); }, kSilent},
+    {"VLIBCFileExist", [](Scratch &) { return VLIBCFileExist(kAlicesFile); }},
+    {"VLIBCFileTouch", [](Scratch &) { return VLIBCFileTouch("/tmp/bandwidth/new"); }, kSilent},
+    {"ZEVOFSMkdirP", [](Scratch &) { return ZEVOFSMkdirP("/tmp/bandwidth/a/b/c", 0, 1, 0, 0, -1); },
+     kSilent},
+    {"VLIBCExec",
+     [](Scratch &) { return VLIBCExec("/bin/true", "an argument", nullptr, nullptr, nullptr); },
+     kSilent},
+    {"VLIBCReadPidFile",
+     [](Scratch &) {
+         const pid_t pid = VLIBCReadPidFile(kOtherPidFile);
+         return pid == 0 ? -1 : static_cast<int>(pid);
+     },
+     kMute},
+    {"VLIBGroupInfoListGet",
+     [](Scratch &s) {
+         s.pGids = VLIBGroupInfoListGet("alice", 0);
+         return s.pGids == nullptr ? -1 : 0;
+     },
+     kSilent},
+    {"ZEVOUserGet", [](Scratch &s) { return ZEVOUserGet("alice", &s.pUser); }, kSilent},
+    {"ZEVOUserGetByUID", [](Scratch &s) { return ZEVOUserGetByUID(kAlice, &s.pUser); }, kSilent},
+    {"ZEVOUserGetUGID",
+     [](Scratch &s) { return ZEVOUserGetUGID("alice", &s.flags[0], &s.flags[1]); }, kSilent},
+    {"ZEVOGroupGetByGID", [](Scratch &s) { return ZEVOGroupGetByGID(kStaff, &s.pGroup); }, kSilent},
+};
+
+} // namespace torture
