@@ -382,6 +382,8 @@ template <bool isLasting> Trials EachAllocation(const Trial &trial, const Refere
     return trials;
 }
 
+constexpr std::uint64_t kSlowness = kCountsAllocations ? 1 : 4; // of forks under a sanitizer
+
 struct Kind {
     const char *szRow;
     Trials (*each)(const Trial &, const Reference &);
@@ -456,7 +458,7 @@ int main(int argc, char **argv)
         }
         Shuffle(trials, random);
         TryAll(table.Add(kind.szRow), trials,
-               Budget(options, kind.share, kind.shortCount, trials.size()), *pReport);
+               Budget(options, kind.share, kind.shortCount / kSlowness, trials.size()), *pReport);
     }
     return table.Print();
 }
