@@ -102,6 +102,7 @@ void AddNotifyCommand(CLI::App &app)
 {
     const auto name = std::make_shared<std::string>();
     std::vector<std::string> names;
+    names.reserve(kServices.size() + 1);
     for (const Service &service : kServices)
         names.emplace_back(service.name);
     names.emplace_back(kAll);

@@ -189,6 +189,7 @@ std::vector<std::string> Table::Lines() const
             widths[i] = std::max(widths[i], Width(row[i]));
     }
     std::vector<std::string> lines;
+    lines.reserve(rows.size());
     for (const Row &row : rows)
         lines.push_back(isTitle(row) ? Paint(Color::kBold, row.front()) : Line(row, widths));
     return lines;
