@@ -534,6 +534,63 @@ TEST_F(Listing, OpensItsFileOnceAndLeavesNothingOpen)
     EXPECT_EQ(Descriptors(), descriptors);
 }
 
+TEST_F(Listing, IsOneMomentUntilItsNamesAreGivenBackAndNoLonger)
+{
+    constexpr char kNew[] = "[a]\nk=5\n[b]\nk=6\n[\"c\\n\"]\nk=7\n";
+    const struct {
+        const char *szWhat;
+        std::function<void(VLIB_SZ_LIST *&)> action;
+        const char *szB;
+    } rows[] = {
+        {"nothing else", [](VLIB_SZ_LIST *&) {}, "2"},
+        {"the names given back",
+         [](VLIB_SZ_LIST *&pList) {
+             VLIBCSzListFree(pList);
+             pList = nullptr;
+         },
+         "6"},
+        {"a question for the file", [&](VLIB_SZ_LIST *&) { VLIBCFileExist(Path()); }, "6"},
+        {"another section first", [&](VLIB_SZ_LIST *&) { EXPECT_EQ(Get("c\n"), "7"); }, "6"},
+        {"a write",
+         [&](VLIB_SZ_LIST *&) {
+             EXPECT_EQ(Set("b", {{"k", "8"}}), 1);
+         },
+         "8"},
+        {"some time", [](VLIB_SZ_LIST *&) { ::usleep(150'000); }, "6"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.szWhat);
+        Write(kThree);
+        VLIB_SZ_LIST *pList = VLIBCSzListAlloc(0);
+        EXPECT_EQ(VLIBCFileEnumSection(Path(), &pList), 3);
+        InAnotherProcess([&] { Replace(kNew); });
+        EXPECT_EQ(Get("a"), "1");
+        row.action(pList);
+        EXPECT_EQ(Get("b"), row.szB);
+        VLIBCSzListFree(pList);
+        EXPECT_EQ(Get("a"), "5") << "a second read is a later call";
+    }
+}
+
+TEST_F(Listing, SectionsOfOtherKeysThanTheLastAreReadAsTheyStand)
+{
+    Write("[a]\nk=1\nlong=x\nz=2\n[b]\nk=\"q\"\nlong = y \nz=3\nk=4\n"
+          "[c]\nlong=1\n\nk\nk=5=6\n; z=1\nz=\n[d]\n\"a=b\"=1\nk=2\n[e]\na=b=1\nk=3");
+    Hash hash;
+    const auto texts = [&](const char *szSection) {
+        EXPECT_EQ(VLIBCHashRemoveAll(hash.get()), 0);
+        EXPECT_EQ(VLIBCFileGetSection(Path(), szSection, hash.address()), 1);
+        return hash["k"] + "|" + hash["long"] + "|" + hash["z"] + "|" + hash["a=b"] + "|" +
+               hash["a"];
+    };
+    const std::string kNone = Hash()["none"];
+    EXPECT_EQ(texts("a"), "1|x|2|" + kNone + "|" + kNone);
+    EXPECT_EQ(texts("b"), "4|y|3|" + kNone + "|" + kNone);
+    EXPECT_EQ(texts("c"), "5=6|1||" + kNone + "|" + kNone);
+    EXPECT_EQ(texts("d"), "2|" + kNone + "|" + kNone + "|1|" + kNone);
+    EXPECT_EQ(texts("e"), "3|" + kNone + "|" + kNone + "|" + kNone + "|b=1");
+}
+
 TEST_F(Listing, SectionsMayBeReadInAnyOrderAndEachIsAnsweredOnce)
 {
     Write(kThree);

@@ -176,31 +176,6 @@ RewriteResult WriteSection(const char *szPath, const char *szSection, const VLIB
     return {code == 0 ? 1 : -1, code};
 }
 
-// Puts the pairs up to the next header into the hash; false without memory.
-bool TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept
-{
-    Reader reader(lines);
-    Bytes keyScratch;
-    Bytes valueScratch;
-    for (Line line; reader.Next(line) && line.kind != LineKind::kHeader;) {
-        if (line.kind != LineKind::kPair) continue;
-        std::string_view key;
-        std::string_view value;
-        if (!Decode(line.name, keyScratch, key) || !Decode(line.value, valueScratch, value) ||
-            !hash.Set(key, value))
-            return false;
-    }
-    return true;
-}
-
-// Appends the names of the sections to the list; false without memory.
-bool AppendNames(const SectionIndex &index, VLIB_SZ_LIST &list) noexcept
-{
-    for (const Pair &pair : index.pairs())
-        if (!ListAppend(list, pair.key)) return false;
-    return true;
-}
-
 std::string_view OneLine(const char *szLine, int cbLine) noexcept
 {
     return szLine == nullptr || cbLine <= 0 ? std::string_view()
@@ -263,10 +238,7 @@ int VLIBCFileEnumSection(const char *szPath, VLIB_SZ_LIST **ppList) noexcept
     VLIB_SZ_LIST &list = **ppList;
     const int32_t nBefore = list.nItem;
     SectionIndex index;
-    if (!index.Build(snapshot.text()) || !AppendNames(index, list)) {
-        ListCut(list, nBefore);
-        return ZEVO_FAIL(kFileNoMemory);
-    }
+    if (!index.Build(snapshot.text()) || !index.AppendNames(list)) return ZEVO_FAIL(kFileNoMemory);
     Listing::Begin(szPath, std::move(snapshot), std::move(index), list);
     return list.nItem - nBefore;
 }
@@ -284,6 +256,8 @@ int VLIBCFileHash2File(FILE *pFile, const char *szSection, const VLIB_SZ_HASH *p
 
 int VLIBCIFileIsSection(const char *szLine, int cbLine) noexcept
 {
+    // Whoever walks over a file asks for each of its lines.
+    if (szLine == nullptr || cbLine <= 0 || *szLine != '[') return 0;
     return ReadLine(OneLine(szLine, cbLine)).kind == LineKind::kHeader ? 1 : 0;
 }
 

@@ -3,10 +3,15 @@
 // results and codes are those of reading the file each time, and no later call may see what has
 // changed meanwhile. Hence the rules:
 //
-//  - Each answer asks first, by one stat of the path that follows no link, whether the file still
-//    is the one that was read: device, inode, size, and both time stamps to the nanosecond. It is
-//    kept open, since the inode number of a file that is gone is soon another's. After a change the
-//    file is read as ever, and that text answers the rest of the listing.
+//  - A listing is one moment, that of its enumeration: as long as the list of names lives, sections
+//    that are read in its order come from what was read then. The moment is over when the list is
+//    given back, with a read out of order, when the thread asks whether a file exists (as every
+//    operation that is not part of the listing does first), when the thread writes a section file,
+//    and in any case after a tenth of a second.
+//  - Any other answer asks first, by one stat of the path that follows no link, whether the file
+//    still is the one that was read: device, inode, size, and both time stamps to the nanosecond. It
+//    is kept open, since the inode number of a file that is gone is soon another's. After a change
+//    the file is read as ever, and that text answers the rest of the listing.
 //  - Time stamps are coarse: a change in place within one tick that keeps the size does not show in
 //    them. Our own writers replace or append, so that inode or size differ. For the sake of others
 //    no section is answered twice (a second read of it belongs to a later call) and nothing from
@@ -22,29 +27,29 @@
 //  - Where there is no memory, or no thread key, nothing is kept and each read is one by itself.
 #include "section_listing.hpp"
 
+#include <bit>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <new>
 #include <utility>
 
 #include <pthread.h>
 #include <sys/stat.h>
 
-#include "section_text.hpp"
+#include "sz_list.hpp"
 
 namespace zevo {
 namespace {
 
 constexpr int64_t kNsPerSecond = 1'000'000'000;
 constexpr int64_t kAnswersForNs = kNsPerSecond;
-
-constexpr size_t kTaken = std::string_view::npos;
-constexpr size_t kAbsent = kTaken - 1; // of the newer text
+constexpr int64_t kMomentNs = kNsPerSecond / 10;
 
 int64_t MonotonicNs() noexcept
 {
     struct timespec now = {};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now); // to some milliseconds, which will do
     return now.tv_sec * kNsPerSecond + now.tv_nsec;
 }
 
@@ -54,30 +59,26 @@ bool IsSameTime(const struct timespec &a, const struct timespec &b) noexcept
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-// Values of the hash are texts of any bytes: these are the bytes of a number.
-std::string_view AsText(const size_t &offset) noexcept
-{
-    return {reinterpret_cast<const char *>(&offset), sizeof(offset)};
-}
-
-size_t AsOffset(const char *szValue) noexcept
-{
-    size_t offset = kTaken;
-    if (szValue != nullptr) std::memcpy(&offset, szValue, sizeof(offset));
-    return offset;
-}
-
 // Where the line after this one begins.
 size_t EndOf(const Line &line, std::string_view text) noexcept
 {
     return static_cast<size_t>(line.whole.data() - text.data()) + line.whole.size();
 }
 
+size_t StartOf(const Line &line, std::string_view text) noexcept
+{
+    return static_cast<size_t>(line.whole.data() - text.data());
+}
+
 std::optional<std::string_view> LinesOf(std::string_view text, std::string_view section) noexcept
 {
     Reader reader(text);
-    for (Line line; reader.NextHeader(line);)
-        if (IsWord(line.name, section)) return text.substr(EndOf(line, text));
+    for (Line line; reader.NextHeader(line);) {
+        if (!IsWord(line.name, section)) continue;
+        const size_t begin = EndOf(line, text);
+        const size_t end = reader.NextHeader(line) ? StartOf(line, text) : text.size();
+        return text.substr(begin, end - begin);
+    }
     return std::nullopt;
 }
 
@@ -133,9 +134,9 @@ bool Snapshot::IsCurrent(const char *szPath) const noexcept
            IsSameTime(now.st_ctim, stat_.st_ctim);
 }
 
-bool Snapshot::IsFresh() const noexcept
+int64_t Snapshot::AgeNs() const noexcept
 {
-    return MonotonicNs() - readAtNs_ <= kAnswersForNs;
+    return MonotonicNs() - readAtNs_;
 }
 
 void Snapshot::Drop() noexcept
@@ -151,64 +152,124 @@ void Snapshot::Drop() noexcept
 
 // ---- index ----
 
-bool SectionIndex::Build(std::string_view text) noexcept
+std::string_view SectionIndex::NameOf(const Entry &entry) const noexcept
 {
-    pHash_.reset(VLIBCSzHashAlloc(0));
-    if (!pHash_) return false;
-    Reader reader(text);
-    Bytes scratch;
-    for (Line line; reader.NextHeader(line);) {
-        std::string_view name;
-        if (!Decode(line.name, scratch, name)) return false;
-        if (pHash_->Get(name) != nullptr) continue;
-        if (!pHash_->Set(name, AsText(EndOf(line, text)))) return false;
-        ++nLeft_;
-    }
-    return true;
+    return names_.view().substr(entry.nameAt, entry.cbName);
 }
 
-// A value that takes the place of another one of its length needs no memory.
+bool SectionIndex::AddName(const Word &word, Entry &entry)
+{
+    Bytes scratch;
+    std::string_view name;
+    if (!Decode(word, scratch, name)) return false;
+    entry.nameAt = names_.size();
+    entry.cbName = name.size();
+    return names_.Append(name) && names_.Append({"", 1});
+}
+
+bool SectionIndex::Build(std::string_view text) noexcept
+try {
+    Reader reader(text);
+    for (Line line; reader.NextHeader(line);) {
+        if (!entries_.empty()) entries_.back().end = StartOf(line, text);
+        Entry entry = {0, 0, EndOf(line, text), text.size(), State::kHere};
+        if (!AddName(line.name, entry)) return false;
+        entries_.push_back(entry);
+    }
+    DropRepeated();
+    nLeft_ = entries_.size();
+    return true;
+} catch (const std::bad_alloc &) {
+    return false;
+}
+
+void SectionIndex::DropRepeated()
+{
+    slots_.assign(std::bit_ceil(entries_.size() * 2 + 2), 0U);
+    size_t nKept = 0;
+    for (size_t i = 0; i < entries_.size(); ++i) {
+        const size_t slot = SlotOf(NameOf(entries_[i]));
+        if (slots_[slot] != 0) continue;
+        entries_[nKept++] = entries_[i];
+        slots_[slot] = static_cast<uint32_t>(nKept);
+    }
+    hasRepeated_ = nKept != entries_.size();
+    entries_.resize(nKept);
+}
+
 bool SectionIndex::Renew(std::string_view text) noexcept
 {
-    for (const Pair &pair : pairs())
-        if (AsOffset(pair.szValue) != kTaken) (void)pHash_->Set(pair.key, AsText(kAbsent));
+    for (Entry &entry : entries_)
+        if (entry.state == State::kHere) entry.state = State::kAbsent;
     Reader reader(text);
     Bytes scratch;
+    Entry *pLast = nullptr;
     for (Line line; reader.NextHeader(line);) {
+        if (pLast != nullptr) pLast->end = StartOf(line, text);
+        pLast = nullptr;
         std::string_view name;
         if (!Decode(line.name, scratch, name)) return false;
-        if (AsOffset(pHash_->Get(name)) == kAbsent)
-            (void)pHash_->Set(name, AsText(EndOf(line, text)));
+        const size_t number = slots_[SlotOf(name)];
+        if (number == 0 || entries_[number - 1].state != State::kAbsent) continue;
+        pLast = &entries_[number - 1];
+        pLast->begin = EndOf(line, text);
+        pLast->end = text.size();
+        pLast->state = State::kHere;
     }
     return true;
 }
 
-bool SectionIndex::Has(std::string_view section) const noexcept
+// The slot that holds the name, or the free one where it belongs.
+size_t SectionIndex::SlotOf(std::string_view name) const noexcept
 {
-    return AsOffset(pHash_->Get(section)) != kTaken;
+    const size_t mask = slots_.size() - 1;
+    for (size_t slot = HashOf(name) & mask;; slot = (slot + 1) & mask)
+        if (slots_[slot] == 0 || NameOf(entries_[slots_[slot] - 1]) == name) return slot;
 }
 
-std::optional<std::string_view> SectionIndex::Take(std::string_view section,
-                                                   std::string_view text) noexcept
+size_t SectionIndex::Find(std::string_view section) const noexcept
 {
-    const size_t offset = AsOffset(pHash_->Get(section));
-    (void)pHash_->Set(section, AsText(kTaken));
+    if (next_ < entries_.size() && entries_[next_].state != State::kTaken &&
+        NameOf(entries_[next_]) == section)
+        return next_;
+    const size_t number = slots_[SlotOf(section)];
+    return number == 0 || entries_[number - 1].state == State::kTaken ? kNone : number - 1;
+}
+
+std::optional<std::string_view> SectionIndex::Take(size_t found, std::string_view text) noexcept
+{
+    Entry &entry = entries_[found];
+    const bool isHere = entry.state == State::kHere;
+    entry.state = State::kTaken;
+    next_ = found + 1;
     --nLeft_;
-    if (offset == kAbsent) return std::nullopt;
-    return text.substr(offset);
+    if (!isHere) return std::nullopt;
+    return text.substr(entry.begin, entry.end - entry.begin);
+}
+
+bool SectionIndex::AppendNames(VLIB_SZ_LIST &list) const noexcept
+{
+    if (!hasRepeated_ && ListAppendAll(list, names_.view(), entries_.size())) return true;
+    const int32_t nBefore = list.nItem;
+    for (const Entry &entry : entries_) {
+        if (ListAppend(list, NameOf(entry))) continue;
+        ListCut(list, nBefore);
+        return false;
+    }
+    return true;
 }
 
 // ---- listing ----
 
 void Listing::Begin(const char *szPath, Snapshot &&snapshot, SectionIndex &&index,
-                    const VLIB_SZ_LIST &names) noexcept
+                    const VLIB_SZ_LIST &list) noexcept
 {
     if (index.left() == 0) return;
     std::unique_ptr<Listing> pListing(new (std::nothrow) Listing);
     if (!pListing || !pListing->path_.Append({szPath, std::strlen(szPath) + 1})) return;
     pListing->snapshot_ = std::move(snapshot);
     pListing->index_ = std::move(index);
-    pListing->pNames_ = &names;
+    pListing->pList_ = &list;
     slot.Set(pListing.release());
 }
 
@@ -217,35 +278,53 @@ void Listing::End() noexcept
     if (slot.get() != nullptr) slot.Set(nullptr);
 }
 
-void Listing::Abandon(const VLIB_SZ_LIST *pNames) noexcept
+void Listing::GiveBack(const VLIB_SZ_LIST *pList) noexcept
 {
     Listing *const pListing = slot.get();
-    if (pListing == nullptr || pListing->pNames_ != pNames) return;
-    pListing->pNames_ = nullptr;
+    if (pListing == nullptr || pListing->pList_ != pList) return;
+    pListing->pList_ = nullptr;
+    pListing->isMoment_ = false;
     if (pListing->isBegun_) End();
+}
+
+void Listing::EndMoment() noexcept
+{
+    if (Listing *const pListing = slot.get()) pListing->isMoment_ = false;
 }
 
 void Listing::Suspend() noexcept
 {
-    if (Listing *const pListing = slot.get()) pListing->snapshot_.Drop();
+    Listing *const pListing = slot.get();
+    if (pListing == nullptr) return;
+    pListing->isMoment_ = false;
+    pListing->snapshot_.Drop();
 }
 
 Listing *Listing::Of(const char *szPath, const char *szSection) noexcept
 {
     Listing *const pListing = slot.get();
     if (pListing == nullptr) return nullptr;
-    if (std::strcmp(pListing->path_.view().data(), szPath) == 0 &&
-        pListing->index_.Has(szSection) && pListing->snapshot_.IsFresh())
-        return pListing;
+    if (std::strcmp(pListing->path_.view().data(), szPath) == 0) {
+        pListing->found_ = pListing->index_.Find(szSection);
+        if (pListing->found_ != SectionIndex::kNone && pListing->IsFresh()) return pListing;
+    }
     End();
     return nullptr;
+}
+
+// Ends the moment where it has passed. false: the listing, too.
+bool Listing::IsFresh() noexcept
+{
+    const int64_t ageNs = snapshot_.AgeNs();
+    if (ageNs > kMomentNs || !index_.IsNext(found_)) isMoment_ = false;
+    return ageNs <= kAnswersForNs;
 }
 
 unsigned Listing::Take(const char *szSection, std::optional<std::string_view> &lines) noexcept
 {
     const char *const szPath = path_.view().data();
     isBegun_ = true;
-    if (!snapshot_.IsCurrent(szPath)) {
+    if (!isMoment_ && !snapshot_.IsCurrent(szPath)) {
         snapshot_.Drop();
         if (const unsigned code = snapshot_.Read(szPath); code != 0) return code;
         if (!index_.Renew(snapshot_.text())) {
@@ -254,7 +333,7 @@ unsigned Listing::Take(const char *szSection, std::optional<std::string_view> &l
             return 0;
         }
     }
-    lines = index_.Take(szSection, snapshot_.text());
+    lines = index_.Take(found_, snapshot_.text());
     return 0;
 }
 

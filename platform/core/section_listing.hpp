@@ -3,12 +3,11 @@
 #ifndef SECTION_LISTING_HPP
 #define SECTION_LISTING_HPP
 
-#include <memory>
 #include <optional>
 #include <string_view>
 #include <vector>
 
-#include "sz_hash.hpp"
+#include "section_text.hpp"
 #include "zevocore_file.hpp"
 
 namespace zevo {
@@ -20,7 +19,7 @@ public:
     unsigned Read(const char *szPath) noexcept;
     // Whether the path still names that file in that state.
     bool IsCurrent(const char *szPath) const noexcept;
-    bool IsFresh() const noexcept;
+    int64_t AgeNs() const noexcept;
     // Gives text and file back, even where the host has taken the descriptor away.
     void Drop() noexcept;
     std::string_view text() const noexcept { return text_.view(); }
@@ -32,29 +31,46 @@ private:
     int64_t readAtNs_ = 0;
 };
 
-// Where in a text the lines of each section begin; of the first one where a name stands twice.
+// Where in a text each section's lines are; of the first one where a name stands twice.
 class SectionIndex {
 public:
+    static constexpr size_t kNone = ~size_t{0};
+
     // false without memory.
     bool Build(std::string_view text) noexcept;
     // Looks the sections that were not taken up again in a newer text. false without memory.
     bool Renew(std::string_view text) noexcept;
-    // Whether the section was there when the index was built, and was not taken since.
-    bool Has(std::string_view section) const noexcept;
-    // Takes such a section: its lines, unless the newer text lacks it.
-    std::optional<std::string_view> Take(std::string_view section, std::string_view text) noexcept;
+    // The section, if it was there when the index was built and was not taken since; else kNone.
+    size_t Find(std::string_view section) const noexcept;
+    // Whether it follows the one that was taken last.
+    bool IsNext(size_t found) const noexcept { return found == next_; }
+    // Takes a section that was found: its lines, unless the newer text lacks it.
+    std::optional<std::string_view> Take(size_t found, std::string_view text) noexcept;
     void Forget() noexcept { nLeft_ = 0; }
     size_t left() const noexcept { return nLeft_; }
-    // All names, in the order of the file.
-    const std::vector<Pair> &pairs() const noexcept { return pHash_->pairs(); }
+    // All names, in the order of the file. false, with the list as it was, without memory.
+    bool AppendNames(VLIB_SZ_LIST &list) const noexcept;
 
 private:
-    struct Free {
-        void operator()(VLIB_SZ_HASH *pHash) const noexcept { VLIBCSzHashFree(pHash); }
+    enum class State : uint8_t { kHere, kAbsent, kTaken }; // absent: of the newer text
+    struct Entry {
+        size_t nameAt;
+        size_t cbName;
+        size_t begin;
+        size_t end;
+        State state;
     };
+    std::string_view NameOf(const Entry &entry) const noexcept;
+    bool AddName(const Word &word, Entry &entry);
+    void DropRepeated();
+    size_t SlotOf(std::string_view name) const noexcept;
 
-    std::unique_ptr<VLIB_SZ_HASH, Free> pHash_;
+    Bytes names_; // each with its NUL
+    std::vector<Entry> entries_;
+    std::vector<uint32_t> slots_; // open addressing; an entry's number + 1, 0 is free
+    size_t next_ = 0;             // the entry behind the one taken last
     size_t nLeft_ = 0;
+    bool hasRepeated_ = false; // then names_ holds some that are no entry's
 };
 
 // A thread's listing: the file it has enumerated last and the sections it has not yet read of it.
@@ -64,25 +80,32 @@ public:
 
     // Keeps what an enumeration has read; without memory quietly not.
     static void Begin(const char *szPath, Snapshot &&snapshot, SectionIndex &&index,
-                      const VLIB_SZ_LIST &names) noexcept;
+                      const VLIB_SZ_LIST &list) noexcept;
     static void End() noexcept;
-    // The list of names is freed: a listing half-way through it ends.
-    static void Abandon(const VLIB_SZ_LIST *pNames) noexcept;
+    // When the names are given back: what is read from here on is to be as the file is by then. A
+    // listing half-way through them ends.
+    static void GiveBack(const VLIB_SZ_LIST *pList) noexcept;
+    // When the thread asks for the file in another way, the moment is over, too.
+    static void EndMoment() noexcept;
     // Before a thread writes: its sections stay to be read, but anew.
     static void Suspend() noexcept;
     // The thread's listing if it has this section to read; any other ends.
     static Listing *Of(const char *szPath, const char *szSection) noexcept;
 
-    // The section as it is now, from memory or, after a change, from the file. 0, or the error
-    // code.
+    // The section as it is now or, within the listing's moment, was then: from memory or, after a
+    // change, from the file. 0, or the error code.
     unsigned Take(const char *szSection, std::optional<std::string_view> &lines) noexcept;
     bool IsDone() const noexcept { return index_.left() == 0; }
 
 private:
+    bool IsFresh() noexcept;
+
     Bytes path_; // with its NUL
     Snapshot snapshot_;
     SectionIndex index_;
-    const VLIB_SZ_LIST *pNames_ = nullptr; // while it lives; the caller's
+    size_t found_ = SectionIndex::kNone;  // what is about to be taken
+    const VLIB_SZ_LIST *pList_ = nullptr; // while it lives; the caller's, only compared
+    bool isMoment_ = true;
     bool isBegun_ = false;
 };
 

@@ -5,6 +5,8 @@
 // terminal or an editor would mangle.
 #include "section_text.hpp"
 
+#include "zevocore_scan.hpp"
+
 #include <cstring>
 
 namespace zevo {
@@ -217,6 +219,68 @@ bool WritePair(Bytes &out, std::string_view key, std::string_view value) noexcep
            WriteWord(out, value, plainValue) && out.Append("\n");
 }
 
+// Whether a byte at the end of a word is one that neither is trimmed nor begins a quoted text.
+bool IsInner(char byte) noexcept
+{
+    return static_cast<unsigned char>(byte) > ' ' && byte != '"';
+}
+
+// Whether the value behind a key is neither quoted nor has blanks at its ends.
+bool HasPlainValue(const char *pLine, size_t cbKey, size_t cbLine) noexcept
+{
+    const char *const pValue = pLine + cbKey + 1;
+    return pValue == pLine + cbLine ||
+           (IsInner(*pValue) && static_cast<unsigned char>(pLine[cbLine - 1]) > ' ');
+}
+
+// Takes key and value where they stand, each ended by a NUL, from a line that needs no second look.
+// false: nothing has been touched.
+bool TakePlainPair(char *pLine, size_t cbLine, std::string_view &key,
+                   std::string_view &value) noexcept
+{
+    const char *const pEqual = static_cast<const char *>(std::memchr(pLine, '=', cbLine));
+    if (pEqual == nullptr || pEqual == pLine) return false;
+    const char first = *pLine;
+    if (!IsInner(first) || first == '[' || first == ';' || first == '#' ||
+        static_cast<unsigned char>(pEqual[-1]) <= ' ')
+        return false;
+    const auto cbKey = static_cast<size_t>(pEqual - pLine);
+    if (!HasPlainValue(pLine, cbKey, cbLine)) return false;
+    pLine[cbKey] = pLine[cbLine] = '\0';
+    key = {pLine, cbKey};
+    value = {pLine + cbKey + 1, cbLine - cbKey - 1};
+    return true;
+}
+
+// A header at the front that has nothing but a plain name, as most do; any other is looked at by the
+// rules.
+bool TakePlainHeader(std::string_view text, Line &line) noexcept
+{
+    constexpr size_t kMostName = 64;
+    const size_t most = text.size() < kMostName ? text.size() : kMostName;
+    size_t i = 1;
+    while (i < most && IsInner(text[i]) && text[i] != ']')
+        ++i;
+    if (i == 1 || i + 1 >= most || text[i] != ']' || text[i + 1] != '\n') return false;
+    line.kind = LineKind::kHeader;
+    line.whole = text.substr(0, i + 2);
+    line.name.raw = text.substr(1, i - 1);
+    return true;
+}
+
+// Any line, by the rules; false without memory.
+bool TakePair(std::string_view text, VLIB_SZ_HASH &hash) noexcept
+{
+    const Line line = ReadLine(text);
+    if (line.kind != LineKind::kPair) return true;
+    Bytes keyScratch;
+    Bytes valueScratch;
+    std::string_view key;
+    std::string_view value;
+    return Decode(line.name, keyScratch, key) && Decode(line.value, valueScratch, value) &&
+           hash.Set(key, value);
+}
+
 } // namespace
 
 bool IsWord(const Word &word, std::string_view text) noexcept
@@ -248,6 +312,8 @@ bool Decode(const Word &word, Bytes &scratch, std::string_view &text) noexcept
 
 Line ReadLine(std::string_view text) noexcept
 {
+    Line plain;
+    if (!text.empty() && text.front() == '[' && TakePlainHeader(text, plain)) return plain;
     const size_t end = text.find('\n');
     Line line;
     line.whole = text.substr(0, end == text.npos ? end : end + 1);
@@ -287,6 +353,49 @@ bool Reader::NextHeader(Line &line, std::string_view &before) noexcept
     const bool isThere = NextHeader(line);
     before = text_.substr(from, at_ - from - (isThere ? line.whole.size() : 0));
     return isThere;
+}
+
+// Copies the lines once and takes the texts from the copy. Sections that are read one after the other
+// mostly have the same keys in the same order: as long as a section follows the last one's shape, its
+// keys need neither be looked for nor compared with each other.
+bool TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept
+{
+    char *const pLines = hash.Room(lines.size() + Shape::kKeyBytes); // to look beyond the last line
+    if (pLines == nullptr) return false;
+    lines.copy(pLines, lines.size());
+    std::memset(pLines + lines.size(), 0, Shape::kKeyBytes);
+    const bool isPlain = lines.find('\0') == lines.npos;
+    const bool isFirst = hash.pairs().empty();
+    const Shape &shape = hash.shape();
+    bool isAlike = isPlain && isFirst;
+    LineEnds ends(lines);
+    for (size_t at = 0; at < lines.size();) {
+        char *const pLine = pLines + at;
+        const size_t cbLine = ends.Next() - at;
+        at += cbLine + 1;
+        if (cbLine == 0) continue;
+        if (isAlike) {
+            const size_t nPairs = hash.pairs().size();
+            if (nPairs < shape.size() && shape.Begins(pLine, cbLine, nPairs) &&
+                HasPlainValue(pLine, shape.KeyLength(nPairs), cbLine)) {
+                char *const pValue = pLine + shape.KeyLength(nPairs) + 1;
+                pValue[-1] = pLine[cbLine] = '\0';
+                if (!hash.AdoptAlike(pLine, pValue, cbLine - static_cast<size_t>(pValue - pLine)))
+                    return false;
+                continue;
+            }
+            isAlike = false;
+        }
+        std::string_view key;
+        std::string_view value;
+        if (isPlain && TakePlainPair(pLine, cbLine, key, value)) {
+            if (!hash.Adopt(key, pLine + key.size() + 1, value.size())) return false;
+        } else if (!TakePair({pLine, cbLine}, hash)) {
+            return false;
+        }
+    }
+    if (isFirst && !isAlike) hash.NoteShape();
+    return true;
 }
 
 bool EndLine(Bytes &out) noexcept

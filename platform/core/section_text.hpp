@@ -39,6 +39,9 @@ struct Line {
 // What the first line of the text is.
 Line ReadLine(std::string_view text) noexcept;
 
+// Puts the pairs among the lines of one section into the hash; false without memory.
+bool TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept;
+
 // Walks over the lines of a file that was read whole.
 class Reader {
 public:

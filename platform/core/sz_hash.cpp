@@ -1,10 +1,13 @@
-// The string hash. Keys may come from files that strangers write, so the index is seeded anew in
-// every process: nobody can prepare keys that collide.
+// The string hash. Most hold one section, a dozen keys that are set and asked for in one order: these
+// need no index, for the key that is wanted is the next one. Where there are more, the index is seeded
+// anew in every process, since keys may come from files that strangers write: nobody can prepare keys
+// that collide.
 #include "sz_hash.hpp"
 
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <new>
 
@@ -16,8 +19,7 @@ namespace zevo {
 namespace {
 
 constexpr size_t kBlockBytes = 4096;
-constexpr size_t kFewestSlots = 32;
-constexpr size_t kMostHinted = 64; // callers ask for 1024 and set twelve
+constexpr size_t kMostHinted = 16; // callers ask for 1024 and set twelve
 constexpr size_t kMostPairs = std::numeric_limits<uint32_t>::max() / 4;
 
 struct Seed {
@@ -78,6 +80,14 @@ private:
 
 const Seed seed; // made when the library is loaded: a forked child must not wait for its making
 
+void CopyText(char *szTo, std::string_view text) noexcept
+{
+    if (!text.empty()) std::memmove(szTo, text.data(), text.size()); // it may be the hash's own
+    szTo[text.size()] = '\0';
+}
+
+} // namespace
+
 uint64_t HashOf(std::string_view text) noexcept
 {
     Sip sip(seed);
@@ -88,14 +98,6 @@ uint64_t HashOf(std::string_view text) noexcept
                                                                              << 56);
     return sip.Finish();
 }
-
-void CopyText(char *szTo, std::string_view text) noexcept
-{
-    if (!text.empty()) std::memmove(szTo, text.data(), text.size()); // it may be the hash's own
-    szTo[text.size()] = '\0';
-}
-
-} // namespace
 
 char *TextStore::Take(size_t cb)
 {
@@ -112,49 +114,116 @@ char *TextStore::Take(size_t cb)
     return pTaken;
 }
 
+namespace {
+
+bool IsShapely(std::string_view key) noexcept
+{
+    if (key.empty() || key.size() >= Shape::kKeyBytes) return false;
+    if (key.front() == ' ' || key.back() == ' ' || key.find_first_of("=\"[;#") != key.npos)
+        return false;
+    return std::all_of(key.begin(), key.end(),
+                       [](char byte) { return static_cast<unsigned char>(byte) >= ' '; });
+}
+
+} // namespace
+
+void Shape::Note(const std::vector<Pair> &pairs) noexcept
+{
+    nKeys_ = 0;
+    for (const Pair &pair : pairs) {
+        if (nKeys_ == std::size(keys_) || !IsShapely(pair.key)) return;
+        Key &key = keys_[nKeys_++];
+        key = {};
+        key.cb = pair.key.size();
+        key.mark = zevo::MarkOf(pair.key);
+        char text[kKeyBytes] = {};
+        char mask[kKeyBytes] = {};
+        pair.key.copy(text, sizeof(text));
+        text[key.cb] = '=';
+        std::memset(mask, 0xFF, key.cb + 1);
+        std::memcpy(key.text, text, sizeof(text));
+        std::memcpy(key.mask, mask, sizeof(mask));
+    }
+}
+
 } // namespace zevo
 
 VLIB_SZ_HASH::VLIB_SZ_HASH(size_t nHint)
 {
     pairs_.reserve(std::min(nHint, zevo::kMostHinted));
-    Index(std::max(std::bit_ceil(pairs_.capacity() * 2), zevo::kFewestSlots));
 }
 
 bool VLIB_SZ_HASH::Set(std::string_view key, std::string_view value) noexcept
 try {
-    const uint64_t hash = zevo::HashOf(key);
-    if (const uint32_t number = slots_[SlotOf(key, hash)]; number != 0) {
-        Replace(pairs_[number - 1], value);
-    } else {
-        Insert(key, value, hash);
+    if (const size_t found = Find(key); found != kAbsent) {
+        Replace(pairs_[found], value);
+        return true;
     }
+    char *const szKey = texts_.Take(key.size() + 1);
+    char *const szValue = texts_.Take(value.size() + 1);
+    zevo::CopyText(szKey, key);
+    zevo::CopyText(szValue, value);
+    Insert({{szKey, key.size()}, szValue, value.size() + 1});
     return true;
 } catch (const std::bad_alloc &) {
     return false;
 }
 
-const char *VLIB_SZ_HASH::Get(std::string_view key) const noexcept
+char *VLIB_SZ_HASH::Room(size_t cb) noexcept
+try {
+    return texts_.Take(cb);
+} catch (const std::bad_alloc &) {
+    return nullptr;
+}
+
+bool VLIB_SZ_HASH::Adopt(std::string_view key, char *szValue, size_t cbValue) noexcept
+try {
+    if (const size_t found = Find(key); found != kAbsent) {
+        pairs_[found].szValue = szValue;
+        pairs_[found].cbRoom = cbValue + 1;
+        return true;
+    }
+    Insert({key, szValue, cbValue + 1});
+    return true;
+} catch (const std::bad_alloc &) {
+    return false;
+}
+
+const char *VLIB_SZ_HASH::Get(const char *szKey) const noexcept
 {
-    const uint32_t number = slots_[SlotOf(key, zevo::HashOf(key))];
-    return number == 0 ? nullptr : pairs_[number - 1].szValue;
+    if (next_ < pairs_.size() && std::strcmp(pairs_[next_].key.data(), szKey) == 0)
+        return pairs_[next_++].szValue;
+    const size_t found = Find(szKey);
+    if (found == kAbsent) return nullptr;
+    if (found == next_ + 1) next_ = found + 1; // one was passed over; a leap is no new order
+    return pairs_[found].szValue;
 }
 
 void VLIB_SZ_HASH::RemoveAll() noexcept
 {
     pairs_.clear();
-    std::fill(slots_.begin(), slots_.end(), 0U);
+    slots_.clear();
+    marks_ = 0;
+    next_ = 0;
     texts_.DropAll();
 }
 
+// The number of the pair, or kAbsent.
+size_t VLIB_SZ_HASH::Find(std::string_view key) const noexcept
+{
+    if ((marks_ & zevo::MarkOf(key)) == 0) return kAbsent;
+    if (!slots_.empty()) return size_t{slots_[SlotOf(key)]} - 1; // 0 is free
+    for (size_t i = 0; i < pairs_.size(); ++i)
+        if (pairs_[i].key == key) return i;
+    return kAbsent;
+}
+
 // The slot that holds the key, or the free one where it belongs.
-size_t VLIB_SZ_HASH::SlotOf(std::string_view key, uint64_t hash) const noexcept
+size_t VLIB_SZ_HASH::SlotOf(std::string_view key) const noexcept
 {
     const size_t mask = slots_.size() - 1;
-    for (size_t slot = hash & mask;; slot = (slot + 1) & mask) {
-        if (slots_[slot] == 0) return slot;
-        const zevo::Pair &pair = pairs_[slots_[slot] - 1];
-        if (pair.hash == hash && pair.key == key) return slot;
-    }
+    for (size_t slot = zevo::HashOf(key) & mask;; slot = (slot + 1) & mask)
+        if (slots_[slot] == 0 || pairs_[slots_[slot] - 1].key == key) return slot;
 }
 
 void VLIB_SZ_HASH::Replace(zevo::Pair &pair, std::string_view value)
@@ -172,17 +241,15 @@ void VLIB_SZ_HASH::Replace(zevo::Pair &pair, std::string_view value)
 }
 
 // Whatever can fail comes first: nothing has changed when it throws.
-void VLIB_SZ_HASH::Insert(std::string_view key, std::string_view value, uint64_t hash)
+void VLIB_SZ_HASH::Insert(const zevo::Pair &pair)
 {
     if (pairs_.size() >= zevo::kMostPairs) throw std::bad_alloc();
     if (pairs_.size() == pairs_.capacity()) pairs_.reserve(pairs_.size() * 2 + 8);
-    if ((pairs_.size() + 1) * 2 > slots_.size()) Index(slots_.size() * 2);
-    char *const szKey = texts_.Take(key.size() + 1);
-    char *const szValue = texts_.Take(value.size() + 1);
-    zevo::CopyText(szKey, key);
-    zevo::CopyText(szValue, value);
-    slots_[SlotOf(key, hash)] = static_cast<uint32_t>(pairs_.size() + 1);
-    pairs_.push_back({{szKey, key.size()}, szValue, value.size() + 1, hash});
+    if (pairs_.size() >= kMostUnindexed && (pairs_.size() + 1) * 2 > slots_.size())
+        Index(std::max(std::bit_ceil(pairs_.size() + 1) * 2, slots_.size() * 2));
+    if (!slots_.empty()) slots_[SlotOf(pair.key)] = static_cast<uint32_t>(pairs_.size() + 1);
+    pairs_.push_back(pair);
+    marks_ |= zevo::MarkOf(pair.key);
 }
 
 void VLIB_SZ_HASH::Index(size_t nSlots)
@@ -190,7 +257,7 @@ void VLIB_SZ_HASH::Index(size_t nSlots)
     std::vector<uint32_t> slots(nSlots, 0U);
     slots_.swap(slots);
     for (size_t i = 0; i < pairs_.size(); ++i)
-        slots_[SlotOf(pairs_[i].key, pairs_[i].hash)] = static_cast<uint32_t>(i + 1);
+        slots_[SlotOf(pairs_[i].key)] = static_cast<uint32_t>(i + 1);
 }
 
 VLIB_SZ_HASH *VLIBCSzHashAlloc(int size) noexcept

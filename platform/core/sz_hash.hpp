@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string_view>
 #include <vector>
@@ -31,11 +32,54 @@ private:
 };
 
 struct Pair {
-    std::string_view key;
+    std::string_view key; // with a NUL behind it
     char *szValue;
     size_t cbRoom; // bytes szValue may grow to in place
-    uint64_t hash;
 };
+
+// One of 64 bits. Quick, and as good as it is: who collides is looked for.
+inline uint64_t MarkOf(std::string_view key) noexcept
+{
+    if (key.empty()) return 1;
+    const auto first = static_cast<unsigned char>(key.front());
+    const auto last = static_cast<unsigned char>(key.back());
+    return uint64_t{1} << ((key.size() * 5 + first * 3U + last) & 63);
+}
+
+// A dozen short keys in their order, those that stand in a section as they are: without quotes.
+class Shape {
+public:
+    void Note(const std::vector<Pair> &pairs) noexcept;
+    size_t size() const noexcept { return nKeys_; }
+    size_t KeyLength(size_t i) const noexcept { return keys_[i].cb; }
+    uint64_t MarkOf(size_t i) const noexcept { return keys_[i].mark; }
+    // Whether a line begins with the key and a '='. Beyond its end kKeyBytes can be read.
+    bool Begins(const char *pLine, size_t cbLine, size_t i) const noexcept
+    {
+        if (cbLine <= keys_[i].cb) return false;
+        uint64_t line[2];
+        std::memcpy(line, pLine, sizeof(line));
+        const Key &key = keys_[i];
+        return (((line[0] ^ key.text[0]) & key.mask[0]) |
+                ((line[1] ^ key.text[1]) & key.mask[1])) == 0;
+    }
+
+    static constexpr size_t kKeyBytes = 16; // with the '='
+
+private:
+    struct Key {
+        uint64_t text[2];
+        uint64_t mask[2];
+        size_t cb;
+        uint64_t mark;
+    };
+
+    Key keys_[16];
+    size_t nKeys_ = 0;
+};
+
+// Seeded anew in every process: nobody can prepare texts that collide.
+uint64_t HashOf(std::string_view text) noexcept;
 
 } // namespace zevo
 
@@ -46,20 +90,46 @@ public:
     // false, with the hash as it was, without memory.
     bool Set(std::string_view key, std::string_view value) noexcept;
     // nullptr when the key is absent.
-    const char *Get(std::string_view key) const noexcept;
+    const char *Get(const char *szKey) const noexcept;
     void RemoveAll() noexcept;
+
+    // Room for texts that stay as long as the hash's own; nullptr without memory.
+    char *Room(size_t cb) noexcept;
+    // Set() for texts within such room that a NUL ends: they are not copied.
+    bool Adopt(std::string_view key, char *szValue, size_t cbValue) noexcept;
+    // The same for the next key of the shape, where all before it are of the shape, too.
+    bool AdoptAlike(const char *szKey, char *szValue, size_t cbValue) noexcept
+    {
+        const std::string_view key(szKey, shape_.KeyLength(pairs_.size()));
+        if (pairs_.size() == pairs_.capacity()) return Adopt(key, szValue, cbValue);
+        marks_ |= shape_.MarkOf(pairs_.size());
+        pairs_.push_back({key, szValue, cbValue + 1});
+        return true;
+    }
+
+    // The keys that the last section had: the next one mostly has the same.
+    const zevo::Shape &shape() const noexcept { return shape_; }
+    void NoteShape() noexcept { shape_.Note(pairs_); }
 
     const std::vector<zevo::Pair> &pairs() const noexcept { return pairs_; }
 
 private:
-    size_t SlotOf(std::string_view key, uint64_t hash) const noexcept;
+    static constexpr size_t kAbsent = ~size_t{0};
+    static constexpr size_t kMostUnindexed = 16;
+
+    size_t Find(std::string_view key) const noexcept;
+    size_t SlotOf(std::string_view key) const noexcept;
     void Replace(zevo::Pair &pair, std::string_view value);
-    void Insert(std::string_view key, std::string_view value, uint64_t hash);
+    void Insert(const zevo::Pair &pair);
     void Index(size_t nSlots);
 
     std::vector<zevo::Pair> pairs_;
-    std::vector<uint32_t> slots_; // open addressing; a pair's number + 1, 0 is free
+    std::vector<uint32_t>
+        slots_;          // open addressing; a pair's number + 1, 0 is free; few pairs have none
+    uint64_t marks_ = 0; // of the keys; a key whose mark is missing is absent
+    mutable size_t next_ = 0; // the pair behind the one that was asked for last
     zevo::TextStore texts_;
+    zevo::Shape shape_;
 };
 
 #endif // SZ_HASH_HPP

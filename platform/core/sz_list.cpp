@@ -4,12 +4,24 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <limits>
 
 #include "section_listing.hpp"
 #include "zevocore_frame.hpp"
 
 namespace {
+
+// What stands behind the header: many items' texts may lie in one block.
+struct WholeList : VLIB_SZ_LIST {
+    char *pTexts;
+    size_t cbTexts;
+};
+
+WholeList &WholeOf(VLIB_SZ_LIST &list) noexcept
+{
+    return static_cast<WholeList &>(list); // every list comes from VLIBCSzListAlloc()
+}
 
 constexpr int32_t kMostItems = std::numeric_limits<int32_t>::max();
 
@@ -43,17 +55,44 @@ bool ListAppend(VLIB_SZ_LIST &list, std::string_view text) noexcept
     return true;
 }
 
+bool ListAppendAll(VLIB_SZ_LIST &list, std::string_view texts, size_t nTexts) noexcept
+{
+    WholeList &whole = WholeOf(list);
+    if (whole.pTexts != nullptr || nTexts > static_cast<size_t>(kMostItems - list.nItem))
+        return false;
+    if (nTexts == 0) return true;
+    char *const pTexts = static_cast<char *>(std::malloc(texts.size()));
+    if (pTexts == nullptr || !Widen(list, list.nItem + static_cast<int32_t>(nTexts))) {
+        std::free(pTexts);
+        return false;
+    }
+    texts.copy(pTexts, texts.size());
+    whole.pTexts = pTexts;
+    whole.cbTexts = texts.size();
+    for (char *szText = pTexts; nTexts > 0; --nTexts) {
+        list.ppszItem[list.nItem++] = szText;
+        szText += std::strlen(szText) + 1;
+    }
+    return true;
+}
+
 void ListCut(VLIB_SZ_LIST &list, int32_t nItem) noexcept
 {
-    while (list.nItem > nItem)
-        std::free(list.ppszItem[--list.nItem]);
+    const WholeList &whole = WholeOf(list);
+    const std::less<> isBelow;
+    while (list.nItem > nItem) {
+        char *const szItem = list.ppszItem[--list.nItem];
+        const bool isInBlock = whole.pTexts != nullptr && !isBelow(szItem, whole.pTexts) &&
+                               isBelow(szItem, whole.pTexts + whole.cbTexts);
+        if (!isInBlock) std::free(szItem);
+    }
 }
 
 } // namespace zevo
 
 VLIB_SZ_LIST *VLIBCSzListAlloc(int capacity) noexcept
 {
-    auto *const pList = static_cast<VLIB_SZ_LIST *>(std::calloc(1, sizeof(VLIB_SZ_LIST)));
+    auto *const pList = static_cast<WholeList *>(std::calloc(1, sizeof(WholeList)));
     if (pList != nullptr && Widen(*pList, capacity)) return pList;
     std::free(pList);
     ZEVO_FAIL(zevo::kFileNoMemory);
@@ -70,8 +109,9 @@ void VLIBCSzListFree(VLIB_SZ_LIST *pList) noexcept
 {
     if (pList == nullptr) return;
     const zevo::KeepErrno keep;
-    zevo::Listing::Abandon(pList);
+    zevo::Listing::GiveBack(pList);
     zevo::ListCut(*pList, 0);
+    std::free(static_cast<WholeList *>(pList)->pTexts);
     std::free(pList->ppszItem);
     std::free(pList);
 }

@@ -124,9 +124,11 @@ ZEVOCORE_API int VLIBCFileAddSection(const char *szPath, const char *szSection,
 ZEVOCORE_API int VLIBCFileRemoveSection(const char *szPath,
                                         const char *szSection) ZEVOCORE_NOEXCEPT;
 
-/** Appends the names of a file's sections to *ppList in file order, each once. Reading these sections
- *  next, in any order, opens the file again only after it has changed; until the last of them has
- *  been read, the list is freed half-way, or the thread does something else to section files, one
+/** Appends the names of a file's sections to *ppList in file order, each once. While the list lives,
+ *  for a tenth of a second at most, sections read in that order are those of the file at this moment,
+ *  unless the thread has read another one, written, or asked whether a file exists in between. Any
+ *  other read of them opens the file again only after it has changed; until the last of them has been
+ *  read, the list is freed half-way, or the thread does something else to section files, one
  *  descriptor stays open.
  *  Returns their number, or -1 on failure. */
 ZEVOCORE_API int VLIBCFileEnumSection(const char *szPath, VLIB_SZ_LIST **ppList) ZEVOCORE_NOEXCEPT;
