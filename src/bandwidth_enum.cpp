@@ -6,6 +6,8 @@
 // memory is guarded by a flag that nobody waits for: a thread that finds it taken, or the child of
 // a fork that inherited it taken, searches the directory instead.
 
+#include "bandwidth_enum.hpp"
+
 #include "bandwidth_frame.hpp"
 #include "bandwidth_guard.hpp"
 
@@ -139,8 +141,7 @@ int ZEVOBandwidthEnumToValue(const ZEVO_BW_ENUM_ENTRY *enum_list, const char *sz
     BW_REQUIRE(enum_list != nullptr, "((void *)0) != enum_list");
     BW_REQUIRE(szName != nullptr, "NULL != szName");
 
-    for (const ZEVO_BW_ENUM_ENTRY *row = enum_list; row->name != nullptr; ++row)
-        if (std::strcmp(row->name, szName) == 0) return row->value;
+    if (const auto *const row = FindName(enum_list, szName); row != nullptr) return row->value;
     const int value = ::ZEVOBandwidthEnumToValueAddon(szName);
     if (value < 0) {
         BW_LOG("ZEVOBandwidthEnumToValueAddon failed, protocol=%s", szName);

@@ -4,9 +4,20 @@
 
 #include "zevobandwidth.h"
 
+#include <cstring>
+
 namespace bandwidth {
 
 constexpr int kNameBytes = 256;
+
+// The row of a table that has the name; nullptr when none has it.
+inline const ZEVO_BW_ENUM_ENTRY *FindName(const ZEVO_BW_ENUM_ENTRY *table,
+                                          const char *szName) noexcept
+{
+    for (; table->name != nullptr; ++table)
+        if (*table->name == *szName && std::strcmp(table->name, szName) == 0) return table;
+    return nullptr;
+}
 
 // Looks a name up; false when nobody knows one, or it is empty, as an add-on's may be.
 inline bool NameOf(const ZEVO_BW_ENUM_ENTRY *table, int32_t value,

@@ -1,55 +1,111 @@
 // What one rule leaves one transfer: what the others under the rule do not use of its rate, and
-// never less than an equal share.
+// never less than an equal share. The others are counted as their file is walked over; none is kept.
 
 #include "bandwidth_frame.hpp"
 #include "bandwidth_guard.hpp"
 #include "bandwidth_speed.hpp"
+#include "bandwidth_status_walk.hpp"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
 
 using namespace bandwidth;
 
 namespace {
 
-// The running transfers of one rule's owner.
-class Transfers {
+// The users that a walk meets, one number for each of his records or runs of records: the uid above,
+// the order of the walk in the middle, whether he counts by that record below.
+class Users {
 public:
-    ~Transfers() { ::ZEVOBandwidthStatusListFree(&pHead_); }
-    Transfers() noexcept = default;
-    Transfers(const Transfers &) = delete;
-    Transfers &operator=(const Transfers &) = delete;
+    ~Users()
+    {
+        const zevo::KeepErrno keep;
+        std::free(pMet_);
+    }
+    Users() noexcept = default;
+    Users(const Users &) = delete;
+    Users &operator=(const Users &) = delete;
 
-    ZEVO_BANDWIDTH_STATUS **address() noexcept { return &pHead_; }
-    const ZEVO_BANDWIDTH_STATUS *head() const noexcept { return pHead_; }
+    // false without memory.
+    bool Meet(uint32_t uid, bool counts) noexcept
+    {
+        const bool isSameAgain = nMet_ > 0 && pMet_[nMet_ - 1] >> kUidShift == uid;
+        if (!isSameAgain && nMet_ == nRoom_ && !Widen()) return false;
+        if (!isSameAgain) ++nMet_;
+        pMet_[nMet_ - 1] = uint64_t{uid} << kUidShift | uint64_t{nMet_} << 1 | (counts ? 1 : 0);
+        return true;
+    }
+    // A user counts by his last record alone: the list of the transfers, the last of the file first,
+    // has it before his others.
+    uint64_t Count() noexcept
+    {
+        std::sort(pMet_, pMet_ + nMet_);
+        uint64_t count = 0;
+        for (size_t i = 0; i < nMet_; ++i)
+            if (i + 1 == nMet_ || pMet_[i] >> kUidShift != pMet_[i + 1] >> kUidShift)
+                count += pMet_[i] & 1;
+        return count;
+    }
 
 private:
-    ZEVO_BANDWIDTH_STATUS *pHead_ = nullptr;
+    static constexpr int kUidShift = 32;
+
+    bool Widen() noexcept
+    {
+        const size_t nRoom = nRoom_ == 0 ? 256 : nRoom_ * 2;
+        void *const pWider = std::realloc(pMet_, nRoom * sizeof(pMet_[0]));
+        if (pWider == nullptr) return false;
+        pMet_ = static_cast<uint64_t *>(pWider);
+        nRoom_ = nRoom;
+        return true;
+    }
+
+    uint64_t *pMet_ = nullptr;
+    size_t nMet_ = 0;
+    size_t nRoom_ = 0;
 };
 
-// A user counts by his first record in the list, and not at all when that one is passed over.
-bool IsFirstOfItsUser(const ZEVO_BANDWIDTH_STATUS *pHead,
-                      const ZEVO_BANDWIDTH_STATUS *pRecord) noexcept
-{
-    while (pHead->uid != pRecord->uid)
-        pHead = pHead->next;
-    return pHead == pRecord;
-}
-
-uint64_t ShareWith(const ZEVO_BANDWIDTH_STATUS *pHead, uint32_t uid, pid_t pid,
-                   uint64_t rateBps) noexcept
-{
-    uint64_t sameUser = 1;
-    uint64_t users = 1;
-    uint64_t remainingBps = rateBps;
-    for (const ZEVO_BANDWIDTH_STATUS *p = pHead; p != nullptr; p = p->next) {
-        if (p->active == 0 || p->pid == pid) continue;
-        if (p->uid == uid)
-            ++sameUser;
-        else if (IsFirstOfItsUser(pHead, p))
-            ++users;
-        remainingBps = p->current_speed > remainingBps ? 0 : remainingBps - p->current_speed;
+// What a transfer finds beside itself.
+class Others final : public StatusTaker {
+public:
+    Others(uint32_t uid, pid_t pid, uint64_t rateBps) noexcept
+        : uid_(uid), pid_(pid), rateBps_(rateBps), remainingBps_(rateBps)
+    {
     }
-    const uint64_t shareBps = rateBps / (sameUser * users);
-    return remainingBps > shareBps ? remainingBps : shareBps;
-}
+
+    // The one record in turn. Of its file name only the start is read, if at all.
+    ZEVO_BANDWIDTH_STATUS *Room() noexcept override
+    {
+        constexpr size_t kBehindName = offsetof(ZEVO_BANDWIDTH_STATUS, owner_type);
+        auto *const pBytes = reinterpret_cast<char *>(&record_);
+        std::memset(pBytes, 0, offsetof(ZEVO_BANDWIDTH_STATUS, filename) + 1);
+        std::memset(pBytes + kBehindName, 0, sizeof(record_) - kBehindName);
+        return &record_;
+    }
+    bool Take() noexcept override
+    {
+        const bool counts = record_.active != 0 && record_.pid != pid_;
+        if (record_.uid != uid_ && !users_.Meet(record_.uid, counts)) return false;
+        if (!counts) return true;
+        if (record_.uid == uid_) ++sameUser_;
+        remainingBps_ -= std::min(record_.current_speed, remainingBps_);
+        return true;
+    }
+    uint64_t Share() noexcept
+    {
+        return std::max(remainingBps_, rateBps_ / (sameUser_ * (1 + users_.Count())));
+    }
+
+private:
+    const uint32_t uid_;
+    const pid_t pid_;
+    const uint64_t rateBps_;
+    uint64_t remainingBps_;
+    uint64_t sameUser_ = 1;
+    Users users_;
+    ZEVO_BANDWIDTH_STATUS record_;
+};
 
 } // namespace
 
@@ -67,10 +123,10 @@ int ZEVOBandwidthExpectSpeedEstimate(uint32_t uid, const ZEVO_BANDWIDTH_CONF *pC
         *pMaxSpeedBps = 0;
         return 0;
     }
-    Transfers transfers;
-    if (::ZEVOBandwidthStatusGetAll(pConf->ownerType, pConf->id, pConf->protocolType,
-                                    static_cast<uint32_t>(transfer_type), transfers.address()) < 0)
+    Others others(uid, pid, rateBps);
+    if (WalkStatuses(pConf->ownerType, pConf->id, pConf->protocolType,
+                     static_cast<uint32_t>(transfer_type), others) < 0)
         return BW_PASS("ZEVOBandwidthStatusGetAll failed. id:[%u] ", pConf->id);
-    *pMaxSpeedBps = ShareWith(transfers.head(), uid, pid, rateBps);
+    *pMaxSpeedBps = others.Share();
     return 0;
 }

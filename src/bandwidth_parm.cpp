@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <limits>
 
 namespace bandwidth {
 
@@ -32,15 +33,31 @@ int NumberToText(const void *private_data, char *str, size_t cb, const char *szF
 
 enum class Rest { kIgnored, kRefused }; // text that follows the number
 
+// Most numbers are digits and nothing else, few enough for any type that holds them: the rest, signs,
+// blanks and what is too large, is left to libc. false then.
+template <class Wide> bool ReadDigits(const char *str, Wide &value) noexcept
+{
+    uint64_t read = 0;
+    const char *p = str;
+    for (unsigned digit; (digit = static_cast<unsigned char>(*p) - unsigned{'0'}) <= 9; ++p)
+        read = read * 10 + digit;
+    value = static_cast<Wide>(read);
+    return p != str && *p == '\0' && p - str <= std::numeric_limits<Wide>::digits10;
+}
+
 template <class Field, class Wide>
 int NumberFromText(void *private_data, const char *str, Wide (*Parse)(const char *, char **, int),
                    Rest rest, Site site) noexcept
 {
     BW_REQUIRE_AT(site, private_data != nullptr, "((void *)0) != private_data");
     BW_REQUIRE_AT(site, str != nullptr, "NULL != str");
+    Wide wide;
     char *szRest = nullptr;
-    const Field field = static_cast<Field>(Parse(str, &szRest, 10));
+    const bool plain = ReadDigits(str, wide);
+    if (!plain) wide = Parse(str, &szRest, 10);
+    const Field field = static_cast<Field>(wide);
     std::memcpy(private_data, &field, sizeof(field));
+    if (plain) return 0;
     if (rest == Rest::kRefused && *szRest != '\0') return Fail(ZEVO_BW_ERROR_BAD_NUMBER, site);
     return 0;
 }
@@ -139,7 +156,9 @@ int RecordFromHash(void *pRecord, const VLIB_SZ_HASH *pHash, const ZEVO_BW_PARM 
         if (szText == nullptr) continue;
         char *const pField = static_cast<char *>(pRecord) + row->offset;
         if (row->names != nullptr) {
-            const int32_t value = ::ZEVOBandwidthEnumToValue(row->names, szText);
+            const ZEVO_BW_ENUM_ENTRY *const pKnown = FindName(row->names, szText);
+            const int32_t value =
+                pKnown != nullptr ? pKnown->value : ::ZEVOBandwidthEnumToValue(row->names, szText);
             if (value < 0)
                 BW_LOG_AT(site, "Unknown string value [%s] for [%s]", szText, row->szKey);
             else
@@ -151,7 +170,9 @@ int RecordFromHash(void *pRecord, const VLIB_SZ_HASH *pHash, const ZEVO_BW_PARM 
                 return BW_PASS_UNLOGGED;
             }
         } else {
-            (void)std::snprintf(pField, row->cbField, "%s", szText);
+            const size_t cbText = ::strnlen(szText, row->cbField - 1);
+            std::memcpy(pField, szText, cbText);
+            pField[cbText] = '\0';
         }
     }
     return 0;

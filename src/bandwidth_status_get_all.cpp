@@ -1,7 +1,10 @@
 // Listing the running transfers of one status file, and clearing it on the way: a section that has
 // not been saved for more than 30 seconds belongs to a transfer that died. Whoever lists the file
 // removes it, whatever he looks for, together with all others at the end. Nothing is locked: others
-// may change the file between any two of the platform's operations.
+// may change the file between any two of the platform's operations. A listing hands out records; the
+// expected speed only looks at them, in a walk that keeps none.
+
+#include "bandwidth_status_walk.hpp"
 
 #include "bandwidth_guard.hpp"
 #include "bandwidth_status_path.hpp"
@@ -24,16 +27,14 @@ constexpr int32_t kMerge = 1;
 
 using Status = std::unique_ptr<ZEVO_BANDWIDTH_STATUS, Release<std::free>>;
 
-// What one listing looks for, and what it has found.
-struct Listing {
+// What one walk looks for.
+struct Walk {
     const char *szFile;
     int64_t now; // one moment for every age, seconds
     uint32_t protocolMask;
     uint32_t transferMask;
-    bool merge;
+    StatusTaker &taker;
     Purge &purge;
-    ZEVO_BANDWIDTH_STATUS *pHead = nullptr;
-    int count = 0;
 };
 
 void DeleteLeftover(const char *szFile, int64_t now) noexcept
@@ -45,84 +46,138 @@ void DeleteLeftover(const char *szFile, int64_t now) noexcept
         (void)::unlinkat(place.dir(), place.name(), 0); // somebody else may have done it
 }
 
-bool Passes(const Listing &listing, const ZEVO_BANDWIDTH_STATUS &status) noexcept
+bool Passes(const Walk &walk, const ZEVO_BANDWIDTH_STATUS &status) noexcept
 {
-    return (status.protocol_type & listing.protocolMask) != 0 &&
-           (status.transfer_type & listing.transferMask) != 0;
+    return (status.protocol_type & walk.protocolMask) != 0 &&
+           (status.transfer_type & walk.transferMask) != 0;
 }
 
-ZEVO_BANDWIDTH_STATUS *FindKin(const Listing &listing, const ZEVO_BANDWIDTH_STATUS &status) noexcept
+void LogNotRemoved(const Walk &walk, const char *szSection) noexcept
 {
-    ZEVO_BANDWIDTH_STATUS *p = listing.pHead;
-    while (p != nullptr &&
-           (p->protocol_type != status.protocol_type || p->transfer_type != status.transfer_type))
-        p = p->next;
-    return p;
+    BW_LOG_SLOT("VLIBCFileRemoveSection failed. user:[%s], section:[%s] ", walk.szFile, szSection);
 }
 
-void Accept(Listing &listing, Status status) noexcept
+int NoMemory(const char *szSection) noexcept
 {
-    ZEVO_BANDWIDTH_STATUS *const pKin = listing.merge ? FindKin(listing, *status) : nullptr;
-    if (pKin != nullptr) {
-        pKin->current_speed = ::ZEVOBandwidthSum(pKin->current_speed, status->current_speed);
-        pKin->expect_speed = ::ZEVOBandwidthSum(pKin->expect_speed, status->expect_speed);
-        return;
-    }
-    status->next = listing.pHead;
-    listing.pHead = status.release();
-    ++listing.count;
-}
-
-void LogNotRemoved(const Listing &listing, const char *szSection) noexcept
-{
-    BW_LOG_SLOT("VLIBCFileRemoveSection failed. user:[%s], section:[%s] ", listing.szFile,
-                szSection);
+    BW_LOG("malloc ZEVO_BANDWIDTH_STATUS failed. key:[%s]", szSection);
+    return BW_FAIL(ZEVO_BW_ERROR_NO_MEMORY);
 }
 
 // Reads one section and does with it what it calls for: 0, or -1 without memory.
-int ListSection(Listing &listing, int32_t index, Hash &hash) noexcept
+int WalkSection(const Walk &walk, int32_t index, Hash &hash) noexcept
 {
-    const char *const szSection = listing.purge.name(index);
+    const char *const szSection = walk.purge.name(index);
     (void)::VLIBCHashRemoveAll(hash.get());
-    const int found = ::VLIBCFileGetSection(listing.szFile, szSection, hash.address());
-    if (found < 0) BW_LOG_SLOT("Get section [%s] from [%s] failed. ", szSection, listing.szFile);
+    const int found = ::VLIBCFileGetSection(walk.szFile, szSection, hash.address());
+    if (found < 0) BW_LOG_SLOT("Get section [%s] from [%s] failed. ", szSection, walk.szFile);
     if (found <= 0) return 0; // failed, or its owner has just taken it away to save it anew
-    Status status(
-        static_cast<ZEVO_BANDWIDTH_STATUS *>(std::calloc(1, sizeof(ZEVO_BANDWIDTH_STATUS))));
-    if (!status) {
-        BW_LOG("malloc ZEVO_BANDWIDTH_STATUS failed. key:[%s]", szSection);
-        return BW_FAIL(ZEVO_BW_ERROR_NO_MEMORY);
-    }
-    if (::ZEVOBandwidthInitStatusFromHash(status.get(), hash.get()) < 0) {
+    ZEVO_BANDWIDTH_STATUS *const pStatus = walk.taker.Room();
+    if (pStatus == nullptr) return NoMemory(szSection);
+    if (::ZEVOBandwidthInitStatusFromHash(pStatus, hash.get()) < 0) {
         BW_LOG_SLOT("Init status from hash failed. ");
         return 0;
     }
-    if (IsStale(*status, listing.now)) {
-        if (!listing.purge.Note(index)) {
+    if (IsStale(*pStatus, walk.now)) {
+        if (!walk.purge.Note(index)) {
             BW_RECORD(ZEVO_BW_ERROR_NO_MEMORY);
-            LogNotRemoved(listing, szSection);
+            LogNotRemoved(walk, szSection);
         }
         return 0;
     }
-    if (Passes(listing, *status)) Accept(listing, std::move(status));
+    return Passes(walk, *pStatus) && !walk.taker.Take() ? NoMemory(szSection) : 0;
+}
+
+int WalkSections(const Walk &walk, Hash &hash) noexcept
+{
+    for (int32_t i = 0; i < walk.purge.count(); ++i)
+        if (WalkSection(walk, i, hash) < 0) return BW_PASS_UNLOGGED;
     return 0;
 }
 
-int ListSections(Listing &listing, Hash &hash) noexcept
+void RunPurge(const Walk &walk) noexcept
 {
-    for (int32_t i = 0; i < listing.purge.count(); ++i)
-        if (ListSection(listing, i, hash) < 0) return BW_PASS_UNLOGGED;
-    return 0;
+    if (walk.purge.Run() == 0) return;
+    for (int32_t i = 0; i < walk.purge.noted(); ++i)
+        LogNotRemoved(walk, walk.purge.NotedName(i));
 }
 
-void RunPurge(const Listing &listing) noexcept
+int WalkFile(const char *szFile, int64_t now, int32_t protocolMask, uint32_t transferMask,
+             StatusTaker &taker) noexcept
 {
-    if (listing.purge.Run() == 0) return;
-    for (int32_t i = 0; i < listing.purge.noted(); ++i)
-        LogNotRemoved(listing, listing.purge.NotedName(i));
+    if (std::strchr(szFile, '.') != nullptr) {
+        DeleteLeftover(szFile, now);
+        return 0;
+    }
+    if (::VLIBCFileExist(szFile) != 1) return 0;
+
+    Hash hash;
+    if (!hash) return BW_PASS_UNLOGGED;
+    Purge purge(szFile, now);
+    VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
+    const int sections = pNames == nullptr ? -1 : ::VLIBCFileEnumSection(szFile, &pNames);
+    purge.SetNames(List(pNames));
+    if (sections < 0) return BW_PASS_UNLOGGED;
+    if (sections == 0) return 0;
+    const Walk walk{szFile, now, static_cast<uint32_t>(protocolMask), transferMask, taker, purge};
+    const int walked = WalkSections(walk, hash);
+    RunPurge(walk);
+    return walked;
 }
+
+// Puts the records into a list, the last one first.
+class Lister final : public StatusTaker {
+public:
+    explicit Lister(bool merge) noexcept : merge_(merge) {}
+    ~Lister() { ::ZEVOBandwidthStatusListFree(&pHead_); }
+    Lister(const Lister &) = delete;
+    Lister &operator=(const Lister &) = delete;
+
+    ZEVO_BANDWIDTH_STATUS *Room() noexcept override
+    {
+        room_.reset(
+            static_cast<ZEVO_BANDWIDTH_STATUS *>(std::calloc(1, sizeof(ZEVO_BANDWIDTH_STATUS))));
+        return room_.get();
+    }
+    bool Take() noexcept override
+    {
+        if (ZEVO_BANDWIDTH_STATUS *const pKin = merge_ ? FindKin() : nullptr; pKin != nullptr) {
+            pKin->current_speed = ::ZEVOBandwidthSum(pKin->current_speed, room_->current_speed);
+            pKin->expect_speed = ::ZEVOBandwidthSum(pKin->expect_speed, room_->expect_speed);
+            return true;
+        }
+        room_->next = pHead_;
+        pHead_ = room_.release();
+        ++count_;
+        return true;
+    }
+    int count() const noexcept { return count_; }
+    ZEVO_BANDWIDTH_STATUS *Release() noexcept { return std::exchange(pHead_, nullptr); }
+
+private:
+    ZEVO_BANDWIDTH_STATUS *FindKin() const noexcept
+    {
+        ZEVO_BANDWIDTH_STATUS *p = pHead_;
+        while (p != nullptr && (p->protocol_type != room_->protocol_type ||
+                                p->transfer_type != room_->transfer_type))
+            p = p->next;
+        return p;
+    }
+
+    const bool merge_;
+    Status room_;
+    ZEVO_BANDWIDTH_STATUS *pHead_ = nullptr;
+    int count_ = 0;
+};
 
 } // namespace
+
+int bandwidth::WalkStatuses(int32_t ownerType, uint32_t id, int32_t protocolMask,
+                            uint32_t transferMask, StatusTaker &taker) noexcept
+{
+    StatusPath path;
+    if (path.Compose(ownerType, id, BW_HERE) < 0) return BW_PASS_UNLOGGED;
+    return WalkFile(path.get(), std::time(nullptr), protocolMask, transferMask, taker);
+}
 
 int ZEVOBandwidthIStatusGetAll(const char *szStatusFile, int32_t protocol_mask,
                                uint32_t transfer_mask, ZEVO_BANDWIDTH_STATUS **pStatusList,
@@ -132,31 +187,11 @@ int ZEVOBandwidthIStatusGetAll(const char *szStatusFile, int32_t protocol_mask,
     const int64_t now = std::time(nullptr);
     BW_REQUIRE(szStatusFile != nullptr, "((void *)0) != szStatusFile");
     BW_REQUIRE(pStatusList != nullptr, "NULL != pStatusList");
-    if (std::strchr(szStatusFile, '.') != nullptr) {
-        DeleteLeftover(szStatusFile, now);
-        return 0;
-    }
-    if (::VLIBCFileExist(szStatusFile) != 1) return 0;
-
-    Hash hash;
-    if (!hash) return BW_PASS_UNLOGGED;
-    Purge purge(szStatusFile, now);
-    VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
-    const int sections = pNames == nullptr ? -1 : ::VLIBCFileEnumSection(szStatusFile, &pNames);
-    purge.SetNames(List(pNames));
-    if (sections < 0) return BW_PASS_UNLOGGED;
-    if (sections == 0) return 0;
-
-    Listing listing{szStatusFile,      now,  static_cast<uint32_t>(protocol_mask), transfer_mask,
-                    blMerge == kMerge, purge};
-    const int listed = ListSections(listing, hash);
-    RunPurge(listing);
-    if (listed < 0) {
-        ::ZEVOBandwidthStatusListFree(&listing.pHead);
+    Lister lister(blMerge == kMerge);
+    if (WalkFile(szStatusFile, now, protocol_mask, transfer_mask, lister) < 0)
         return BW_PASS_UNLOGGED;
-    }
-    if (listing.count > 0) *pStatusList = listing.pHead;
-    return listing.count;
+    if (lister.count() > 0) *pStatusList = lister.Release();
+    return lister.count();
 }
 
 int ZEVOBandwidthStatusGetAll(int32_t owner_type, uint32_t id, int32_t protocol_mask,

@@ -18,6 +18,8 @@ struct Platform {
     std::optional<std::string> failingKey;
     std::optional<std::vector<std::string>> gids;
     Lines executed;
+    bool readsApart = false;
+    std::vector<std::function<void()>> beforeReads;
 };
 
 std::mutex g_mutex;
@@ -88,6 +90,14 @@ void SetGroups(std::vector<std::string> gids)
     Locked([&](Platform &all) { all.gids = std::move(gids); });
 }
 
+void ReadSectionsApart(std::vector<std::function<void()>> actions)
+{
+    Locked([&](Platform &all) {
+        all.readsApart = true;
+        all.beforeReads = std::move(actions);
+    });
+}
+
 Lines Executed()
 {
     return Locked([](Platform &all) { return all.executed; });
@@ -108,6 +118,21 @@ VLIB_SZ_LIST *VLIBCSzListAlloc(int capacity) noexcept
     const bool fails =
         Locked([](Platform &all) { return std::exchange(all.failListAlloc, false); });
     return fails ? nullptr : REAL(VLIBCSzListAlloc)(capacity);
+}
+
+int VLIBCFileGetSection(const char *szPath, const char *szSection, VLIB_SZ_HASH **ppHash) noexcept
+{
+    std::function<void()> action;
+    const bool isApart = Locked([&](Platform &all) {
+        if (!all.beforeReads.empty()) {
+            action = std::move(all.beforeReads.front());
+            all.beforeReads.erase(all.beforeReads.begin());
+        }
+        return all.readsApart;
+    });
+    if (action) action();
+    if (isApart) (void)VLIBCFileExist(szPath); // the platform keeps what it has listed no longer
+    return REAL(VLIBCFileGetSection)(szPath, szSection, ppHash);
 }
 
 int VLIBCSzHashSetValue(VLIB_SZ_HASH **ppHash, const char *szKey, const char *szValue) noexcept

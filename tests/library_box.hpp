@@ -5,6 +5,7 @@
 #define ZEVOBW_TESTS_LIBRARY_BOX_HPP
 
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <utility>
@@ -36,6 +37,9 @@ void FailNextHashAlloc();                      // records 0x0200 in "platform"
 void FailHashSet(std::string key);             // that key, likewise, until the end of the test
 void SetGroups(std::vector<std::string> gids); // the group list of every user; empty: none at all
 void FailNextListAlloc();
+// From now on each section that is read is read of the file as it is then, as another platform may do
+// it; before each of the first reads one of the actions is done.
+void ReadSectionsApart(std::vector<std::function<void()>> actions);
 
 // The programs run since the test began, none of which was really run: the words of each, joined
 // by blanks.
