@@ -15,8 +15,9 @@ namespace {
 
 bool Holds(std::string_view text, const char *szSection) noexcept
 {
-    while (!text.empty())
-        if (Recognise(CutLine(text), szSection) == Line::kOurHeader) return true;
+    Lines lines(text);
+    for (std::string_view line; lines.Next(line);)
+        if (Recognise(line, szSection) == Line::kOurHeader) return true;
     return false;
 }
 

@@ -11,8 +11,9 @@
 namespace bandwidth {
 
 Purge::Purge(const char *szFile, int64_t now) noexcept
-    : szFile_(szFile), now_(now), place_(szFile), file_(place_, O_RDONLY)
+    : szFile_(szFile), now_(now), file_(zevo::OpenAt(AT_FDCWD, szFile, O_PATH))
 {
+    if (file_ && ::fstat(file_.get(), &listed_) < 0) file_ = zevo::Fd();
 }
 
 bool Purge::Note(int32_t i) noexcept
@@ -26,10 +27,9 @@ bool Purge::Note(int32_t i) noexcept
 bool Purge::IsAsListed() const noexcept
 {
     struct stat now = {};
-    return file_ && zevo::NamesSameFile(place_, file_.stat(), now) &&
-           now.st_size == file_.stat().st_size &&
-           now.st_mtim.tv_sec == file_.stat().st_mtim.tv_sec &&
-           now.st_mtim.tv_nsec == file_.stat().st_mtim.tv_nsec;
+    return file_ && ::lstat(szFile_, &now) == 0 && zevo::IsSameFile(now, listed_) &&
+           now.st_size == listed_.st_size && now.st_mtim.tv_sec == listed_.st_mtim.tv_sec &&
+           now.st_mtim.tv_nsec == listed_.st_mtim.tv_nsec;
 }
 
 // A section that cannot be read is not stale for sure and stays. false when there is nothing to decide
@@ -66,8 +66,8 @@ int Purge::Compose(std::string_view oldText, zevo::Bytes &newText) noexcept
     if (!IsAsListed() && !DecideAgain()) return zevo::kComposeFailed;
     int32_t next = 0;
     bool inside = false;
-    while (!oldText.empty()) {
-        const std::string_view line = CutLine(oldText);
+    Lines lines(oldText);
+    for (std::string_view line; lines.Next(line);) {
         if (next < nNoted_ || inside) {
             const Line kind = Recognise(line, next < nNoted_ ? NotedName(next) : "");
             if (kind == Line::kOurHeader && next < nNoted_) {

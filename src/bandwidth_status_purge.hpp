@@ -40,8 +40,8 @@ private:
 
     const char *szFile_;
     const int64_t now_;
-    const zevo::Place place_;
-    const zevo::RegularFile file_; // kept open: its inode number is not given to another meanwhile
+    zevo::Fd file_; // not to be read: its inode number is not given to another meanwhile
+    struct stat listed_ = {};
     List names_;
     Array<int32_t> noted_; // indices of names, ascending
     int32_t nNoted_ = 0;

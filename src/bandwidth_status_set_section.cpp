@@ -12,6 +12,8 @@ using namespace bandwidth;
 
 namespace {
 
+constexpr size_t kMuchForASection = 8192; // bytes, most are 350
+
 enum Mode { kRemove = 0, kSet = 1 };
 
 bool IsComment(std::string_view line) noexcept
@@ -27,24 +29,28 @@ int Compose(std::string_view oldText, zevo::Bytes &newText, const char *szSectio
     SectionText section;
     bool inside = false;
     int found = 0;
-    while (!oldText.empty()) {
-        const std::string_view line = CutLine(oldText);
+    const char *pKept = oldText.data(); // where what is to be copied next begins
+    const auto copyUpTo = [&](const char *pEnd) {
+        return newText.Append({pKept, static_cast<size_t>(pEnd - pKept)});
+    };
+    if (!newText.Reserve(oldText.size() + kMuchForASection)) return zevo::kComposeFailed;
+    Lines lines(oldText);
+    for (std::string_view line; lines.Next(line);) {
         const Line kind = Recognise(line, szSection);
-        if (kind == Line::kOurHeader) {
-            inside = true;
-            if (mode == kSet && found == 0) {
-                if (const int failed = section.Compose(szSection, pHash); failed < 0) return failed;
-            }
-            found = 1;
-            if (!newText.Append(section.view()) || newText.size() > zevo::kMostFileBytes)
-                return zevo::kComposeFailed;
-            continue;
+        if (kind != Line::kOther) inside = kind == Line::kOurHeader;
+        const bool isCopied = !inside || (kind == Line::kOther && IsComment(line));
+        if (isCopied) continue;
+        if (!copyUpTo(line.data())) return zevo::kComposeFailed;
+        pKept = line.data() + line.size();
+        if (kind != Line::kOurHeader) continue;
+        if (mode == kSet && found == 0) {
+            if (const int failed = section.Compose(szSection, pHash); failed < 0) return failed;
         }
-        if (kind == Line::kHeader) inside = false;
-        if (inside && !IsComment(line)) continue;
-        if (!newText.Append(line)) return zevo::kComposeFailed;
+        found = 1;
+        if (!newText.Append(section.view()) || newText.size() > zevo::kMostFileBytes)
+            return zevo::kComposeFailed;
     }
-    return found;
+    return copyUpTo(oldText.data() + oldText.size()) ? found : zevo::kComposeFailed;
 }
 
 int ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection,

@@ -4,6 +4,7 @@
 
 #include "zevocore.h"
 #include "zevocore_file.hpp"
+#include "zevocore_scan.hpp"
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,14 +12,26 @@
 
 namespace bandwidth {
 
-// Cuts the next line off a text, its "\n" included.
-inline std::string_view CutLine(std::string_view &text) noexcept
-{
-    const size_t cbLine = text.find('\n');
-    const std::string_view line = text.substr(0, cbLine == text.npos ? cbLine : cbLine + 1);
-    text.remove_prefix(line.size());
-    return line;
-}
+// Walks over the lines of a text, each with its "\n", which the last one may lack.
+class Lines {
+public:
+    explicit Lines(std::string_view text) noexcept : text_(text), ends_(text) {}
+
+    // false at the end.
+    bool Next(std::string_view &line) noexcept
+    {
+        if (at_ >= text_.size()) return false;
+        const size_t end = ends_.Next() + 1;
+        line = text_.substr(at_, end - at_);
+        at_ = end;
+        return true;
+    }
+
+private:
+    std::string_view text_;
+    zevo::LineEnds ends_;
+    size_t at_ = 0;
+};
 
 enum class Line { kHeader, kOurHeader, kOther };
 
