@@ -34,6 +34,7 @@
 #include <zevocore.h>
 
 #include "measure.hpp"
+#include "sections.hpp"
 
 using namespace bench;
 
@@ -132,33 +133,6 @@ void MakePolicies()
         if (ZEVOBandwidthGlobalConfSet(&policy) != 0) Die("cannot store a policy");
     }
 }
-
-// Writes sections in the platform's own form; one by one through the library would take minutes.
-class SectionWriter {
-public:
-    explicit SectionWriter(const std::string &path)
-        : file_(std::fopen(path.c_str(), "we"), &std::fclose), hash_(VLIBCSzHashAlloc(0))
-    {
-        if (!file_ || hash_ == nullptr) Die("cannot write " + path);
-    }
-    ~SectionWriter() { VLIBCSzHashFree(hash_); }
-    SectionWriter(const SectionWriter &) = delete;
-    SectionWriter &operator=(const SectionWriter &) = delete;
-
-    template <typename Record>
-    void Write(const std::string &section, const Record &record,
-               int (*toHash)(VLIB_SZ_HASH **, const Record *) noexcept)
-    {
-        if (toHash(&hash_, &record) != 0 ||
-            VLIBCFileHash2File(file_.get(), section.c_str(), hash_, 0) < 0)
-            Die("cannot write a section");
-        std::fputc('\n', file_.get());
-    }
-
-private:
-    std::unique_ptr<std::FILE, int (*)(std::FILE *)> file_;
-    VLIB_SZ_HASH *hash_;
-};
 
 // A rule for each group and for as many users as there are rules left.
 void MakeRules()

@@ -29,6 +29,7 @@ packages_of() { # GROUP
         ;;
     run) echo util-linux mount ;; # what the sandbox needs
     pictures) echo python3 python3-rich tmux ;;
+    plot) echo gnuplot-nox ;;
     measure) echo pv ;; # what the cost is compared with
     check) echo clang-format clang-tidy shellcheck ;;
     *) die "no package group '$1'" ;;
