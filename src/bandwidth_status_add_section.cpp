@@ -1,7 +1,7 @@
 // Appending a section to a status file: in one write, so that appends of several processes stand
 // beside each other, and on a line of its own, so that the torn tail of a process that died harms
 // nobody. When the file has been replaced meanwhile the section went to a file without a name, and
-// the work starts over.
+// the work starts over. A file with a second name is never changed in place but replaced first.
 
 #include "bandwidth_frame.hpp"
 #include "bandwidth_guard.hpp"
@@ -21,6 +21,14 @@ bool Holds(std::string_view text, const char *szSection) noexcept
     return false;
 }
 
+// Puts a copy in the file's place.
+zevo::RewriteResult ReplaceByCopy(const char *szFile) noexcept
+{
+    return zevo::RewriteFile(szFile, [](std::string_view oldText, zevo::Bytes &newText) {
+        return newText.Append(oldText) ? 1 : zevo::kComposeFailed;
+    });
+}
+
 } // namespace
 
 int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
@@ -38,6 +46,11 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
     for (int attempt = 0; attempt <= zevo::kMostRewriteRetries; ++attempt) {
         const zevo::RegularFile file(place, O_RDWR | O_APPEND);
         if (!file) return BW_FAIL(file.code());
+        if (file.stat().st_nlink > 1) { // somebody has linked to a file that lies anywhere
+            if (const auto copied = ReplaceByCopy(szFile); copied.result < 0)
+                return BW_FAIL(copied.code);
+            continue;
+        }
         zevo::Bytes text;
         if (file.ReadWhole(text) != 0) return BW_PASS_UNLOGGED; // no code of its own is promised
         if (Holds(text.view(), szSection)) return written ? 1 : 0;
@@ -55,5 +68,5 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
         struct stat now = {};
         if (zevo::NamesSameFile(place, file.stat(), now)) break;
     }
-    return 1;
+    return written ? 1 : BW_FAIL(ZEVO_BW_ERROR_OPEN); // linked again each time
 }

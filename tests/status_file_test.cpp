@@ -446,6 +446,16 @@ TEST_F(StatusRewrite, OnlyRegularFilesOfSomeSizeAreTouched)
     EXPECT_THAT(box.Files(), ElementsAre("user-2001"));
 }
 
+TEST_F(StatusRewrite, AFileWithASecondNameIsReplacedAndNeverChangedInPlace)
+{
+    Write(kTwo);
+    ASSERT_EQ(::link(Path(), box.Path("elsewhere")), 0);
+    EXPECT_EQ(Add("1-2"), 1);
+    EXPECT_EQ(box.Read("elsewhere"), kTwo);
+    EXPECT_EQ(Read(), kTwo + ("\n" + hash.Text().replace(1, 1, "1-2")));
+    EXPECT_THAT(box.Files(), ElementsAre("elsewhere", "user-2001"));
+}
+
 // ---- beside other processes ----
 
 TEST_F(StatusRewrite, WhatAnotherProcessDidMeanwhileIsNotLost)
