@@ -620,6 +620,8 @@ ZEVO_BW_API int ZEVOBandwidthStatusAddSection(const char *szFile, const char *sz
  *                       speeds (0, unlimited, as soon as one is)
  * @return               number of records, or -1 on failure
  * Errors:    0x0D00, 0x0200, or the platform's; a section that cannot be read is logged, no more.
+ *            After 64 log lines about a file it is said once that the rest is left out, and after
+ *            64 searches for add-ons a name that was not found before counts as unknown.
  * Ownership: release with ZEVOBandwidthStatusListFree().
  * Threads:   any.
  */

@@ -73,7 +73,8 @@ private:
 class Matches {
 public:
     explicit Matches(const char *szPattern) noexcept
-        : result_(::glob(szPattern, 0, nullptr, &glob_))
+        : result_(StrangersFileScope::MaySearch() ? ::glob(szPattern, 0, nullptr, &glob_)
+                                                  : GLOB_NOMATCH)
     {
     }
     ~Matches()

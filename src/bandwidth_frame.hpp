@@ -28,6 +28,44 @@ inline int Fail(unsigned code, Site site) noexcept
     return -1;
 }
 
+// While it lives the calling thread walks over a file that strangers may write: a million sections
+// must neither fill the system log nor cost a million searches of the add-on directory. After 64
+// lines it is said once that the rest is left out, and after 64 searches no other add-on is found.
+// Of scopes within each other the outer one counts.
+class StrangersFileScope {
+public:
+    explicit StrangersFileScope(const char *szFile) noexcept : szFile_(szFile)
+    {
+        if (pCurrent == nullptr) pCurrent = this;
+    }
+    ~StrangersFileScope()
+    {
+        if (pCurrent == this) pCurrent = nullptr;
+    }
+    StrangersFileScope(const StrangersFileScope &) = delete;
+    StrangersFileScope &operator=(const StrangersFileScope &) = delete;
+
+    static bool MayLog(Site site) noexcept
+    {
+        if (pCurrent == nullptr || pCurrent->linesLeft_-- > 0) return true;
+        if (pCurrent->linesLeft_ == -1)
+            ::syslog(LOG_ERR, "%s:%d Too much to log about [%s], the rest is left out", site.szFile,
+                     site.line, pCurrent->szFile_);
+        return false;
+    }
+    static bool MaySearch() noexcept
+    {
+        return pCurrent == nullptr || pCurrent->searchesLeft_-- > 0;
+    }
+
+private:
+    static inline thread_local StrangersFileScope *pCurrent = nullptr; // of the calling thread
+
+    const char *const szFile_;
+    int64_t linesLeft_ = 64; // negative once they are used up
+    int64_t searchesLeft_ = 64;
+};
+
 } // namespace bandwidth
 
 // Macros, because file and line must be the caller's, and formats literals that the compiler
@@ -35,7 +73,9 @@ inline int Fail(unsigned code, Site site) noexcept
 #define BW_HERE (::bandwidth::Site{__FILE_NAME__, __LINE__})
 
 #define BW_LOG_AT(site, fmt, ...)                                                                  \
-    ::syslog(LOG_ERR, "%s:%d " fmt, (site).szFile, (site).line __VA_OPT__(, ) __VA_ARGS__)
+    (::bandwidth::StrangersFileScope::MayLog(site)                                                 \
+         ? ::syslog(LOG_ERR, "%s:%d " fmt, (site).szFile, (site).line __VA_OPT__(, ) __VA_ARGS__)  \
+         : void())
 #define BW_LOG(fmt, ...) BW_LOG_AT(BW_HERE, fmt __VA_OPT__(, ) __VA_ARGS__)
 
 // The line that passes on what the error slot holds.

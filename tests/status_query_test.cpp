@@ -143,6 +143,27 @@ TEST_F(Query, OneBadSectionHidesNoOther)
     EXPECT_NE(box.Read("user-2001").find(bad), std::string::npos) << "it stays";
 }
 
+TEST_F(Query, AMillionUnknownNamesNeitherFillTheLogNorAreSearchedFor)
+{
+    Box("/usr/zevo/etc/bandwidth/addon").Make();
+    etc.Write("addon/safe_21.json", "");
+    std::vector<Transfer> transfers;
+    for (int pid = 1; pid <= 64; ++pid)
+        transfers.push_back(Of(pid, ("unknown" + std::to_string(pid)).c_str()));
+    transfers.push_back(Of(65, "safe"));
+    Write(transfers);
+    EXPECT_THAT(List(-1), IsEmpty()) << "64 searches were made when it came to the last one";
+    const Lines told = TakeLog();
+    ASSERT_EQ(told.size(), 65U);
+    EXPECT_EQ(told[64], "bandwidth_enum.cpp:# Too much to log about [/tmp/bandwidth/user-2001], "
+                        "the rest is left out");
+
+    // What is known needs no search; and what one file causes is not held against the next.
+    EXPECT_EQ(ZEVOBandwidthEnumToValue(ZEVO_BW_PROTOCOL_TYPE_LIST, "safe"), 21);
+    EXPECT_THAT(List(-1), ElementsAre("65:100/1000"));
+    EXPECT_EQ(TakeLog().size(), 65U);
+}
+
 TEST_F(Query, ATransferThatIsJustBeingSavedAnewIsNotTakenForDead)
 {
     // Between the names and the section it is gone, right after that it is back.
