@@ -10,6 +10,17 @@ namespace bandwidth {
 
 namespace {
 
+// Whatever the host's creation mask: services of all users read limits, and only their owner may
+// change them.
+constexpr mode_t kFileMode = 0644;
+
+// Whoever did not make the file may not, and need not.
+void SetUsualMode(const char *szFile) noexcept
+{
+    const zevo::Place place(szFile);
+    if (::fchmodat(place.dir(), place.name(), kFileMode, 0) < 0) return;
+}
+
 int MakeFile(const char *szFile, Site site) noexcept
 {
     struct stat status = {};
@@ -18,6 +29,7 @@ int MakeFile(const char *szFile, Site site) noexcept
         return BW_PASS_AT(site, "ZEVOFSMkdirP failed. [%s] ", kConfDirectory);
     if (::VLIBCFileTouch(szFile) < 0)
         return BW_PASS_AT(site, "VLIBCFileTouch [%s] failed. ", szFile);
+    SetUsualMode(szFile);
     return 0;
 }
 

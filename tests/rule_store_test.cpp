@@ -158,6 +158,21 @@ TEST_F(RuleStore, ARuleThatIsNotStoredReadsAsNotExisted)
     EXPECT_THAT(etc.Files(), ElementsAre("bandwidth.ftp.conf"));
 }
 
+TEST_F(RuleStore, EverybodyMayReadTheFileAndNobodyElseWriteItWhateverTheCreationMask)
+{
+    for (const mode_t mask : {0000U, 0077U, 0777U}) {
+        SCOPED_TRACE(mask);
+        etc.Wipe();
+        ::umask(mask);
+        ZEVO_BANDWIDTH_CONF rule = Rule();
+        EXPECT_EQ(ZEVOBandwidthConfSetByID(&rule), 0);
+        EXPECT_EQ(::umask(022), mask);
+        struct stat file = {};
+        EXPECT_EQ(::stat(kFtpFile, &file), 0);
+        EXPECT_EQ(file.st_mode & 07777, 0644U);
+    }
+}
+
 TEST_F(RuleStore, TheFirstRuleMakesDirectoryAndFileAndALaterOneReplacesIt)
 {
     etc.Wipe();
