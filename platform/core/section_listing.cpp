@@ -7,15 +7,16 @@
 //    that are read in its order come from what was read then. The moment is over when the list is
 //    given back, with a read out of order, when the thread asks whether a file exists (as every
 //    operation that is not part of the listing does first), when the thread writes a section file,
-//    and in any case after a tenth of a second.
+//    and in any case after a tenth of a second, or ten times as long as reading the file took: a
+//    stranger's huge one must not be read again for each of its sections.
 //  - Any other answer asks first, by one stat of the path that follows no link, whether the file
 //    still is the one that was read: device, inode, size, and both time stamps to the nanosecond. It
 //    is kept open, since the inode number of a file that is gone is soon another's. After a change
 //    the file is read as ever, and that text answers the rest of the listing.
 //  - Time stamps are coarse: a change in place within one tick that keeps the size does not show in
 //    them. Our own writers replace or append, so that inode or size differ. For the sake of others
-//    no section is answered twice (a second read of it belongs to a later call) and nothing from
-//    what was read more than a second ago.
+//    no section is answered twice (a second read of it belongs to a later call), and what was read
+//    more than a second ago is read again, of a huge file after ten times as long as that took.
 //  - Memory and descriptor are given back with the listing's last section and when the thread ends,
 //    and when the names are freed although some sections have been read and others have not: whoever
 //    does that has failed half-way. (Names that are freed first may have been copied.)
@@ -27,6 +28,7 @@
 //  - Where there is no memory, or no thread key, nothing is kept and each read is one by itself.
 #include "section_listing.hpp"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <ctime>
@@ -44,6 +46,7 @@ namespace {
 
 constexpr int64_t kNsPerSecond = 1'000'000'000;
 constexpr int64_t kAnswersForNs = kNsPerSecond;
+constexpr int64_t kAnswersForReads = 10;
 constexpr int64_t kMomentNs = kNsPerSecond / 10;
 
 int64_t MonotonicNs() noexcept
@@ -134,9 +137,22 @@ bool Snapshot::IsCurrent(const char *szPath) const noexcept
            IsSameTime(now.st_ctim, stat_.st_ctim);
 }
 
-int64_t Snapshot::AgeNs() const noexcept
+bool Snapshot::IsFresh() const noexcept
 {
-    return MonotonicNs() - readAtNs_;
+    return MonotonicNs() <= answersUntilNs_;
+}
+
+void Snapshot::BeginAnswering() noexcept
+{
+    const int64_t now = MonotonicNs();
+    const int64_t longNs = now + kAnswersForReads * (now - readAtNs_);
+    answersUntilNs_ = std::max(readAtNs_ + kAnswersForNs, longNs);
+    momentUntilNs_ = std::max(readAtNs_ + kMomentNs, longNs);
+}
+
+bool Snapshot::IsOneMoment() const noexcept
+{
+    return MonotonicNs() <= momentUntilNs_;
 }
 
 void Snapshot::Drop() noexcept
@@ -268,6 +284,7 @@ void Listing::Begin(const char *szPath, Snapshot &&snapshot, SectionIndex &&inde
     std::unique_ptr<Listing> pListing(new (std::nothrow) Listing);
     if (!pListing || !pListing->path_.Append({szPath, std::strlen(szPath) + 1})) return;
     pListing->snapshot_ = std::move(snapshot);
+    pListing->snapshot_.BeginAnswering();
     pListing->index_ = std::move(index);
     pListing->pList_ = &list;
     slot.Set(pListing.release());
@@ -306,25 +323,26 @@ Listing *Listing::Of(const char *szPath, const char *szSection) noexcept
     if (pListing == nullptr) return nullptr;
     if (std::strcmp(pListing->path_.view().data(), szPath) == 0) {
         pListing->found_ = pListing->index_.Find(szSection);
-        if (pListing->found_ != SectionIndex::kNone && pListing->IsFresh()) return pListing;
+        if (pListing->found_ != SectionIndex::kNone) {
+            pListing->CheckMoment();
+            return pListing;
+        }
     }
     End();
     return nullptr;
 }
 
-// Ends the moment where it has passed. false: the listing, too.
-bool Listing::IsFresh() noexcept
+// Ends the moment where it has passed.
+void Listing::CheckMoment() noexcept
 {
-    const int64_t ageNs = snapshot_.AgeNs();
-    if (ageNs > kMomentNs || !index_.IsNext(found_)) isMoment_ = false;
-    return ageNs <= kAnswersForNs;
+    if (!snapshot_.IsOneMoment() || !index_.IsNext(found_)) isMoment_ = false;
 }
 
 unsigned Listing::Take(const char *szSection, std::optional<std::string_view> &lines) noexcept
 {
     const char *const szPath = path_.view().data();
     isBegun_ = true;
-    if (!isMoment_ && !snapshot_.IsCurrent(szPath)) {
+    if (!isMoment_ && (!snapshot_.IsFresh() || !snapshot_.IsCurrent(szPath))) {
         snapshot_.Drop();
         if (const unsigned code = snapshot_.Read(szPath); code != 0) return code;
         if (!index_.Renew(snapshot_.text())) {
@@ -332,6 +350,7 @@ unsigned Listing::Take(const char *szSection, std::optional<std::string_view> &l
             lines = LinesOf(snapshot_.text(), szSection);
             return 0;
         }
+        snapshot_.BeginAnswering();
     }
     lines = index_.Take(found_, snapshot_.text());
     return 0;

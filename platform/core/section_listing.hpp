@@ -19,7 +19,11 @@ public:
     unsigned Read(const char *szPath) noexcept;
     // Whether the path still names that file in that state.
     bool IsCurrent(const char *szPath) const noexcept;
-    int64_t AgeNs() const noexcept;
+    bool IsOneMoment() const noexcept;
+    // Whether it was read lately, as measured by how long that and what followed took.
+    bool IsFresh() const noexcept;
+    // It is ready to answer.
+    void BeginAnswering() noexcept;
     // Gives text and file back, even where the host has taken the descriptor away.
     void Drop() noexcept;
     std::string_view text() const noexcept { return text_.view(); }
@@ -29,6 +33,8 @@ private:
     Fd fd_;
     struct stat stat_ = {};
     int64_t readAtNs_ = 0;
+    int64_t answersUntilNs_ = 0;
+    int64_t momentUntilNs_ = 0;
 };
 
 // Where in a text each section's lines are; of the first one where a name stands twice.
@@ -98,7 +104,7 @@ public:
     bool IsDone() const noexcept { return index_.left() == 0; }
 
 private:
-    bool IsFresh() noexcept;
+    void CheckMoment() noexcept;
 
     Bytes path_; // with its NUL
     Snapshot snapshot_;
