@@ -1,7 +1,9 @@
 // The rewrite that drops stale sections. Between the listing and the rewrite an owner may have saved
-// his section again, or another listing have dropped it; so what was decided holds only for the file
-// that was listed. Any other is listed anew before anything of it goes, and is left to the next
-// listing where it changes faster than that.
+// his section again; what was decided then holds no more. Nor does it help to compare files: writers
+// swap names, so that for a moment the path leads to what one of them is about to take back, and the
+// listing may have read that. Hence the sections that are to go are taken out of the very text that is
+// being rewritten and read once more, by the platform, from a copy beside the file that nobody else
+// knows. A file that changes faster than that is left to the next listing.
 
 #include "bandwidth_status_purge.hpp"
 
@@ -9,12 +11,6 @@
 #include "bandwidth_status_text.hpp"
 
 namespace bandwidth {
-
-Purge::Purge(const char *szFile, int64_t now) noexcept
-    : szFile_(szFile), now_(now), file_(zevo::OpenAt(AT_FDCWD, szFile, O_PATH))
-{
-    if (file_ && ::fstat(file_.get(), &listed_) < 0) file_ = zevo::Fd();
-}
 
 bool Purge::Note(int32_t i) noexcept
 {
@@ -24,46 +20,11 @@ bool Purge::Note(int32_t i) noexcept
     return true;
 }
 
-bool Purge::IsAsListed() const noexcept
+// Goes through the lines: those of the noted sections, which stand in the file in the order of their
+// names, and all others. As with any removal the comments in them stay.
+template <class Keep, class Drop>
+void Purge::Split(std::string_view oldText, Keep keep, Drop drop) const noexcept
 {
-    struct stat now = {};
-    return file_ && ::lstat(szFile_, &now) == 0 && zevo::IsSameFile(now, listed_) &&
-           now.st_size == listed_.st_size && now.st_mtim.tv_sec == listed_.st_mtim.tv_sec &&
-           now.st_mtim.tv_nsec == listed_.st_mtim.tv_nsec;
-}
-
-// A section that cannot be read is not stale for sure and stays. false when there is nothing to decide
-// on, the notes as they were: they tell what has not gone.
-bool Purge::DecideAgain() noexcept
-{
-    const Hash hash;
-    if (!hash) return false;
-    VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
-    const int sections = pNames == nullptr ? -1 : ::VLIBCFileEnumSection(szFile_, &pNames);
-    List names(pNames);
-    if (sections < 0) return false;
-    auto noted = AllocateArray<int32_t>(static_cast<size_t>(sections));
-    if (!noted) return false;
-    names_ = std::move(names);
-    noted_ = std::move(noted);
-    nNoted_ = 0;
-    for (int32_t i = 0; i < count(); ++i) {
-        VLIB_SZ_HASH *pHash = hash.get();
-        (void)::VLIBCHashRemoveAll(pHash);
-        ZEVO_BANDWIDTH_STATUS status = {};
-        if (::VLIBCFileGetSection(szFile_, name(i), &pHash) <= 0 ||
-            ::ZEVOBandwidthInitStatusFromHash(&status, pHash) < 0 || !IsStale(status, now_))
-            continue;
-        noted_[nNoted_++] = i;
-    }
-    return true;
-}
-
-// The sections to go stand in the file in the order of their names. As with any removal the comments
-// in them stay.
-int Purge::Compose(std::string_view oldText, zevo::Bytes &newText) noexcept
-{
-    if (!IsAsListed() && !DecideAgain()) return zevo::kComposeFailed;
     int32_t next = 0;
     bool inside = false;
     Lines lines(oldText);
@@ -77,10 +38,64 @@ int Purge::Compose(std::string_view oldText, zevo::Bytes &newText) noexcept
                 inside = false;
             }
         }
-        if (inside && line.front() != ';' && line.front() != '#') continue;
-        if (!newText.Append(line)) return zevo::kComposeFailed;
+        const bool goes = inside && line.front() != ';' && line.front() != '#';
+        if (!(goes ? drop(line) : keep(line))) return;
     }
-    return next > 0 ? 1 : 0;
+}
+
+// Notes what is stale of the copy: 0, or the kCompose... result that says why it cannot be told, the
+// notes as they were: they tell what has not gone.
+int Purge::DecideOn(const char *szCopy) noexcept
+{
+    const Hash hash;
+    VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
+    const int sections = pNames == nullptr ? -1 : ::VLIBCFileEnumSection(szCopy, &pNames);
+    List names(pNames);
+    if (sections < 0) return pNames == nullptr ? zevo::kComposeFailed : zevo::kComposeRefused;
+    auto noted = AllocateArray<int32_t>(static_cast<size_t>(sections));
+    if (!hash || !noted) return zevo::kComposeFailed;
+    int32_t nNoted = 0;
+    for (int32_t i = 0; i < sections; ++i) {
+        VLIB_SZ_HASH *pHash = hash.get();
+        (void)::VLIBCHashRemoveAll(pHash);
+        ZEVO_BANDWIDTH_STATUS status = {};
+        if (::VLIBCFileGetSection(szCopy, ::VLIBCSzListGet(names.get(), i), &pHash) < 0)
+            return zevo::kComposeRefused;
+        if (::ZEVOBandwidthInitStatusFromHash(&status, pHash) == 0 && IsStale(status, now_))
+            noted[nNoted++] = i;
+    }
+    names_ = std::move(names);
+    noted_ = std::move(noted);
+    nNoted_ = nNoted;
+    return 0;
+}
+
+int Purge::Decide(std::string_view oldText) noexcept
+{
+    zevo::Bytes text;
+    bool isWhole = true;
+    const auto pass = [](std::string_view) { return true; };
+    Split(oldText, pass, [&](std::string_view line) { return isWhole = text.Append(line); });
+    if (!isWhole) return zevo::kComposeFailed;
+    const zevo::Place place(szFile_);
+    zevo::TempFile copy(place);
+    if (!copy || !copy.Write(text.view())) {
+        BW_RECORD(copy ? ZEVO_BW_ERROR_WRITE : ZEVO_BW_ERROR_OPEN);
+        return zevo::kComposeRefused;
+    }
+    char szCopy[zevo::kPathBytes];
+    (void)std::snprintf(szCopy, sizeof(szCopy), "%s%s", szFile_, copy.suffix());
+    return DecideOn(szCopy);
+}
+
+int Purge::Compose(std::string_view oldText, zevo::Bytes &newText) noexcept
+{
+    if (const int failed = Decide(oldText); failed < 0) return failed;
+    bool isWhole = true;
+    const auto keep = [&](std::string_view line) { return isWhole = newText.Append(line); };
+    Split(oldText, keep, [](std::string_view) { return true; });
+    if (!isWhole) return zevo::kComposeFailed;
+    return nNoted_ > 0 ? 1 : 0;
 }
 
 int Purge::Run() noexcept
@@ -90,7 +105,8 @@ int Purge::Run() noexcept
         szFile_,
         [&](std::string_view oldText, zevo::Bytes &newText) { return Compose(oldText, newText); },
         zevo::IfBeaten::kGiveUp);
-    return done.result < 0 ? BW_FAIL(done.code) : 0;
+    if (done.result >= 0) return 0;
+    return done.code == 0 ? BW_PASS_UNLOGGED : BW_FAIL(done.code);
 }
 
 } // namespace bandwidth

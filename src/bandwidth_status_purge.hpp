@@ -13,11 +13,10 @@ inline bool IsStale(const ZEVO_BANDWIDTH_STATUS &status, int64_t now) noexcept
     return status.timestamp < now - kStaleAfterSeconds;
 }
 
-// Made before the file is listed. The listing notes what it finds stale; Run() drops that, unless a
-// save has come in time: where the file is another one by then each section is decided on again.
+// The listing notes what it finds stale; Run() drops that, unless a save has come in time.
 class Purge {
 public:
-    Purge(const char *szFile, int64_t now) noexcept;
+    Purge(const char *szFile, int64_t now) noexcept : szFile_(szFile), now_(now) {}
 
     // Takes over the names of the listed sections, in file order.
     void SetNames(List names) noexcept { names_ = std::move(names); }
@@ -34,14 +33,14 @@ public:
     const char *NotedName(int32_t i) const noexcept { return name(noted_[i]); }
 
 private:
-    bool IsAsListed() const noexcept;
-    bool DecideAgain() noexcept;
+    int Decide(std::string_view oldText) noexcept;
+    int DecideOn(const char *szCopy) noexcept;
+    template <class Keep, class Drop>
+    void Split(std::string_view oldText, Keep keep, Drop drop) const noexcept;
     int Compose(std::string_view oldText, zevo::Bytes &newText) noexcept;
 
     const char *szFile_;
     const int64_t now_;
-    zevo::Fd file_; // not to be read: its inode number is not given to another meanwhile
-    struct stat listed_ = {};
     List names_;
     Array<int32_t> noted_; // indices of names, ascending
     int32_t nNoted_ = 0;

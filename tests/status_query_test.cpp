@@ -252,7 +252,7 @@ TEST_F(Query, NothingToListLeavesTheHeadAlone)
     EXPECT_EQ(ZEVOBandwidthIStatusGetAll(Path(), 8, 3, &pList, 0), 0);
     EXPECT_EQ(pList, &other);
 
-    FailNth(Call::Open, 3, EACCES);
+    FailNth(Call::Open, 2, EACCES);
     EXPECT_EQ(ZEVOBandwidthIStatusGetAll(Path(), 15, 3, &pList, 0), -1);
     platform::FailNextHashAlloc();
     EXPECT_EQ(ZEVOBandwidthIStatusGetAll(Path(), 15, 3, &pList, 0), -1);

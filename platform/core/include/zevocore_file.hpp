@@ -357,6 +357,8 @@ public:
     TempFile &operator=(const TempFile &) = delete;
 
     explicit operator bool() const noexcept { return static_cast<bool>(fd_); }
+    // What its name has behind that of the place.
+    const char *suffix() const noexcept { return szName_ + std::strlen(place_.name()); }
     bool Write(std::string_view text) noexcept
     {
         if (text.size() <= kMostFileBytes) return WriteAll(fd_.get(), text);
