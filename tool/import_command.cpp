@@ -98,6 +98,7 @@ std::vector<FieldText> Fields(const ZEVO_BANDWIDTH_CONF &rule)
 std::vector<FieldText> Fields(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
 {
     std::vector<FieldText> fields;
+    fields.reserve(kChoices.size() + 1);
     for (const PolicyChoice &choice : kChoices)
         fields.push_back({choice.label, ChoiceText(choice, policy), ChoiceText(choice, policy)});
     fields.push_back({"plan", PlanText(policy.szSchedulePlan), policy.szSchedulePlan});

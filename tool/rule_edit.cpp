@@ -184,7 +184,8 @@ std::string Edit(Draft &draft, const std::string &text)
 
 bool IsSame(const ZEVO_BANDWIDTH_CONF &a, const ZEVO_BANDWIDTH_CONF &b)
 {
-    return std::memcmp(&a, &b, sizeof(a)) == 0; // both were zeroed before they were filled
+    // Both were zeroed before they were filled. NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
+    return std::memcmp(&a, &b, sizeof(a)) == 0;
 }
 
 void EditRule(const EditArguments &arguments)

@@ -108,8 +108,9 @@ TopScreen::TopScreen()
     utf8_ = std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0;
     ::use_tioctl(true); // the size that the terminal has, whatever LINES and COLUMNS say
     screen_ = ::newterm(nullptr, stdout, stdin);
+    const char *const szType = std::getenv("TERM");
     if (screen_ == nullptr)
-        throw Failure(kFailed, "the terminal type \"" + std::string(std::getenv("TERM")) +
+        throw Failure(kFailed, "the terminal type \"" + std::string(szType ? szType : "") +
                                    "\" is not known here; set TERM to one that is, such as xterm");
     ::set_escdelay(kEscapeDelayMs);
     ::cbreak();
@@ -165,10 +166,10 @@ std::optional<TopKey> TopScreen::NextKey()
         const int kind = ::wget_wch(stdscr, &code);
         if (kind == ERR) return std::nullopt;
         if (kind == KEY_CODE_YES) {
-            if (const auto key = FindKey(kFunctionKeys, code)) return key;
+            if (auto key = FindKey(kFunctionKeys, code)) return key;
             continue; // a new size, which the next drawing finds, or a key without meaning
         }
-        if (const auto key = FindKey(kControlKeys, code)) return key;
+        if (auto key = FindKey(kControlKeys, code)) return key;
         if (code >= 0x20) return TopKey{TopKey::kText, ToText(code)};
     }
 }

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cwchar>
 #include <utility>
 
@@ -86,7 +87,7 @@ std::string HistoryGraph(const std::deque<std::uint64_t> &speeds, std::uint64_t 
          ++speed) {
         const double part =
             fullBps == 0 ? 0 : static_cast<double>(*speed) / static_cast<double>(fullBps);
-        const auto step = static_cast<std::size_t>(part * (kBlocks.size() - 1) + 0.5);
+        const auto step = static_cast<std::size_t>(std::lround(part * (kBlocks.size() - 1)));
         graph += utf8 ? kBlocks[step] : kSigns[step];
     }
     return graph;
