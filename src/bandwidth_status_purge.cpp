@@ -16,7 +16,7 @@ bool Purge::Note(int32_t i) noexcept
 {
     if (!noted_) noted_ = AllocateArray<int32_t>(static_cast<size_t>(count()));
     if (!noted_) return false;
-    noted_[nNoted_++] = i;
+    noted_[static_cast<size_t>(nNoted_++)] = i;
     return true;
 }
 

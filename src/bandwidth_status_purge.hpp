@@ -30,7 +30,10 @@ public:
     int Run() noexcept;
     // The sections that Run() meant to drop.
     int32_t noted() const noexcept { return nNoted_; }
-    const char *NotedName(int32_t i) const noexcept { return name(noted_[i]); }
+    const char *NotedName(int32_t i) const noexcept
+    {
+        return name(noted_[static_cast<std::size_t>(i)]);
+    }
 
 private:
     int Decide(std::string_view oldText) noexcept;

@@ -32,6 +32,7 @@ packages_of() { # GROUP
     plot) echo gnuplot-nox ;;
     measure) echo pv ;; # what the cost is compared with
     check) echo clang-format clang-tidy shellcheck ;;
+    fuzz) echo clang libclang-rt-14-dev gcovr ;;
     *) die "no package group '$1'" ;;
     esac
 }

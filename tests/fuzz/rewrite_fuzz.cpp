@@ -1,0 +1,106 @@
+// The writers of section files, against what they promise: every byte that is not the section's own
+// stays, comments included, and what was written comes back equal.
+//
+// Input: a letter for the writer and the section's name; "key=value" lines up to an empty one; the
+// file as it is before.
+#include "fuzz.hpp"
+
+#include <algorithm>
+
+#include "zevobandwidth.h"
+
+using namespace fuzz;
+
+namespace {
+
+// The lines that are not of that section, and the comments in it.
+std::string Foreign(std::string_view text, const std::string &section)
+{
+    std::string foreign;
+    bool inside = false;
+    while (!text.empty()) {
+        const std::string_view line = text.substr(0, text.find('\n')); // as the reader takes it
+        const std::size_t cbWhole = std::min(line.size() + 1, text.size());
+        const int cbLine = static_cast<int>(line.size());
+        if (VLIBCIFileIsSection(line.data(), cbLine) != 0)
+            inside = VLIBCIFileMatchSection(line.data(), cbLine, section.c_str()) == 1;
+        const bool isComment = !line.empty() && (line.front() == ';' || line.front() == '#');
+        if (!inside || isComment) foreign += text.substr(0, cbWhole);
+        text.remove_prefix(cbWhole);
+    }
+    return foreign;
+}
+
+bool Has(const File &file, const std::string &section)
+{
+    const std::vector<std::string> names = Sections(file);
+    return std::find(names.begin(), names.end(), section) != names.end();
+}
+
+void RequireSection(const File &file, const std::string &section,
+                    const std::map<std::string, std::string> &pairs)
+{
+    Hash read;
+    Require(VLIBCFileGetSection(file.path(), section.c_str(), read.address()) == 1,
+            "a written section can be read");
+    for (const auto &[key, value] : pairs) {
+        const char *const szValue = VLIBCSzHashGetValue(read.get(), key.c_str());
+        Require(szValue != nullptr && value == szValue, "a written pair comes back equal");
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pBytes, std::size_t cb)
+{
+    static const File file("/tmp/fuzz/rewrite");
+    std::string_view text = Text(pBytes, cb);
+    std::string section = CString(CutLine(text));
+    if (section.empty()) return 0;
+    const char writer = section.front();
+    section.erase(0, 1);
+    Hash hash;
+    const auto pairs = CutPairs(text, hash);
+    file.Write(text);
+    const bool wasThere = Has(file, section);
+    const std::string before = Foreign(text, section);
+    const auto require_foreign_kept = [&] {
+        Require(Foreign(file.Read(), section) == before, "foreign bytes stay as they are");
+    };
+    const char *const szSection = section.c_str();
+
+    switch (writer) {
+    case 's': // a transfer's section is replaced
+        Require(ZEVOBandwidthStatusSetSection(file.path(), szSection, hash.get()) ==
+                    (wasThere ? 1 : 0),
+                "a section is replaced exactly when it is there");
+        require_foreign_kept();
+        if (wasThere) RequireSection(file, section, pairs);
+        break;
+    case 'r':
+        Require(ZEVOBandwidthStatusRemoveSection(file.path(), szSection) == (wasThere ? 1 : 0),
+                "a section is removed exactly when it is there");
+        require_foreign_kept();
+        Require(!Has(file, section), "a removed section is gone");
+        break;
+    case 'a': {
+        const int added = ZEVOBandwidthStatusAddSection(file.path(), szSection, hash.get());
+        Require(added == (wasThere ? 0 : 1), "a section is appended unless it is there");
+        const std::string now = file.Read();
+        Require(now.starts_with(text), "an append leaves what is there");
+        if (!wasThere) RequireSection(file, section, pairs);
+        break;
+    }
+    case 'R': // a rule is stored as the rule store does it
+        if (VLIBCFileSetSection(file.path(), szSection, nullptr, hash.get(), 0) == 0)
+            Require(!wasThere && VLIBCFileAddSection(file.path(), szSection, hash.get(), 0) >= 0,
+                    "a section is added when it was not there");
+        RequireSection(file, section, pairs);
+        break;
+    default: // a listing's purge
+        Require(VLIBCFileRemoveSection(file.path(), szSection) >= 0, "a purge does not fail");
+        require_foreign_kept();
+        Require(!Has(file, section), "a purged section is gone");
+    }
+    return 0;
+}
