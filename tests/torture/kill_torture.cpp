@@ -552,7 +552,8 @@ int main(int argc, char **argv)
 {
     const Options options = ParseOptions(argc, argv);
     Table table(options.seed);
-    const double share = 1.0 / (std::size(kOperations) * (options.disk.empty() ? 1 : 2));
+    const double places = options.disk.empty() ? 1 : 2;
+    const double share = 1 / (static_cast<double>(std::size(kOperations)) * places);
     for (const Operation &operation : kOperations)
         KillAt("/tmp", "tmpfs", options, table, operation, share, 10'000);
     if (!options.disk.empty())
