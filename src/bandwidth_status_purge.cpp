@@ -48,12 +48,13 @@ void Purge::Split(std::string_view oldText, Keep keep, Drop drop) const noexcept
 int Purge::DecideOn(const char *szCopy) noexcept
 {
     const Hash hash;
-    VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
-    const int sections = pNames == nullptr ? -1 : ::VLIBCFileEnumSection(szCopy, &pNames);
-    List names(pNames);
-    if (sections < 0) return pNames == nullptr ? zevo::kComposeFailed : zevo::kComposeRefused;
-    auto noted = AllocateArray<int32_t>(static_cast<size_t>(sections));
+    auto noted = AllocateArray<int32_t>(static_cast<size_t>(nNoted_)); // no more are in it
     if (!hash || !noted) return zevo::kComposeFailed;
+    VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
+    if (pNames == nullptr) return zevo::kComposeFailed;
+    const int sections = ::VLIBCFileEnumSection(szCopy, &pNames);
+    List names(pNames);
+    if (sections < 0 || sections > nNoted_) return zevo::kComposeRefused;
     int32_t nNoted = 0;
     for (int32_t i = 0; i < sections; ++i) {
         VLIB_SZ_HASH *pHash = hash.get();

@@ -16,7 +16,7 @@ void Convert(const Hash &section, int (*pRead)(Record *, const VLIB_SZ_HASH *) n
              int (*pWrite)(VLIB_SZ_HASH **, const Record *) noexcept)
 {
     const auto pRecord = std::make_unique<Record>();
-    std::memset(static_cast<void *>(pRecord.get()), 0, sizeof(Record)); // what lies between fields, too
+    std::memset(static_cast<void *>(pRecord.get()), 0, sizeof(Record)); // and between fields
     const auto pAgain = std::make_unique<Record>();
     std::memset(static_cast<void *>(pAgain.get()), 0, sizeof(Record));
     if (pRead(pRecord.get(), section.get()) < 0) return;

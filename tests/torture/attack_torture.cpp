@@ -83,7 +83,7 @@ Inventory TakeInventory()
         for (const auto &entry : fs::recursive_directory_iterator(root))
             all[entry.path()] = Describe(entry.path());
     }
-    for (const char *const szPlace : {"/", "/tmp", "/etc", "/var/tmp", "."})
+    for (const char *const szPlace : {"/", "/tmp", "/etc"}) // the machine's own are others', too
         for (const std::string &name : Files(szPlace))
             if (name != "bandwidth") all[std::string(szPlace) + " holds " + name] = "";
     return all;
@@ -527,6 +527,7 @@ void TrySwaps(const Options &options, Rows rows)
 int main(int argc, char **argv)
 {
     const Options options = ParseOptions(argc, argv);
+    Insist(::chdir("/tmp") == 0, "chdir"); // where relative names would lead, watched like the rest
     ::umask(022);
     fs::create_directories("/usr/zevo/etc/bandwidth/addon");
     StoreRules();
