@@ -63,7 +63,7 @@ int Purge::DecideOn(const char *szCopy) noexcept
         if (::VLIBCFileGetSection(szCopy, ::VLIBCSzListGet(names.get(), i), &pHash) < 0)
             return zevo::kComposeRefused;
         if (::ZEVOBandwidthInitStatusFromHash(&status, pHash) == 0 && IsStale(status, now_))
-            noted[nNoted++] = i;
+            noted[static_cast<size_t>(nNoted++)] = i;
     }
     names_ = std::move(names);
     noted_ = std::move(noted);

@@ -110,7 +110,7 @@ private:
 };
 
 // Made when the library is loaded: a forked child must not wait for its making.
-const ThreadSlot slot;
+const ThreadSlot threadSlot;
 
 } // namespace
 
@@ -287,17 +287,17 @@ void Listing::Begin(const char *szPath, Snapshot &&snapshot, SectionIndex &&inde
     pListing->snapshot_.BeginAnswering();
     pListing->index_ = std::move(index);
     pListing->pList_ = &list;
-    slot.Set(pListing.release());
+    threadSlot.Set(pListing.release());
 }
 
 void Listing::End() noexcept
 {
-    if (slot.get() != nullptr) slot.Set(nullptr);
+    if (threadSlot.get() != nullptr) threadSlot.Set(nullptr);
 }
 
 void Listing::GiveBack(const VLIB_SZ_LIST *pList) noexcept
 {
-    Listing *const pListing = slot.get();
+    Listing *const pListing = threadSlot.get();
     if (pListing == nullptr || pListing->pList_ != pList) return;
     pListing->pList_ = nullptr;
     pListing->isMoment_ = false;
@@ -306,12 +306,12 @@ void Listing::GiveBack(const VLIB_SZ_LIST *pList) noexcept
 
 void Listing::EndMoment() noexcept
 {
-    if (Listing *const pListing = slot.get()) pListing->isMoment_ = false;
+    if (Listing *const pListing = threadSlot.get()) pListing->isMoment_ = false;
 }
 
 void Listing::Suspend() noexcept
 {
-    Listing *const pListing = slot.get();
+    Listing *const pListing = threadSlot.get();
     if (pListing == nullptr) return;
     pListing->isMoment_ = false;
     pListing->snapshot_.Drop();
@@ -319,7 +319,7 @@ void Listing::Suspend() noexcept
 
 Listing *Listing::Of(const char *szPath, const char *szSection) noexcept
 {
-    Listing *const pListing = slot.get();
+    Listing *const pListing = threadSlot.get();
     if (pListing == nullptr) return nullptr;
     if (std::strcmp(pListing->path_.view().data(), szPath) == 0) {
         pListing->found_ = pListing->index_.Find(szSection);
