@@ -100,7 +100,8 @@ const std::vector<PathCall> kPathCalls = {
     {"StatusSave, with the group",
      [](Service &service, const char *) {
          (void)ZEVOBandwidthStatusSave(kUser, &service.config, &service.status);
-     }},
+     },
+     true},
     {"StatusSetSection",
      [](Service &service, const char *szPath) {
          const SectionHash hash(service.status);
@@ -118,7 +119,8 @@ const std::vector<PathCall> kPathCalls = {
     {"StatusRemove",
      [](Service &service, const char *) {
          (void)ZEVOBandwidthStatusRemove(&service.config, ZEVO_BW_TRANSFER_ALL);
-     }},
+     },
+     true},
     {"StatusRemoveByOccGroups",
      [](Service &, const char *) {
          constexpr std::uint32_t kGroups[] = {kUserGroup};
@@ -128,11 +130,13 @@ const std::vector<PathCall> kPathCalls = {
      [](Service &, const char *) {
          (void)ZEVOBandwidthStatusForceRemoveAllByUserName(kUserName, ZEVO_BW_TRANSFER_ALL,
                                                            kPlantedPid);
-     }},
+     },
+     true},
     {"StatusForceRemoveAllByUID",
      [](Service &, const char *) {
          (void)ZEVOBandwidthStatusForceRemoveAllByUID(kUser, ZEVO_BW_TRANSFER_ALL);
-     }},
+     },
+     true},
     {"StatusSetActiveByUserName",
      [](Service &, const char *) {
          (void)ZEVOBandwidthStatusSetActiveByUserName(kUserName, ZEVO_BW_TRANSFER_UPLOAD,
@@ -142,12 +146,14 @@ const std::vector<PathCall> kPathCalls = {
      [](Service &service, const char *) {
          (void)ZEVOBandwidthStatusInit(&service.config, ZEVO_BW_TRANSFER_UPLOAD, "/a file",
                                        &service.timeLast, &service.status);
-     }},
+     },
+     true},
     {"SleepInLoop",
      [](Service &service, const char *) {
          (void)ZEVOBandwidthSleepInLoop(&service.config, 65'536, 1, &service.timeLast,
                                         &service.status);
-     }},
+     },
+     true},
     {"ExpectSpeedEstimate",
      [](Service &, const char *) {
          const ZEVO_BANDWIDTH_CONF rule = Rule(ZEVO_BW_OWNER_USER, kUser);
@@ -160,7 +166,8 @@ const std::vector<PathCall> kPathCalls = {
          std::uint64_t speedBps = 0;
          (void)ZEVOBandwidthExpectSpeedEstimateByPolicy(ZEVO_BW_TRANSFER_UPLOAD, &service.config,
                                                         &speedBps, 1);
-     }},
+     },
+     true},
     {"HupRecv",
      [](Service &, const char *) {
          Service own; // its configuration is replaced by one that is to be released
@@ -168,11 +175,13 @@ const std::vector<PathCall> kPathCalls = {
          if (ZEVOBandwidthConfigGet(kUser, ZEVO_BW_PROTOCOL_FTP, &config) < 0) return;
          (void)ZEVOBandwidthHupRecv(&config, &own.status, &own.timeLast);
          ZEVOBandwidthConfigFree(&config);
-     }},
+     },
+     true},
     {"Simulate",
      [](Service &, const char *) {
          (void)ZEVOBandwidthSimulate(kUserName, ZEVO_BW_PROTOCOL_FTP, ZEVO_BW_TRANSFER_UPLOAD, 64);
-     }},
+     },
+     true},
 };
 
 Service::Service()

@@ -36,6 +36,7 @@ public:
 struct PathCall {
     const char *szName;
     void (*call)(Service &service, const char *szPath);
+    bool opensBoth = false; // the user's file and the group's
 };
 extern const std::vector<PathCall> kPathCalls;
 
