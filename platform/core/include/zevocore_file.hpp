@@ -387,7 +387,8 @@ public:
     // Takes the place if it still names the file that was read, cbKnown bytes long. A look before the
     // rename leaves a gap in which another process's file would be lost, so the two swap names, in
     // one step, and what has come out is looked at: anything else goes back. In that moment a third
-    // one may have built upon ours; then his file stays, ours within it.
+    // one may have taken the place. Then his file stays: mostly it is built upon ours, but where he
+    // has swapped without knowing it, too, what had come out is lost until its writer's next save.
     Swapped SwapIn(const struct stat &known, size_t cbKnown) noexcept
     {
         if (!StillNames(place_, known, cbKnown)) return Swapped::kBeaten;
