@@ -7,7 +7,6 @@
 #include "bandwidth_frame.hpp"
 #include "bandwidth_guard.hpp"
 #include "bandwidth_speed.hpp"
-#include "bandwidth_status_copy.hpp"
 
 #include <atomic>
 #include <cerrno>
@@ -122,17 +121,33 @@ int RemoveCopies(const OccupiedGroups &groups, const ZEVO_BANDWIDTH_STATUS &stat
     return ::ZEVOBandwidthStatusRemoveByOccGroups(groups.ids, groups.count, status.transfer_type);
 }
 
+bool IsBorneBy(const ZEVO_BANDWIDTH_CONFIG &config, uint32_t gid) noexcept
+{
+    for (int32_t i = 0; i < config.iLimit; ++i)
+        if (IsCharged(config.pLimit[i]) && config.pLimit[i].conf.id == gid) return true;
+    return false;
+}
+
+// The groups that bore the transfer and have a copy which the next save does not replace.
+OccupiedGroups Left(const ZEVO_BANDWIDTH_CONFIG &config, const OccupiedGroups &groups,
+                    const ZEVO_BANDWIDTH_STATUS &status) noexcept
+{
+    // What is taken away bears this process's number, what is saved that of the record.
+    const bool isOurs = status.pid == ::getpid();
+    OccupiedGroups left;
+    for (int32_t i = 0; i < groups.count; ++i)
+        if (!isOurs || !IsBorneBy(config, groups.ids[i])) left.ids[left.count++] = groups.ids[i];
+    return left;
+}
+
 // Shows the block to the others, unless the transfer has been stopped meanwhile. The copies of the
 // groups that bore it go first, for it may be charged to others now. A group that bears it again
-// keeps its copy with the new values: the others would divide the limit without us until we had
-// waited for the disk.
+// keeps its copy until the save puts the new one in its place: meanwhile the others would divide
+// the limit without us.
 int Publish(const ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STATUS *pStatus,
             const OccupiedGroups &groups) noexcept
 {
-    OccupiedGroups left;
-    for (int32_t i = 0; i < groups.count; ++i)
-        if (!RenewGroupCopy(*pConfig, groups.ids[i], pStatus))
-            left.ids[left.count++] = groups.ids[i];
+    const OccupiedGroups left = Left(*pConfig, groups, *pStatus);
     if (RemoveCopies(left, *pStatus) < 0)
         return BW_PASS("ZEVOBandwidthStatusRemove failed. uid:[%u] ", pStatus->id);
     if (IsStopped(*pStatus)) {

@@ -6,13 +6,11 @@
 #include "bandwidth_guard.hpp"
 #include "bandwidth_mask.hpp"
 #include "bandwidth_speed.hpp"
-#include "bandwidth_status_copy.hpp"
 #include "bandwidth_status_path.hpp"
 
 #include <cerrno>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 using namespace bandwidth;
 
@@ -119,31 +117,7 @@ int SaveGroupCopies(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG &config,
     return 0;
 }
 
-bool Renew(const ZEVO_BANDWIDTH_LIMIT &limit, ZEVO_BANDWIDTH_STATUS *pStatus) noexcept
-{
-    Hash hash;
-    StatusPath path;
-    if (!hash || path.Compose(ZEVO_BW_OWNER_GROUP, limit.conf.id, BW_HERE) < 0) return false;
-    if (::VLIBCFileExist(path.get()) != 1) return true;
-    GroupCopyScope copy(*pStatus, pStatus->id);
-    copy.Charge(limit);
-    const StatusSection section(pStatus->pid, static_cast<int32_t>(pStatus->transfer_type));
-    return ::ZEVOBandwidthInitHashFromStatus(hash.address(), pStatus) == 0 &&
-           ::ZEVOBandwidthStatusSetSection(path.get(), section.get(), hash.get()) >= 0;
-}
-
 } // namespace
-
-bool bandwidth::RenewGroupCopy(const ZEVO_BANDWIDTH_CONFIG &config, uint32_t gid,
-                               ZEVO_BANDWIDTH_STATUS *pStatus) noexcept
-{
-    // What is taken away bears this process's number, what is saved that of the record.
-    if (config.blGroupConfExist == 0 || pStatus->pid != ::getpid()) return false;
-    for (int32_t i = 0; i < config.iLimit; ++i)
-        if (IsCharged(config.pLimit[i]) && config.pLimit[i].conf.id == gid)
-            return Renew(config.pLimit[i], pStatus);
-    return false;
-}
 
 int ZEVOBandwidthStatusSave(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig,
                             ZEVO_BANDWIDTH_STATUS *pStatus) noexcept
