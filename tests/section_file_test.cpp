@@ -88,27 +88,19 @@ protected:
     }
 };
 
-// Every byte where it could hurt, what the syntax is made of, and long ones of each kind.
+// What the syntax is made of, and what is no text at all.
 std::vector<std::string> AwkwardTexts()
 {
-    std::vector<std::string> texts = {"",         "  ",           "=",
-                                      "a = b",    "[a]",          "]",
-                                      "[",        "a]b",          "\"",
-                                      "\"a\"",    "\\",           "a\\",
-                                      "\\n",      "\\x41",        "\"\\",
-                                      "; c",      "# c",          "[a]\n[b]\nk=v\n",
-                                      "\r\n",     "a\"b",         "a\\b",
-                                      "\xC3\xA4", "\xC3",         "\xA4\xC3",
-                                      "\xC0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80",
-                                      "\xE2\x82"};
-    for (int byte = 1; byte < 256; ++byte) {
-        const char it = static_cast<char>(byte);
-        texts.push_back({it});
-        texts.push_back({it, 'a', 'z'});
-        texts.push_back({'a', it, 'z'});
-        texts.push_back({'a', 'z', it});
-        texts.push_back(std::string(4095, it));
-    }
+    const std::vector<std::string> texts = {"",         "  ",           "=",
+                                            "a = b",    "[a]",          "]",
+                                            "[",        "a]b",          "\"",
+                                            "\"a\"",    "\\",           "a\\",
+                                            "\\n",      "\\x41",        "\"\\",
+                                            "; c",      "# c",          "[a]\n[b]\nk=v\n",
+                                            "\r\n",     "a\"b",         "a\\b",
+                                            "\xC3\xA4", "\xC3",         "\xA4\xC3",
+                                            "\xC0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80",
+                                            "\xE2\x82"};
     return texts;
 }
 
