@@ -17,7 +17,7 @@ bool Holds(std::string_view text, const char *szSection) noexcept
 {
     Lines lines(text);
     for (std::string_view line; lines.Next(line);)
-        if (Recognise(line, szSection) == Line::kOurHeader) return true;
+        if (IsHeaderOf(line, szSection)) return true;
     return false;
 }
 

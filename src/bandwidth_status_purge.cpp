@@ -29,14 +29,11 @@ void Purge::Split(std::string_view oldText, Keep keep, Drop drop) const noexcept
     bool inside = false;
     Lines lines(oldText);
     for (std::string_view line; lines.Next(line);) {
-        if (next < nNoted_ || inside) {
-            const Line kind = Recognise(line, next < nNoted_ ? NotedName(next) : "");
-            if (kind == Line::kOurHeader && next < nNoted_) {
-                inside = true;
-                ++next;
-            } else if (kind != Line::kOther) {
-                inside = false;
-            }
+        if (next < nNoted_ && IsHeaderOf(line, NotedName(next))) {
+            inside = true;
+            ++next;
+        } else if (inside && IsHeader(line)) {
+            inside = false;
         }
         const bool goes = inside && line.front() != ';' && line.front() != '#';
         if (!(goes ? drop(line) : keep(line))) return;

@@ -36,13 +36,12 @@ int Compose(std::string_view oldText, zevo::Bytes &newText, const char *szSectio
     if (!newText.Reserve(oldText.size() + kMuchForASection)) return zevo::kComposeFailed;
     Lines lines(oldText);
     for (std::string_view line; lines.Next(line);) {
-        const Line kind = Recognise(line, szSection);
-        if (kind != Line::kOther) inside = kind == Line::kOurHeader;
-        const bool isCopied = !inside || (kind == Line::kOther && IsComment(line));
-        if (isCopied) continue;
+        const bool isOurs = IsHeaderOf(line, szSection);
+        inside = isOurs || (inside && !IsHeader(line));
+        if (!inside || (!isOurs && IsComment(line))) continue;
         if (!copyUpTo(line.data())) return zevo::kComposeFailed;
         pKept = line.data() + line.size();
-        if (kind != Line::kOurHeader) continue;
+        if (!isOurs) continue;
         if (mode == kSet && found == 0) {
             if (const int failed = section.Compose(szSection, pHash); failed < 0) return failed;
         }

@@ -33,14 +33,14 @@ private:
     size_t at_ = 0;
 };
 
-enum class Line { kHeader, kOurHeader, kOther };
-
-inline Line Recognise(std::string_view line, const char *szSection) noexcept
+inline bool IsHeader(std::string_view line) noexcept
 {
-    const int cbLine = static_cast<int>(line.size());
-    if (::VLIBCIFileIsSection(line.data(), cbLine) == 0) return Line::kOther;
-    return ::VLIBCIFileMatchSection(line.data(), cbLine, szSection) == 1 ? Line::kOurHeader
-                                                                         : Line::kHeader;
+    return ::VLIBCIFileIsSection(line.data(), static_cast<int>(line.size())) != 0;
+}
+
+inline bool IsHeaderOf(std::string_view line, const char *szSection) noexcept
+{
+    return ::VLIBCIFileMatchSection(line.data(), static_cast<int>(line.size()), szSection) == 1;
 }
 
 // The text of a section, header and pairs, as the platform spells it.

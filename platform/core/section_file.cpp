@@ -176,10 +176,10 @@ RewriteResult WriteSection(const char *szPath, const char *szSection, const VLIB
     return {code == 0 ? 1 : -1, code};
 }
 
-std::string_view OneLine(const char *szLine, int cbLine) noexcept
+// Whoever walks over a file asks about each of its lines: most need no second look.
+bool MayBeHeader(const char *szLine, int cbLine) noexcept
 {
-    return szLine == nullptr || cbLine <= 0 ? std::string_view()
-                                            : std::string_view(szLine, static_cast<size_t>(cbLine));
+    return szLine != nullptr && cbLine > 0 && *szLine == '[';
 }
 
 } // namespace
@@ -256,15 +256,12 @@ int VLIBCFileHash2File(FILE *pFile, const char *szSection, const VLIB_SZ_HASH *p
 
 int VLIBCIFileIsSection(const char *szLine, int cbLine) noexcept
 {
-    // Whoever walks over a file asks for each of its lines.
-    if (szLine == nullptr || cbLine <= 0 || *szLine != '[') return 0;
-    return ReadLine(OneLine(szLine, cbLine)).kind == LineKind::kHeader ? 1 : 0;
+    if (!MayBeHeader(szLine, cbLine)) return 0;
+    return ReadLine({szLine, static_cast<size_t>(cbLine)}).kind == LineKind::kHeader ? 1 : 0;
 }
 
 int VLIBCIFileMatchSection(const char *szLine, int cbLine, const char *szSection) noexcept
 {
-    const Line line = ReadLine(OneLine(szLine, cbLine));
-    const bool isIt =
-        szSection != nullptr && line.kind == LineKind::kHeader && IsWord(line.name, szSection);
-    return isIt ? 1 : 0;
+    if (!MayBeHeader(szLine, cbLine) || szSection == nullptr) return 0;
+    return IsHeaderOf({szLine, static_cast<size_t>(cbLine)}, szSection) ? 1 : 0;
 }

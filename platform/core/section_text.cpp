@@ -321,6 +321,15 @@ Line ReadLine(std::string_view text) noexcept
     return line;
 }
 
+bool IsHeaderOf(std::string_view text, std::string_view name) noexcept
+{
+    // Without a quote the name stands as it is: most others differ within their first bytes.
+    const bool isBare = text.size() > 1 && IsInner(text[1]);
+    if (isBare && text.compare(1, name.size(), name) != 0) return false;
+    const Line line = ReadLine(text);
+    return line.kind == LineKind::kHeader && IsWord(line.name, name);
+}
+
 bool Reader::Next(Line &line) noexcept
 {
     if (at_ == text_.size()) return false;

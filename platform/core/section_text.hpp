@@ -39,6 +39,9 @@ struct Line {
 // What the first line of the text is.
 Line ReadLine(std::string_view text) noexcept;
 
+// Whether the line, which begins with a bracket, is the header of that section.
+bool IsHeaderOf(std::string_view text, std::string_view name) noexcept;
+
 // Puts the pairs among the lines of one section into the hash; false without memory.
 bool TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept;
 
