@@ -175,12 +175,10 @@ std::string_view SectionIndex::NameOf(const Entry &entry) const noexcept
 
 bool SectionIndex::AddName(const Word &word, Entry &entry)
 {
-    Bytes scratch;
-    std::string_view name;
-    if (!Decode(word, scratch, name)) return false;
     entry.nameAt = names_.size();
-    entry.cbName = name.size();
-    return names_.Append(name) && names_.Append({"", 1});
+    if (!AppendMeaning(names_, word)) return false;
+    entry.cbName = names_.size() - entry.nameAt;
+    return names_.Append({"", 1});
 }
 
 bool SectionIndex::Build(std::string_view text) noexcept
@@ -218,14 +216,14 @@ bool SectionIndex::Renew(std::string_view text) noexcept
     for (Entry &entry : entries_)
         if (entry.state == State::kHere) entry.state = State::kAbsent;
     Reader reader(text);
-    Bytes scratch;
+    Bytes name;
     Entry *pLast = nullptr;
     for (Line line; reader.NextHeader(line);) {
         if (pLast != nullptr) pLast->end = StartOf(line, text);
         pLast = nullptr;
-        std::string_view name;
-        if (!Decode(line.name, scratch, name)) return false;
-        const size_t number = slots_[SlotOf(name)];
+        name.Clear();
+        if (!AppendMeaning(name, line.name)) return false;
+        const size_t number = slots_[SlotOf(name.view())];
         if (number == 0 || entries_[number - 1].state != State::kAbsent) continue;
         pLast = &entries_[number - 1];
         pLast->begin = EndOf(line, text);

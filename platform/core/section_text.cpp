@@ -268,17 +268,34 @@ bool TakePlainHeader(std::string_view text, Line &line) noexcept
     return true;
 }
 
-// Any line, by the rules; false without memory.
-bool TakePair(std::string_view text, VLIB_SZ_HASH &hash) noexcept
+// Writes the bytes that a quoted text stands for, which are no more than its own: pTo may be where it
+// begins. Returns how many.
+size_t Decode(std::string_view quoted, char *pTo) noexcept
 {
-    const Line line = ReadLine(text);
+    char *pNext = pTo;
+    while (!quoted.empty())
+        *pNext++ = TakeByte(quoted);
+    return static_cast<size_t>(pNext - pTo);
+}
+
+// Any line, by the rules, with key and value where they stand; false without memory.
+bool TakePair(char *pLine, size_t cbLine, VLIB_SZ_HASH &hash) noexcept
+{
+    const Line line = ReadLine({pLine, cbLine});
     if (line.kind != LineKind::kPair) return true;
-    Bytes keyScratch;
-    Bytes valueScratch;
-    std::string_view key;
-    std::string_view value;
-    return Decode(line.name, keyScratch, key) && Decode(line.value, valueScratch, value) &&
-           hash.Set(key, value);
+    const auto settle = [pLine, cbLine](const Word &word, size_t &cb) {
+        cb = word.raw.size();
+        char *const pText =
+            pLine + (cb == 0 ? cbLine : static_cast<size_t>(word.raw.data() - pLine));
+        if (word.hasEscapes) cb = Decode(word.raw, pText);
+        pText[cb] = '\0';
+        return pText;
+    };
+    size_t cbKey = 0;
+    size_t cbValue = 0;
+    const char *const szKey = settle(line.name, cbKey);
+    char *const szValue = settle(line.value, cbValue);
+    return hash.Adopt({szKey, cbKey}, szValue, cbValue);
 }
 
 } // namespace
@@ -294,19 +311,11 @@ bool IsWord(const Word &word, std::string_view text) noexcept
     return rest.empty() && text.empty();
 }
 
-bool Decode(const Word &word, Bytes &scratch, std::string_view &text) noexcept
+bool AppendMeaning(Bytes &out, const Word &word) noexcept
 {
-    if (!word.hasEscapes) {
-        text = word.raw;
-        return true;
-    }
-    scratch.Clear();
-    if (!scratch.Reserve(word.raw.size())) return false;
-    for (std::string_view rest = word.raw; !rest.empty();) {
-        *scratch.end() = TakeByte(rest);
-        scratch.Grow(1);
-    }
-    text = scratch.view();
+    if (!word.hasEscapes) return out.Append(word.raw);
+    if (!out.Reserve(word.raw.size())) return false;
+    out.Grow(Decode(word.raw, out.end()));
     return true;
 }
 
@@ -399,7 +408,7 @@ bool TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept
         std::string_view value;
         if (isPlain && TakePlainPair(pLine, cbLine, key, value)) {
             if (!hash.Adopt(key, pLine + key.size() + 1, value.size())) return false;
-        } else if (!TakePair({pLine, cbLine}, hash)) {
+        } else if (!TakePair(pLine, cbLine, hash)) {
             return false;
         }
     }

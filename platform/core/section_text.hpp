@@ -18,8 +18,8 @@ struct Word {
 
 bool IsWord(const Word &word, std::string_view text) noexcept;
 
-// What the word means, within the line or within scratch; false without memory.
-bool Decode(const Word &word, Bytes &scratch, std::string_view &text) noexcept;
+// Appends what the word means; false without memory.
+bool AppendMeaning(Bytes &out, const Word &word) noexcept;
 
 enum class LineKind {
     kHeader,

@@ -34,12 +34,20 @@ struct Seed {
     }
 };
 
-uint64_t LittleEndian(const char *pBytes, size_t cb) noexcept
+template <class Word> uint64_t Load(const char *pBytes) noexcept
 {
-    uint64_t word = 0;
-    for (size_t i = 0; i < cb; ++i)
-        word |= uint64_t{static_cast<unsigned char>(pBytes[i])} << (8 * i);
+    Word word;
+    std::memcpy(&word, pBytes, sizeof(word));
     return word;
+}
+
+// Fewer than eight bytes as a number, in which each stands at its own place; some may be read twice.
+uint64_t LoadRest(const char *pBytes, size_t cb) noexcept
+{
+    if (cb >= 4) return Load<uint32_t>(pBytes) | Load<uint32_t>(pBytes + cb - 4) << (8 * (cb - 4));
+    if (cb == 0) return 0;
+    return Load<uint8_t>(pBytes) | Load<uint8_t>(pBytes + cb / 2) << (8 * (cb / 2)) |
+           Load<uint8_t>(pBytes + cb - 1) << (8 * (cb - 1));
 }
 
 // SipHash-1-3: as strong as needed against chosen keys, and quick on short ones.
@@ -93,9 +101,8 @@ uint64_t HashOf(std::string_view text) noexcept
     Sip sip(seed);
     const size_t cbWhole = text.size() & ~size_t{7};
     for (size_t i = 0; i < cbWhole; i += 8)
-        sip.Add(LittleEndian(text.data() + i, 8));
-    sip.Add(LittleEndian(text.data() + cbWhole, text.size() - cbWhole) | uint64_t{text.size()}
-                                                                             << 56);
+        sip.Add(Load<uint64_t>(text.data() + i));
+    sip.Add(LoadRest(text.data() + cbWhole, text.size() - cbWhole) | uint64_t{text.size()} << 56);
     return sip.Finish();
 }
 
