@@ -248,7 +248,8 @@ void syslog(int priority, const char *szFormat, ...)
 }
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier): libc's own name for the fortified syslog
-extern "C" void __syslog_chk(int priority, int, const char *szFormat, ...)
+extern "C" [[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int, const char *szFormat,
+                                                           ...)
 {
     std::va_list arguments;
     va_start(arguments, szFormat);

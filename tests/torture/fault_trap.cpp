@@ -397,7 +397,8 @@ namespace torture {
 
 // ---- the log ----
 
-void KeepLine(int priority, const char *szFormat, std::va_list arguments)
+[[gnu::format(printf, 2, 0)]] void KeepLine(int priority, const char *szFormat,
+                                            std::va_list arguments)
 {
     if (g_pReport == nullptr || !g_isUnderTest) return;
     Report &report = *g_pReport;
@@ -443,7 +444,7 @@ void syslog(int priority, const char *szFormat, ...)
     va_end(arguments);
 }
 
-void __syslog_chk(int priority, int, const char *szFormat, ...);
+[[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int, const char *szFormat, ...);
 
 void __syslog_chk(int priority, int, const char *szFormat, ...)
 {

@@ -29,7 +29,8 @@ constexpr std::uint64_t kMostExplained = 20;
 constexpr std::int64_t kUsPerSecond = 1'000'000;
 
 // One line in one write, so that those of several processes do not mix.
-void Say(const char *szFormat, std::va_list arguments, const std::string &before)
+[[gnu::format(printf, 1, 0)]] void Say(const char *szFormat, std::va_list arguments,
+                                       const std::string &before)
 {
     char text[2048];
     std::vsnprintf(text, sizeof(text), szFormat, arguments);
