@@ -31,7 +31,7 @@ namespace {
 constexpr double kMostTimes = 20;
 constexpr double kMostTimesShort = 100;
 #else
-constexpr double kMostTimes = 400;
+constexpr double kMostTimes = 1000;
 constexpr double kMostTimesShort = kMostTimes;
 #endif
 constexpr std::size_t kSmall = std::size_t{512} << 10;
