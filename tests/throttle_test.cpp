@@ -12,7 +12,6 @@
 using standins::Before;
 using standins::Call;
 using standins::FailNext;
-using standins::FailNth;
 using standins::TakeLog;
 using testing::ElementsAre;
 using testing::IsEmpty;
