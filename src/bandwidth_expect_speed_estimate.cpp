@@ -74,13 +74,10 @@ public:
     {
     }
 
-    // The one record in turn. Of its file name only the start is read, if at all.
+    // The one record in turn.
     ZEVO_BANDWIDTH_STATUS *Room() noexcept override
     {
-        constexpr size_t kBehindName = offsetof(ZEVO_BANDWIDTH_STATUS, owner_type);
-        auto *const pBytes = reinterpret_cast<char *>(&record_);
-        std::memset(pBytes, 0, offsetof(ZEVO_BANDWIDTH_STATUS, filename) + 1);
-        std::memset(pBytes + kBehindName, 0, sizeof(record_) - kBehindName);
+        Clear(record_);
         return &record_;
     }
     bool Take() noexcept override
@@ -104,7 +101,7 @@ private:
     uint64_t remainingBps_;
     uint64_t sameUser_ = 1;
     Users users_;
-    ZEVO_BANDWIDTH_STATUS record_;
+    ZEVO_BANDWIDTH_STATUS record_ = {};
 };
 
 } // namespace

@@ -135,8 +135,11 @@ public:
 
     ZEVO_BANDWIDTH_STATUS *Room() noexcept override
     {
-        room_.reset(
-            static_cast<ZEVO_BANDWIDTH_STATUS *>(std::calloc(1, sizeof(ZEVO_BANDWIDTH_STATUS))));
+        if (room_) // the last section was not taken
+            Clear(*room_);
+        else
+            room_.reset(static_cast<ZEVO_BANDWIDTH_STATUS *>(
+                std::calloc(1, sizeof(ZEVO_BANDWIDTH_STATUS))));
         return room_.get();
     }
     bool Take() noexcept override

@@ -9,6 +9,7 @@
 
 #include "bandwidth_frame.hpp"
 #include "bandwidth_status_text.hpp"
+#include "bandwidth_status_walk.hpp"
 
 namespace bandwidth {
 
@@ -53,10 +54,11 @@ int Purge::DecideOn(const char *szCopy) noexcept
     List names(pNames);
     if (sections < 0 || sections > nNoted_) return zevo::kComposeRefused;
     int32_t nNoted = 0;
+    ZEVO_BANDWIDTH_STATUS status = {};
     for (int32_t i = 0; i < sections; ++i) {
         VLIB_SZ_HASH *pHash = hash.get();
         (void)::VLIBCHashRemoveAll(pHash);
-        ZEVO_BANDWIDTH_STATUS status = {};
+        Clear(status);
         if (::VLIBCFileGetSection(szCopy, ::VLIBCSzListGet(names.get(), i), &pHash) < 0)
             return zevo::kComposeRefused;
         if (::ZEVOBandwidthInitStatusFromHash(&status, pHash) == 0 && IsStale(status, now_))

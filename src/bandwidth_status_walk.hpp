@@ -5,7 +5,21 @@
 
 #include "zevobandwidth.h"
 
+#include <cstddef>
+#include <cstring>
+
 namespace bandwidth {
+
+// Makes a record that holds one section ready for the next. Its file name is most of it and mostly
+// short: of that only what was written is cleared.
+inline void Clear(ZEVO_BANDWIDTH_STATUS &record) noexcept
+{
+    constexpr size_t kBehindName = offsetof(ZEVO_BANDWIDTH_STATUS, owner_type);
+    auto *const pBytes = reinterpret_cast<char *>(&record);
+    std::memset(pBytes, 0, offsetof(ZEVO_BANDWIDTH_STATUS, filename));
+    std::memset(record.filename, 0, ::strnlen(record.filename, sizeof(record.filename)));
+    std::memset(pBytes + kBehindName, 0, sizeof(record) - kBehindName);
+}
 
 // Who takes the records.
 class StatusTaker {
