@@ -62,15 +62,20 @@ bool IsSameTime(const struct timespec &a, const struct timespec &b) noexcept
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-// Where the line after this one begins.
-size_t EndOf(const Line &line, std::string_view text) noexcept
+Offset StartOf(const Line &line, std::string_view text) noexcept
 {
-    return static_cast<size_t>(line.whole.data() - text.data()) + line.whole.size();
+    return static_cast<Offset>(line.whole.data() - text.data());
 }
 
-size_t StartOf(const Line &line, std::string_view text) noexcept
+// Where the line after this one begins.
+Offset EndOf(const Line &line, std::string_view text) noexcept
 {
-    return static_cast<size_t>(line.whole.data() - text.data());
+    return StartOf(line, text) + static_cast<Offset>(line.whole.size());
+}
+
+Offset SizeOf(std::string_view text) noexcept
+{
+    return static_cast<Offset>(text.size());
 }
 
 std::optional<std::string_view> LinesOf(std::string_view text, std::string_view section) noexcept
@@ -175,9 +180,9 @@ std::string_view SectionIndex::NameOf(const Entry &entry) const noexcept
 
 bool SectionIndex::AddName(const Word &word, Entry &entry)
 {
-    entry.nameAt = names_.size();
+    entry.nameAt = SizeOf(names_.view());
     if (!AppendMeaning(names_, word)) return false;
-    entry.cbName = names_.size() - entry.nameAt;
+    entry.cbName = SizeOf(names_.view()) - entry.nameAt;
     return names_.Append({"", 1});
 }
 
@@ -186,7 +191,7 @@ try {
     Reader reader(text);
     for (Line line; reader.NextHeader(line);) {
         if (!entries_.empty()) entries_.back().end = StartOf(line, text);
-        Entry entry = {0, 0, EndOf(line, text), text.size(), State::kHere};
+        Entry entry = {0, 0, EndOf(line, text), SizeOf(text), State::kHere};
         if (!AddName(line.name, entry)) return false;
         entries_.push_back(entry);
     }
@@ -227,7 +232,7 @@ bool SectionIndex::Renew(std::string_view text) noexcept
         if (number == 0 || entries_[number - 1].state != State::kAbsent) continue;
         pLast = &entries_[number - 1];
         pLast->begin = EndOf(line, text);
-        pLast->end = text.size();
+        pLast->end = SizeOf(text);
         pLast->state = State::kHere;
     }
     return true;

@@ -3,6 +3,7 @@
 #ifndef SECTION_LISTING_HPP
 #define SECTION_LISTING_HPP
 
+#include <limits>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -37,6 +38,10 @@ private:
     int64_t momentUntilNs_ = 0;
 };
 
+// Within a file, or all that its names mean: no file that is read is as large as this counts.
+using Offset = uint32_t;
+static_assert(kMostFileBytes < std::numeric_limits<Offset>::max());
+
 // Where in a text each section's lines are; of the first one where a name stands twice.
 class SectionIndex {
 public:
@@ -60,10 +65,10 @@ public:
 private:
     enum class State : uint8_t { kHere, kAbsent, kTaken }; // absent: of the newer text
     struct Entry {
-        size_t nameAt;
-        size_t cbName;
-        size_t begin;
-        size_t end;
+        Offset nameAt;
+        Offset cbName;
+        Offset begin;
+        Offset end;
         State state;
     };
     std::string_view NameOf(const Entry &entry) const noexcept;
