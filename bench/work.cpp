@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -285,7 +286,7 @@ Row Replacing(int n)
     Must(ZEVOBandwidthInitHashFromStatus(&pHash, &status) == 0, "the hash");
     const std::string path = file.path();
     const std::string section = SectionOf(status.pid);
-    const Row row = Measure(
+    Row row = Measure(
         {kReplacing, n, 1.3},
         [&] {
             Must(ZEVOBandwidthStatusSetSection(path.c_str(), section.c_str(), pHash) == 1,
@@ -512,7 +513,9 @@ std::vector<Growth> GrowthsOf(const std::vector<Row> &rows)
 
 std::vector<Row> MeasureAll()
 {
+    constexpr std::size_t kMostRows = 32;
     std::vector<Row> rows;
+    rows.reserve(kMostRows);
     const std::vector<int> counts =
         brief ? std::vector{100, 1'000} : std::vector{1, 10, 100, 1'000};
     for (const int n : counts)
@@ -626,7 +629,7 @@ Options Parse(int argc, char **argv)
 } // namespace
 
 int main(int argc, char **argv)
-{
+try {
     const Options options = Parse(argc, argv);
     if (std::getenv("ZEVOBW_SANDBOX") == nullptr)
         Die("fills the machine's status files: run scripts/bench work");
@@ -652,4 +655,6 @@ int main(int argc, char **argv)
     const bool allHold = std::all_of(growths.begin(), growths.end(), holds) &&
                          (brief || std::all_of(rows.begin(), rows.end(), holds));
     return allHold ? 0 : 1;
+} catch (const std::exception &failure) {
+    Die(failure.what());
 }

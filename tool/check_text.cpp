@@ -166,7 +166,8 @@ std::string UnknownName(std::span<const Key> keys, const VLIB_SZ_HASH &section)
     for (const Key &key : keys) {
         if (key.takes != Takes::kName) continue;
         const char *const value = VLIBCSzHashGetValue(&section, key.name.data());
-        const std::string fault = value == nullptr ? "" : FaultOf(key, value, {});
+        if (value == nullptr) continue;
+        const std::string fault = FaultOf(key, value, {});
         if (!fault.empty()) return FaultText(key, fault, value);
     }
     return "";

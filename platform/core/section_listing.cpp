@@ -183,7 +183,7 @@ bool SectionIndex::AddName(const Word &word, Entry &entry)
     entry.nameAt = SizeOf(names_.view());
     if (!AppendMeaning(names_, word)) return false;
     entry.cbName = SizeOf(names_.view()) - entry.nameAt;
-    return names_.Append({"", 1});
+    return names_.Append({"\0", 1});
 }
 
 bool SectionIndex::Build(std::string_view text) noexcept
