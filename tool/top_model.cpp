@@ -361,6 +361,7 @@ std::vector<TopLine> TopModel::BottomLines(std::size_t rows, std::size_t columns
     if (isSentence) texts = Wrapped(texts.front(), columns);
     texts.resize(std::min({texts.size(), std::max<std::size_t>(rows / 2, 1), rows}));
     std::vector<TopLine> lines;
+    lines.reserve(texts.size());
     for (const std::string &text : texts)
         lines.push_back(PlainLine(text, columns, {Color::kDim}));
     return lines;
