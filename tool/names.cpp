@@ -74,16 +74,6 @@ std::optional<Account> Ask(Lookup lookup, Key key)
     }
 }
 
-template <typename Entry, typename ByName, typename ById>
-Account Find(const std::string &nameOrId, const char *kind, ByName byName, ById byId)
-{
-    if (const auto account = Ask<Entry>(byName, nameOrId.c_str())) return *account;
-    if (const auto id = ReadId(nameOrId))
-        if (const auto account = Ask<Entry>(byId, *id)) return *account;
-    throw Failure(kNotFound, std::string("no such ") + kind + ": \"" + nameOrId +
-                                 "\"; the user database knows neither the name nor the id");
-}
-
 // Of a file's name: NAME_NUMBER.json, the number written as the library writes it.
 std::optional<Protocol> FromFileName(std::string_view file)
 {
@@ -132,13 +122,17 @@ std::vector<Protocol> AnnouncedAddons()
     return addons;
 }
 
-// Names by id, each looked up once. A look-up reads the local file up to the entry, so that after a
-// few of them the whole file is read once instead.
-template <typename Entry> class NameBook {
+// Accounts by id and by name. Each id is looked up once. A look-up reads the local file up to the
+// entry, so that after a few of them the whole file is read once instead.
+template <typename Entry> class AccountBook {
 public:
-    using ById = int (*)(std::uint32_t, Entry *, char *, std::size_t, Entry **);
-    using NextOf = int (*)(FILE *, Entry *, char *, std::size_t, Entry **);
-    NameBook(ById byId, const char *file, NextOf next) : byId_(byId), file_(file), next_(next) {}
+    template <typename Key> using LookUp = int (*)(Key, Entry *, char *, std::size_t, Entry **);
+
+    AccountBook(LookUp<std::uint32_t> byId, LookUp<const char *> byName, LookUp<FILE *> next,
+                const char *file)
+        : byId_(byId), byName_(byName), next_(next), file_(file)
+    {
+    }
 
     const std::string &NameOf(std::uint32_t id)
     {
@@ -149,42 +143,76 @@ public:
     bool Knows(std::uint32_t id)
     {
         const auto [place, isNew] = names_.try_emplace(id);
-        if (isNew) place->second = LookUp(id);
+        if (isNew) place->second = FindName(id);
         return place->second.has_value();
+    }
+
+    Account Find(const std::string &nameOrId, const char *kind)
+    {
+        if (const auto account = FindNamed(nameOrId)) return *account;
+        if (const auto id = ReadId(nameOrId); id && Knows(*id)) return {*id, *names_[*id]};
+        throw Failure(kNotFound, std::string("no such ") + kind + ": \"" + nameOrId +
+                                     "\"; the user database knows neither the name nor the id");
     }
 
 private:
     static constexpr int kFewLookUps = 8;
 
-    std::optional<std::string> LookUp(std::uint32_t id)
+    std::optional<std::string> FindName(std::uint32_t id)
     {
-        if (++lookUps_ == kFewLookUps) ReadFile();
-        if (const auto known = local_.find(id); known != local_.end()) return known->second;
+        NoteLookUp();
+        if (const auto known = localNames_.find(id); known != localNames_.end())
+            return known->second;
         const auto account = Ask<Entry>(byId_, id);
         return account ? std::optional(account->name) : std::nullopt;
     }
 
-    // An entry too long for the buffer ends the reading: those behind it are looked up one by one.
-    void ReadFile()
+    // Some sources of the database take a name in any case; the entry has it right.
+    std::optional<Account> FindNamed(const std::string &name)
     {
+        NoteLookUp();
+        if (const auto known = localIds_.find(name); known != localIds_.end())
+            return Account{known->second, name};
+        return Ask<Entry>(byName_, name.c_str());
+    }
+
+    // An entry too long for the buffer ends the reading: those behind it are looked up one by one.
+    void NoteLookUp()
+    {
+        if (++lookUps_ != kFewLookUps) return;
         const std::unique_ptr<FILE, int (*)(FILE *)> file(std::fopen(file_, "re"), &std::fclose);
         std::vector<char> buffer(kLongestEntry);
         Entry entry{};
         Entry *found = nullptr;
         while (file && next_(file.get(), &entry, buffer.data(), buffer.size(), &found) == 0) {
             const Account account = ToAccount(entry);
-            local_.emplace(account.id, account.name); // the first entry of an id counts
+            localNames_.emplace(account.id, account.name); // the first entry of an id counts,
+            localIds_.emplace(account.name, account.id);   // and the first one of a name
         }
     }
 
-    ById byId_;
+    LookUp<std::uint32_t> byId_;
+    LookUp<const char *> byName_;
+    LookUp<FILE *> next_;
     const char *file_;
-    NextOf next_;
     int lookUps_ = 0;
     std::unordered_map<std::uint32_t, std::optional<std::string>> names_; // nothing: not known
     std::unordered_map<std::uint32_t, std::string> digits_;
-    std::unordered_map<std::uint32_t, std::string> local_;
+    std::unordered_map<std::uint32_t, std::string> localNames_;
+    std::unordered_map<std::string, std::uint32_t> localIds_;
 };
+
+AccountBook<passwd> &Users()
+{
+    static AccountBook<passwd> book(::getpwuid_r, ::getpwnam_r, ::fgetpwent_r, "/etc/passwd");
+    return book;
+}
+
+AccountBook<group> &Groups()
+{
+    static AccountBook<group> book(::getgrgid_r, ::getgrnam_r, ::fgetgrent_r, "/etc/group");
+    return book;
+}
 
 std::optional<std::string> NameInLibrary(std::int32_t number)
 {
@@ -236,12 +264,12 @@ std::string KnownProtocolNames()
 
 Account FindUser(const std::string &nameOrId)
 {
-    return Find<passwd>(nameOrId, "user", ::getpwnam_r, ::getpwuid_r);
+    return Users().Find(nameOrId, "user");
 }
 
 Account FindGroup(const std::string &nameOrId)
 {
-    return Find<group>(nameOrId, "group", ::getgrnam_r, ::getgrgid_r);
+    return Groups().Find(nameOrId, "group");
 }
 
 std::optional<std::uint32_t> ReadId(const std::string &text)
@@ -256,22 +284,6 @@ Account CallingUser()
     const uid_t uid = ::getuid();
     return {uid, UserName(uid)};
 }
-
-namespace {
-
-NameBook<passwd> &Users()
-{
-    static NameBook<passwd> book(::getpwuid_r, "/etc/passwd", ::fgetpwent_r);
-    return book;
-}
-
-NameBook<group> &Groups()
-{
-    static NameBook<group> book(::getgrgid_r, "/etc/group", ::fgetgrent_r);
-    return book;
-}
-
-} // namespace
 
 const std::string &UserName(std::uint32_t uid)
 {
