@@ -44,7 +44,7 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
     if (!place) return BW_FAIL(ZEVO_BW_ERROR_OPEN);
     bool written = false;
     for (int attempt = 0; attempt <= zevo::kMostRewriteRetries; ++attempt) {
-        const zevo::RegularFile file(place, O_RDWR | O_APPEND);
+        const zevo::RegularFile file = zevo::OpenSettled(place, O_RDWR | O_APPEND);
         if (!file) return BW_FAIL(file.code());
         if (file.stat().st_nlink > 1) { // somebody has linked to a file that lies anywhere
             if (const auto copied = ReplaceByCopy(szFile); copied.result < 0)

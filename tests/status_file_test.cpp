@@ -18,6 +18,7 @@ using standins::FailNext;
 using standins::FailNth;
 using standins::TakeLog;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {
@@ -485,6 +486,7 @@ TEST_F(StatusRewrite, AfterFiveDefeatsTheLaterRenameWins)
     Write("[4711-1]\na=1\n");
     int defeats = 0;
     const std::function<void()> beFaster = [&] {
+        if (standins::Count(Call::Rename) != 0) return; // over: the mode that stays
         Write("[4711-1]\na=1\n#" + std::string(static_cast<size_t>(++defeats), 'x') + "\n");
         Before(Call::Chmod, 1, beFaster);
     };
@@ -494,6 +496,32 @@ TEST_F(StatusRewrite, AfterFiveDefeatsTheLaterRenameWins)
     EXPECT_EQ(Read(), "[4711-1]\npid=4711\nactive=0\n#xxxxx\n");
     EXPECT_EQ(standins::Count(Call::Rename), 1);
     EXPECT_EQ(box.FileCount(), 1);
+}
+
+// Who has swapped his file in and may take it back marks it until he knows.
+TEST_F(StatusRewrite, AFileThatIsNotSettledIsWaitedForButNotForever)
+{
+    const std::string calls[] = {"replacing", "appending"};
+    for (const std::string &call : calls) {
+        SCOPED_TRACE(call);
+        const auto change = [&] { return call == "replacing" ? Set("5-2") : Add("6-1"); };
+        Write("[5-2]\na=1\n");
+        ASSERT_EQ(::chmod(Path(), 01660), 0);
+        Before(Call::Sleep, 2, [&] {
+            box.Write("new", kTwo);
+            EXPECT_EQ(std::rename(box.Path("new"), Path()), 0);
+        });
+        EXPECT_EQ(change(), 1);
+        EXPECT_THAT(Read(), HasSubstr("[4711-1]\n")) << "what came in its place counts";
+        EXPECT_EQ(standins::Sleeps().size(), 2U);
+
+        ASSERT_EQ(::chmod(Path(), 01660), 0);
+        EXPECT_EQ(Set(), 1);
+        EXPECT_THAT(Read(), HasSubstr("[4711-1]\npid=4711\nactive=0\n"));
+        EXPECT_EQ(ModeOf(Path()), 0660U);
+        EXPECT_EQ(standins::Sleeps().size(), 2U + 20U);
+        standins::Reset();
+    }
 }
 
 // The last moment: after the look at what the path names.

@@ -60,7 +60,8 @@ mode_t WantedOfRules(const struct stat &status)
 
 mode_t WantedOfTransfers(const struct stat &status)
 {
-    return S_ISDIR(status.st_mode) ? kStatusDirectoryMode : kStatusFileMode;
+    if (S_ISDIR(status.st_mode)) return kStatusDirectoryMode;
+    return kStatusFileMode | (status.st_mode & zevo::kUnsettled); // as while it is rewritten
 }
 
 bool SetMode(const std::string &path, mode_t mode)

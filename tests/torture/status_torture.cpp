@@ -283,12 +283,9 @@ void MeasureCopies(Place place, const Options &options, Table &table, double sha
 
 // ---- purges ----
 
-// Goes stale and comes back at the moment others clear the file up. Three processes that swap names
-// within the same few microseconds can still lose a save, so that the short form allows one in a
-// hundred; the others tell of each.
-void Revive(Row &row, const Budget &budget, Random &random, bool isShort)
+// Goes stale and comes back at the moment others clear the file up.
+void Revive(Row &row, const Budget &budget, Random &random)
 {
-    std::uint64_t allowed = isShort ? budget.most() / 100 : 0;
     for (std::uint64_t number = 1; budget.Allows(row.tried()); ++number) {
         if (!Save(1'000'000 + number, 100)) Die("cannot save");
         SleepUs(static_cast<std::int64_t>(random.Below(300)));
@@ -297,8 +294,7 @@ void Revive(Row &row, const Budget &budget, Random &random, bool isShort)
         row.Try();
         if (Saved() == number) continue;
         SleepUs(50'000); // a purge may be putting back what it has taken
-        if (Saved() == number || (allowed > 0 && allowed-- > 0)) continue;
-        row.Violate("save %llu", static_cast<unsigned long long>(number));
+        if (Saved() != number) row.Violate("save %llu", static_cast<unsigned long long>(number));
     }
 }
 
@@ -319,7 +315,7 @@ void TryPurges(const Options &options, Table &table, double share)
                 return 0;
             }));
         Random random(options.seed, 2'000);
-        Revive(row, budget, random, options.amount == Amount::kShort);
+        Revive(row, budget, random);
         for (const pid_t pid : readers) {
             ::kill(pid, SIGKILL);
             WaitFor(pid);

@@ -40,6 +40,13 @@ constexpr size_t kMostFileBytes = size_t{64} << 20; // what stands above is nobo
 constexpr int kMostRewriteRetries = 5;              // then the last rename wins
 constexpr size_t kPathBytes = 4096;
 
+// On a file that has just been swapped in: whoever did so has yet to look whether he may keep it there.
+// Nobody else builds upon it meanwhile, for what he takes back would come with it. The sticky bit means
+// nothing else on a file.
+constexpr mode_t kUnsettled = S_ISVTX;
+constexpr int kMostWaitsForSettling = 20; // he may have died before he could look
+constexpr useconds_t kSettlingUs = 1000;
+
 class KeepErrno {
 public:
     KeepErrno() noexcept : saved_(errno) {}
@@ -261,6 +268,17 @@ private:
     unsigned code_ = kFileOpen;
 };
 
+// Opens a file that many processes rewrite as soon as its content will stay.
+inline RegularFile OpenSettled(const Place &place, int flags) noexcept
+{
+    for (int waits = 0;; ++waits) {
+        RegularFile file(place, flags);
+        if (!file || (file.stat().st_mode & kUnsettled) == 0 || waits == kMostWaitsForSettling)
+            return file;
+        (void)::usleep(kSettlingUs);
+    }
+}
+
 // Whether both are the same file, if one of them has been open all the while: inode numbers are given
 // anew once a file is closed.
 inline bool IsSameFile(const struct stat &a, const struct stat &b) noexcept
@@ -386,9 +404,10 @@ public:
     enum class Swapped { kDone, kBeaten, kFailed };
     // Takes the place if it still names the file that was read, cbKnown bytes long. A look before the
     // rename leaves a gap in which another process's file would be lost, so the two swap names, in
-    // one step, and what has come out is looked at: anything else goes back. In that moment a third
-    // one may have taken the place. Then his file stays: mostly it is built upon ours, but where he
-    // has swapped without knowing it, too, what had come out is lost until its writer's next save.
+    // one step, and what has come out is looked at: anything else goes back. Until then ours is
+    // unsettled. In that moment a third one may still have taken the place, who had waited for too
+    // long. Then his file stays: mostly it is built upon ours, but what had come out is lost until its
+    // writer's next save.
     Swapped SwapIn(const struct stat &known, size_t cbKnown) noexcept
     {
         if (!StillNames(place_, known, cbKnown)) return Swapped::kBeaten;
@@ -476,7 +495,7 @@ inline bool FillTemp(TempFile &temp, std::string_view text, mode_t mode, bool is
     if (!temp.Write(text)) return false;
     if (isFirst && !temp.Sync()) return false;
     if (!isFirst) temp.SendOff();
-    return temp.SetMode(mode & kPermissionBits);
+    return temp.SetMode(mode | kUnsettled);
 }
 
 // Replaces a file that many processes rewrite without a lock. compose(old, new) puts the new text
@@ -492,8 +511,9 @@ RewriteResult RewriteFile(const char *szPath, Compose compose,
     Bytes oldText;
     Bytes newText;
     for (int attempt = 0;; ++attempt) {
-        const RegularFile in(place, O_RDONLY);
+        const RegularFile in = OpenSettled(place, O_RDONLY);
         if (!in) return {-1, in.code()};
+        const mode_t mode = in.stat().st_mode & kPermissionBits;
         oldText.Clear();
         newText.Clear();
         if (const unsigned code = in.ReadWhole(oldText); code != 0) return {-1, code};
@@ -504,7 +524,7 @@ RewriteResult RewriteFile(const char *szPath, Compose compose,
         if (!temp) return {-1, kFileOpen};
         const bool isFirst = attempt == 0;
         const bool isLast = attempt == kMostRewriteRetries;
-        if (!FillTemp(temp, newText.view(), in.stat().st_mode, isFirst)) return {-1, kFileWrite};
+        if (!FillTemp(temp, newText.view(), mode, isFirst)) return {-1, kFileWrite};
         const auto swapped = isLast && ifBeaten == IfBeaten::kWin
                                  ? temp.Replace()
                                  : temp.SwapIn(in.stat(), oldText.size());
@@ -513,7 +533,9 @@ RewriteResult RewriteFile(const char *szPath, Compose compose,
             if (isLast) return {0, 0};
             continue;
         }
-        if (!isFirst) (void)temp.Sync(); // the file stands: there is no failure to tell any more
+        // The file stands: there is no failure to tell any more.
+        (void)temp.SetMode(mode);
+        if (!isFirst) (void)temp.Sync();
         return {1, 0};
     }
 }
