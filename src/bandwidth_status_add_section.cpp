@@ -46,7 +46,11 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
     for (int attempt = 0; attempt <= zevo::kMostRewriteRetries; ++attempt) {
         const zevo::RegularFile file = zevo::OpenSettled(place, O_RDWR | O_APPEND);
         if (!file) return BW_FAIL(file.code());
-        if (file.stat().st_nlink > 1) { // somebody has linked to a file that lies anywhere
+        // Its names are counted while it is known to have this one: a link to a file that lies anywhere
+        // may have been taken away since it was opened.
+        struct stat named = {};
+        if (!zevo::NamesSameFile(place, file.stat(), named)) continue;
+        if (named.st_nlink > 1) {
             if (const auto copied = ReplaceByCopy(szFile); copied.result < 0)
                 return BW_FAIL(copied.code);
             continue;
@@ -68,5 +72,5 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
         struct stat now = {};
         if (zevo::NamesSameFile(place, file.stat(), now)) break;
     }
-    return written ? 1 : BW_FAIL(ZEVO_BW_ERROR_OPEN); // linked again each time
+    return written ? 1 : BW_FAIL(ZEVO_BW_ERROR_OPEN); // linked or replaced again each time
 }

@@ -72,9 +72,10 @@ bool SetMode(const std::string &path, mode_t mode)
     struct stat opened {};
     struct stat now {};
     if (!file || ::fstat(file.get(), &opened) != 0) return false;
-    const bool isOne = S_ISDIR(opened.st_mode) || (S_ISREG(opened.st_mode) && opened.st_nlink == 1);
     errno = EMLINK;
-    return isOne && zevo::NamesSameFile(place, opened, now) && ::fchmod(file.get(), mode) == 0;
+    if (!zevo::NamesSameFile(place, opened, now)) return false;
+    const bool isOne = S_ISDIR(now.st_mode) || (S_ISREG(now.st_mode) && now.st_nlink == 1);
+    return isOne && ::fchmod(file.get(), mode) == 0;
 }
 
 // ---- leftovers ----
