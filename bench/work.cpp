@@ -50,6 +50,7 @@ constexpr std::uint32_t kUid = 5001;
 constexpr std::uint32_t kFirstGid = 30'001;
 constexpr std::int32_t kFirstPid = 10'000'001; // beyond every process
 constexpr std::int64_t kDay = 86'400;
+constexpr useconds_t kTickUs = 12'000; // longer than one of the kernel's clock
 
 bool brief = false;
 
@@ -308,7 +309,11 @@ Row Purging(int n)
                                            ZEVO_BW_TRANSFER_ALL, &pList) == 0,
                  "purging");
         },
-        [&] { file.floor().Rewrite(); }, [&] { file.Restore(); });
+        [&] { file.floor().Rewrite(); },
+        [&] {
+            file.Restore();
+            ::usleep(kTickUs); // as after a crash, whose files nobody has touched for a while
+        });
 }
 
 // A limited transfer of a user with a rule of his own and two groups that it is charged to.

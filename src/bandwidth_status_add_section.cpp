@@ -24,9 +24,10 @@ bool Holds(std::string_view text, const char *szSection) noexcept
 // Puts a copy in the file's place.
 zevo::RewriteResult ReplaceByCopy(const char *szFile) noexcept
 {
-    return zevo::RewriteFile(szFile, [](std::string_view oldText, zevo::Bytes &newText) {
+    const auto copy = [](std::string_view oldText, zevo::Bytes &newText, const struct stat &) {
         return newText.Append(oldText) ? 1 : zevo::kComposeFailed;
-    });
+    };
+    return zevo::RewriteFile(szFile, copy);
 }
 
 } // namespace

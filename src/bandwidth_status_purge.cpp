@@ -1,9 +1,13 @@
 // The rewrite that drops stale sections. Between the listing and the rewrite an owner may have saved
-// his section again; what was decided then holds no more. Nor does it help to compare files: writers
-// swap names, so that for a moment the path leads to what one of them is about to take back, and the
-// listing may have read that. Hence the sections that are to go are taken out of the very text that is
-// being rewritten and read once more, by the platform, from a copy beside the file that nobody else
-// knows. A file that changes faster than that is left to the next listing.
+// his section again; what was decided then holds no more. Then the sections that are to go are taken
+// out of the very text that is being rewritten and read once more, by the platform, from a copy beside
+// the file that nobody else knows. A file that changes faster than that is left to the next listing.
+//
+// What was decided holds as long as the file is in the state in which it was before the listing read
+// it: each change, that of its names included, gives it a new stamp. Stamps are those of the last tick
+// of the clock, though, so that the file must have been left alone for a tick before. That also goes
+// for the moment in which writers swap names and the path leads to what one of them is about to take
+// back: what was there before has been renamed twice then.
 
 #include "bandwidth_status_purge.hpp"
 
@@ -88,9 +92,20 @@ int Purge::Decide(std::string_view oldText) noexcept
     return DecideOn(szCopy);
 }
 
-int Purge::Compose(std::string_view oldText, zevo::Bytes &newText) noexcept
+void Purge::LookAtFile() noexcept
 {
-    if (const int failed = Decide(oldText); failed < 0) return failed;
+    struct timespec now = {};
+    wasQuiet_ = ::clock_gettime(CLOCK_REALTIME_COARSE, &now) == 0 &&
+                ::lstat(szFile_, &seen_) == 0 &&
+                (seen_.st_ctim.tv_sec < now.tv_sec ||
+                 (seen_.st_ctim.tv_sec == now.tv_sec && seen_.st_ctim.tv_nsec < now.tv_nsec));
+}
+
+int Purge::Compose(std::string_view oldText, zevo::Bytes &newText,
+                   const struct stat &state) noexcept
+{
+    const bool isUntouched = wasQuiet_ && zevo::IsSameState(state, seen_);
+    if (const int failed = isUntouched ? 0 : Decide(oldText); failed < 0) return failed;
     bool isWhole = true;
     const auto keep = [&](std::string_view line) { return isWhole = newText.Append(line); };
     Split(oldText, keep, [](std::string_view) { return true; });
@@ -103,7 +118,9 @@ int Purge::Run() noexcept
     if (nNoted_ == 0) return 0;
     const zevo::RewriteResult done = zevo::RewriteFile(
         szFile_,
-        [&](std::string_view oldText, zevo::Bytes &newText) { return Compose(oldText, newText); },
+        [&](std::string_view oldText, zevo::Bytes &newText, const struct stat &state) {
+            return Compose(oldText, newText, state);
+        },
         zevo::IfBeaten::kGiveUp);
     if (done.result >= 0) return 0;
     return done.code == 0 ? BW_PASS_UNLOGGED : BW_FAIL(done.code);

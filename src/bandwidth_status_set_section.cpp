@@ -57,8 +57,8 @@ int ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection
 {
     BW_REQUIRE(szFile != nullptr, "((void *)0) != szFile");
     BW_REQUIRE(szSection != nullptr, "NULL != szSection");
-    const zevo::RewriteResult rewrite =
-        zevo::RewriteFile(szFile, [&](std::string_view oldText, zevo::Bytes &newText) {
+    const zevo::RewriteResult rewrite = zevo::RewriteFile(
+        szFile, [&](std::string_view oldText, zevo::Bytes &newText, const struct stat &) {
             return Compose(oldText, newText, szSection, pHash, mode);
         });
     if (rewrite.result < 0) return rewrite.code == 0 ? BW_PASS_UNLOGGED : BW_FAIL(rewrite.code);

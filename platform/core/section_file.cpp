@@ -221,9 +221,10 @@ int VLIBCFileRemoveSection(const char *szPath, const char *szSection) noexcept
     if (szPath == nullptr || szSection == nullptr) return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
     Listing::Suspend();
-    const RewriteResult done = RewriteFile(szPath, [&](std::string_view oldText, Bytes &newText) {
-        return Composer(oldText, szSection, newText).Remove();
-    });
+    const RewriteResult done =
+        RewriteFile(szPath, [&](std::string_view oldText, Bytes &newText, const struct stat &) {
+            return Composer(oldText, szSection, newText).Remove();
+        });
     return done.result < 0 ? ZEVO_FAIL(done.code) : done.result;
 }
 

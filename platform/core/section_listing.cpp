@@ -56,12 +56,6 @@ int64_t MonotonicNs() noexcept
     return now.tv_sec * kNsPerSecond + now.tv_nsec;
 }
 
-// For stamps of files: anybody may set them to any number, so that there is no calculating with them.
-bool IsSameTime(const struct timespec &a, const struct timespec &b) noexcept
-{
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
 Offset StartOf(const Line &line, std::string_view text) noexcept
 {
     return static_cast<Offset>(line.whole.data() - text.data());
@@ -137,9 +131,7 @@ unsigned Snapshot::Read(const char *szPath) noexcept
 bool Snapshot::IsCurrent(const char *szPath) const noexcept
 {
     struct stat now = {};
-    return fd_ && ::lstat(szPath, &now) == 0 && IsSameFile(now, stat_) &&
-           now.st_size == stat_.st_size && IsSameTime(now.st_mtim, stat_.st_mtim) &&
-           IsSameTime(now.st_ctim, stat_.st_ctim);
+    return fd_ && ::lstat(szPath, &now) == 0 && IsSameState(now, stat_);
 }
 
 bool Snapshot::IsFresh() const noexcept

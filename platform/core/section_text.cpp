@@ -357,7 +357,11 @@ bool Reader::NextHeader(Line &line) noexcept
             return false;
         }
         at_ = bracket + 1;
-        if (bracket != 0 && text_[bracket - 1] != '\n') continue;
+        if (bracket != 0 && text_[bracket - 1] != '\n') {
+            const size_t end = text_.find('\n', at_); // a stranger's line may be all brackets
+            at_ = end == text_.npos ? text_.size() : end + 1;
+            continue;
+        }
         line = ReadLine(text_.substr(bracket));
         if (line.kind != LineKind::kHeader) continue;
         at_ = bracket + line.whole.size();

@@ -283,12 +283,14 @@ void MeasureCopies(Place place, const Options &options, Table &table, double sha
 
 // ---- purges ----
 
+constexpr std::uint64_t kQuietEach = 8; // for longer than a tick of the clock of files
+
 // Goes stale and comes back at the moment others clear the file up.
 void Revive(Row &row, const Budget &budget, Random &random)
 {
     for (std::uint64_t number = 1; budget.Allows(row.tried()); ++number) {
         if (!Save(1'000'000 + number, 100)) Die("cannot save");
-        SleepUs(static_cast<std::int64_t>(random.Below(300)));
+        SleepUs(static_cast<std::int64_t>(random.Below(number % kQuietEach == 0 ? 12'000 : 300)));
         if (!Save(number)) Die("cannot save");
         SleepUs(static_cast<std::int64_t>(random.Below(1'000)));
         row.Try();

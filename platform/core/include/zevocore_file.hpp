@@ -286,6 +286,20 @@ inline bool IsSameFile(const struct stat &a, const struct stat &b) noexcept
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
+// For stamps of files: anybody may set them to any number, so that there is no calculating with them.
+inline bool IsSameTime(const struct timespec &a, const struct timespec &b) noexcept
+{
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+// Whether nothing tells the two apart. Stamps are coarse: within one tick they do not tell of a change
+// in place that keeps the size.
+inline bool IsSameState(const struct stat &a, const struct stat &b) noexcept
+{
+    return IsSameFile(a, b) && a.st_size == b.st_size && IsSameTime(a.st_mtim, b.st_mtim) &&
+           IsSameTime(a.st_ctim, b.st_ctim);
+}
+
 // Whether the path still names the open file; what it names is told in now.
 inline bool NamesSameFile(const Place &place, const struct stat &opened, struct stat &now) noexcept
 {
@@ -498,8 +512,9 @@ inline bool FillTemp(TempFile &temp, std::string_view text, mode_t mode, bool is
     return temp.SetMode(mode | kUnsettled);
 }
 
-// Replaces a file that many processes rewrite without a lock. compose(old, new) puts the new text
-// together: 1 to write it, 0 to leave the file as it is, or one of the two above. Each attempt starts
+// Replaces a file that many processes rewrite without a lock. compose(old, new, state) puts the new text
+// together, the state that of the old file: 1 to write it, 0 to leave the file as it is, or one of the
+// two above. Each attempt starts
 // from what the path names then; when another process was faster it starts over. After the last retry
 // the later rename wins, or the file is left as it is (0).
 template <class Compose>
@@ -517,7 +532,7 @@ RewriteResult RewriteFile(const char *szPath, Compose compose,
         oldText.Clear();
         newText.Clear();
         if (const unsigned code = in.ReadWhole(oldText); code != 0) return {-1, code};
-        const int found = compose(oldText.view(), newText);
+        const int found = compose(oldText.view(), newText, in.stat());
         if (found < 0) return {-1, found == kComposeFailed ? kFileNoMemory : 0u};
         if (found == 0) return {0, 0};
         TempFile temp(place);
