@@ -165,6 +165,16 @@ void Snapshot::Drop() noexcept
 
 // ---- index ----
 
+namespace {
+
+// What of a hash does not choose the slot.
+uint32_t TagOf(uint64_t hash) noexcept
+{
+    return static_cast<uint32_t>(hash >> 32);
+}
+
+} // namespace
+
 std::string_view SectionIndex::NameOf(const Entry &entry) const noexcept
 {
     return names_.view().substr(entry.nameAt, entry.cbName);
@@ -196,13 +206,14 @@ try {
 
 void SectionIndex::DropRepeated()
 {
-    slots_.assign(std::bit_ceil(entries_.size() * 2 + 2), 0U);
+    slots_.assign(std::bit_ceil(entries_.size() * 2 + 2), Slot{});
     size_t nKept = 0;
     for (size_t i = 0; i < entries_.size(); ++i) {
-        const size_t slot = SlotOf(NameOf(entries_[i]));
-        if (slots_[slot] != 0) continue;
+        const uint64_t hash = HashOf(NameOf(entries_[i]));
+        Slot &slot = slots_[SlotOf(NameOf(entries_[i]), hash)];
+        if (slot.number != 0) continue;
         entries_[nKept++] = entries_[i];
-        slots_[slot] = static_cast<uint32_t>(nKept);
+        slot = {static_cast<uint32_t>(nKept), TagOf(hash)};
     }
     hasRepeated_ = nKept != entries_.size();
     entries_.resize(nKept);
@@ -220,7 +231,7 @@ bool SectionIndex::Renew(std::string_view text) noexcept
         pLast = nullptr;
         name.Clear();
         if (!AppendMeaning(name, line.name)) return false;
-        const size_t number = slots_[SlotOf(name.view())];
+        const uint32_t number = NumberOf(name.view());
         if (number == 0 || entries_[number - 1].state != State::kAbsent) continue;
         pLast = &entries_[number - 1];
         pLast->begin = EndOf(line, text);
@@ -231,11 +242,20 @@ bool SectionIndex::Renew(std::string_view text) noexcept
 }
 
 // The slot that holds the name, or the free one where it belongs.
-size_t SectionIndex::SlotOf(std::string_view name) const noexcept
+size_t SectionIndex::SlotOf(std::string_view name, uint64_t hash) const noexcept
 {
     const size_t mask = slots_.size() - 1;
-    for (size_t slot = HashOf(name) & mask;; slot = (slot + 1) & mask)
-        if (slots_[slot] == 0 || NameOf(entries_[slots_[slot] - 1]) == name) return slot;
+    for (size_t i = hash & mask;; i = (i + 1) & mask) {
+        const Slot slot = slots_[i];
+        if (slot.number == 0) return i;
+        if (slot.tag == TagOf(hash) && NameOf(entries_[slot.number - 1]) == name) return i;
+    }
+}
+
+// Of the entry, + 1; 0 when there is none of that name.
+uint32_t SectionIndex::NumberOf(std::string_view name) const noexcept
+{
+    return slots_[SlotOf(name, HashOf(name))].number;
 }
 
 size_t SectionIndex::Find(std::string_view section) const noexcept
@@ -243,7 +263,7 @@ size_t SectionIndex::Find(std::string_view section) const noexcept
     if (next_ < entries_.size() && entries_[next_].state != State::kTaken &&
         NameOf(entries_[next_]) == section)
         return next_;
-    const size_t number = slots_[SlotOf(section)];
+    const uint32_t number = NumberOf(section);
     return number == 0 || entries_[number - 1].state == State::kTaken ? kNone : number - 1;
 }
 

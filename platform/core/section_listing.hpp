@@ -71,15 +71,22 @@ private:
         Offset end;
         State state;
     };
+    // Open addressing. Most of a name's hash stands beside the entry's number, so that a name is
+    // compared, somewhere else in memory, with its equal only.
+    struct Slot {
+        uint32_t number; // + 1; 0 is free
+        uint32_t tag;
+    };
     std::string_view NameOf(const Entry &entry) const noexcept;
     bool AddName(const Word &word, Entry &entry);
     void DropRepeated();
-    size_t SlotOf(std::string_view name) const noexcept;
+    size_t SlotOf(std::string_view name, uint64_t hash) const noexcept;
+    uint32_t NumberOf(std::string_view name) const noexcept;
 
     Bytes names_; // each with its NUL
     std::vector<Entry> entries_;
-    std::vector<uint32_t> slots_; // open addressing; an entry's number + 1, 0 is free
-    size_t next_ = 0;             // the entry behind the one taken last
+    std::vector<Slot> slots_;
+    size_t next_ = 0; // the entry behind the one taken last
     size_t nLeft_ = 0;
     bool hasRepeated_ = false; // then names_ holds some that are no entry's
 };

@@ -245,7 +245,7 @@ void TryAll(const Options &options, std::size_t cb, double share, Rows rows)
 {
     const std::uint64_t count = kShapes.size() * kPathCalls.size();
     const Budget budget(options, share, count, count);
-    const int rounds = options.amount == Amount::kFull ? 3 : 1;
+    const int rounds = options.amount == Amount::kShort ? 1 : 3;
     double most = 0;
     // Every function meets every shape; where the time does not suffice, other pairs each time.
     Random random(options.seed, cb);
