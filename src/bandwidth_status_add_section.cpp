@@ -47,11 +47,9 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
     for (int attempt = 0; attempt <= zevo::kMostRewriteRetries; ++attempt) {
         const zevo::RegularFile file = zevo::OpenSettled(place, O_RDWR | O_APPEND);
         if (!file) return BW_FAIL(file.code());
-        // Its names are counted while it is known to have this one: a link to a file that lies anywhere
-        // may have been taken away since it was opened.
-        struct stat named = {};
-        if (!zevo::NamesSameFile(place, file.stat(), named)) continue;
-        if (named.st_nlink > 1) {
+        const nlink_t nNames = zevo::CountNames(place, file.stat());
+        if (nNames == 0) continue;
+        if (nNames > 1) {
             if (const auto copied = ReplaceByCopy(szFile); copied.result < 0)
                 return BW_FAIL(copied.code);
             continue;

@@ -70,12 +70,12 @@ bool SetMode(const std::string &path, mode_t mode)
     if (!place) return false;
     const zevo::Fd file = zevo::OpenAt(place.dir(), place.name(), O_RDONLY | O_NONBLOCK);
     struct stat opened {};
-    struct stat now {};
     if (!file || ::fstat(file.get(), &opened) != 0) return false;
-    errno = EMLINK;
-    if (!zevo::NamesSameFile(place, opened, now)) return false;
-    const bool isOne = S_ISDIR(now.st_mode) || (S_ISREG(now.st_mode) && now.st_nlink == 1);
-    return isOne && ::fchmod(file.get(), mode) == 0;
+    const nlink_t nNames = zevo::CountNames(place, opened);
+    const bool isFit =
+        S_ISDIR(opened.st_mode) ? nNames > 0 : nNames == 1 && S_ISREG(opened.st_mode);
+    if (!isFit) errno = EMLINK;
+    return isFit && ::fchmod(file.get(), mode) == 0;
 }
 
 // ---- leftovers ----

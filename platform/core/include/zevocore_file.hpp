@@ -307,7 +307,20 @@ inline bool NamesSameFile(const Place &place, const struct stat &opened, struct 
            IsSameFile(now, opened);
 }
 
-// The same, and nobody has appended to the cbKnown bytes that were read of it.
+// How many names the open file has, 0 where the path is none of them. The kernel follows a path first
+// and counts then: a link to a file that lies anywhere may have been taken away between the two. So a
+// single name is believed only when a second look finds the path leading there, too.
+inline nlink_t CountNames(const Place &place, const struct stat &opened) noexcept
+{
+    struct stat now = {};
+    for (const bool isSecond : {false, true}) {
+        if (!NamesSameFile(place, opened, now)) return 0;
+        if (now.st_nlink != 1 || isSecond) break;
+    }
+    return now.st_nlink;
+}
+
+// Whether nobody has replaced the file, nor appended to the cbKnown bytes that were read of it.
 inline bool StillNames(const Place &place, const struct stat &opened, size_t cbKnown) noexcept
 {
     struct stat now = {};
