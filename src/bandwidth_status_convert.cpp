@@ -5,6 +5,7 @@
 
 #include "bandwidth_guard.hpp"
 #include "bandwidth_parm.hpp"
+#include "bandwidth_status_walk.hpp"
 
 using namespace bandwidth;
 
@@ -53,7 +54,12 @@ int ZEVOBandwidthInitHashFromStatus(VLIB_SZ_HASH **ppHash,
 int ZEVOBandwidthInitStatusFromHash(ZEVO_BANDWIDTH_STATUS *pStatus,
                                     const VLIB_SZ_HASH *pHash) noexcept
 {
-    const CancelScope cancel;
+    const CancelScope cancel; // the log may block
+    return StatusFromHash(pStatus, pHash);
+}
+
+int bandwidth::StatusFromHash(ZEVO_BANDWIDTH_STATUS *pStatus, const VLIB_SZ_HASH *pHash) noexcept
+{
     BW_REQUIRE(pHash != nullptr, "((void *)0) != pHash");
     BW_REQUIRE(pStatus != nullptr, "NULL != pStatus");
     return RecordFromHash(pStatus, pHash, kStatusParms, BW_HERE);

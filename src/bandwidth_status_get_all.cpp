@@ -73,7 +73,7 @@ int WalkSection(const Walk &walk, int32_t index, Hash &hash) noexcept
     if (found <= 0) return 0; // failed, or its owner has just taken it away to save it anew
     ZEVO_BANDWIDTH_STATUS *const pStatus = walk.taker.Room();
     if (pStatus == nullptr) return NoMemory(szSection);
-    if (::ZEVOBandwidthInitStatusFromHash(pStatus, hash.get()) < 0) {
+    if (StatusFromHash(pStatus, hash.get()) < 0) {
         BW_LOG_SLOT("Init status from hash failed. ");
         return 0;
     }

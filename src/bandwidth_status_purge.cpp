@@ -65,7 +65,7 @@ int Purge::DecideOn(const char *szCopy) noexcept
         Clear(status);
         if (::VLIBCFileGetSection(szCopy, ::VLIBCSzListGet(names.get(), i), &pHash) < 0)
             return zevo::kComposeRefused;
-        if (::ZEVOBandwidthInitStatusFromHash(&status, pHash) == 0 && IsStale(status, now_))
+        if (StatusFromHash(&status, pHash) == 0 && IsStale(status, now_))
             noted[static_cast<size_t>(nNoted++)] = i;
     }
     names_ = std::move(names);

@@ -21,9 +21,9 @@ public:
     bool Next(std::string_view &line) noexcept
     {
         if (at_ >= text_.size()) return false;
-        const size_t end = ends_.Next() + 1;
-        line = text_.substr(at_, end - at_);
-        at_ = end;
+        const size_t end = ends_.Next();
+        line = {text_.data() + at_, end - at_ + (end < text_.size() ? 1 : 0)};
+        at_ = end + 1;
         return true;
     }
 

@@ -21,6 +21,10 @@ inline void Clear(ZEVO_BANDWIDTH_STATUS &record) noexcept
     std::memset(pBytes + kBehindName, 0, sizeof(record) - kBehindName);
 }
 
+// ZEVOBandwidthInitStatusFromHash() for who has seen to it that his thread is not cancelled: a walk
+// asks for each section.
+int StatusFromHash(ZEVO_BANDWIDTH_STATUS *pStatus, const VLIB_SZ_HASH *pHash) noexcept;
+
 // Who takes the records.
 class StatusTaker {
 public:

@@ -176,10 +176,22 @@ RewriteResult WriteSection(const char *szPath, const char *szSection, const VLIB
     return {code == 0 ? 1 : -1, code};
 }
 
-// Whoever walks over a file asks about each of its lines: most need no second look.
+// Whoever walks over a file asks about each of its lines: most need no second look, and so not the
+// room on the stack that one takes.
 bool MayBeHeader(const char *szLine, int cbLine) noexcept
 {
     return szLine != nullptr && cbLine > 0 && *szLine == '[';
+}
+
+[[gnu::noinline]] int LookForHeader(const char *szLine, int cbLine) noexcept
+{
+    return ReadLine({szLine, static_cast<size_t>(cbLine)}).kind == LineKind::kHeader ? 1 : 0;
+}
+
+[[gnu::noinline]] int LookForHeaderOf(const char *szLine, int cbLine,
+                                      const char *szSection) noexcept
+{
+    return IsHeaderOf({szLine, static_cast<size_t>(cbLine)}, szSection) ? 1 : 0;
 }
 
 } // namespace
@@ -191,7 +203,6 @@ int VLIBCFileGetSection(const char *szPath, const char *szSection, VLIB_SZ_HASH 
 {
     if (szPath == nullptr || szSection == nullptr || ppHash == nullptr || *ppHash == nullptr)
         return ZEVO_FAIL(kBadArgument);
-    const CancelScope cancel;
     const SectionRead section(szPath, szSection);
     if (section.code() != 0) return ZEVO_FAIL(section.code());
     if (!section.lines()) return 0;
@@ -257,12 +268,11 @@ int VLIBCFileHash2File(FILE *pFile, const char *szSection, const VLIB_SZ_HASH *p
 
 int VLIBCIFileIsSection(const char *szLine, int cbLine) noexcept
 {
-    if (!MayBeHeader(szLine, cbLine)) return 0;
-    return ReadLine({szLine, static_cast<size_t>(cbLine)}).kind == LineKind::kHeader ? 1 : 0;
+    return MayBeHeader(szLine, cbLine) ? LookForHeader(szLine, cbLine) : 0;
 }
 
 int VLIBCIFileMatchSection(const char *szLine, int cbLine, const char *szSection) noexcept
 {
     if (!MayBeHeader(szLine, cbLine) || szSection == nullptr) return 0;
-    return IsHeaderOf({szLine, static_cast<size_t>(cbLine)}, szSection) ? 1 : 0;
+    return LookForHeaderOf(szLine, cbLine, szSection);
 }

@@ -40,6 +40,7 @@
 #include <sys/stat.h>
 
 #include "sz_list.hpp"
+#include "zevocore_frame.hpp"
 
 namespace zevo {
 namespace {
@@ -117,6 +118,7 @@ const ThreadSlot threadSlot;
 
 unsigned Snapshot::Read(const char *szPath) noexcept
 {
+    const CancelScope cancel;
     readAtNs_ = MonotonicNs();
     const Place place(szPath);
     if (!place) return kFileOpen;
@@ -152,8 +154,15 @@ bool Snapshot::IsOneMoment() const noexcept
     return MonotonicNs() <= momentUntilNs_;
 }
 
+void Snapshot::CloseFile() noexcept
+{
+    const CancelScope cancel;
+    fd_ = Fd();
+}
+
 void Snapshot::Drop() noexcept
 {
+    const CancelScope cancel;
     const KeepErrno keep;
     text_ = Bytes();
     struct stat now = {};
@@ -379,6 +388,7 @@ SectionRead::SectionRead(const char *szPath, const char *szSection) noexcept
         return;
     }
     code_ = own_.Read(szPath);
+    own_.CloseFile();
     if (code_ == 0) lines_ = LinesOf(own_.text(), szSection);
 }
 

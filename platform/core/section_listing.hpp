@@ -13,7 +13,8 @@
 
 namespace zevo {
 
-// A file's text, and which file in which state that was.
+// A file's text, and which file in which state that was. Only what opens, reads or closes the file is
+// kept from being cancelled: most sections are read from memory.
 class Snapshot {
 public:
     // 0, or the error code.
@@ -25,6 +26,7 @@ public:
     bool IsFresh() const noexcept;
     // It is ready to answer.
     void BeginAnswering() noexcept;
+    void CloseFile() noexcept;
     // Gives text and file back, even where the host has taken the descriptor away.
     void Drop() noexcept;
     std::string_view text() const noexcept { return text_.view(); }

@@ -388,25 +388,22 @@ bool TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept
     std::memset(pLines + lines.size(), 0, Shape::kKeyBytes);
     const bool isPlain = lines.find('\0') == lines.npos;
     const bool isFirst = hash.pairs().empty();
-    const Shape &shape = hash.shape();
     bool isAlike = isPlain && isFirst;
+    const Shape::Key *pNext = hash.shape().begin();
     LineEnds ends(lines);
     for (size_t at = 0; at < lines.size();) {
         char *const pLine = pLines + at;
         const size_t cbLine = ends.Next() - at;
         at += cbLine + 1;
         if (cbLine == 0) continue;
+        isAlike = isAlike && pNext != hash.shape().end() && pNext->Begins(pLine, cbLine) &&
+                  HasPlainValue(pLine, pNext->cb, cbLine);
         if (isAlike) {
-            const size_t nPairs = hash.pairs().size();
-            if (nPairs < shape.size() && shape.Begins(pLine, cbLine, nPairs) &&
-                HasPlainValue(pLine, shape.KeyLength(nPairs), cbLine)) {
-                char *const pValue = pLine + shape.KeyLength(nPairs) + 1;
-                pValue[-1] = pLine[cbLine] = '\0';
-                if (!hash.AdoptAlike(pLine, pValue, cbLine - static_cast<size_t>(pValue - pLine)))
-                    return false;
-                continue;
-            }
-            isAlike = false;
+            const size_t cbKey = (pNext++)->cb;
+            pLine[cbKey] = pLine[cbLine] = '\0';
+            if (!hash.AdoptAlike(pNext[-1], pLine, pLine + cbKey + 1, cbLine - cbKey - 1))
+                return false;
+            continue;
         }
         std::string_view key;
         std::string_view value;

@@ -49,31 +49,29 @@ inline uint64_t MarkOf(std::string_view key) noexcept
 // A dozen short keys in their order, those that stand in a section as they are: without quotes.
 class Shape {
 public:
-    void Note(const std::vector<Pair> &pairs) noexcept;
-    size_t size() const noexcept { return nKeys_; }
-    size_t KeyLength(size_t i) const noexcept { return keys_[i].cb; }
-    uint64_t MarkOf(size_t i) const noexcept { return keys_[i].mark; }
-    // Whether a line begins with the key and a '='. Beyond its end kKeyBytes can be read.
-    bool Begins(const char *pLine, size_t cbLine, size_t i) const noexcept
-    {
-        if (cbLine <= keys_[i].cb) return false;
-        uint64_t line[2];
-        std::memcpy(line, pLine, sizeof(line));
-        const Key &key = keys_[i];
-        return (((line[0] ^ key.text[0]) & key.mask[0]) |
-                ((line[1] ^ key.text[1]) & key.mask[1])) == 0;
-    }
-
     static constexpr size_t kKeyBytes = 16; // with the '='
 
-private:
     struct Key {
         uint64_t text[2];
         uint64_t mask[2];
         size_t cb;
         uint64_t mark;
+
+        // Whether a line begins with the key and a '='. Beyond its end kKeyBytes can be read.
+        bool Begins(const char *pLine, size_t cbLine) const noexcept
+        {
+            if (cbLine <= cb) return false;
+            uint64_t line[2];
+            std::memcpy(line, pLine, sizeof(line));
+            return (((line[0] ^ text[0]) & mask[0]) | ((line[1] ^ text[1]) & mask[1])) == 0;
+        }
     };
 
+    void Note(const std::vector<Pair> &pairs) noexcept;
+    const Key *begin() const noexcept { return keys_; }
+    const Key *end() const noexcept { return keys_ + nKeys_; }
+
+private:
     Key keys_[16];
     size_t nKeys_ = 0;
 };
@@ -98,12 +96,12 @@ public:
     // Set() for texts within such room that a NUL ends: they are not copied.
     bool Adopt(std::string_view key, char *szValue, size_t cbValue) noexcept;
     // The same for the next key of the shape, where all before it are of the shape, too.
-    bool AdoptAlike(const char *szKey, char *szValue, size_t cbValue) noexcept
+    bool AdoptAlike(const zevo::Shape::Key &key, const char *szKey, char *szValue,
+                    size_t cbValue) noexcept
     {
-        const std::string_view key(szKey, shape_.KeyLength(pairs_.size()));
-        if (pairs_.size() == pairs_.capacity()) return Adopt(key, szValue, cbValue);
-        marks_ |= shape_.MarkOf(pairs_.size());
-        pairs_.push_back({key, szValue, cbValue + 1});
+        if (pairs_.size() == pairs_.capacity()) return Adopt({szKey, key.cb}, szValue, cbValue);
+        marks_ |= key.mark;
+        pairs_.push_back({{szKey, key.cb}, szValue, cbValue + 1});
         return true;
     }
 
