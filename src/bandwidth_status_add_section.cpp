@@ -16,9 +16,8 @@ namespace {
 bool Holds(std::string_view text, const char *szSection) noexcept
 {
     Lines lines(text);
-    for (std::string_view line; lines.Next(line);)
-        if (IsHeaderOf(line, szSection)) return true;
-    return false;
+    std::string_view line;
+    return lines.NextHeaderOf(szSection, line);
 }
 
 // Puts a copy in the file's place.

@@ -35,9 +35,10 @@ int Compose(std::string_view oldText, zevo::Bytes &newText, const char *szSectio
     };
     if (!newText.Reserve(oldText.size() + kMuchForASection)) return zevo::kComposeFailed;
     Lines lines(oldText);
-    for (std::string_view line; lines.Next(line);) {
-        const bool isOurs = IsHeaderOf(line, szSection);
-        inside = isOurs || (inside && !IsHeader(line));
+    std::string_view line;
+    while (inside ? lines.Next(line) : lines.NextHeaderOf(szSection, line)) {
+        const bool isOurs = !inside || IsHeaderOf(line, szSection);
+        inside = isOurs || !IsHeader(line);
         if (!inside || (!isOurs && IsComment(line))) continue;
         if (!copyUpTo(line.data())) return zevo::kComposeFailed;
         pKept = line.data() + line.size();

@@ -12,6 +12,16 @@
 
 namespace bandwidth {
 
+inline bool IsHeader(std::string_view line) noexcept
+{
+    return ::VLIBCIFileIsSection(line.data(), static_cast<int>(line.size())) != 0;
+}
+
+inline bool IsHeaderOf(std::string_view line, const char *szSection) noexcept
+{
+    return ::VLIBCIFileMatchSection(line.data(), static_cast<int>(line.size()), szSection) == 1;
+}
+
 // Walks over the lines of a text, each with its "\n", which the last one may lack.
 class Lines {
 public:
@@ -27,21 +37,23 @@ public:
         return true;
     }
 
+    // Passes over all lines before the next header of a section, which are most of a file: what it
+    // needs is kept out of memory. false at the end.
+    bool NextHeaderOf(const char *szSection, std::string_view &line) noexcept
+    {
+        Lines here = *this;
+        bool isThere = false;
+        for (std::string_view next; !isThere && here.Next(next); line = next)
+            isThere = IsHeaderOf(next, szSection);
+        *this = here;
+        return isThere;
+    }
+
 private:
     std::string_view text_;
     zevo::LineEnds ends_;
     size_t at_ = 0;
 };
-
-inline bool IsHeader(std::string_view line) noexcept
-{
-    return ::VLIBCIFileIsSection(line.data(), static_cast<int>(line.size())) != 0;
-}
-
-inline bool IsHeaderOf(std::string_view line, const char *szSection) noexcept
-{
-    return ::VLIBCIFileMatchSection(line.data(), static_cast<int>(line.size()), szSection) == 1;
-}
 
 // The text of a section, header and pairs, as the platform spells it.
 class SectionText {
