@@ -65,7 +65,7 @@
  *  @param szFile         path of a status file
  *  @param szSection      process and direction, "4711-1" for an upload of process 4711
  *  @param fp             byte-oriented stream
- *  @param cb             size of the text's room in bytes; so does every argument cbText of szText
+ *  @param cb             size of the text's room in bytes; likewise every cbText of a szText
  *  @param bytes          size of a block
  *  @param elapsedUs      microseconds since the block began
  *  @param speedBps       bytes/s, 0 unlimited
@@ -78,8 +78,11 @@
 #include <stdio.h>
 #include <sys/types.h>
 
+/** First number of the library's version, changes with the SONAME. */
 #define ZEVO_BW_VERSION_MAJOR 7
+/** Second number, changes when something is added. */
 #define ZEVO_BW_VERSION_MINOR 0
+/** Third number, changes with any other release. */
 #define ZEVO_BW_VERSION_PATCH 0
 
 #if defined(__GNUC__)
