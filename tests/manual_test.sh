@@ -28,8 +28,14 @@ done < <(grep -oE '\bZEVOBandwidth\w+' "$repository/src/libzevobandwidth.map")
 for page in "$man"/*.3; do
     read -r macro _ <"$page"
     [[ $macro != .so ]] || continue
-    mandoc -Tlint -W warning "$page" >/tmp/out 2>/tmp/err || fail "the form of ${page##*/}"
+    name=${page##*/}
+    mandoc -Tlint -W warning "$page" >/tmp/out 2>/tmp/err || fail "the form of $name"
+    grep -q "^\.Xr ${name%.3} 3" "$man/zevobandwidth.7" || fail "zevobandwidth(7) lacks $name"
 done
+sed -nE 's/^\.Xr ([^ ]+) ([1-8]).*/\1.\2/p' "$man"/*.[1-8] | sort -u | while read -r name; do
+    [[ -e $man/$name ]] || echo "$name"
+done >/tmp/out
+[[ ! -s /tmp/out ]] || fail 'these pages are referred to, and not there'
 
 # ---- the examples ----
 
