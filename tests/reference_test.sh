@@ -8,7 +8,7 @@ command -v doxygen >/dev/null || { echo 'doxygen is not installed' && exit 77; }
 tree=$(mktemp -d)
 trap 'rm -rf "$tree"' EXIT
 mkdir "$tree"/{include,docs}
-cp docs/Doxyfile "$tree/docs"
+cp docs/Doxyfile* "$tree/docs"
 ln -s "$PWD/scripts" "$tree/scripts"
 failed=0
 
@@ -16,8 +16,11 @@ failed=0
 reference() {
     rm -rf "$tree/build"
     mkdir "$tree/build"
-    (cd "$tree" && scripts/manual --filter include/zevobandwidth.h >/dev/null && doxygen docs/Doxyfile) \
-        >"$tree/log" 2>&1
+    (
+        cd "$tree" || exit
+        scripts/manual --filter include/zevobandwidth.h >/dev/null && doxygen docs/Doxyfile &&
+            { [[ ! -e include/zevobandwidth.hpp ]] || doxygen docs/Doxyfile.cxx; }
+    ) >"$tree/log" 2>&1
 }
 
 cp include/* "$tree/include"
