@@ -34,12 +34,41 @@
  *    microseconds since the epoch, time stamps in seconds, weights and progress in
  *    ten-thousandths.
  *  - Upload is from the client to this server, download from this server to the client.
- *  - Any thread may call any function; a record belongs to one thread at a time. Nothing may be
- *    called from a signal handler. A cancellation of the calling thread waits until the function
- *    returns. No exception leaves a function, nothing is written to stdout or stderr, no thread,
- *    locale, environment variable or, but for ZEVOBandwidthSimulate(), signal handler is touched.
+ *  - No exception leaves a function, nothing is written to stdout or stderr, no thread, locale,
+ *    environment variable or, but for ZEVOBandwidthSimulate(), signal handler is touched.
  *    Descriptors are closed on exec and above 2; only the system log's own, which libc opens, may
  *    fall below in a host that has closed its standard streams.
+ *
+ * Safety of every function, likewise:
+ *  Threads: any thread may call it; a record belongs to one thread at a time.
+ *  Signals: not to be called from a signal handler.
+ *  Forks:   a child may call it and waits for no thread that it does not have, unless libc does:
+ *           the system log or the user database, in use by another thread at the fork, may stay
+ *           locked in the child. A transfer stays that of the process that registered it; the child
+ *           registers its own with ZEVOBandwidthStatusInit().
+ *  Cancels: a cancellation of the calling thread, deferred as by default, waits until the function
+ *           has returned.
+ *
+ * Arguments, likewise:
+ *  @param uid            user
+ *  @param owner_type     ZEVO_BW_OWNER_USER or ZEVO_BW_OWNER_GROUP
+ *  @param id             the owner's uid or gid
+ *  @param protocol_type  one protocol or an add-on's number
+ *  @param iProtocol      an add-on's number
+ *  @param transfer_type  ZEVO_BW_TRANSFER_UPLOAD or ZEVO_BW_TRANSFER_DOWNLOAD
+ *  @param transfer_mask  1 upload, 2 download, 3 both
+ *  @param pid            process that runs the transfer
+ *  @param szUserName     the transferring user's name
+ *  @param pConfig        effective configuration of the transferring user
+ *  @param pStatus        record of the transfer
+ *  @param pHash          string hash with a record's keys and values
+ *  @param szFile         path of a status file
+ *  @param szSection      process and direction, "4711-1" for an upload of process 4711
+ *  @param fp             byte-oriented stream
+ *  @param cb             size of the text's room in bytes; likewise every cbText of a szText
+ *  @param bytes          size of a block
+ *  @param elapsedUs      microseconds since the block began
+ *  @param speedBps       bytes/s, 0 unlimited
  */
 #ifndef ZEVOBANDWIDTH_H
 #define ZEVOBANDWIDTH_H
@@ -49,8 +78,11 @@
 #include <stdio.h>
 #include <sys/types.h>
 
+/** First number of the library's version, changes with the SONAME. */
 #define ZEVO_BW_VERSION_MAJOR 7
+/** Second number, changes when something is added. */
 #define ZEVO_BW_VERSION_MINOR 0
+/** Third number, changes with any other release. */
 #define ZEVO_BW_VERSION_PATCH 0
 
 #if defined(__GNUC__)
@@ -148,14 +180,17 @@ enum ZEVO_BW_ERROR {
 
 /** One row of a name table; a table ends with a row without a name. */
 typedef struct ZEVO_BW_ENUM_ENTRY {
-    int32_t value;
-    const char *name;
+    int32_t value;    /**< of the enumeration; -1 in the last row */
+    const char *name; /**< as files spell it; NULL in the last row */
 } ZEVO_BW_ENUM_ENTRY;
 
-/* The name tables. The same name means different values in different enumerations: look a name up
+/* ---- the name tables ----
+ *
+ * The same name means different values in different enumerations: look a name up
  * in the table of the field that it belongs to. Names are compared exactly. */
 
 /* clang-format off */
+/** Names of ZEVO_BW_OWNER_TYPE. */
 static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_OWNER_TYPE_LIST[] = {
     {ZEVO_BW_OWNER_USER,  "user"},
     {ZEVO_BW_OWNER_GROUP, "group"},
@@ -163,12 +198,14 @@ static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_OWNER_TYPE_LIST[] = {
     {-1, NULL}
 };
 
+/** Names of ZEVO_BW_TRANSFER_TYPE. */
 static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_TRANSFER_TYPE_LIST[] = {
     {ZEVO_BW_TRANSFER_UPLOAD,   "upload"},
     {ZEVO_BW_TRANSFER_DOWNLOAD, "download"},
     {-1, NULL}
 };
 
+/** Names of ZEVO_BW_PROTOCOL_TYPE. */
 static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_PROTOCOL_TYPE_LIST[] = {
     {ZEVO_BW_PROTOCOL_DOCUHALL, "docuhall"},
     {ZEVO_BW_PROTOCOL_WEBDAV,   "webdav"},
@@ -178,6 +215,7 @@ static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_PROTOCOL_TYPE_LIST[] = {
     {-1, NULL}
 };
 
+/** Names of ZEVO_BW_STATE. */
 static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_STATE_LIST[] = {
     {ZEVO_BW_STATE_NOT_EXISTED, "NotExisted"},
     {ZEVO_BW_STATE_ENABLED,     "enabled"},
@@ -186,6 +224,7 @@ static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_STATE_LIST[] = {
     {-1, NULL}
 };
 
+/** Names of ZEVO_BW_USER_GROUP_POLICY. */
 static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_USER_GROUP_POLICY_LIST[] = {
     {ZEVO_BW_USER_GROUP_POLICY_USER_ONLY,   "user-only"},
     {ZEVO_BW_USER_GROUP_POLICY_GROUP_ONLY,  "group-only"},
@@ -197,6 +236,7 @@ static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_USER_GROUP_POLICY_LIST[] = {
     {-1, NULL}
 };
 
+/** Names of ZEVO_BW_INTER_GROUP_POLICY. */
 static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_INTER_GROUP_POLICY_LIST[] = {
     {ZEVO_BW_INTER_GROUP_POLICY_MIN, "min"},
     {ZEVO_BW_INTER_GROUP_POLICY_MAX, "max"},
@@ -204,6 +244,7 @@ static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_INTER_GROUP_POLICY_LIST[] = {
     {-1, NULL}
 };
 
+/** Names of ZEVO_BW_OCCUPY_POLICY. */
 static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_OCCUPY_POLICY_LIST[] = {
     {ZEVO_BW_OCCUPY_POLICY_NONE,     "none"},
     {ZEVO_BW_OCCUPY_POLICY_ALL,      "all"},
@@ -220,6 +261,7 @@ static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_OCCUPY_POLICY_LIST[] = {
 /** Size of a plan's field. A plan is 168 characters, one an hour: index weekday * 24 + local hour,
  *  weekday 0 is Sunday. */
 #define ZEVO_BW_PLAN_SIZE 256
+/** Size of a transfer's file name. */
 #define ZEVO_BW_FILENAME_SIZE 4096
 
 /**
@@ -262,7 +304,7 @@ typedef struct ZEVO_BANDWIDTH_LIMIT {
 
 /** The effective configuration of one user for one protocol. Owns pLimit. */
 typedef struct ZEVO_BANDWIDTH_CONFIG {
-    uint32_t uid;
+    uint32_t uid;                 /**< the transferring user */
     int32_t iLimit;               /**< entries of pLimit; -1 after a failed resolution */
     uint32_t blUserConfExist;     /**< 1 when the user's own rule is enabled or on a schedule */
     uint32_t blGroupConfExist;    /**< 1 when pLimit holds a group's rule */
@@ -293,6 +335,7 @@ typedef struct ZEVO_BANDWIDTH_STATUS {
  * Gives the name of an enumeration value. A value that the table lacks is looked for among the
  * add-ons, whatever the enumeration.
  * @param enum_list   one of the name tables
+ * @param value       value of the enumeration, or an add-on's number
  * @param szProtocol  out, cut to cbProtocol bytes, always NUL-terminated
  * @param cbProtocol  size of szProtocol, above 0
  * @return            1 with the name, -1 on failure
@@ -304,7 +347,10 @@ ZEVO_BW_API int ZEVOBandwidthEnumToName(const ZEVO_BW_ENUM_ENTRY *enum_list, int
 
 /**
  * Gives the value of a name. A name that the table lacks is looked for among the add-ons.
- * @return  the value, 0 or more; -1 on failure. An add-on numbered 0 gives 0 and records 0x2000.
+ * @param enum_list  one of the name tables
+ * @param szName     name, compared exactly
+ * @return           the value, 0 or more; -1 on failure. An add-on numbered 0 gives 0 and records
+ *                   0x2000.
  * Errors:  0x0D00; otherwise as ZEVOBandwidthEnumToValueAddon().
  * Threads: any.
  */
@@ -326,7 +372,8 @@ ZEVO_BW_API int ZEVOBandwidthEnumToNameAddon(int32_t iProtocol, char *szProtocol
 /**
  * Gives the number of an add-on protocol. A name with a '/' in it matches nothing, for it would
  * lead the search out of the add-on directory.
- * @return  the number (0 when the file name holds no number), -1 on failure
+ * @param szName  name of the protocol
+ * @return        the number (0 when the file name holds no number), -1 on failure
  * Errors, Threads: as ZEVOBandwidthEnumToNameAddon().
  */
 ZEVO_BW_API int ZEVOBandwidthEnumToValueAddon(const char *szName) ZEVO_BW_NOEXCEPT;
@@ -334,16 +381,17 @@ ZEVO_BW_API int ZEVOBandwidthEnumToValueAddon(const char *szName) ZEVO_BW_NOEXCE
 /**
  * Gives the path of an add-on's file. Built-in protocols have none.
  * @param szPath  out, cut to cbPath bytes; must not be NULL
- * @return        0, or -1 on failure (errors as ZEVOBandwidthEnumToNameAddon())
- * Threads: any.
+ * @return        0, or -1 on failure
+ * Errors, Threads: as ZEVOBandwidthEnumToNameAddon().
  */
 ZEVO_BW_API int ZEVOBandwidthGetAddonConfigPath(int32_t iProtocol, char *szPath,
                                                 size_t cbPath) ZEVO_BW_NOEXCEPT;
 
 /**
  * Gives the path of a protocol's rule file, or of the global file for ZEVO_BW_PROTOCOL_ALL.
- * @param szConfPath  out, cut to cbConfPath bytes; 4096 hold every path
- * @return            0, or -1 on failure
+ * @param protocol_type  one protocol, an add-on's number, or ZEVO_BW_PROTOCOL_ALL
+ * @param szConfPath     out, cut to cbConfPath bytes; 4096 hold every path
+ * @return               0, or -1 on failure
  * Errors:  0x0D00; otherwise as ZEVOBandwidthEnumToName().
  * Threads: any.
  */
@@ -356,6 +404,7 @@ ZEVO_BW_API int ZEVOBandwidthConfPath(int32_t protocol_type, char *szConfPath,
  * Turns a rule into a string hash. The hash is emptied first; a state, owner or protocol without a
  * name is logged and its key left out.
  * @param ppHash  address of a hash that the caller allocated and frees; may be replaced by a larger
+ * @param pConf   the record
  * @return        0, or -1 on failure with the hash partly filled
  * Errors:  0x0D00, or as the hash recorded.
  * Threads: any.
@@ -366,8 +415,10 @@ ZEVO_BW_API int ZEVOBandwidthInitHashFromConf(struct VLIB_SZ_HASH **ppHash,
 /**
  * Fills a rule from a string hash. Only keys that the hash holds change the record; an unknown name
  * is logged and leaves its field; a plan is cut to 255 characters.
- * @return  0, or -1 on a malformed number, the fields before it filled and its own holding what was
- *          read of it
+ * @param pConf  the record, in and out
+ * @param pHash  string hash, by the keys of the files
+ * @return       0, or -1 on a malformed number, the fields before it filled and its own holding
+ *               what was read of it
  * Errors:  0x0D00, 0x4000.
  * Threads: any.
  */
@@ -400,7 +451,8 @@ ZEVO_BW_API int ZEVOBandwidthConfGetByID(int32_t owner_type, uint32_t id, int32_
 /**
  * Stores a rule under its protocolType, ownerType and id, making the file at need. The record is
  * not validated. Notifies nobody: see ZEVOBandwidthHupDocuhall() and its kin.
- * @return  0, or -1 on failure, the stored rule as it was
+ * @param pConf  the rule
+ * @return       0, or -1 on failure, the stored rule as it was
  * Errors:  0x0D00; otherwise as the platform left them.
  * Threads: any. The file is replaced whole; writers of one file wait for each other.
  */
@@ -410,6 +462,7 @@ ZEVO_BW_API int ZEVOBandwidthConfSetByID(const ZEVO_BANDWIDTH_CONF *pConf) ZEVO_
  * Reads a protocol's policy. One that is not stored reads as ZEVO_BW_STATE_NOT_EXISTED, user-first,
  * max, max: nothing is limited then.
  * @param protocol_type  one protocol; ZEVO_BW_PROTOCOL_ALL is refused
+ * @param pConf          out; after a failure not to be used
  * @return               0, or -1 on failure
  * Errors, Threads: as ZEVOBandwidthConfGetByID().
  */
@@ -423,29 +476,39 @@ ZEVO_BW_API int ZEVOBandwidthGlobalConfGet(int32_t protocol_type,
  *               here and in the file: a policy that was read without being stored and is written
  *               back switches the limits off
  * @return       0, or -1 on failure, the stored policy as it was
- * Errors, Threads: as ZEVOBandwidthConfSetByID(); runs and awaits a program.
+ * Errors:  as ZEVOBandwidthConfSetByID().
+ * Threads: any; writers of the file wait for each other. Runs and awaits a program.
  */
 ZEVO_BW_API int ZEVOBandwidthGlobalConfSet(ZEVO_BANDWIDTH_GLOBAL_CONF *pConf) ZEVO_BW_NOEXCEPT;
 
 /* ---- rules and policies as tables ----
  *
- * Print a header, and a line for each record, to a byte-oriented stream of the caller's. Results
- * are 0, or -1 with nothing written; whether the stream took it, ferror() and fflush() tell. A value
- * without a name prints as "-". Errors: 0x0D00, 0x0200, or as the user database left them. Any
- * thread; the stream's own lock keeps lines whole.
+ * A value without a name prints as "-".
+ * @param pConf  the record
+ * @return       0, or -1 with nothing written; whether the stream took it, ferror() and fflush()
+ *               tell
+ * Errors:  0x0D00, 0x0200, or as the user database left them.
+ * Threads: any; the stream's own lock keeps lines whole.
  */
 
+/** Prints the header of a table of rules. */
 ZEVO_BW_API int ZEVOBandwidthConfDumpHeader(FILE *fp) ZEVO_BW_NOEXCEPT;
 
-/** State, protocol, owner type, owner's name, and the rates in force (KB/s) as the rule was last
- *  evaluated: 0 in a record that comes straight from ZEVOBandwidthConfGetByID(). An owner who is
- *  neither user nor group is 0xD900; one whom the user database does not know fails. */
+/**
+ * Prints a rule as a line: state, protocol, owner type, owner's name, and the rates in force (KB/s)
+ * as it was last evaluated: 0 in a record that comes straight from ZEVOBandwidthConfGetByID().
+ * Errors:  0x0D00, 0x0200; 0xD900 an owner who is neither user nor group; otherwise as the user
+ *          database left them: an owner whom it does not know fails.
+ */
 ZEVO_BW_API int ZEVOBandwidthConfDump(FILE *fp, const ZEVO_BANDWIDTH_CONF *pConf) ZEVO_BW_NOEXCEPT;
 
+/** Prints the header of a table of policies. */
 ZEVO_BW_API int ZEVOBandwidthGlobalConfDumpHeader(FILE *fp) ZEVO_BW_NOEXCEPT;
 
-/** State, protocol, the three policies and the plan. A protocol without a name fails, with the
- *  errors of ZEVOBandwidthEnumToName(). */
+/**
+ * Prints a policy as a line: state, protocol, the three policies and the plan.
+ * Errors:  0x0D00, 0x0200; for a protocol without a name those of ZEVOBandwidthEnumToName().
+ */
 ZEVO_BW_API int
 ZEVOBandwidthGlobalConfDump(FILE *fp, const ZEVO_BANDWIDTH_GLOBAL_CONF *pConf) ZEVO_BW_NOEXCEPT;
 
@@ -464,7 +527,10 @@ ZEVOBandwidthGlobalConfDump(FILE *fp, const ZEVO_BANDWIDTH_GLOBAL_CONF *pConf) Z
 ZEVO_BW_API int ZEVOBandwidthConfigGet(uint32_t uid, int32_t protocol_type,
                                        ZEVO_BANDWIDTH_CONFIG *pConfig) ZEVO_BW_NOEXCEPT;
 
-/** Releases pLimit and zeroes the record; NULL does nothing. */
+/**
+ * Releases pLimit and zeroes the record.
+ * @param pConfig  NULL does nothing
+ */
 ZEVO_BW_API void ZEVOBandwidthConfigFree(ZEVO_BANDWIDTH_CONFIG *pConfig) ZEVO_BW_NOEXCEPT;
 
 /**
@@ -493,12 +559,18 @@ ZEVO_BW_API int ZEVOBandwidthLimitInit(uint32_t uid, const ZEVO_BANDWIDTH_GLOBAL
 ZEVO_BW_API int ZEVOBandwidthInitConfig(ZEVO_BANDWIDTH_CONFIG *pConfig,
                                         int64_t timeUs) ZEVO_BW_NOEXCEPT;
 
-/** 1 when some rule of the configuration is in force as last evaluated, else 0 (NULL included). */
+/**
+ * Says whether some rule of the configuration is in force as last evaluated.
+ * @return  1 when one is, else 0 (NULL included)
+ */
 ZEVO_BW_API int
 ZEVOBandwidthIsUserGroupLimitEnable(const ZEVO_BANDWIDTH_CONFIG *pConfig) ZEVO_BW_NOEXCEPT;
 
-/** 1 when the protocol's limits are not switched off as last evaluated and there is any entry,
- *  else 0 (NULL included). */
+/**
+ * Says whether the protocol's limits are not switched off as last evaluated, and there is any
+ * entry.
+ * @return  1 when that is so, else 0 (NULL included)
+ */
 ZEVO_BW_API int
 ZEVOBandwidthConfCheckEnabled(const ZEVO_BANDWIDTH_CONFIG *pConfig) ZEVO_BW_NOEXCEPT;
 
@@ -552,13 +624,19 @@ ZEVO_BW_API int ZEVOBandwidthExpectSpeedEstimateByPolicy(int32_t transfer_type,
 
 /* ---- status records and files ---- */
 
-/** ZEVOBandwidthInitHashFromConf() for a status. */
+/**
+ * ZEVOBandwidthInitHashFromConf() for a status.
+ * @param pStatus  the record
+ */
 ZEVO_BW_API int
 ZEVOBandwidthInitHashFromStatus(struct VLIB_SZ_HASH **ppHash,
                                 const ZEVO_BANDWIDTH_STATUS *pStatus) ZEVO_BW_NOEXCEPT;
 
-/** ZEVOBandwidthInitConfFromHash() for a status. "pid" and "timestamp" ignore trailing text, the
- *  unsigned numbers fail on it. */
+/**
+ * ZEVOBandwidthInitConfFromHash() for a status. "pid" and "timestamp" ignore trailing text, the
+ * unsigned numbers fail on it.
+ * @param pStatus  the record, in and out
+ */
 ZEVO_BW_API int ZEVOBandwidthInitStatusFromHash(ZEVO_BANDWIDTH_STATUS *pStatus,
                                                 const struct VLIB_SZ_HASH *pHash) ZEVO_BW_NOEXCEPT;
 
@@ -589,16 +667,20 @@ ZEVO_BW_API int ZEVOBandwidthStatusSave(uint32_t uid, const ZEVO_BANDWIDTH_CONFI
 ZEVO_BW_API int ZEVOBandwidthStatusSetSection(const char *szFile, const char *szSection,
                                               const struct VLIB_SZ_HASH *pHash) ZEVO_BW_NOEXCEPT;
 
-/** Drops a section of a status file but for its comments; otherwise as
- *  ZEVOBandwidthStatusSetSection(), 1 meaning removed. */
+/**
+ * Drops a section of a status file but for its comments; otherwise as
+ * ZEVOBandwidthStatusSetSection().
+ * @return  1 removed; 0 not present, which records 0x2000 and leaves the file; -1 on failure, the
+ *          file as it was
+ */
 ZEVO_BW_API int ZEVOBandwidthStatusRemoveSection(const char *szFile,
                                                  const char *szSection) ZEVO_BW_NOEXCEPT;
 
 /**
  * Appends a section to a status file in one write, on a line of its own; makes the file at need. A
  * process that dies meanwhile may leave a part of it. The hash of ZEVOBandwidthInitHashFromStatus()
- * ends with the time stamp, so that such a part counts as stale; one that lacks nothing but its last
- * line end is whole.
+ * ends with the time stamp, so that such a part counts as stale; one that lacks nothing but its
+ * last line end is whole.
  * @return  1 written, 0 already present, -1 on failure: a failed write may leave a part of it
  * Errors:  0x0D00 (not logged), 0x0900, 0x0B00, 0x0200; none when reading fails.
  * Threads: any.
@@ -610,8 +692,10 @@ ZEVO_BW_API int ZEVOBandwidthStatusAddSection(const char *szFile, const char *sz
  * Lists the running transfers in one status file, the file's last section first. Sections more than
  * 30 seconds old are removed from the file, whatever the masks, in one rewrite; one that has been
  * saved again meanwhile stays.
+ *
  * DANGER: a path with a "." anywhere in it is taken for a leftover temporary file: it is deleted
  * when it was last modified more than 10 seconds ago, and 0 is returned.
+ * @param szStatusFile   path of a status file
  * @param protocol_mask  a record passes when its protocol number has a bit in common; add-on
  *                       numbers are no bits but are compared the same way; -1 passes all but 0
  * @param transfer_mask  likewise; 3 for both directions
@@ -635,7 +719,10 @@ ZEVO_BW_API int ZEVOBandwidthStatusGetAll(int32_t owner_type, uint32_t id, int32
                                           uint32_t transfer_mask,
                                           ZEVO_BANDWIDTH_STATUS **pStatusList) ZEVO_BW_NOEXCEPT;
 
-/** Releases a list and sets its head to NULL. pStatusList must not be NULL, the head may. */
+/**
+ * Releases a list and sets its head to NULL.
+ * @param pStatusList  must not be NULL, the head may
+ */
 ZEVO_BW_API void ZEVOBandwidthStatusListFree(ZEVO_BANDWIDTH_STATUS **pStatusList) ZEVO_BW_NOEXCEPT;
 
 /**
@@ -659,27 +746,34 @@ ZEVO_BW_API int ZEVOBandwidthStatusGet(int32_t owner_type, uint32_t id, int32_t 
  * Prints one transfer as a line of a table without a header: owner of the copy, protocol,
  * direction, process, time of the last save, allowed and measured speed in KB/s, progress in
  * percent, file name. The file name is printed as it is: it may hold anything but NUL. A protocol
- * or direction without a name prints as "-"; whoever is no user is looked up among the groups.
+ * or direction without a name prints as "-"; whoever is no user is looked up among the groups. The
+ * decimal point is a point in every locale.
  * @param fp  byte-oriented
  * @return    0, or -1 with nothing written; whether the stream took it, ferror() tells
  * Errors:  0x0D00, 0x0200; an owner whom the user database does not know fails, too.
- * Threads: any. The decimal point is a point in every locale.
+ * Threads: any.
  */
 ZEVO_BW_API int ZEVOBandwidthStatusDump(FILE *fp,
                                         const ZEVO_BANDWIDTH_STATUS *pStatus) ZEVO_BW_NOEXCEPT;
 
 /* ---- the end of transfers, stopping them ----
  *
- * Errors of all: 0x0D00, 0x4000 a malformed group id, or as the files and the user database left
- * them. Each stops at its first failure; what was removed stays removed. Any thread. A file or a
- * section that is not there is no failure. transfer_mask: upload 1, download 2, both 3.
+ * Each stops at its first failure; what was removed stays removed. A file or a section that is not
+ * there is no failure.
+ * @return  0, or -1 on failure
+ * Errors:  0x0D00, 0x4000 a malformed group id, or as the files and the user database left them.
+ * Threads: any.
  */
 
 /** Removes the calling process's sections from the user's file and those of the groups charged. */
 ZEVO_BW_API int ZEVOBandwidthStatusRemove(const ZEVO_BANDWIDTH_CONFIG *pConfig,
                                           uint32_t transfer_mask) ZEVO_BW_NOEXCEPT;
 
-/** Removes the calling process's sections from the files of iOccGroups groups. */
+/**
+ * Removes the calling process's sections from the files of some groups.
+ * @param pOccGroups  their ids
+ * @param iOccGroups  number of ids
+ */
 ZEVO_BW_API int ZEVOBandwidthStatusRemoveByOccGroups(const uint32_t *pOccGroups, int32_t iOccGroups,
                                                      uint32_t transfer_mask) ZEVO_BW_NOEXCEPT;
 
@@ -689,14 +783,15 @@ ZEVO_BW_API int ZEVOBandwidthStatusForceRemoveAllByUserName(const char *szUserNa
                                                             uint32_t transfer_mask,
                                                             pid_t pid) ZEVO_BW_NOEXCEPT;
 
-/** The same for the calling process, the user given by id. */
+/** ZEVOBandwidthStatusForceRemoveAllByUserName() for the calling process, the user given by id. */
 ZEVO_BW_API int ZEVOBandwidthStatusForceRemoveAllByUID(uint32_t uid,
                                                        uint32_t transfer_mask) ZEVO_BW_NOEXCEPT;
 
 /**
  * Sets a transfer's active flag in its user's file; 0 makes its next throttle call fail with
  * 0x0300. A save of another transfer that races with this one may undo it: read it back.
- * @return  0, or -1 on failure, also when the process has no such transfer
+ * @param active  0 stops it, 1 lets it go on
+ * @return        0, or -1 on failure, also when the process has no such transfer
  */
 ZEVO_BW_API int ZEVOBandwidthStatusSetActiveByUserName(const char *szUserName,
                                                        int32_t transfer_type, pid_t pid,
@@ -733,8 +828,8 @@ ZEVO_BW_API int ZEVOBandwidthTransferSizeEstimate(ZEVO_BANDWIDTH_CONFIG *pConfig
                                                   uint64_t *pTransferBytes) ZEVO_BW_NOEXCEPT;
 
 /**
- * To be called after each block: sleeps off what the block was too fast, and saves the transfer.
- * A signal cuts the sleep short. Without a stored policy, and where no limit falls to the transfer,
+ * Sleeps off what a block was too fast, and saves the transfer; to be called after each block. A
+ * signal cuts the sleep short. Without a stored policy, and where no limit falls to the transfer,
  * it returns at once and leaves *pTimeLast as it is.
  * @param bytes      moved since the previous call
  * @param progress   stored as it is, ten-thousandths by custom
@@ -750,38 +845,77 @@ ZEVO_BW_API int ZEVOBandwidthSleepInLoop(ZEVO_BANDWIDTH_CONFIG *pConfig, uint64_
                                          uint32_t progress, uint64_t *pTimeLast,
                                          ZEVO_BANDWIDTH_STATUS *pStatus) ZEVO_BW_NOEXCEPT;
 
-/* ---- clock, speed and sleep: pure functions that cannot fail, any thread ---- */
+/* ---- clock, speed and sleep ----
+ *
+ * They have no state and cannot fail.
+ * Threads: any.
+ * Signals: may be called from a signal handler.
+ */
 
-/** Microseconds since the epoch by the wall clock; 0 when it cannot be read. */
+/**
+ * Reads the wall clock.
+ * @return  microseconds since the epoch; 0 when it cannot be read
+ */
 ZEVO_BW_API uint64_t ZEVOBandwidthCurrTimeGet(void) ZEVO_BW_NOEXCEPT;
 
-/** Bytes per second; an elapsed time of 0 or less counts as 1 microsecond. */
+/**
+ * Works out the speed of a block.
+ * @param elapsedUs  microseconds since the block began; 0 or less counts as 1
+ * @return           bytes per second
+ */
 ZEVO_BW_API uint64_t ZEVOBandwidthSpeedEstimate(int64_t elapsedUs, uint64_t bytes) ZEVO_BW_NOEXCEPT;
 
-/** Microseconds to sleep so that bytes have taken their time at speedBps; 0 when unlimited. */
+/**
+ * Works out how long to sleep so that a block has taken its time.
+ * @param elapsedUs  microseconds since the block began; 0 or less counts as 1
+ * @return           microseconds; 0 when it took that long already, or speedBps is unlimited
+ */
 ZEVO_BW_API int64_t ZEVOBandwidthSleepEstimate(int64_t elapsedUs, uint64_t bytes,
                                                uint64_t speedBps) ZEVO_BW_NOEXCEPT;
 
-/** 1 when speed a is below speed b, else 0; 0 is above every other speed. */
+/**
+ * Compares two speeds, of which 0, unlimited, is above every other.
+ * @param a  bytes/s
+ * @param b  bytes/s
+ * @return   1 when a is below b, else 0
+ */
 ZEVO_BW_API int ZEVOBandwidthIsLessThan(uint64_t a, uint64_t b) ZEVO_BW_NOEXCEPT;
 
-/** 1 when speed a is above speed b, else 0; 0 is above every other speed. */
+/**
+ * ZEVOBandwidthIsLessThan() for the other way round.
+ * @return  1 when a is above b, else 0
+ */
 ZEVO_BW_API int ZEVOBandwidthIsLargerThan(uint64_t a, uint64_t b) ZEVO_BW_NOEXCEPT;
 
-/** a + b, or 0 when one of them is 0; a finite sum may wrap. */
+/**
+ * Adds two speeds or rates.
+ * @param a  0 unlimited
+ * @param b  0 unlimited
+ * @return   a + b, which may wrap; 0, unlimited, when one of them is 0
+ */
 ZEVO_BW_API uint64_t ZEVOBandwidthSum(uint64_t a, uint64_t b) ZEVO_BW_NOEXCEPT;
 
 /* ---- notices that limits have changed ---- */
 
-/** Sends SIGHUP to the web file manager's workers, found by the first word of their command line.
- *  Reports nothing. */
+/**
+ * Sends SIGHUP to the web file manager's workers, found by the first word of their command line.
+ * Reports nothing.
+ */
 ZEVO_BW_API void ZEVOBandwidthHupDocuhall(void) ZEVO_BW_NOEXCEPT;
 
-/** Sends SIGUSR2 to the WebDAV server's process group. Returns 0; the pid file's 0 or less when
- *  there is no server; -1 with errno when the signal cannot be sent. */
+/**
+ * Sends SIGUSR2 to the WebDAV server's process group.
+ * @return  0; the pid file's 0 or less when there is no server; -1 with errno when the signal
+ *          cannot be sent
+ */
 ZEVO_BW_API int ZEVOBandwidthHupWebDAV(void) ZEVO_BW_NOEXCEPT;
 
-/** Has "/usr/bin/killall" send SIGHUP to the processes named "zevobandwidth"; returns its result.
+/**
+ * Has "/usr/bin/killall" send SIGHUP to the processes named "zevobandwidth".
+ * @return  the program's exit status, 0 when it found one; 128 + the signal that ended it; -1 when
+ *          it could not be run
+ * Errors:  0x0900 the program could not be run.
+ * Threads: any; runs and awaits a program.
  */
 ZEVO_BW_API int ZEVOBandwidthHupSimulator(void) ZEVO_BW_NOEXCEPT;
 
@@ -802,7 +936,9 @@ ZEVO_BW_API int ZEVOBandwidthHupRecv(ZEVO_BANDWIDTH_CONFIG *pConfig,
 /* ---- preview and simulation ---- */
 
 /**
- * Works out the speeds at which a transfer of the user would be held if no other were running.
+ * Works out the speeds at which a transfer of the user would be held if no other were running. A
+ * protocol without a stored policy is not limited, yet the rates of its rules are given: ask
+ * ZEVOBandwidthGlobalConfGet() for the difference.
  * @param uid            user; (uid_t)-1 is refused
  * @param protocol_type  one protocol; ZEVO_BW_PROTOCOL_ALL is refused
  * @param pSpeedBps      out: array of three, indexed by ZEVO_BW_TRANSFER_TYPE: [1] receives the
@@ -810,8 +946,7 @@ ZEVO_BW_API int ZEVOBandwidthHupRecv(ZEVO_BANDWIDTH_CONFIG *pConfig,
  * @return               0, or -1; when only the download fails, [1] is written
  * Errors:  as ZEVOBandwidthConfigGet() and ZEVOBandwidthExpectSpeedEstimateByPolicy(); 0x0D00 for a
  *          NULL array.
- * Threads: any. A protocol without a stored policy is not limited, yet the rates of its rules are
- *          given here: ask ZEVOBandwidthGlobalConfGet() for the difference.
+ * Threads: any.
  */
 ZEVO_BW_API int ZEVOBandwidthPreview(uint32_t uid, int32_t protocol_type,
                                      uint64_t *pSpeedBps) ZEVO_BW_NOEXCEPT;

@@ -28,6 +28,7 @@ packages_of() { # GROUP
             python3-jsonschema mandoc locales
         ;;
     run) echo util-linux mount ;; # what the sandbox needs
+    reference) echo python3 doxygen ;;
     pictures) echo python3 python3-rich tmux ;;
     plot) echo gnuplot-nox ;;
     measure) echo pv ;; # what the cost is compared with
