@@ -298,9 +298,12 @@ void Field::ReadUntil(std::int64_t until)
         const std::int64_t left = until - Now();
         if (left <= 0) return;
         const timespec timeout = {left / kSecond, left % kSecond * 1'000};
+        if (rest_ != 0) ::usleep(static_cast<useconds_t>(std::min(rest_, left)));
         ::ppoll(fds.data(), fds.size(), &timeout, nullptr);
+        bool hasEnded = false;
         for (std::size_t i = 0; i < fds.size(); ++i)
-            if (fds[i].revents != 0 && !Read(*owners[i])) return;
+            if (fds[i].revents != 0) hasEnded |= !Read(*owners[i]);
+        if (hasEnded) return;
     }
 }
 

@@ -114,6 +114,8 @@ public:
     // A program whose standard output is read.
     Stream &Start(const std::vector<std::string> &words, const std::string &user, int input);
     void Stop(Stream &stream);
+    // For very many: reads what has come only so often, in microseconds.
+    void ReadEvery(std::int64_t length) { rest_ = length; }
     // The longest running ones, all at once.
     void StopOldest(std::size_t count);
 
@@ -124,6 +126,7 @@ public:
     void RunToTheEnd();
 
     std::deque<Stream> &streams() { return streams_; }
+    const std::deque<Stream> &streams() const { return streams_; }
     std::int64_t began() const { return began_; }
 
     // All that all brought until a moment.
@@ -135,6 +138,7 @@ private:
     static bool Read(Stream &stream);
 
     const std::int64_t began_ = Now();
+    std::int64_t rest_ = 0;
     std::deque<Stream> streams_;
     std::multimap<std::int64_t, std::function<void()>> actions_;
 };

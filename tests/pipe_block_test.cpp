@@ -20,15 +20,29 @@ TEST(BlockTime, FollowsTheSharersAndTheLibrarysWorkWithinItsBounds)
         std::int64_t workUs;
         std::uint32_t transfers;
         std::int64_t expectedUs;
+        std::int64_t processorUs = 0;
     } rows[] = {
-        {0, 1, 30'000},     {150, 1, 30'000},    {150, 8, 32'000},
-        {150, 32, 128'000}, {150, 50, 200'000},  {150, 4'000'000'000U, 200'000},
-        {201, 1, 60'000},   {1'000, 1, 150'000}, {10'000'000, 1, 4'980'000},
+        {0, 1, 30'000},
+        {150, 1, 30'000, 150},
+        {150, 8, 32'000, 150},
+        {150, 32, 128'000, 150},
+        {150, 50, 200'000, 150},
+        {150, 4'000'000'000U, 200'000},
+        {201, 1, 60'000},
+        {1'000, 1, 150'000},
+        {10'000'000, 1, 4'980'000},
+        {600, 1'000, 1'200'000, 600},
+        {150, 1'000, 200'000, 90},
+        {6'000, 10'000, 5'000'000, 6'000},
+        {0, 4'000'000'000U, 5'000'000, INT64_MAX},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(testing::Message() << row.workUs << " us, " << row.transfers << " sharing");
-        EXPECT_EQ(BlockTimeUs(row.workUs, row.transfers), row.expectedUs);
+        EXPECT_EQ(BlockTimeUs(row.workUs, row.processorUs, row.transfers), row.expectedUs);
     }
+    EXPECT_EQ(PieceTimeUs(1), kPieceUs);
+    EXPECT_EQ(PieceTimeUs(500), 100'000);
+    EXPECT_EQ(PieceTimeUs(4'000'000'000U), 200'000);
 }
 
 TEST(BlockTime, AFewCallsThatWaitedForTheProcessorDoNotLengthenTheBlocks)
@@ -40,6 +54,13 @@ TEST(BlockTime, AFewCallsThatWaitedForTheProcessorDoNotLengthenTheBlocks)
     for (int i = 0; i < 100; ++i)
         work.Add(2'000);
     EXPECT_NEAR(static_cast<double>(work.Us()), 2'000, 150);
+
+    ProcessorEstimate processor;
+    processor.Add(600);
+    EXPECT_EQ(processor.Us(), 600) << "a thousand that begin together know it at once";
+    for (int i = 0; i < 50; ++i)
+        processor.Add(300);
+    EXPECT_NEAR(static_cast<double>(processor.Us()), 300, 10);
 }
 
 TEST(Bytes, TheSmallestSpeedStillMovesAndTheLargestDoesNotOverflow)

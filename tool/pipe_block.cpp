@@ -11,7 +11,11 @@ constexpr std::int64_t kPerTransferUs = 4'000;
 // The wake-ups and the moving around a throttle call take half as much again as the library in it.
 constexpr std::int64_t kWorkFactor = 150;
 constexpr std::int64_t kLongestSharedBlockUs = 200'000;
-constexpr std::int64_t kMostPieces = 5'000'000 / kPieceUs; // no limit allows more at once
+constexpr std::int64_t kPiecePerTransferUs = 200;
+constexpr std::int64_t kLongestPieceUs = 200'000;
+constexpr std::int64_t kLongestBlockUs = 5'000'000; // no limit allows more at once
+constexpr std::int64_t kMostPieces = kLongestBlockUs / kPieceUs;
+constexpr std::int64_t kAllCallsPart = 2; // of a processor, the calls of all together
 constexpr std::int64_t kRepaidPart = 7;
 
 using Wide = unsigned __int128;
@@ -35,22 +39,35 @@ std::uint64_t BytesIn(std::int64_t us, std::uint64_t speedBps) noexcept
     return static_cast<std::uint64_t>(std::clamp<Wide>(bytes, 1, UINT64_MAX));
 }
 
-std::int64_t BlockTimeUs(std::int64_t workUs, std::uint32_t transfers) noexcept
+std::int64_t BlockTimeUs(std::int64_t workUs, std::int64_t processorUs,
+                         std::uint32_t transfers) noexcept
 {
     const std::int64_t pieces = (workUs * kWorkFactor + kPieceUs - 1) / kPieceUs;
-    return std::max(SharedUs(transfers),
-                    std::clamp<std::int64_t>(pieces, 1, kMostPieces) * kPieceUs);
+    const Wide all = Wide{transfers} * static_cast<std::uint64_t>(processorUs) * kAllCallsPart;
+    return std::max({SharedUs(transfers),
+                     std::clamp<std::int64_t>(pieces, 1, kMostPieces) * kPieceUs,
+                     static_cast<std::int64_t>(std::min<Wide>(all, kLongestBlockUs))});
+}
+
+std::int64_t PieceTimeUs(std::uint32_t transfers) noexcept
+{
+    return std::clamp(transfers * kPiecePerTransferUs, kPieceUs, kLongestPieceUs);
 }
 
 std::int64_t CreditUs(std::uint32_t transfers) noexcept
 {
-    return std::max(kPieceUs, SharedUs(transfers));
+    return std::max(PieceTimeUs(transfers), SharedUs(transfers));
 }
 
 void WorkEstimate::Add(std::int64_t us) noexcept
 {
     const std::int64_t step = us_ / 16 + 4;
     us_ += us > us_ ? step : -std::min(step, us_);
+}
+
+void ProcessorEstimate::Add(std::int64_t us) noexcept
+{
+    us_ = us_ == 0 ? us : (us_ * 7 + us) / 8;
 }
 
 void Pace::Start(std::uint64_t allowedBps) noexcept

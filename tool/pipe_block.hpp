@@ -24,10 +24,16 @@ std::int64_t DurationUs(std::uint64_t bytes, std::uint64_t speedBps) noexcept;
 std::uint64_t BytesIn(std::int64_t us, std::uint64_t speedBps) noexcept;
 
 // From one throttle call to the next: one piece, about a fortieth of a second; longer among many,
-// who would all answer each other's blocks at once, and where the work around it would take more
-// than about a hundredth of the time. A block is moved piece by piece, so that its length is not
-// felt.
-std::int64_t BlockTimeUs(std::int64_t workUs, std::uint32_t transfers) noexcept;
+// who would all answer each other's blocks at once; where the work around it would take more than
+// about a hundredth of the time; and where the calls of all together would take more than half a
+// processor, since each reads what the others have written. A block is moved piece by piece, so that
+// its length is not felt. workUs: how long a call takes; processorUs: what it takes of a processor.
+std::int64_t BlockTimeUs(std::int64_t workUs, std::int64_t processorUs,
+                         std::uint32_t transfers) noexcept;
+
+// How long a piece of a block is: longer among hundreds, whose wake-ups would cost more than the
+// moving; in their sum it is not felt.
+std::int64_t PieceTimeUs(std::uint32_t transfers) noexcept;
 
 // How much lateness is made good: a piece, a whole block among many.
 std::int64_t CreditUs(std::uint32_t transfers) noexcept;
@@ -35,6 +41,17 @@ std::int64_t CreditUs(std::uint32_t transfers) noexcept;
 // What the library's part of a throttle call usually takes, the median: one that merely had to wait
 // for the processor says little.
 class WorkEstimate {
+public:
+    void Add(std::int64_t us) noexcept;
+    std::int64_t Us() const noexcept { return us_; }
+
+private:
+    std::int64_t us_ = 0;
+};
+
+// What it takes of a processor, which waiting does not blur: a mean that is right from the first call
+// on, since a thousand that begin at once must not begin with short blocks.
+class ProcessorEstimate {
 public:
     void Add(std::int64_t us) noexcept;
     std::int64_t Us() const noexcept { return us_; }

@@ -5,6 +5,7 @@
 #include "pipe_loop.hpp"
 
 #include <algorithm>
+#include <ctime>
 
 #include "pipe_signal.hpp"
 
@@ -21,6 +22,14 @@ constexpr std::int64_t kEarlyLookUs = 100'000;
 constexpr std::uint64_t kALotPercent = 20;
 
 constexpr std::uint32_t kWhole = 10'000;
+
+// What the thread has taken of a processor.
+std::int64_t ProcessorUs() noexcept
+{
+    timespec taken = {};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &taken);
+    return std::int64_t{taken.tv_sec} * kMicrosPerSecond + taken.tv_nsec / 1'000;
+}
 
 bool ChangedALot(std::uint64_t before, std::uint64_t after) noexcept
 {
@@ -85,8 +94,9 @@ Moved PipeLoop::MoveFreely()
 
 Moved PipeLoop::MoveBlock()
 {
-    const std::int64_t blockUs = BlockTimeUs(work_.Us(), sharing_.transfers);
-    const std::int64_t pieces = (blockUs + kPieceUs - 1) / kPieceUs;
+    const std::int64_t blockUs = BlockTimeUs(work_.Us(), processor_.Us(), sharing_.transfers);
+    const std::int64_t pieceUs = PieceTimeUs(sharing_.transfers);
+    const std::int64_t pieces = (blockUs + pieceUs - 1) / pieceUs;
     const std::uint64_t most = BytesIn(blockUs, pace_.Bps());
     const std::uint64_t piece = BytesIn(blockUs / pieces + 1, pace_.Bps());
     const std::int64_t untilUs = NowUs() + std::max(kQuietUs, blockUs);
@@ -113,7 +123,9 @@ void PipeLoop::PayFor(const Moved &moved)
     std::uint64_t bytes = moved.bytes;
     const std::uint64_t configured = transfer_.ConfiguredBps();
     if (configured != 0) bytes = std::min(bytes, BytesIn(lengthUs, configured));
+    const std::int64_t processorUs = ProcessorUs();
     transfer_.Throttle(bytes, lengthUs, ProgressPart());
+    processor_.Add(ProcessorUs() - processorUs);
     const std::uint64_t allowed = transfer_.AllowedBps();
     if (allowed == 0) return;
     const std::int64_t sleptUs = DurationUs(bytes, allowed) - lengthUs;

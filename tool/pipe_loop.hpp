@@ -42,6 +42,7 @@ private:
     Pace pace_;
     Ledger ledger_;
     WorkEstimate work_;
+    ProcessorEstimate processor_;
     Sharing sharing_;
     std::int64_t lookedUs_ = 0;
     std::uint64_t lookedBps_ = 0; // allowed at that look
