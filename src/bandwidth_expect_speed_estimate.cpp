@@ -74,10 +74,10 @@ public:
     {
     }
 
-    // The one record in turn.
+    // The one record in turn, whose file name nobody looks at.
     ZEVO_BANDWIDTH_STATUS *Room() noexcept override
     {
-        Clear(record_);
+        ClearButName(record_);
         return &record_;
     }
     bool Take() noexcept override

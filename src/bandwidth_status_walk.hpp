@@ -11,14 +11,20 @@
 namespace bandwidth {
 
 // Makes a record that holds one section ready for the next. Its file name is most of it and mostly
-// short: of that only what was written is cleared.
-inline void Clear(ZEVO_BANDWIDTH_STATUS &record) noexcept
+// short.
+inline void ClearButName(ZEVO_BANDWIDTH_STATUS &record) noexcept
 {
     constexpr size_t kBehindName = offsetof(ZEVO_BANDWIDTH_STATUS, owner_type);
     auto *const pBytes = reinterpret_cast<char *>(&record);
     std::memset(pBytes, 0, offsetof(ZEVO_BANDWIDTH_STATUS, filename));
-    std::memset(record.filename, 0, ::strnlen(record.filename, sizeof(record.filename)));
     std::memset(pBytes + kBehindName, 0, sizeof(record) - kBehindName);
+}
+
+// Of the name only what was written is cleared.
+inline void Clear(ZEVO_BANDWIDTH_STATUS &record) noexcept
+{
+    ClearButName(record);
+    std::memset(record.filename, 0, ::strnlen(record.filename, sizeof(record.filename)));
 }
 
 // ZEVOBandwidthInitStatusFromHash() for who has seen to it that his thread is not cancelled: a walk

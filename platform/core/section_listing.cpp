@@ -182,6 +182,12 @@ uint32_t TagOf(uint64_t hash) noexcept
     return static_cast<uint32_t>(hash >> 32);
 }
 
+// An order of names in which those of processes that have begun one after the other ascend.
+bool ComesBefore(std::string_view a, std::string_view b) noexcept
+{
+    return a.size() != b.size() ? a.size() < b.size() : a < b;
+}
+
 } // namespace
 
 std::string_view SectionIndex::NameOf(const Entry &entry) const noexcept
@@ -204,9 +210,11 @@ try {
         if (!entries_.empty()) entries_.back().end = StartOf(line, text);
         Entry entry = {0, 0, EndOf(line, text), SizeOf(text), State::kHere};
         if (!AddName(line.name, entry)) return false;
+        isAscending_ = isAscending_ &&
+                       (entries_.empty() || ComesBefore(NameOf(entries_.back()), NameOf(entry)));
         entries_.push_back(entry);
     }
-    DropRepeated();
+    if (!isAscending_) DropRepeated();
     nLeft_ = entries_.size();
     return true;
 } catch (const std::bad_alloc &) {
@@ -264,6 +272,14 @@ size_t SectionIndex::SlotOf(std::string_view name, uint64_t hash) const noexcept
 // Of the entry, + 1; 0 when there is none of that name.
 uint32_t SectionIndex::NumberOf(std::string_view name) const noexcept
 {
+    if (isAscending_) {
+        const auto found = std::lower_bound(entries_.begin(), entries_.end(), name,
+                                            [this](const Entry &entry, std::string_view n) {
+                                                return ComesBefore(NameOf(entry), n);
+                                            });
+        const bool isThere = found != entries_.end() && NameOf(*found) == name;
+        return isThere ? static_cast<uint32_t>(found - entries_.begin() + 1) : 0;
+    }
     return slots_[SlotOf(name, HashOf(name))].number;
 }
 

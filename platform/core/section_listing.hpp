@@ -90,6 +90,7 @@ private:
     std::vector<Slot> slots_;
     size_t next_ = 0; // the entry behind the one taken last
     size_t nLeft_ = 0;
+    bool isAscending_ = true;  // the names, by ComesBefore(): no slots are needed
     bool hasRepeated_ = false; // then names_ holds some that are no entry's
 };
 

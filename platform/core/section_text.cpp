@@ -7,6 +7,7 @@
 
 #include "zevocore_scan.hpp"
 
+#include <array>
 #include <cstring>
 
 namespace zevo {
@@ -220,7 +221,7 @@ bool WritePair(Bytes &out, std::string_view key, std::string_view value) noexcep
 }
 
 // Whether a byte at the end of a word is one that neither is trimmed nor begins a quoted text.
-bool IsInner(char byte) noexcept
+constexpr bool IsInner(char byte) noexcept
 {
     return static_cast<unsigned char>(byte) > ' ' && byte != '"';
 }
@@ -252,6 +253,14 @@ bool TakePlainPair(char *pLine, size_t cbLine, std::string_view &key,
     return true;
 }
 
+// By byte: whether it continues a header's plain name.
+constexpr std::array<bool, 256> kContinuesName = [] {
+    std::array<bool, 256> continues = {};
+    for (size_t byte = 0; byte < continues.size(); ++byte)
+        continues[byte] = IsInner(static_cast<char>(byte)) && byte != ']';
+    return continues;
+}();
+
 // A header at the front that has nothing but a plain name, as most do; any other is looked at by the
 // rules.
 bool TakePlainHeader(std::string_view text, Line &line) noexcept
@@ -259,7 +268,7 @@ bool TakePlainHeader(std::string_view text, Line &line) noexcept
     constexpr size_t kMostName = 64;
     const size_t most = text.size() < kMostName ? text.size() : kMostName;
     size_t i = 1;
-    while (i < most && IsInner(text[i]) && text[i] != ']')
+    while (i < most && kContinuesName[static_cast<unsigned char>(text[i])])
         ++i;
     if (i == 1 || i + 1 >= most || text[i] != ']' || text[i + 1] != '\n') return false;
     line.kind = LineKind::kHeader;
