@@ -114,7 +114,6 @@ int WalkFile(const char *szFile, int64_t now, int32_t protocolMask, uint32_t tra
     if (!hash) return BW_PASS_UNLOGGED;
     const StrangersFileScope strangers(szFile);
     Purge purge(szFile, now);
-    purge.LookAtFile();
     VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
     const int sections = pNames == nullptr ? -1 : ::VLIBCFileEnumSection(szFile, &pNames);
     purge.SetNames(List(pNames));

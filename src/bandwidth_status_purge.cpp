@@ -3,11 +3,12 @@
 // out of the very text that is being rewritten and read once more, by the platform, from a copy beside
 // the file that nobody else knows. A file that changes faster than that is left to the next listing.
 //
-// What was decided holds as long as the file is in the state in which it was before the listing read
-// it: each change, that of its names included, gives it a new stamp. Stamps are those of the last tick
-// of the clock, though, so that the file must have been left alone for a tick before. That also goes
-// for the moment in which writers swap names and the path leads to what one of them is about to take
-// back: what was there before has been renamed twice then.
+// What was decided holds where the file that is being rewritten was changed last before the listing
+// began: each change, that of its names included, stamps it, so that it was this file, in this state,
+// which the listing read. That also goes for the moment in which writers swap names and the path leads
+// to what one of them is about to take back: what was there before has been renamed twice then. Stamps
+// are those of the last tick of the clock that this machine shares with its own file systems, hence the
+// same tick does not count.
 
 #include "bandwidth_status_purge.hpp"
 
@@ -92,20 +93,17 @@ int Purge::Decide(std::string_view oldText) noexcept
     return DecideOn(szCopy);
 }
 
-void Purge::LookAtFile() noexcept
+bool Purge::IsUntouched(const struct stat &state) const noexcept
 {
-    struct timespec now = {};
-    wasQuiet_ = ::clock_gettime(CLOCK_REALTIME_COARSE, &now) == 0 &&
-                ::lstat(szFile_, &seen_) == 0 &&
-                (seen_.st_ctim.tv_sec < now.tv_sec ||
-                 (seen_.st_ctim.tv_sec == now.tv_sec && seen_.st_ctim.tv_nsec < now.tv_nsec));
+    const struct timespec &changed = state.st_ctim;
+    return changed.tv_sec < begun_.tv_sec ||
+           (changed.tv_sec == begun_.tv_sec && changed.tv_nsec < begun_.tv_nsec);
 }
 
 int Purge::Compose(std::string_view oldText, zevo::Bytes &newText,
                    const struct stat &state) noexcept
 {
-    const bool isUntouched = wasQuiet_ && zevo::IsSameState(state, seen_);
-    if (const int failed = isUntouched ? 0 : Decide(oldText); failed < 0) return failed;
+    if (const int failed = IsUntouched(state) ? 0 : Decide(oldText); failed < 0) return failed;
     bool isWhole = true;
     const auto keep = [&](std::string_view line) { return isWhole = newText.Append(line); };
     Split(oldText, keep, [](std::string_view) { return true; });

@@ -4,6 +4,8 @@
 
 #include "bandwidth_guard.hpp"
 
+#include <ctime>
+
 #include <sys/stat.h>
 
 namespace bandwidth {
@@ -18,10 +20,12 @@ inline bool IsStale(const ZEVO_BANDWIDTH_STATUS &status, int64_t now) noexcept
 // The listing notes what it finds stale; Run() drops that, unless a save has come in time.
 class Purge {
 public:
-    Purge(const char *szFile, int64_t now) noexcept : szFile_(szFile), now_(now) {}
+    // Before the listing.
+    Purge(const char *szFile, int64_t now) noexcept : szFile_(szFile), now_(now)
+    {
+        (void)::clock_gettime(CLOCK_REALTIME_COARSE, &begun_); // the clock of the files' stamps
+    }
 
-    // Before the file is read: what is decided of it then holds unless it changes.
-    void LookAtFile() noexcept;
     // Takes over the names of the listed sections, in file order.
     void SetNames(List names) noexcept { names_ = std::move(names); }
     int32_t count() const noexcept { return names_->nItem; }
@@ -44,12 +48,12 @@ private:
     int DecideOn(const char *szCopy) noexcept;
     template <class Keep, class Drop>
     void Split(std::string_view oldText, Keep keep, Drop drop) const noexcept;
+    bool IsUntouched(const struct stat &state) const noexcept;
     int Compose(std::string_view oldText, zevo::Bytes &newText, const struct stat &state) noexcept;
 
     const char *szFile_;
     const int64_t now_;
-    struct stat seen_ = {};
-    bool wasQuiet_ = false; // nothing had happened to it in that tick of the clock
+    struct timespec begun_ = {};
     List names_;
     Array<int32_t> noted_; // indices of names, ascending
     int32_t nNoted_ = 0;

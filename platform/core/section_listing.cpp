@@ -45,6 +45,7 @@
 namespace zevo {
 namespace {
 
+constexpr size_t kUsualSectionBytes = 300;
 constexpr int64_t kNsPerSecond = 1'000'000'000;
 constexpr int64_t kAnswersForNs = kNsPerSecond;
 constexpr int64_t kAnswersForReads = 10;
@@ -55,6 +56,12 @@ int64_t MonotonicNs() noexcept
     struct timespec now = {};
     ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now); // to some milliseconds, which will do
     return now.tv_sec * kNsPerSecond + now.tv_nsec;
+}
+
+// For stamps of files: anybody may set them to any number, so that there is no calculating with them.
+bool IsSameTime(const struct timespec &a, const struct timespec &b) noexcept
+{
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
 Offset StartOf(const Line &line, std::string_view text) noexcept
@@ -133,7 +140,9 @@ unsigned Snapshot::Read(const char *szPath) noexcept
 bool Snapshot::IsCurrent(const char *szPath) const noexcept
 {
     struct stat now = {};
-    return fd_ && ::lstat(szPath, &now) == 0 && IsSameState(now, stat_);
+    return fd_ && ::lstat(szPath, &now) == 0 && IsSameFile(now, stat_) &&
+           now.st_size == stat_.st_size && IsSameTime(now.st_mtim, stat_.st_mtim) &&
+           IsSameTime(now.st_ctim, stat_.st_ctim);
 }
 
 bool Snapshot::IsFresh() const noexcept
@@ -205,6 +214,7 @@ bool SectionIndex::AddName(const Word &word, Entry &entry)
 
 bool SectionIndex::Build(std::string_view text) noexcept
 try {
+    entries_.reserve(text.size() / kUsualSectionBytes + 1);
     Reader reader(text);
     for (Line line; reader.NextHeader(line);) {
         if (!entries_.empty()) entries_.back().end = StartOf(line, text);

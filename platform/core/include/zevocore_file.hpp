@@ -286,20 +286,6 @@ inline bool IsSameFile(const struct stat &a, const struct stat &b) noexcept
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// For stamps of files: anybody may set them to any number, so that there is no calculating with them.
-inline bool IsSameTime(const struct timespec &a, const struct timespec &b) noexcept
-{
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
-// Whether nothing tells the two apart. Stamps are coarse: within one tick they do not tell of a change
-// in place that keeps the size.
-inline bool IsSameState(const struct stat &a, const struct stat &b) noexcept
-{
-    return IsSameFile(a, b) && a.st_size == b.st_size && IsSameTime(a.st_mtim, b.st_mtim) &&
-           IsSameTime(a.st_ctim, b.st_ctim);
-}
-
 // Whether the path still names the open file; what it names is told in now.
 inline bool NamesSameFile(const Place &place, const struct stat &opened, struct stat &now) noexcept
 {
