@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <errno.h>
 #include <time.h>
@@ -114,29 +115,37 @@ double Stolen::Rate() const
     return (StolenSeconds() - seconds_) / seconds;
 }
 
-bool Measurements::IsGood(double stolenRate, int attempt)
+bool WasDisturbed(double stolenRate)
 {
     constexpr double kTooMuch = 0.05;
-    constexpr int kMostAttempts = 4;
+    std::fprintf(stderr, "  (the host kept %.2f %% of a processor)\n", stolenRate * 100);
+    return stolenRate >= kTooMuch;
+}
+
+std::vector<Figure> Measurements::Taken()
+{
     for (const Figure &figure : taken)
         std::fprintf(stderr, "  %s: %.4g %s\n", figure.name.c_str(), figure.value, figure.unit);
-    std::fprintf(stderr, "  (the host kept %.2f %% of a processor)\n", stolenRate * 100);
-    const bool good = stolenRate < kTooMuch || attempt == kMostAttempts;
-    for (const Figure &figure : taken)
-        if (good) table_.Add(figure);
-    taken.clear();
-    if (good) return true;
-    std::fprintf(stderr, "  so it is taken again\n");
-    ++repeated_;
-    return false;
+    return std::exchange(taken, {});
+}
+
+void Measurements::Keep(const std::vector<Figure> &figures)
+{
+    for (const Figure &figure : figures)
+        table_.Add(figure);
+}
+
+void PrintRepeated(int repeated)
+{
+    if (repeated > 0)
+        std::printf("%d measurements were repeated: the host had taken the processor away.\n",
+                    repeated);
 }
 
 bool Measurements::Print(int runs) const
 {
     const bool holds = table_.Print(runs);
-    if (repeated_ > 0)
-        std::printf("%d measurements were repeated: the host had taken the processor away.\n",
-                    repeated_);
+    PrintRepeated(repeated_);
     return holds;
 }
 

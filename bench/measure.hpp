@@ -58,26 +58,45 @@ private:
     std::int64_t began_;
 };
 
-// The figures of one scenario, once it ran undisturbed.
+// Says how much a host has kept; true where it was more than a twentieth of a processor.
+bool WasDisturbed(double stolenRate);
+
+// While the host runs somebody else, nothing here can keep its time: a disturbed measurement says
+// nothing about us and is taken again, until it was taken so many times.
+template <typename Scenario> auto Undisturbed(int mostAttempts, int *pRepeated, Scenario scenario)
+{
+    for (int attempt = 1;; ++attempt) {
+        const Stolen stolen;
+        auto result = scenario();
+        if (!WasDisturbed(stolen.Rate()) || attempt == mostAttempts) return result;
+        std::fprintf(stderr, "  so it is taken again\n");
+        ++*pRepeated;
+    }
+}
+
+// Notes at the end of a table how many measurements had to be taken again.
+void PrintRepeated(int repeated);
+
+// The figures of all scenarios.
 class Measurements {
 public:
-    // While the host runs somebody else, nothing here can keep its time: a measurement from which
-    // more than a twentieth of a processor was stolen says nothing about us and is taken again,
-    // three times at most.
     template <typename Scenario, typename... Arguments>
     void Take(Scenario scenario, const Arguments &...arguments)
     {
-        for (int attempt = 1;; ++attempt) {
-            const Stolen stolen;
+        Keep(Undisturbed(kMostAttempts, &repeated_, [&] {
             scenario(arguments...);
-            if (IsGood(stolen.Rate(), attempt)) return;
-        }
+            return Taken();
+        }));
     }
     // Prints the table; false when a promise is broken.
     bool Print(int runs) const;
 
 private:
-    bool IsGood(double stolenRate, int attempt);
+    static constexpr int kMostAttempts = 4;
+
+    // What was reported since it was last asked for.
+    static std::vector<Figure> Taken();
+    void Keep(const std::vector<Figure> &figures);
 
     Table table_;
     int repeated_ = 0;
