@@ -124,6 +124,7 @@ public:
     void RunToTheEnd();
 
     std::deque<Stream> &streams() { return streams_; }
+    const std::deque<Stream> &streams() const { return streams_; }
     std::int64_t began() const { return began_; }
 
     // All that all brought until a moment.
