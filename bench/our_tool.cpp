@@ -17,9 +17,9 @@ void OurTool::Run(std::vector<std::string> words) const
 
 void OurTool::LimitStaff(const char *rate) const
 {
-    Run({"rule", "set", "-g", "staff", "-p", "rsync", "--up", rate});
     Run({"policy", "set", "-p", "rsync", "--user-group", "group-only", "--inter-group", "max",
          "--occupy", "all"});
+    Run({"rule", "set", "-g", "staff", "-p", "rsync", "--up", rate});
 }
 
 std::vector<std::string> OurTool::PipeAs(const std::string &user) const

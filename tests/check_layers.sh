@@ -9,7 +9,7 @@ trap 'rm -f "$found"' EXIT
 
 # The project's own headers: path from here, one a line.
 own_headers() {
-    find include platform src tool tests -name '*.h' -o -name '*.hpp' 2>/dev/null
+    find include platform src tool bench tests -name '*.h' -o -name '*.hpp' 2>/dev/null
 }
 
 # allowed FILE HEADER: may that file include that header of ours?

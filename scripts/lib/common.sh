@@ -32,6 +32,8 @@ packages_of() { # GROUP
     pictures) echo python3 python3-rich tmux ;;
     plot) echo gnuplot-nox ;;
     measure) echo pv ;; # what the cost is compared with
+    peers) echo pv cstream curl rsync trickle iproute2 ;;
+    peer_server) echo proftpd-core ;; # apart: it cannot be installed beside another FTP server
     check) echo clang-format clang-tidy shellcheck ;;
     fuzz) echo clang libclang-rt-14-dev gcovr ;;
     *) die "no package group '$1'" ;;
@@ -44,7 +46,22 @@ missing_of() { # PACKAGE...
     comm -23 <(printf '%s\n' "$@" | sort -u) <(sed -n 's/^installed //p' <<<"$installed" | sort -u)
 }
 
-# Installs what is missing of the groups, and says what.
+# Runs apt while no package may start its service: what is installed here is for the scripts, not for
+# the machine to serve. Packages ask policy-rc.d first; where there is one, its owner has decided.
+without_services() { # COMMAND [ARG...]
+    local policy=/usr/sbin/policy-rc.d
+    if [[ -e $policy ]]; then
+        "$@"
+        return
+    fi
+    (
+        trap '"${as_root[@]}" rm -f "$policy"' EXIT
+        printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" install -m 755 /dev/stdin "$policy"
+        "$@"
+    )
+}
+
+# Installs what is missing of the groups, and says what. Never takes another package away for it.
 need() { # GROUP...
     local group packages apt_get wanted=() missing=() as_root=()
     for group in "$@"; do
@@ -67,8 +84,8 @@ need() { # GROUP...
     apt_get=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -q)
     "${apt_get[@]}" update ||
         say 'The list of packages could not be brought up to date; trying with the old one.'
-    "${apt_get[@]}" install -y --no-install-recommends "${missing[@]}" </dev/null ||
-        die "apt could not install: ${missing[*]}"
+    without_services "${apt_get[@]}" install -y --no-install-recommends --no-remove \
+        "${missing[@]}" </dev/null || die "apt could not install: ${missing[*]}"
 }
 
 # ---- building and running ----
