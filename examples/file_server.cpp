@@ -212,6 +212,7 @@ bool WriteAll(int fd, const char *bytes, std::size_t size)
 {
     while (size > 0) {
         const ssize_t written = write(fd, bytes, size);
+        if (written < 0 && errno == EINTR) continue;
         if (written <= 0) return false;
         bytes += written;
         size -= static_cast<std::size_t>(written);

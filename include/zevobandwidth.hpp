@@ -228,8 +228,8 @@ public:
     Config(const Config &) = delete;
     Config &operator=(const Config &) = delete;
 
-    /** ZEVOBandwidthConfigGet(): as of now. Reads the rule files and the user database. A file that
-     *  the process may not read counts as empty. */
+    /** ZEVOBandwidthConfigGet(): as of now. Reads the rule files and the user database. A file that is
+     *  not there counts as empty, as in a chroot without it: nobody is limited then. */
     ZEVO_BW_NODISCARD static Result<Config> Read(std::uint32_t uid, std::int32_t protocol) noexcept
     {
         Config config;
@@ -423,8 +423,8 @@ public:
      * @param direction   ZEVO_BW_TRANSFER_UPLOAD or ZEVO_BW_TRANSFER_DOWNLOAD
      * @param szFileName  what is listed, cut to 4095 characters
      * @param notices     counts the notices that limits have changed, which the host's SIGHUP
-     *                    handler (sigaction, no flags) adds to; nullptr when the host calls
-     *                    Reload() itself. It must outlive the transfer, and may serve any number.
+     *                    handler adds to; nullptr when the host calls Reload() itself. It must
+     *                    outlive the transfer, and may serve any number.
      * Errors: as ZEVOBandwidthConfigGet() and ZEVOBandwidthStatusInit(); nothing stays behind.
      */
     ZEVO_BW_NODISCARD static Result<Transfer>

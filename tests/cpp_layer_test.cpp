@@ -339,6 +339,22 @@ TEST_F(CppLayer, ABlockIsFiveSecondsOfWhatIsAllowedBesideTheOthers)
     EXPECT_EQ(upload.BlockSize(UINT64_MAX), 5 * kBps / 2);
 }
 
+// Why a process has one object for all that share a section.
+TEST_F(CppLayer, TransfersThatShareASectionDoNotSeeEachOther)
+{
+    Upload first = Begin().ValueOrThrow();
+    Upload second = Begin().ValueOrThrow();
+    Upload bobs = Begin(kBob).ValueOrThrow(); // in the file of their group
+    for (Upload *upload : {&first, &second, &bobs}) {
+        EXPECT_TRUE(upload->Moved(1, 0));
+        EXPECT_EQ(upload->AllowedBps(), kBps);
+    }
+    EXPECT_TRUE(first.End());
+    EXPECT_EQ(Listed(), "user-2002");
+    EXPECT_TRUE(second.Moved(1, 0));
+    EXPECT_EQ(Listed(), "group-3001 user-2001 user-2002");
+}
+
 TEST_F(CppLayer, AHostMayKeepItsOwnTime)
 {
     Upload upload = Begin().ValueOrThrow();

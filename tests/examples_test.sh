@@ -67,6 +67,38 @@ grep -q stopped /tmp/copier.err || fail 'the stop was not told'
 nobody_listed
 wipe
 
+# ---- what the guide for services puts together ----
+
+# Under the name by which changing commands know whom to tell.
+for language in c cpp; do
+    service=/tmp/zevobandwidth
+    cp "$examples/integrating_$language" $service
+    quietly rule set -u bob -p ftp --up 2M
+    quietly policy set -p ftp --state enabled
+    began=$(now_ms)
+    $service bob </tmp/data >/tmp/copy || fail "$language: ended with $?"
+    took_at_least 1500 "$began" "$language: 4 MiB at 2 MiB/s"
+    cmp /tmp/data /tmp/copy || fail "$language: other bytes"
+    nobody_listed
+
+    quietly rule set -u bob -p ftp --up 64K
+    $service bob </dev/zero 2>/tmp/service.err >/tmp/copy &
+    pid=$!
+    wait_for has_listed 1
+    quietly rule set -u bob -p ftp --up 96K
+    wait_for grep -qx 'expect speed=98304' $running/user-2002
+    quietly stop -u bob
+    wait $pid
+    same $? 1
+    grep -q 'stopped by an administrator' /tmp/service.err || fail "$language: the stop was not told"
+    nobody_listed
+
+    quietly policy set -p ftp --state disabled
+    # shellcheck disable=SC2094  # nothing is written
+    $service bob </tmp/data | cmp - /tmp/data || fail "$language: other bytes without a limit"
+    wipe
+done
+
 # ---- file_server ----
 
 mkdir /tmp/files
