@@ -50,7 +50,7 @@ int main(void)
     }
     if (result < 0) fputs("throttled_copy: stopped or failed, see the system log\n", stderr);
     if (ferror(stdin) || fflush(stdout) != 0) perror("throttled_copy");
-    (void)ZEVOBandwidthStatusRemove(&config, ZEVO_BW_TRANSFER_UPLOAD);
+    (void)ZEVOBandwidthStatusForceRemoveAllByUID(getuid(), ZEVO_BW_TRANSFER_UPLOAD);
     ZEVOBandwidthConfigFree(&config);
     return result < 0 || ferror(stdin) || ferror(stdout);
 }

@@ -635,8 +635,8 @@ private:
     /** A time stamp stands in the record since it has been saved first. */
     bool IsSaved() const noexcept { return status_.timestamp != 0; }
 
-    /** By the rules as they were read, and by the user database: neither a group that the user has
-     *  left meanwhile nor one that was charged before the last reload may keep a copy. */
+    /** By the user database, for which groups were charged changes with what runs; and by the rules
+     *  as they were read, for groups that the user has left meanwhile. */
     Outcome Remove() noexcept
     {
         if (!IsSaved()) return Outcome();

@@ -124,6 +124,26 @@ TEST_F(CppLayer, ATransferIsListedUntilItsScopeIsLeftByWhateverWay)
     }
 }
 
+// The group that is charged beside the others is another than the one that its rate would choose.
+TEST_F(CppLayer, NoGroupKeepsACopyWhoeverWasChargedLast)
+{
+    etc.Write("bandwidth.global.conf", "[ftp]\nstate=enabled\nuser-group policy=group-only\n"
+                                       "inter-group policy=max\noccupy policy=max\n");
+    etc.Write("bandwidth.ftp.conf", "[group-3001]\nstate=enabled\nupload rate=200\n"
+                                    "[group-3002]\nstate=enabled\nupload rate=100\n");
+    const Transfer bobs{.pid = 1, .uid = kBob, .speed = kBps, .owner = "group", .id = kStaff};
+    const Transfer daves{.pid = 2, .uid = kDave, .speed = kBps, .owner = "group", .id = kStaff};
+    box.Write("group-3001", bobs.Text() + daves.Text());
+    {
+        Upload upload = Begin().ValueOrThrow();
+        ASSERT_TRUE(upload.Moved(1, 0));
+        ASSERT_EQ(Listed(), "group-3002 user-2001");
+        EXPECT_EQ(upload.BlockSize(1), 1U); // by the bare rates, which choose the other group
+    }
+    EXPECT_EQ(Listed(), "");
+    EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
 TEST_F(CppLayer, AMoveCarriesTheSectionAlong)
 {
     Upload last;
