@@ -765,7 +765,10 @@ ZEVO_BW_API int ZEVOBandwidthStatusDump(FILE *fp,
  * Threads: any.
  */
 
-/** Removes the calling process's sections from the user's file and those of the groups charged. */
+/** Removes the calling process's sections from the user's file and those of the groups charged, as
+ *  the configuration was last estimated: where a size estimate, which goes by the bare rates, came
+ *  after the last save, another group may keep its copy until it is stale. Where the user database
+ *  can be read ZEVOBandwidthStatusForceRemoveAllByUID() leaves none. */
 ZEVO_BW_API int ZEVOBandwidthStatusRemove(const ZEVO_BANDWIDTH_CONFIG *pConfig,
                                           uint32_t transfer_mask) ZEVO_BW_NOEXCEPT;
 

@@ -18,6 +18,7 @@ allowed() {
     case $file in
     tests/*) return 0 ;;
     tool/*) [[ $header =~ ^(include|platform/core/include|tool)/ ]] ;;
+    include/zevobandwidth.hpp) [[ $header =~ ^(include|platform/core/include)/ ]] ;;
     include/*) return 1 ;;
     src/*) [[ $header =~ ^(include|platform/(core|sdk)/include)/ || $header =~ ^src/.*\.hpp$ ]] ;;
     platform/core/*) [[ $header == platform/core/* ]] ;;

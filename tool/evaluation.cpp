@@ -3,6 +3,7 @@
 #include "evaluation.hpp"
 
 #include <algorithm>
+#include <utility>
 
 #include "failure.hpp"
 #include "names.hpp"
@@ -17,19 +18,14 @@ Evaluation::Evaluation(std::uint32_t uid, std::int32_t protocol, std::time_t at)
     // section only to the log: these two say which file it is and what to do.
     static_cast<void>(ReadPolicy(protocol));
     static_cast<void>(ReadRule({ZEVO_BW_OWNER_USER, {uid, UserName(uid)}}, protocol));
-    if (ZEVOBandwidthConfigGet(uid, protocol, &config_) < 0) {
-        ZEVOBandwidthConfigFree(&config_);
+    auto config = zevobw::Config::Read(uid, protocol);
+    if (!config)
         throw Failure(kFailed, "the rules of " + ProtocolName(protocol) + " that bear on user " +
                                    UserName(uid) +
                                    " cannot be read; 'zevobandwidth rule list' names what is "
                                    "wrong, or the system log");
-    }
-    if (at != 0) static_cast<void>(ZEVOBandwidthInitConfig(&config_, at * kMicrosPerSecond));
-}
-
-std::span<const ZEVO_BANDWIDTH_LIMIT> Evaluation::limits() const noexcept
-{
-    return {config_.pLimit, static_cast<std::size_t>(std::max(config_.iLimit, 0))};
+    config_ = std::move(config.value());
+    if (at != 0) static_cast<void>(config_.Evaluate(at * kMicrosPerSecond));
 }
 
 bool Evaluation::HasInForce(std::int32_t ownerType) const noexcept
@@ -58,7 +54,7 @@ Allowance Evaluation::AskUnder(std::int32_t userGroupPolicy, std::int32_t direct
                                Beside beside) const
 {
     Allowance answer{0, {limits().begin(), limits().end()}};
-    ZEVO_BANDWIDTH_CONFIG asked = config_;
+    ZEVO_BANDWIDTH_CONFIG asked = config_.record();
     asked.pLimit = answer.limits.data();
     asked.globalConf.userGroupPolicy = userGroupPolicy;
     if (ZEVOBandwidthExpectSpeedEstimateByPolicy(direction, &asked, &answer.bps,

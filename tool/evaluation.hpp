@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include <zevobandwidth.h>
+#include <zevobandwidth.hpp>
 
 namespace tool {
 
@@ -27,14 +27,11 @@ class Evaluation {
 public:
     // at: 0 for now. Throws Failure when policy or rules cannot be read.
     Evaluation(std::uint32_t uid, std::int32_t protocol, std::time_t at);
-    ~Evaluation() { ZEVOBandwidthConfigFree(&config_); }
-    Evaluation(const Evaluation &) = delete;
-    Evaluation &operator=(const Evaluation &) = delete;
 
-    const ZEVO_BANDWIDTH_GLOBAL_CONF &policy() const noexcept { return config_.globalConf; }
+    const ZEVO_BANDWIDTH_GLOBAL_CONF &policy() const noexcept { return config_.policy(); }
 
     // The rules that can bear, evaluated: the user's own first, then his groups'.
-    std::span<const ZEVO_BANDWIDTH_LIMIT> limits() const noexcept;
+    std::span<const ZEVO_BANDWIDTH_LIMIT> limits() const noexcept { return config_; }
 
     // A rule of this kind of owner bears at the moment.
     bool HasInForce(std::int32_t ownerType) const noexcept;
@@ -48,7 +45,7 @@ public:
     Allowance AskUnder(std::int32_t userGroupPolicy, std::int32_t direction, Beside beside) const;
 
 private:
-    ZEVO_BANDWIDTH_CONFIG config_ = {};
+    zevobw::Config config_;
 };
 
 } // namespace tool

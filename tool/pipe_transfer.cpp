@@ -4,10 +4,8 @@
 #include "pipe_transfer.hpp"
 
 #include <algorithm>
-#include <ctime>
 #include <set>
-
-#include <zevocore.h>
+#include <utility>
 
 #include "failure.hpp"
 
@@ -16,7 +14,6 @@ namespace tool {
 namespace {
 
 constexpr char kStatusDirectory[] = "/tmp/bandwidth";
-constexpr std::uint64_t kFiveSeconds = 5;
 
 [[noreturn]] void FailWith(const std::string &what, const std::string &remedy)
 {
@@ -24,10 +21,10 @@ constexpr std::uint64_t kFiveSeconds = 5;
 }
 
 // The library has told the system log in full; here stands what the administrator can do.
-[[noreturn]] void FailWithSlot(const std::string &what)
+[[noreturn]] void FailWith(const std::string &what, const zevobw::Error &error)
 {
     const std::string directory = kStatusDirectory;
-    switch (VLIBCErrGet()) {
+    switch (error.code()) {
     case ZEVO_BW_ERROR_STOPPED:
         throw Failure(kFailed, "an administrator has stopped this transfer");
     case ZEVO_BW_ERROR_OPEN:
@@ -44,26 +41,38 @@ constexpr std::uint64_t kFiveSeconds = 5;
     }
 }
 
-[[noreturn]] void FailReadingLimits(const std::string &what)
+void Require(const zevobw::Outcome &outcome, const std::string &what)
 {
-    FailWith(what, "make sure that this user may read the files in /usr/zevo/etc/bandwidth; "
-                   "'zevobandwidth check' says what is wrong with them");
+    if (!outcome) FailWith(what, outcome.error());
+}
+
+zevobw::Transfer Begin(std::uint32_t uid, std::int32_t protocol, std::int32_t direction,
+                       const std::string &name)
+{
+    zevobw::Result<zevobw::Config> config = zevobw::Config::Read(uid, protocol);
+    if (!config)
+        FailWith("the limits cannot be read",
+                 "make sure that this user may read the files in /usr/zevo/etc/bandwidth; "
+                 "'zevobandwidth check' says what is wrong with them");
+    auto begun = zevobw::Transfer::Begin(std::move(config.value()), direction, name.c_str());
+    Require(begun, "the transfer cannot be registered");
+    return std::move(begun.value());
 }
 
 // What one rule's sharers leave: how many move data, and the part that is this user's own.
-Sharing Share(const ZEVO_BANDWIDTH_STATUS *list, std::int32_t pid, std::uint32_t uid,
+Sharing Share(const zevobw::Transfers &all, std::int32_t pid, std::uint32_t uid,
               std::uint64_t rateBps)
 {
     std::set<std::uint32_t> otherUsers;
     std::uint64_t sameUser = 1;
     Sharing sharing;
-    for (; list != nullptr; list = list->next) {
-        if (list->active == 0 || list->pid == pid) continue;
-        if (list->uid == uid)
+    for (const ZEVO_BANDWIDTH_STATUS &other : all) {
+        if (other.active == 0 || other.pid == pid) continue;
+        if (other.uid == uid)
             ++sameUser;
         else
-            otherUsers.insert(list->uid);
-        if (list->current_speed != 0) ++sharing.transfers;
+            otherUsers.insert(other.uid);
+        if (other.current_speed != 0) ++sharing.transfers;
     }
     sharing.equalBps = rateBps / (sameUser * (otherUsers.size() + 1));
     return sharing;
@@ -73,59 +82,26 @@ Sharing Share(const ZEVO_BANDWIDTH_STATUS *list, std::int32_t pid, std::uint32_t
 
 Transfer::Transfer(std::uint32_t uid, std::int32_t protocol, std::int32_t direction,
                    const std::string &name)
+    : transfer_(Begin(uid, protocol, direction, name))
 {
-    if (ZEVOBandwidthConfigGet(uid, protocol, &config_) < 0) {
-        ZEVOBandwidthConfigFree(&config_);
-        FailReadingLimits("the limits cannot be read");
-    }
-    Evaluate();
-    std::uint64_t timeUs = 0;
-    if (ZEVOBandwidthStatusInit(&config_, direction, name.c_str(), &timeUs, &status_) == 0) return;
-    const unsigned int code = VLIBCErrGet();
-    ZEVOBandwidthStatusRemove(&config_, static_cast<std::uint32_t>(direction));
-    ZEVOBandwidthConfigFree(&config_);
-    VLIBCErrSetEx(code, __FILE_NAME__, __LINE__);
-    FailWithSlot("the transfer cannot be registered");
-}
-
-// The groups that were charged by an earlier version of the rules must not keep a copy either, so
-// the rules are not asked where that can be had.
-Transfer::~Transfer()
-{
-    const std::uint32_t direction = status_.transfer_type;
-    if (ZEVOBandwidthStatusForceRemoveAllByUID(config_.uid, direction) < 0)
-        ZEVOBandwidthStatusRemove(&config_, direction);
-    ZEVOBandwidthConfigFree(&config_);
 }
 
 bool Transfer::ProtocolLimited() const noexcept
 {
-    const std::int32_t state = config_.globalConf.state;
+    const std::int32_t state = transfer_.config().policy().state;
     return state != ZEVO_BW_STATE_NOT_EXISTED && state != ZEVO_BW_STATE_DISABLED;
 }
 
-void Transfer::Evaluate()
-{
-    onSchedule_ = ZEVOBandwidthInitConfig(&config_, 0) == 1;
-}
-
-// Asked for everything, the size estimate answers five seconds' worth.
 std::uint64_t Transfer::ConfiguredBps()
 {
-    if (!ProtocolLimited()) return 0;
-    if (onSchedule_) Evaluate();
-    std::uint64_t most = UINT64_MAX;
-    const auto direction = static_cast<std::int32_t>(status_.transfer_type);
-    if (ZEVOBandwidthTransferSizeEstimate(&config_, direction, most, &most) < 0)
-        FailWithSlot("the limits cannot be worked out");
-    return most == UINT64_MAX ? 0 : most / kFiveSeconds;
+    const auto bps = transfer_.ConfiguredBps();
+    Require(bps, "the limits cannot be worked out");
+    return bps.value();
 }
 
 void Transfer::Throttle(std::uint64_t bytes, std::int64_t lengthUs, std::uint32_t progress)
 {
-    std::uint64_t timeUs = ZEVOBandwidthCurrTimeGet() - static_cast<std::uint64_t>(lengthUs);
-    if (ZEVOBandwidthSleepInLoop(&config_, bytes, progress, &timeUs, &status_) < 0)
-        FailWithSlot("the transfer cannot be held to its limit");
+    Require(transfer_.Moved(bytes, progress, lengthUs), "the transfer cannot be held to its limit");
 }
 
 void Transfer::Touch(std::uint32_t progress)
@@ -133,48 +109,24 @@ void Transfer::Touch(std::uint32_t progress)
     Throttle(0, 0, progress);
 }
 
-void Transfer::CheckNotStopped() const
-{
-    ZEVO_BANDWIDTH_STATUS saved = {};
-    const auto direction = static_cast<std::int32_t>(status_.transfer_type);
-    const int result = ZEVOBandwidthStatusGet(ZEVO_BW_OWNER_USER, status_.id, direction, &saved);
-    if (result < 0 || saved.active != 0) return;
-    VLIBCErrSetEx(ZEVO_BW_ERROR_STOPPED, __FILE_NAME__, __LINE__);
-    FailWithSlot("the transfer has been stopped");
-}
-
-// Until the next throttle call would save the transfer again, the others would take its part.
 void Transfer::Reload(std::uint64_t bps)
 {
-    std::uint64_t ignoredUs = 0;
-    if (ZEVOBandwidthHupRecv(&config_, &status_, &ignoredUs) < 0)
-        FailWithSlot("the changed limits cannot be read");
-    Evaluate();
-    if (ConfiguredBps() == 0) return;
-    const auto direction = static_cast<std::int32_t>(status_.transfer_type);
-    if (ZEVOBandwidthExpectSpeedEstimateByPolicy(direction, &config_, &status_.expect_speed, 1) < 0)
-        FailWithSlot("the limits cannot be worked out");
-    CheckNotStopped();
-    status_.timestamp = std::time(nullptr);
-    status_.current_speed = bps == 0 ? status_.expect_speed : std::min(bps, status_.expect_speed);
-    if (ZEVOBandwidthStatusSave(config_.uid, &config_, &status_) < 0)
-        FailWithSlot("the transfer cannot be registered");
+    Require(transfer_.Reload(bps), "the changed limits cannot be taken up");
 }
 
 // Whether a rule in force can decide this transfer's speed, as the policy combines them.
 bool Transfer::Bears(const ZEVO_BANDWIDTH_CONF &rule) const
 {
-    const auto inForce = [this](std::int32_t owner) {
-        const ZEVO_BANDWIDTH_LIMIT *begin = config_.pLimit;
-        const ZEVO_BANDWIDTH_LIMIT *end = begin + std::max(config_.iLimit, 0);
-        return std::any_of(begin, end, [owner](const ZEVO_BANDWIDTH_LIMIT &limit) {
+    const zevobw::Config &config = transfer_.config();
+    const auto inForce = [&config](std::int32_t owner) {
+        return std::any_of(config.begin(), config.end(), [owner](const auto &limit) {
             return limit.conf.ownerType == owner &&
                    limit.conf.currentState != ZEVO_BW_STATE_DISABLED;
         });
     };
     if (rule.currentState == ZEVO_BW_STATE_DISABLED) return false;
     const bool isUsers = rule.ownerType == ZEVO_BW_OWNER_USER;
-    switch (config_.globalConf.userGroupPolicy) {
+    switch (config.policy().userGroupPolicy) {
     case ZEVO_BW_USER_GROUP_POLICY_USER_ONLY:
         return isUsers;
     case ZEVO_BW_USER_GROUP_POLICY_GROUP_ONLY:
@@ -191,17 +143,16 @@ bool Transfer::Bears(const ZEVO_BANDWIDTH_CONF &rule) const
 Sharing Transfer::Look() const
 {
     Sharing all = {.transfers = 1, .equalBps = UINT64_MAX};
-    const bool upload = status_.transfer_type == ZEVO_BW_TRANSFER_UPLOAD;
-    for (std::int32_t i = 0; i < config_.iLimit; ++i) {
-        const ZEVO_BANDWIDTH_CONF &rule = config_.pLimit[i].conf;
+    const ZEVO_BANDWIDTH_STATUS &own = transfer_.status();
+    const bool upload = own.transfer_type == ZEVO_BW_TRANSFER_UPLOAD;
+    for (const ZEVO_BANDWIDTH_LIMIT &limit : transfer_.config()) {
+        const ZEVO_BANDWIDTH_CONF &rule = limit.conf;
         const std::uint64_t rate = upload ? rule.currentUploadRate : rule.currentDownloadRate;
         if (rate == 0 || !Bears(rule)) continue;
-        ZEVO_BANDWIDTH_STATUS *list = nullptr;
-        if (ZEVOBandwidthStatusGetAll(rule.ownerType, rule.id, rule.protocolType,
-                                      status_.transfer_type, &list) < 0)
-            continue; // the throttle call will meet it too, and say so
-        const Sharing one = Share(list, status_.pid, config_.uid, rate * 1024);
-        ZEVOBandwidthStatusListFree(&list);
+        const zevobw::Transfers sharers(rule.ownerType, rule.id, rule.protocolType,
+                                        own.transfer_type);
+        if (!sharers.outcome()) continue; // the throttle call will meet it too, and say so
+        const Sharing one = Share(sharers, own.pid, own.uid, rate * 1024);
         all.transfers = std::max(all.transfers, one.transfers);
         all.equalBps = std::min(all.equalBps, one.equalBps);
     }

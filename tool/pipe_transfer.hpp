@@ -1,12 +1,12 @@
-// One registered transfer: the library's view of what pipe moves. Holds configuration and status
-// from the first save to the removal, which the destructor sees to.
+// One registered transfer: the library's view of what pipe moves, with the failures told as the
+// tool tells them. Off the list when it goes out of scope.
 #ifndef ZEVOBW_TOOL_PIPE_TRANSFER_HPP
 #define ZEVOBW_TOOL_PIPE_TRANSFER_HPP
 
 #include <cstdint>
 #include <string>
 
-#include <zevobandwidth.h>
+#include <zevobandwidth.hpp>
 
 #include "pipe_block.hpp"
 
@@ -18,9 +18,6 @@ class Transfer {
 public:
     Transfer(std::uint32_t uid, std::int32_t protocol, std::int32_t direction,
              const std::string &name);
-    ~Transfer();
-    Transfer(const Transfer &) = delete;
-    Transfer &operator=(const Transfer &) = delete;
 
     // False when the protocol's policy is missing or switched off: nobody's rules count then.
     bool ProtocolLimited() const noexcept;
@@ -30,7 +27,7 @@ public:
     std::uint64_t ConfiguredBps();
 
     // What the last call allowed this transfer beside the others.
-    std::uint64_t AllowedBps() const noexcept { return status_.expect_speed; }
+    std::uint64_t AllowedBps() const noexcept { return transfer_.AllowedBps(); }
 
     // The throttle call for a block that took lengthUs. Sleeps what the block was too fast.
     void Throttle(std::uint64_t bytes, std::int64_t lengthUs, std::uint32_t progress);
@@ -46,13 +43,9 @@ public:
     Sharing Look() const;
 
 private:
-    void Evaluate();
     bool Bears(const ZEVO_BANDWIDTH_CONF &rule) const;
-    void CheckNotStopped() const;
 
-    ZEVO_BANDWIDTH_CONFIG config_ = {};
-    ZEVO_BANDWIDTH_STATUS status_ = {};
-    bool onSchedule_ = false;
+    zevobw::Transfer transfer_;
 };
 
 } // namespace tool

@@ -20,6 +20,7 @@
 #include <span>
 #include <vector>
 
+#include <zevobandwidth.hpp>
 #include <zevocore.h>
 
 #include "command.hpp"
@@ -224,21 +225,18 @@ ProgressFigures Ensemble::Look() const
     figures.size = task_.PlayedKB() * kBytesPerKB * all_.size();
     for (const Played &played : all_)
         figures.bytes += played.gotKB * kBytesPerKB;
-    ZEVO_BANDWIDTH_STATUS *list = nullptr;
-    static_cast<void>(ZEVOBandwidthStatusGetAll(ZEVO_BW_OWNER_USER, task_.user.id, task_.protocol,
-                                                static_cast<std::uint32_t>(task_.direction),
-                                                &list)); // the picture is incomplete then
-    for (const auto *status = list; status != nullptr; status = status->next) {
-        const auto isOurs = [status](const Played &played) {
-            return IsLeft(played) && played.pid == status->pid;
+    // Where they cannot be read the picture is incomplete.
+    const zevobw::Transfers running(ZEVO_BW_OWNER_USER, task_.user.id, task_.protocol,
+                                    static_cast<std::uint32_t>(task_.direction));
+    for (const ZEVO_BANDWIDTH_STATUS &status : running) {
+        const auto isOurs = [&status](const Played &played) {
+            return IsLeft(played) && played.pid == status.pid;
         };
         if (std::none_of(all_.begin(), all_.end(), isOurs)) continue;
-        figures.bytes += SavedKB(*status) * kBytesPerKB;
-        const bool isUnlimited = status->expect_speed == 0 || figures.allowedBps == 0;
-        figures.allowedBps =
-            isUnlimited ? 0 : figures.allowedBps.value_or(0) + status->expect_speed;
+        figures.bytes += SavedKB(status) * kBytesPerKB;
+        const bool isUnlimited = status.expect_speed == 0 || figures.allowedBps == 0;
+        figures.allowedBps = isUnlimited ? 0 : figures.allowedBps.value_or(0) + status.expect_speed;
     }
-    ZEVOBandwidthStatusListFree(&list);
     return figures;
 }
 

@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <zevobandwidth.hpp>
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -24,8 +26,6 @@ namespace tool {
 namespace {
 
 constexpr const char *kStatusDirectory = "/tmp/bandwidth";
-// Numbers of add-ons are no bits: only with every bit set does none of them fall through.
-constexpr std::int32_t kEveryProtocol = -1;
 constexpr auto kNobody = static_cast<std::uint32_t>(-1);
 
 RunningTransfer FromRecord(const ZEVO_BANDWIDTH_STATUS &record, std::int32_t ownerType,
@@ -157,15 +157,13 @@ void TransferList::Read(std::int32_t ownerType, std::uint32_t id)
 {
     RequireDirectory();
     const std::string path = StatusFile(ownerType, id);
-    ZEVO_BANDWIDTH_STATUS *list = nullptr;
-    if (ZEVOBandwidthIStatusGetAll(path.c_str(), kEveryProtocol, filter_.directions, &list,
-                                   filter_.merge ? 1 : 0) < 0)
-        Complain(path);
-    for (const auto *record = list; record != nullptr; record = record->next) {
-        RunningTransfer transfer = FromRecord(*record, ownerType, id);
+    const auto running = zevobw::Transfers::FromFile(
+        path.c_str(), zevobw::Transfers::kEveryProtocol, filter_.directions, filter_.merge);
+    if (!running.outcome()) Complain(path);
+    for (const ZEVO_BANDWIDTH_STATUS &record : running) {
+        RunningTransfer transfer = FromRecord(record, ownerType, id);
         if (Passes(transfer)) all_.push_back(std::move(transfer));
     }
-    ZEVOBandwidthStatusListFree(&list);
 }
 
 void TransferList::ReadAll(std::int32_t ownerType)

@@ -1,0 +1,671 @@
+/**
+ * zevobandwidth.hpp: the C++ layer over zevobandwidth.h, in this header alone; C++11 or later.
+ *
+ *     std::atomic<unsigned> notices{0};     // the service's SIGHUP handler adds 1, no more
+ *
+ *     auto begun = zevobw::Transfer::Begin(uid, ZEVO_BW_PROTOCOL_FTP, ZEVO_BW_TRANSFER_UPLOAD,
+ *                                          "photos.tar", &notices);
+ *     if (!begun) return Refuse(begun.error().Text());
+ *     zevobw::Transfer &transfer = begun.value();
+ *     while (more) {
+ *         ... move at most transfer.BlockSize(wanted) bytes ...
+ *         const zevobw::Outcome paid = transfer.Moved(bytes, progress); // sleeps
+ *         if (!paid) return transfer.stopped() ? SayStopped() : Complain(paid.error().Text());
+ *     } // the scope's end takes the transfer off the list, however it is left
+ *
+ * Conventions:
+ *  - Constants, records, units and the meaning of every code are those of zevobandwidth.h: rates
+ *    are KB/s, speeds bytes per second, 0 is unlimited, progress is in ten-thousandths.
+ *  - A failure is a value: an Outcome, or a Result that holds something else on success. Nothing
+ *    throws but what bears "OrThrow" in its name and what makes a std::string. One opt-in for
+ *    every call, so that no function has to exist twice: Config::Read(uid, protocol).ValueOrThrow().
+ *  - A failed Result still holds a value, an empty one. An empty Config limits nobody, an empty
+ *    Transfer lets everything pass: whoever would rather serve unlimited than not at all just goes
+ *    on.
+ *  - Objects own what they hold, can be moved and not copied; what was moved from is empty.
+ *  - Threads: an object belongs to one thread at a time, different ones may be used at once. Nothing
+ *    is for signal handlers.
+ *  - What shares a section: uploads of one process and user share one, and so do its downloads; in
+ *    the file of a group even those of different users do. See Transfer.
+ *
+ * Programs that use this layer are linked with zevobandwidth and with zevocore, whose error slot
+ * says what failed.
+ */
+#ifndef ZEVOBANDWIDTH_HPP
+#define ZEVOBANDWIDTH_HPP
+
+#include <zevobandwidth.h>
+#include <zevocore.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <iterator>
+#include <string>
+#include <utility>
+
+#if defined(__cpp_exceptions) || defined(__EXCEPTIONS)
+#define ZEVO_BW_HAS_EXCEPTIONS 1
+#include <stdexcept>
+#endif
+
+#if __cplusplus >= 201703L
+#define ZEVO_BW_NODISCARD [[nodiscard]]
+#else
+#define ZEVO_BW_NODISCARD
+#endif
+
+namespace zevobw {
+
+// ---- failures ----
+
+/** What failed, and the place in the library's or the platform's sources that found it. A copy: it
+ *  outlives the error slot that it was taken from. */
+class Error {
+public:
+    Error() noexcept : code_(0), line_(0), file_() {}
+
+    /** What the calling thread's error slot holds. */
+    static Error FromSlot() noexcept
+    {
+        Error error;
+        error.code_ = VLIBCErrGet();
+        error.line_ = VLIBCErrorGetLine();
+        (void)std::snprintf(error.file_, sizeof(error.file_), "%s", VLIBCErrorGetFile());
+        return error;
+    }
+
+    /** A ZEVO_BW_ERROR or a code of the platform's; 0 when the call recorded none, as for a policy
+     *  of unknown value: the system log says more then. */
+    unsigned int code() const noexcept { return code_; }
+
+    /** The source file without its directory, cut to 63 characters; "" with code 0. */
+    const char *file() const noexcept { return file_; }
+    int line() const noexcept { return line_; }
+
+    /** An administrator has stopped the transfer: no fault, but it must end. */
+    bool IsStop() const noexcept { return code_ == ZEVO_BW_ERROR_STOPPED; }
+
+    /** The code in words, static storage. */
+    const char *What() const noexcept
+    {
+        static const struct {
+            unsigned int code;
+            const char *words;
+        } kRows[] = {
+            {ZEVO_BW_ERROR_NO_MEMORY, "out of memory"},
+            {ZEVO_BW_ERROR_STOPPED, "stopped by an administrator"},
+            {ZEVO_BW_ERROR_ADDON_SEARCH, "no add-on by that name or number"},
+            {ZEVO_BW_ERROR_OPEN, "a file cannot be opened or created"},
+            {ZEVO_BW_ERROR_READ, "a file cannot be read"},
+            {ZEVO_BW_ERROR_WRITE, "a file cannot be written"},
+            {ZEVO_BW_ERROR_BAD_ARGUMENT, "refused argument"},
+            {ZEVO_BW_ERROR_NOT_THERE, "not there"},
+            {ZEVO_BW_ERROR_STAT, "a file's attributes cannot be read"},
+            {ZEVO_BW_ERROR_RENAME, "a file cannot be renamed"},
+            {ZEVO_BW_ERROR_BAD_NUMBER, "malformed number"},
+            {ZEVO_BW_ERROR_ADDON_AMBIGUOUS, "several add-ons by that name or number"},
+            {ZEVO_BW_ERROR_ADDON_BAD_NAME, "malformed name of an add-on's file"},
+            {ZEVO_BW_ERROR_OWNER_TYPE, "a rule's owner is neither user nor group"},
+        };
+        for (const auto &row : kRows)
+            if (row.code == code_) return row.words;
+        return "failed, see the system log";
+    }
+
+    /** "stopped by an administrator [0x0300 bandwidth_sleep_in_loop.cpp:211]". Throws
+     *  std::bad_alloc. */
+    std::string Text() const
+    {
+        char place[kFileSize + 32];
+        (void)std::snprintf(place, sizeof(place), " [0x%04X %s:%d]", code_, file_, line_);
+        return std::string(What()) + place;
+    }
+
+private:
+    static constexpr std::size_t kFileSize = 64;
+
+    unsigned int code_;
+    int line_;
+    char file_[kFileSize];
+};
+
+#ifdef ZEVO_BW_HAS_EXCEPTIONS
+/** What the functions with "OrThrow" in their names throw; what() is Error::Text(). */
+class Failure : public std::runtime_error {
+public:
+    explicit Failure(const Error &error) : std::runtime_error(error.Text()), error_(error) {}
+    const Error &error() const noexcept { return error_; }
+
+private:
+    Error error_;
+};
+#endif
+
+/** Whether a call succeeded, and what failed if not. */
+class Outcome {
+public:
+    /** Success. */
+    Outcome() noexcept : ok_(true) {}
+    Outcome(const Error &error) noexcept // NOLINT(google-explicit-constructor): returned as it is
+        : ok_(false), error_(error)
+    {
+    }
+
+    bool ok() const noexcept { return ok_; }
+    explicit operator bool() const noexcept { return ok_; }
+
+    /** Empty, code 0, after success. */
+    const Error &error() const noexcept { return error_; }
+
+#ifdef ZEVO_BW_HAS_EXCEPTIONS
+    /** Throws Failure unless the call succeeded. */
+    void OrThrow() const
+    {
+        if (!ok_) throw Failure(error_);
+    }
+#endif
+
+private:
+    bool ok_;
+    Error error_;
+};
+
+/** An outcome with what the call gives on success, and an empty T on failure. */
+template <class T> class Result : public Outcome {
+public:
+    // NOLINTNEXTLINE(google-explicit-constructor): a function returns one or the other
+    Result(T &&value) noexcept : value_(std::move(value)) {}
+    // NOLINTNEXTLINE(google-explicit-constructor)
+    Result(const Error &error) noexcept : Outcome(error), value_() {}
+
+    T &value() noexcept { return value_; }
+    const T &value() const noexcept { return value_; }
+
+#ifdef ZEVO_BW_HAS_EXCEPTIONS
+    /** Moves the value out, or throws Failure. */
+    T ValueOrThrow()
+    {
+        OrThrow();
+        return std::move(value_);
+    }
+#endif
+
+private:
+    T value_;
+};
+
+namespace detail {
+
+/** Runs a call of the C interface and takes its failure along. The slot is emptied first: not every
+ *  failure records one, and what an earlier call left there must not pass for it. */
+template <class Call> Outcome Try(Call call) noexcept
+{
+    VLIBCErrSetEx(0, "", 0);
+    return call() < 0 ? Outcome(Error::FromSlot()) : Outcome();
+}
+
+} // namespace detail
+
+// ---- what bears on a user ----
+
+/** The rules and the policy that bear on one user for one protocol. */
+class Config {
+public:
+    /** Empty. */
+    Config() noexcept : record_() {}
+    ~Config() { ZEVOBandwidthConfigFree(&record_); }
+    Config(Config &&other) noexcept : record_() { std::swap(record_, other.record_); }
+    Config &operator=(Config &&other) noexcept
+    {
+        Config moved(std::move(other));
+        std::swap(record_, moved.record_);
+        return *this;
+    }
+    Config(const Config &) = delete;
+    Config &operator=(const Config &) = delete;
+
+    /** ZEVOBandwidthConfigGet(): as of now. Reads the rule files and the user database. A file that is
+     *  not there counts as empty, as in a chroot without it: nobody is limited then. */
+    ZEVO_BW_NODISCARD static Result<Config> Read(std::uint32_t uid, std::int32_t protocol) noexcept
+    {
+        Config config;
+        const Outcome read =
+            detail::Try([&] { return ZEVOBandwidthConfigGet(uid, protocol, &config.record_); });
+        if (!read) return read.error();
+        return config;
+    }
+
+    /** ZEVOBandwidthInitConfig(): states and plans at a moment, microseconds since the epoch, 0 for
+     *  now. true when anything is on a schedule, so that it has to be asked again in another hour.
+     */
+    bool Evaluate(std::int64_t timeUs = 0) noexcept
+    {
+        return ZEVOBandwidthInitConfig(&record_, timeUs) == 1;
+    }
+
+    /** The rules in force or on a schedule: the user's own first, then those of his groups. */
+    const ZEVO_BANDWIDTH_LIMIT *begin() const noexcept { return record_.pLimit; }
+    const ZEVO_BANDWIDTH_LIMIT *end() const noexcept { return record_.pLimit + size(); }
+    std::size_t size() const noexcept
+    {
+        return record_.iLimit > 0 ? static_cast<std::size_t>(record_.iLimit) : 0;
+    }
+
+    const ZEVO_BANDWIDTH_GLOBAL_CONF &policy() const noexcept { return record_.globalConf; }
+
+    /** The record itself, for the calls of the C interface; it stays this object's. */
+    ZEVO_BANDWIDTH_CONFIG &record() noexcept { return record_; }
+    const ZEVO_BANDWIDTH_CONFIG &record() const noexcept { return record_; }
+
+private:
+    ZEVO_BANDWIDTH_CONFIG record_;
+};
+
+// ---- what runs ----
+
+/**
+ * The running transfers of one owner, as they stood when the object was made:
+ *
+ *     for (const ZEVO_BANDWIDTH_STATUS &t : zevobw::Transfers(ZEVO_BW_OWNER_USER, uid)) ...
+ *
+ * Making one reads the owner's status file, and removes from it what is more than 30 seconds old.
+ * Where it cannot be read the range is empty and outcome() says why; an owner without a file has no
+ * transfers. The records live as long as the object. What stands in them every local user can have
+ * written.
+ */
+class Transfers {
+public:
+    class Iterator {
+    public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = ZEVO_BANDWIDTH_STATUS;
+        using difference_type = std::ptrdiff_t;
+        using pointer = const ZEVO_BANDWIDTH_STATUS *;
+        using reference = const ZEVO_BANDWIDTH_STATUS &;
+
+        Iterator() noexcept : at_(nullptr) {}
+        explicit Iterator(pointer at) noexcept : at_(at) {}
+        reference operator*() const noexcept { return *at_; }
+        pointer operator->() const noexcept { return at_; }
+        Iterator &operator++() noexcept
+        {
+            at_ = at_->next;
+            return *this;
+        }
+        Iterator operator++(int) noexcept
+        {
+            const Iterator before = *this;
+            ++*this;
+            return before;
+        }
+        friend bool operator==(Iterator a, Iterator b) noexcept { return a.at_ == b.at_; }
+        friend bool operator!=(Iterator a, Iterator b) noexcept { return a.at_ != b.at_; }
+
+    private:
+        pointer at_;
+    };
+    using const_iterator = Iterator;
+    using value_type = ZEVO_BANDWIDTH_STATUS;
+
+    /** Passes every protocol; numbers of add-ons are no bits, see ZEVOBandwidthIStatusGetAll(). */
+    static constexpr std::int32_t kEveryProtocol = -1;
+
+    /** @param ownerType  ZEVO_BW_OWNER_USER or ZEVO_BW_OWNER_GROUP
+     *  @param id         uid or gid */
+    Transfers(std::int32_t ownerType, std::uint32_t id, std::int32_t protocolMask = kEveryProtocol,
+              std::uint32_t transferMask = ZEVO_BW_TRANSFER_ALL) noexcept
+        : Transfers()
+    {
+        Take([&] {
+            return ZEVOBandwidthStatusGetAll(ownerType, id, protocolMask, transferMask, &head_);
+        });
+    }
+
+    /** ZEVOBandwidthIStatusGetAll(): those of a file. DANGER: a path with a "." in it is taken for
+     *  a leftover temporary file and may be deleted. merged: one record for each protocol and
+     *  direction, with the sums of the speeds. */
+    static Transfers FromFile(const char *szStatusFile, std::int32_t protocolMask,
+                              std::uint32_t transferMask, bool merged) noexcept
+    {
+        Transfers transfers;
+        transfers.Take([&] {
+            return ZEVOBandwidthIStatusGetAll(szStatusFile, protocolMask, transferMask,
+                                              &transfers.head_, merged ? 1 : 0);
+        });
+        return transfers;
+    }
+
+    ~Transfers() { ZEVOBandwidthStatusListFree(&head_); }
+    Transfers(Transfers &&other) noexcept : Transfers() { Swap(other); }
+    Transfers &operator=(Transfers &&other) noexcept
+    {
+        Transfers moved(std::move(other));
+        Swap(moved);
+        return *this;
+    }
+    Transfers(const Transfers &) = delete;
+    Transfers &operator=(const Transfers &) = delete;
+
+    const Outcome &outcome() const noexcept { return outcome_; }
+
+    Iterator begin() const noexcept { return Iterator(head_); }
+    Iterator end() const noexcept { return Iterator(); }
+    std::size_t size() const noexcept { return size_; }
+    bool empty() const noexcept { return size_ == 0; }
+
+private:
+    Transfers() noexcept : head_(nullptr), size_(0) {}
+
+    template <class Call> void Take(Call call) noexcept
+    {
+        int count = 0;
+        outcome_ = detail::Try([&] { return count = call(); });
+        size_ = count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
+    void Swap(Transfers &other) noexcept
+    {
+        std::swap(head_, other.head_);
+        std::swap(size_, other.size_);
+        std::swap(outcome_, other.outcome_);
+    }
+
+    ZEVO_BANDWIDTH_STATUS *head_;
+    std::size_t size_;
+    Outcome outcome_;
+};
+
+// ---- one transfer ----
+
+/**
+ * A transfer of the calling process, from its registration to its end. The destructor takes it off
+ * the list, by whatever way the scope is left; a process that is killed, or calls _exit() or exit()
+ * from within, leaves it to go stale after 30 seconds.
+ *
+ * The section of a transfer bears the process and the direction, nothing else. Of two objects of one
+ * process, user and direction each sees the other's section as its own: each takes the whole speed,
+ * and the first to end takes the other off the list until its next block. One object has to stand
+ * for all such transfers of a process, told of the bytes of all of them. In the file of a group the
+ * same holds for different users of that group: whoever serves them under a group's limit serves
+ * each from a process of his own. Begin it in the process that moves the data, after any fork().
+ *
+ * About 4.5 KB large.
+ */
+class Transfer {
+public:
+    /** Empty: every block passes at once, nothing is listed. */
+    Transfer() noexcept
+        : status_(), timeLast_(0), notices_(nullptr), noticesSeen_(0), onSchedule_(false),
+          stopped_(false)
+    {
+    }
+    ~Transfer() { (void)Remove(); }
+    Transfer(Transfer &&other) noexcept : Transfer() { Swap(other); }
+    /** Ends what the object held, after the other has begun: where both have user and direction in
+     *  common, call End() before. */
+    Transfer &operator=(Transfer &&other) noexcept
+    {
+        Transfer moved(std::move(other));
+        Swap(moved);
+        return *this;
+    }
+    Transfer(const Transfer &) = delete;
+    Transfer &operator=(const Transfer &) = delete;
+
+    /**
+     * Reads the user's rules and registers a transfer before its first block. One that nothing
+     * limits is not listed, but will be as soon as a reload brings a limit.
+     * @param uid         user; (uint32_t)-1 is refused
+     * @param protocol    one protocol or an add-on's number; ZEVO_BW_PROTOCOL_ALL is refused
+     * @param direction   ZEVO_BW_TRANSFER_UPLOAD or ZEVO_BW_TRANSFER_DOWNLOAD
+     * @param szFileName  what is listed, cut to 4095 characters
+     * @param notices     counts the notices that limits have changed, which the host's SIGHUP
+     *                    handler adds to; nullptr when the host calls Reload() itself. It must
+     *                    outlive the transfer, and may serve any number.
+     * Errors: as ZEVOBandwidthConfigGet() and ZEVOBandwidthStatusInit(); nothing stays behind.
+     */
+    ZEVO_BW_NODISCARD static Result<Transfer>
+    Begin(std::uint32_t uid, std::int32_t protocol, std::int32_t direction, const char *szFileName,
+          const std::atomic<unsigned> *notices = nullptr) noexcept
+    {
+        Transfer begun;
+        begun.Watch(notices); // first, lest a change slip in between
+        Result<Config> config = Config::Read(uid, protocol);
+        if (!config) return config.error();
+        begun.config_ = std::move(config.value());
+        return Register(begun, direction, szFileName);
+    }
+
+    /** The same with a configuration that has been read before, as by a service that gives up its
+     *  privileges, or the sight of the rule files, in between. */
+    ZEVO_BW_NODISCARD static Result<Transfer>
+    Begin(Config &&config, std::int32_t direction, const char *szFileName,
+          const std::atomic<unsigned> *notices = nullptr) noexcept
+    {
+        Transfer begun;
+        begun.Watch(notices);
+        begun.config_ = std::move(config);
+        return Register(begun, direction, szFileName);
+    }
+
+    /**
+     * How large the next block may be: at most five seconds' worth of the configured speed and of
+     * what was allowed last, at least 1. wanted where that cannot be worked out; Moved() will say so.
+     */
+    std::uint64_t BlockSize(std::uint64_t wanted) noexcept
+    {
+        std::uint64_t bps = ConfiguredBps().value();
+        if (ZEVOBandwidthIsLessThan(AllowedBps(), bps) == 1) bps = AllowedBps();
+        if (bps == 0 || wanted == 0) return wanted;
+        const std::uint64_t most = std::min(bps, UINT64_MAX / kMostSeconds) * kMostSeconds;
+        return std::min(wanted, most);
+    }
+
+    /**
+     * To be called after each block, and at least every 10 seconds, with 0 bytes while none come:
+     * else the transfer goes stale. Sleeps off what the block was too fast, saves the transfer, and
+     * obeys a notice that has come in.
+     * @param bytes     moved since the previous call
+     * @param progress  ten-thousandths
+     * @return          failed: end the transfer when stopped(), decide otherwise. Without success the
+     *                  block may have passed at any speed.
+     * Errors: as ZEVOBandwidthSleepInLoop() and Reload(). A failed reload is tried again with the
+     *         next block; the old limits hold meanwhile.
+     * Threads: sleeps; a signal cuts that short.
+     */
+    ZEVO_BW_NODISCARD Outcome Moved(std::uint64_t bytes, std::uint32_t progress) noexcept
+    {
+        const std::uint64_t before = timeLast_;
+        const Outcome paid = Pay(bytes, progress);
+        // Where nothing limits the transfer time goes on, too: a limit that comes finds no credit.
+        if (timeLast_ == before) timeLast_ = ZEVOBandwidthCurrTimeGet();
+        return paid ? ObeyNotice() : paid;
+    }
+
+    /** The same for a host that keeps its own time: the block took lengthUs microseconds, 0 or more,
+     *  up to this call. */
+    ZEVO_BW_NODISCARD Outcome Moved(std::uint64_t bytes, std::uint32_t progress,
+                                    std::int64_t lengthUs) noexcept
+    {
+        timeLast_ = ZEVOBandwidthCurrTimeGet() - static_cast<std::uint64_t>(lengthUs);
+        return Moved(bytes, progress);
+    }
+
+    /**
+     * Reads the limits anew and, where the transfer is limited now, saves it at once, so that the
+     * others go on counting it.
+     * Errors: as ZEVOBandwidthHupRecv(), ZEVOBandwidthStatusSave(), or a stop.
+     */
+    ZEVO_BW_NODISCARD Outcome Reload() noexcept { return Reload(status_.current_speed); }
+
+    /** The same, given the speed at which the transfer has been moving; 0 when it is not known. */
+    ZEVO_BW_NODISCARD Outcome Reload(std::uint64_t speedBps) noexcept
+    {
+        if (status_.pid == 0) return Outcome(); // empty
+        const Outcome read = detail::Try(
+            [&] { return ZEVOBandwidthHupRecv(&config_.record(), &status_, &timeLast_); });
+        if (!read) return read;
+        onSchedule_ = config_.Evaluate();
+        const Result<std::uint64_t> configured = ConfiguredBps();
+        if (!configured) return configured.error();
+        return configured.value() == 0 ? Outcome() : SaveAmongOthers(speedBps);
+    }
+
+    /** What the rules give the transfer in this hour if it were alone; 0 when nothing limits it.
+     *  Reads no file. */
+    ZEVO_BW_NODISCARD Result<std::uint64_t> ConfiguredBps() noexcept
+    {
+        const std::int32_t state = config_.policy().state;
+        if (state == ZEVO_BW_STATE_NOT_EXISTED || state == ZEVO_BW_STATE_DISABLED)
+            return std::uint64_t{0};
+        if (onSchedule_) onSchedule_ = config_.Evaluate();
+        // Asked for everything, the estimate answers five seconds' worth.
+        std::uint64_t most = UINT64_MAX;
+        const Outcome asked = detail::Try([&] {
+            return ZEVOBandwidthTransferSizeEstimate(&config_.record(), direction(), most, &most);
+        });
+        if (!asked) return asked.error();
+        return most == UINT64_MAX ? std::uint64_t{0} : most / kMostSeconds;
+    }
+
+    /** What the last call allowed the transfer beside the others; 0 unlimited, or not asked yet. */
+    std::uint64_t AllowedBps() const noexcept { return status_.expect_speed; }
+
+    /** A call has found that an administrator has stopped the transfer. */
+    bool stopped() const noexcept { return stopped_; }
+
+    /** Looks the stop up now, between blocks. Reads the user's status file. */
+    bool AskStopped() const noexcept
+    {
+        ZEVO_BANDWIDTH_STATUS saved = {};
+        saved.active = 1; // a section that lacks its flag, as a torn one may, stops nobody
+        return stopped_ ||
+               (IsSaved() &&
+                ZEVOBandwidthStatusGet(ZEVO_BW_OWNER_USER, status_.id, direction(), &saved) == 0 &&
+                saved.active == 0);
+    }
+
+    /** Takes the transfer off the list before the scope's end; the object is empty then. On failure
+     *  what could not be removed goes stale after 30 seconds. */
+    Outcome End() noexcept
+    {
+        const Outcome removed = Remove();
+        status_ = ZEVO_BANDWIDTH_STATUS();
+        config_ = Config();
+        notices_ = nullptr;
+        return removed;
+    }
+
+    const Config &config() const noexcept { return config_; }
+    const ZEVO_BANDWIDTH_STATUS &status() const noexcept { return status_; }
+    std::int32_t direction() const noexcept
+    {
+        return static_cast<std::int32_t>(status_.transfer_type);
+    }
+
+private:
+    static constexpr std::uint64_t kMostSeconds = 5;
+
+    static Result<Transfer> Register(Transfer &begun, std::int32_t direction,
+                                     const char *szFileName) noexcept
+    {
+        begun.onSchedule_ = begun.config_.Evaluate();
+        begun.timeLast_ = ZEVOBandwidthCurrTimeGet();
+        const Outcome registered = detail::Try([&] {
+            return ZEVOBandwidthStatusInit(&begun.config_.record(), direction, szFileName,
+                                           &begun.timeLast_, &begun.status_);
+        });
+        if (!registered) return registered.error();
+        return std::move(begun);
+    }
+
+    void Watch(const std::atomic<unsigned> *notices) noexcept
+    {
+        notices_ = notices;
+        if (notices != nullptr) noticesSeen_ = notices->load();
+    }
+
+    Outcome Pay(std::uint64_t bytes, std::uint32_t progress) noexcept
+    {
+        // The loop itself looks at the plans for one transfer of the process only.
+        if (onSchedule_) onSchedule_ = config_.Evaluate();
+        const Outcome paid = detail::Try([&] {
+            return ZEVOBandwidthSleepInLoop(&config_.record(), bytes, progress, &timeLast_,
+                                            &status_);
+        });
+        if (paid.error().IsStop()) stopped_ = true;
+        return paid;
+    }
+
+    Outcome ObeyNotice() noexcept
+    {
+        const unsigned seen = notices_ == nullptr ? noticesSeen_ : notices_->load();
+        if (seen == noticesSeen_) return Outcome();
+        const Outcome reloaded = Reload();
+        if (reloaded) noticesSeen_ = seen;
+        return reloaded;
+    }
+
+    Outcome SaveAmongOthers(std::uint64_t speedBps) noexcept
+    {
+        const Outcome estimated = detail::Try([&] {
+            return ZEVOBandwidthExpectSpeedEstimateByPolicy(direction(), &config_.record(),
+                                                            &status_.expect_speed, 1);
+        });
+        if (!estimated) return estimated;
+        if (AskStopped()) return Stop();
+        status_.timestamp = std::time(nullptr);
+        status_.current_speed =
+            speedBps == 0 ? status_.expect_speed : std::min(speedBps, status_.expect_speed);
+        return detail::Try([&] {
+            return ZEVOBandwidthStatusSave(config_.record().uid, &config_.record(), &status_);
+        });
+    }
+
+    Outcome Stop() noexcept
+    {
+        stopped_ = true;
+        VLIBCErrSetEx(ZEVO_BW_ERROR_STOPPED, "zevobandwidth.hpp", __LINE__);
+        return Error::FromSlot();
+    }
+
+    /** A time stamp stands in the record since it has been saved first. */
+    bool IsSaved() const noexcept { return status_.timestamp != 0; }
+
+    /** By the user database, for which groups were charged changes with what runs; and by the rules
+     *  as they were read, for groups that the user has left meanwhile. */
+    Outcome Remove() noexcept
+    {
+        if (!IsSaved()) return Outcome();
+        const std::uint32_t uid = config_.record().uid;
+        (void)ZEVOBandwidthStatusForceRemoveAllByUID(uid, status_.transfer_type);
+        return detail::Try(
+            [&] { return ZEVOBandwidthStatusRemove(&config_.record(), status_.transfer_type); });
+    }
+
+    void Swap(Transfer &other) noexcept
+    {
+        std::swap(config_, other.config_);
+        std::swap(status_, other.status_);
+        std::swap(timeLast_, other.timeLast_);
+        std::swap(notices_, other.notices_);
+        std::swap(noticesSeen_, other.noticesSeen_);
+        std::swap(onSchedule_, other.onSchedule_);
+        std::swap(stopped_, other.stopped_);
+    }
+
+    Config config_;
+    ZEVO_BANDWIDTH_STATUS status_;
+    std::uint64_t timeLast_; // end of the last block, microseconds since the epoch
+    const std::atomic<unsigned> *notices_;
+    unsigned noticesSeen_;
+    bool onSchedule_;
+    bool stopped_;
+};
+
+} // namespace zevobw
+
+#endif // ZEVOBANDWIDTH_HPP

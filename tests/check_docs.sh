@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Pages keep up with the tree: what they link to is there, and so is every source file that
+# docs/architecture.md names. Prints what is missing, one finding a line.
+set -euo pipefail
+cd "${BASH_SOURCE[0]%/*}/.."
+
+found=$(mktemp)
+trap 'rm -f "$found"' EXIT
+
+for page in *.md docs/*.md; do
+    grep -oE '\]\([^)# ]+' "$page" | sed 's/^](//' | grep -vE '^https?:' |
+        while IFS= read -r link; do
+            [[ -e ${page%"${page##*/}"}./$link ]] || echo "$page: no such file: $link"
+        done || true # a page without links
+done >"$found"
+
+# Words of the picture stand at the ends of its branches and arrows.
+readonly page=docs/architecture.md
+# shellcheck disable=SC2016  # the backquotes are the page's
+{
+    grep -oE '(├─|└─|►|─) [a-z]+_[a-z_]+' $page | sed 's/.* //'
+    grep -oE '`[a-z_]+\.[ch]pp`' $page | tr -d '`'
+    grep -oE '`(src|tool|tests|include|platform)/[a-z_/.]*`' $page | tr -d '`'
+} | sort -u | while IFS= read -r name; do
+    for path in "$name" {src/bandwidth_,tool/,platform/core/}"$name"{,.cpp}; do
+        [[ ! -e $path ]] || continue 2
+    done
+    echo "$page: no such file: $name"
+done >>"$found"
+
+cat "$found"
+[[ ! -s $found ]]
