@@ -1,0 +1,63 @@
+# What "cmake --install" puts where, in components that a packager can tell apart:
+#   library  libzevobandwidth and the definition of the status directory
+#   core     libzevocore    \ left out with ZEVOBW_PLATFORM=OFF, as are
+#   sdk      libzevosdk     / zevocore.h and what links against them
+#   dev      what a service is built with
+#   tool     the administrator's command, its manual and completions
+#
+# DESTDIR and --prefix are followed: nothing that is installed names the prefix.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(ZEVOBW_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
+    CACHE STRING "Where zsh looks for completions")
+
+# ---- libraries and headers ----
+
+install(TARGETS zevobandwidth LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library
+        NAMELINK_COMPONENT dev)
+install(FILES
+        include/zevobandwidth.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+if(ZEVOBW_PLATFORM)
+    install(TARGETS zevocore LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT core
+            NAMELINK_COMPONENT dev)
+    # Services read the error slot themselves; libzevosdk they never call.
+    install(FILES platform/core/include/zevocore.h
+            DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+    install(TARGETS zevosdk LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT sdk NAMELINK_SKIP)
+endif()
+
+# systemd looks there whatever the architecture's library directory is.
+install(FILES cmake/tmpfiles.conf RENAME zevobandwidth.conf
+        DESTINATION lib/tmpfiles.d COMPONENT library)
+
+# ---- the tool: in bin, for ordinary users run "zevobandwidth pipe" ----
+
+install(TARGETS zevobandwidth-tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+
+# install_completion(SHELL DIRECTORY NAME): what the tool itself prints for the shell.
+function(install_completion shell directory name)
+    set(script ${CMAKE_BINARY_DIR}/completion/${shell}/${name})
+    add_custom_command(OUTPUT ${script} VERBATIM
+        COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/completion/${shell}
+        COMMAND zevobandwidth-tool completion ${shell} > ${script})
+    add_custom_target(completion_${shell} ALL DEPENDS ${script})
+    install(FILES ${script} DESTINATION ${directory} COMPONENT tool)
+endfunction()
+install_completion(bash ${CMAKE_INSTALL_DATADIR}/bash-completion/completions zevobandwidth)
+install_completion(zsh ${ZEVOBW_ZSH_DIR} _zevobandwidth)
+install_completion(fish ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d zevobandwidth.fish)
+
+# ---- the manual ----
+
+file(GLOB pages CONFIGURE_DEPENDS man/*.[13578])
+foreach(page IN LISTS pages)
+    cmake_path(GET page EXTENSION LAST_ONLY section)
+    string(SUBSTRING ${section} 1 -1 section)
+    set(component tool)
+    if(section EQUAL 3)
+        set(component dev)
+    endif()
+    install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
+endforeach()
