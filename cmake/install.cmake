@@ -28,6 +28,25 @@ if(ZEVOBW_PLATFORM)
     install(TARGETS zevosdk LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT sdk NAMELINK_SKIP)
 endif()
 
+# ---- how a service finds them ----
+
+set(pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH pc_to_prefix /${pc_dir} /)
+string(REGEX REPLACE "/$" "" pc_to_prefix ${pc_to_prefix})
+configure_file(cmake/zevobandwidth.pc.in zevobandwidth.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/zevobandwidth.pc DESTINATION ${pc_dir} COMPONENT dev)
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Zevobandwidth)
+configure_package_config_file(cmake/ZevobandwidthConfig.cmake.in ZevobandwidthConfig.cmake
+    INSTALL_DESTINATION ${package_dir} PATH_VARS CMAKE_INSTALL_LIBDIR CMAKE_INSTALL_INCLUDEDIR)
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/ZevobandwidthConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/ZevobandwidthConfig.cmake
+              ${CMAKE_BINARY_DIR}/ZevobandwidthConfigVersion.cmake
+        DESTINATION ${package_dir} COMPONENT dev)
+
+# ---- the status directory ----
+
 # systemd looks there whatever the architecture's library directory is.
 install(FILES cmake/tmpfiles.conf RENAME zevobandwidth.conf
         DESTINATION lib/tmpfiles.d COMPONENT library)

@@ -25,7 +25,7 @@ packages_of() { # GROUP
     build) echo g++ cmake ninja-build libcli11-dev libncurses-dev nlohmann-json3-dev psmisc ;;
     test)
         echo libgtest-dev libgmock-dev libbenchmark-dev util-linux mount uidmap tmux zsh fish \
-            python3-jsonschema mandoc locales
+            python3-jsonschema mandoc locales pkgconf
         ;;
     run) echo util-linux mount ;; # what the sandbox needs
     pictures) echo python3 python3-rich tmux ;;
