@@ -9,8 +9,9 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-set(ZEVOBW_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
-    CACHE STRING "Where zsh looks for completions")
+# Builds what is installed, and nothing else.
+add_custom_target(distribution ALL)
+add_dependencies(distribution zevobandwidth zevocore zevosdk zevobandwidth-tool)
 
 # ---- libraries and headers ----
 
@@ -61,11 +62,12 @@ function(install_completion shell directory name)
     add_custom_command(OUTPUT ${script} VERBATIM
         COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/completion/${shell}
         COMMAND zevobandwidth-tool completion ${shell} > ${script})
-    add_custom_target(completion_${shell} ALL DEPENDS ${script})
+    add_custom_target(completion_${shell} DEPENDS ${script})
+    add_dependencies(distribution completion_${shell})
     install(FILES ${script} DESTINATION ${directory} COMPONENT tool)
 endfunction()
 install_completion(bash ${CMAKE_INSTALL_DATADIR}/bash-completion/completions zevobandwidth)
-install_completion(zsh ${ZEVOBW_ZSH_DIR} _zevobandwidth)
+install_completion(zsh ${CMAKE_INSTALL_DATADIR}/zsh/site-functions _zevobandwidth)
 install_completion(fish ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d zevobandwidth.fish)
 
 # ---- the manual ----

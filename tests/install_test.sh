@@ -84,9 +84,9 @@ cat >service.c <<'END'
 int main(void)
 {
     ZEVO_BANDWIDTH_CONFIG config = {0};
-    if (ZEVOBandwidthConfigGet(2001, ZEVO_BW_PROTOCOL_FTP, &config) < 0) return 1;
+    if (ZEVOBandwidthConfigGet(0, ZEVO_BW_PROTOCOL_FTP, &config) < 0) return 1;
     ZEVOBandwidthConfigFree(&config);
-    if (ZEVOBandwidthConfigGet(2001, ZEVO_BW_PROTOCOL_ALL, &config) == 0) return 1;
+    if (ZEVOBandwidthConfigGet(0, ZEVO_BW_PROTOCOL_ALL, &config) == 0) return 1;
     if (VLIBCErrGet() != ZEVO_BW_ERROR_BAD_ARGUMENT) return 1;
     printf("zevobandwidth %d.%d.%d\n", ZEVO_BW_VERSION_MAJOR, ZEVO_BW_VERSION_MINOR,
            ZEVO_BW_VERSION_PATCH);
