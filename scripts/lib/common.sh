@@ -31,7 +31,7 @@ packages_of() { # GROUP
     pictures) echo python3 python3-rich tmux ;;
     plot) echo gnuplot-nox ;;
     measure) echo pv ;; # what the cost is compared with
-    package) echo dpkg-dev debhelper lintian git ;;
+    package) echo build-essential debhelper lintian git ;;
     abi) echo abigail-tools g++-multilib ;;
     check) echo clang-format clang-tidy shellcheck ;;
     fuzz) echo clang libclang-rt-14-dev gcovr ;;
