@@ -8,16 +8,19 @@ using namespace bandwidth;
 namespace {
 
 // The records are part of the binary interface.
-static_assert(offsetof(ZEVO_BANDWIDTH_CONF, currentUploadRate) == 24 ||
-              sizeof(void *) < 8); // 32-bit systems may align 64-bit fields to 4
+static_assert(offsetof(ZEVO_BANDWIDTH_CONF, currentUploadRate) == Pinned(24, 24, 20));
 static_assert(offsetof(ZEVO_BANDWIDTH_CONF, currentDownloadRate) ==
               offsetof(ZEVO_BANDWIDTH_CONF, currentUploadRate) + sizeof(uint64_t));
-static_assert(sizeof(ZEVO_BANDWIDTH_CONF) == 328 || sizeof(void *) < 8);
+static_assert(offsetof(ZEVO_BANDWIDTH_CONF, szSchedulePlan) == Pinned(72, 72, 68));
+static_assert(sizeof(ZEVO_BANDWIDTH_CONF) == Pinned(328, 328, 324));
 static_assert(offsetof(ZEVO_BANDWIDTH_GLOBAL_CONF, szSchedulePlan) == 24);
 static_assert(sizeof(ZEVO_BANDWIDTH_GLOBAL_CONF) == 280);
+static_assert(offsetof(ZEVO_BANDWIDTH_LIMIT, maxSpeedBps) == sizeof(ZEVO_BANDWIDTH_CONF));
 static_assert(sizeof(ZEVO_BANDWIDTH_LIMIT) == sizeof(ZEVO_BANDWIDTH_CONF) + 16);
-
-static_assert(sizeof(ZEVO_BANDWIDTH_CONFIG) == 304 || sizeof(void *) < 8);
+static_assert(offsetof(ZEVO_BANDWIDTH_CONFIG, pLimit) == 16);
+static_assert(offsetof(ZEVO_BANDWIDTH_CONFIG, globalConf) == Pinned(24, 20, 20));
+static_assert(sizeof(ZEVO_BANDWIDTH_CONFIG) == Pinned(304, 300, 300));
+static_assert(sizeof(ZEVO_BW_ENUM_ENTRY) == Pinned(16, 8, 8));
 
 #define RULE(field) offsetof(ZEVO_BANDWIDTH_CONF, field), sizeof(ZEVO_BANDWIDTH_CONF::field)
 #define GLOBAL(field)                                                                              \

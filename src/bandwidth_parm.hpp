@@ -6,8 +6,17 @@
 #include "bandwidth_frame.hpp"
 
 #include <cstddef>
+#include <cstdint>
 
 namespace bandwidth {
+
+// A size or an offset that the binary interface fixes: with 64-bit addresses, with 32-bit ones, and
+// with 32-bit ones where a 64-bit field stands at multiples of 4, as on i386.
+constexpr size_t Pinned(size_t on64, size_t on32, size_t on32Packed)
+{
+    if (sizeof(void *) == 8) return on64;
+    return alignof(uint64_t) == 8 ? on32 : on32Packed;
+}
 
 // Converters of one number; they record and log in the name of the site they are handed.
 using ToText = int (*)(const void *private_data, char *str, size_t cb, Site site);

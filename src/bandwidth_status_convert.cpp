@@ -13,10 +13,11 @@ namespace {
 
 // The record is part of the binary interface.
 static_assert(offsetof(ZEVO_BANDWIDTH_STATUS, pid) == sizeof(void *));
-static_assert(offsetof(ZEVO_BANDWIDTH_STATUS, filename) == 48 || sizeof(void *) < 8);
+static_assert(offsetof(ZEVO_BANDWIDTH_STATUS, timestamp) == Pinned(24, 24, 20));
+static_assert(offsetof(ZEVO_BANDWIDTH_STATUS, filename) == Pinned(48, 48, 44));
 static_assert(offsetof(ZEVO_BANDWIDTH_STATUS, owner_type) ==
               offsetof(ZEVO_BANDWIDTH_STATUS, filename) + ZEVO_BW_FILENAME_SIZE);
-static_assert(sizeof(ZEVO_BANDWIDTH_STATUS) == 4160 || sizeof(void *) < 8);
+static_assert(sizeof(ZEVO_BANDWIDTH_STATUS) == Pinned(4160, 4160, 4156));
 
 #define STATUS(field) offsetof(ZEVO_BANDWIDTH_STATUS, field), sizeof(ZEVO_BANDWIDTH_STATUS::field)
 

@@ -25,7 +25,7 @@ packages_of() { # GROUP
     build) echo g++ cmake ninja-build libcli11-dev libncurses-dev nlohmann-json3-dev psmisc ;;
     test)
         echo libgtest-dev libgmock-dev libbenchmark-dev util-linux mount uidmap tmux zsh fish \
-            python3-jsonschema mandoc locales
+            python3-jsonschema mandoc locales pkgconf
         ;;
     run) echo util-linux mount ;; # what the sandbox needs
     reference) echo python3 doxygen ;;
@@ -34,6 +34,8 @@ packages_of() { # GROUP
     measure) echo pv ;; # what the cost is compared with
     peers) echo pv cstream curl rsync trickle iproute2 ;;
     peer_server) echo proftpd-core ;; # apart: it cannot be installed beside another FTP server
+    package) echo build-essential debhelper lintian git ;;
+    abi) echo abigail-tools g++-multilib ;;
     check) echo clang-format clang-tidy shellcheck ;;
     fuzz) echo clang libclang-rt-14-dev gcovr ;;
     *) die "no package group '$1'" ;;
