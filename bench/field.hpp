@@ -127,7 +127,6 @@ public:
 
     std::deque<Stream> &streams() { return streams_; }
     const std::deque<Stream> &streams() const { return streams_; }
-    const std::deque<Stream> &streams() const { return streams_; }
     std::int64_t began() const { return began_; }
 
     // All that all brought until a moment.

@@ -19,6 +19,7 @@ install(TARGETS zevobandwidth LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPON
         NAMELINK_COMPONENT dev)
 install(FILES
         include/zevobandwidth.h
+        include/zevobandwidth.hpp
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 if(ZEVOBW_PLATFORM)
     install(TARGETS zevocore LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT core
