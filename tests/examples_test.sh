@@ -69,7 +69,8 @@ wipe
 
 # ---- what the guide for services puts together ----
 
-# Under the name by which changing commands know whom to tell.
+# Under the name by which changing commands know whom to tell, and so not beside its libraries.
+export LD_LIBRARY_PATH=${ZEVOBW_TOOL%/bin/*}/lib
 for language in c cpp; do
     service=/tmp/zevobandwidth
     cp "$examples/integrating_$language" $service
