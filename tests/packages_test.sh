@@ -37,6 +37,22 @@ install_all "$packages"
 [[ $(versions) == "installed $version" ]] || die "not installed: $(versions)"
 export ZEVOBW_TOOL=/usr/bin/zevobandwidth
 tests/install_test.sh /usr
+
+# The examples, as a user of the packages builds and runs them.
+cp -r /usr/share/doc/libzevobandwidth-dev/examples /tmp/examples
+{
+    make -C /tmp/examples && cmake -S /tmp/examples -B /tmp/examples/build &&
+        cmake --build /tmp/examples/build
+} >/tmp/log 2>&1 || die 'the examples:' "$(cat /tmp/log)"
+! grep -i warning /tmp/log || die 'the examples build with warnings'
+for directory in /tmp/examples /tmp/examples/build; do
+    # shellcheck disable=SC2094  # nothing is written
+    $directory/throttled_copy <"$0" | cmp - "$0" || die "throttled_copy in $directory"
+    $directory/running_transfers root || die "running_transfers in $directory"
+    $directory/addon_protocol 2>/dev/null && die "addon_protocol in $directory wants arguments"
+done
+/tmp/examples/build/file_server 2>/dev/null && die 'file_server wants arguments'
+
 if command -v systemd-tmpfiles >/dev/null; then
     [[ $(stat -c '%a %U:%G' /tmp/bandwidth) == '777 root:root' ]] || die 'no status directory'
 fi
