@@ -138,6 +138,23 @@ TEST(Pace, AFallCountsAtOnceARiseOnTheSecondLookAndInParts)
     EXPECT_EQ(pace.Bps(), 80U) << "never above what is allowed";
 }
 
+TEST(Pace, AmongHundredsNobodyKeepsWhatIsNoise)
+{
+    Pace pace;
+    const Sharing crowd = {.transfers = 1'000, .equalBps = 100};
+    pace.Start(500); // when they were fewer
+    pace.Allow(500, crowd);
+    EXPECT_EQ(pace.Bps(), 100U);
+    for (int i = 0; i < 10; ++i)
+        pace.Allow(1'100, crowd);
+    EXPECT_EQ(pace.Bps(), 100U);
+    for (int i = 0; i < 10; ++i)
+        pace.Allow(1'200, crowd);
+    EXPECT_GT(pace.Bps(), 105U) << "more than a hundredth of the limit is left over";
+    pace.Allow(40, crowd);
+    EXPECT_EQ(pace.Bps(), 40U);
+}
+
 // Transfers of one user under one rule, who all look before any of them reports: the worst case.
 class Crowd {
 public:

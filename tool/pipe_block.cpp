@@ -17,12 +17,22 @@ constexpr std::int64_t kLongestBlockUs = 5'000'000; // no limit allows more at o
 constexpr std::int64_t kMostPieces = kLongestBlockUs / kPieceUs;
 constexpr std::int64_t kAllCallsPart = 2; // of a processor, the calls of all together
 constexpr std::int64_t kRepaidPart = 7;
+constexpr std::uint32_t kCrowd = 100; // transfers
+constexpr std::uint64_t kNoisePart = 100;
 
 using Wide = unsigned __int128;
 
 std::int64_t SharedUs(std::uint32_t transfers) noexcept
 {
     return std::min(transfers * kPerTransferUs, kLongestSharedBlockUs);
+}
+
+// What is worth taking of what is allowed.
+std::uint64_t WithoutNoise(std::uint64_t allowedBps, const Sharing &sharing) noexcept
+{
+    if (sharing.transfers < kCrowd || allowedBps < sharing.equalBps) return allowedBps;
+    const Wide noise = Wide{sharing.equalBps} * sharing.transfers / kNoisePart;
+    return allowedBps - sharing.equalBps <= noise ? sharing.equalBps : allowedBps;
 }
 
 } // namespace
@@ -77,6 +87,7 @@ void Pace::Start(std::uint64_t allowedBps) noexcept
 
 void Pace::Allow(std::uint64_t allowedBps, const Sharing &sharing) noexcept
 {
+    allowedBps = WithoutNoise(allowedBps, sharing);
     const std::uint64_t confirmed = std::min(allowedBps, previousBps_);
     previousBps_ = allowedBps;
     if (allowedBps <= bps_) {

@@ -63,7 +63,9 @@ private:
 // The speed a transfer takes out of what it is allowed. A fall counts at once. A rise is seen by
 // all who share a limit in the same moment, and some of it is only a neighbour's section on its way
 // from one version of the file to the next: so it counts when two looks agree, and each takes its
-// part of it, together the whole. The equal part is everybody's own and is taken at once.
+// part of it, together the whole. The equal part is everybody's own and is taken at once. Among
+// hundreds, a hundredth of the limit that seems to be left over is but the noise of their blocks, and
+// many times what is one's own: it is left.
 class Pace {
 public:
     void Start(std::uint64_t allowedBps) noexcept;

@@ -16,9 +16,12 @@ namespace {
 // So often at least the library is called, that the transfer stays listed and can be stopped.
 constexpr std::int64_t kQuietUs = 250'000;
 
-// Who shares the limits is counted so often, or earlier when the allowed speed has changed a lot.
+// Who shares the limits is counted so often, or earlier when the allowed speed has changed a lot; and
+// no more often than it is worth to blocks that are long because looking costs much.
 constexpr std::int64_t kLookUs = 1'000'000;
 constexpr std::int64_t kEarlyLookUs = 100'000;
+constexpr std::int64_t kLookBlocks = 8;
+constexpr std::int64_t kEarlyLookBlocks = 3;
 constexpr std::uint64_t kALotPercent = 20;
 
 constexpr std::uint32_t kWhole = 10'000;
@@ -76,11 +79,18 @@ void PipeLoop::FollowLimits()
 void PipeLoop::LookAround(std::int64_t nowUs)
 {
     const std::int64_t ageUs = nowUs - lookedUs_;
-    const bool early = ageUs > kEarlyLookUs && ChangedALot(lookedBps_, transfer_.AllowedBps());
-    if (lookedUs_ != 0 && ageUs < kLookUs && !early) return;
+    const std::int64_t blockUs = BlockUs();
+    const bool early = ageUs > std::max(kEarlyLookUs, kEarlyLookBlocks * blockUs) &&
+                       ChangedALot(lookedBps_, transfer_.AllowedBps());
+    if (lookedUs_ != 0 && ageUs < std::max(kLookUs, kLookBlocks * blockUs) && !early) return;
     sharing_ = transfer_.Look();
     lookedUs_ = nowUs;
     lookedBps_ = transfer_.AllowedBps();
+}
+
+std::int64_t PipeLoop::BlockUs() const noexcept
+{
+    return BlockTimeUs(work_.Us(), processor_.Us(), sharing_.transfers);
 }
 
 Moved PipeLoop::MoveFreely()
@@ -94,7 +104,7 @@ Moved PipeLoop::MoveFreely()
 
 Moved PipeLoop::MoveBlock()
 {
-    const std::int64_t blockUs = BlockTimeUs(work_.Us(), processor_.Us(), sharing_.transfers);
+    const std::int64_t blockUs = BlockUs();
     const std::int64_t pieceUs = PieceTimeUs(sharing_.transfers);
     const std::int64_t pieces = (blockUs + pieceUs - 1) / pieceUs;
     const std::uint64_t most = BytesIn(blockUs, pace_.Bps());

@@ -30,6 +30,7 @@ private:
     void PayFor(const Moved &moved);
     void FollowLimits();
     void LookAround(std::int64_t nowUs);
+    std::int64_t BlockUs() const noexcept;
     void ShowProgress();
     std::uint32_t ProgressPart() const noexcept;
 

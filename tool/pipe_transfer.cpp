@@ -4,10 +4,11 @@
 #include "pipe_transfer.hpp"
 
 #include <algorithm>
-#include <set>
+#include <optional>
 #include <utility>
 
 #include "failure.hpp"
+#include "pipe_sharers.hpp"
 
 namespace tool {
 
@@ -57,25 +58,6 @@ zevobw::Transfer Begin(std::uint32_t uid, std::int32_t protocol, std::int32_t di
     auto begun = zevobw::Transfer::Begin(std::move(config.value()), direction, name.c_str());
     Require(begun, "the transfer cannot be registered");
     return std::move(begun.value());
-}
-
-// What one rule's sharers leave: how many move data, and the part that is this user's own.
-Sharing Share(const zevobw::Transfers &all, std::int32_t pid, std::uint32_t uid,
-              std::uint64_t rateBps)
-{
-    std::set<std::uint32_t> otherUsers;
-    std::uint64_t sameUser = 1;
-    Sharing sharing;
-    for (const ZEVO_BANDWIDTH_STATUS &other : all) {
-        if (other.active == 0 || other.pid == pid) continue;
-        if (other.uid == uid)
-            ++sameUser;
-        else
-            otherUsers.insert(other.uid);
-        if (other.current_speed != 0) ++sharing.transfers;
-    }
-    sharing.equalBps = rateBps / (sameUser * (otherUsers.size() + 1));
-    return sharing;
 }
 
 } // namespace
@@ -149,12 +131,10 @@ Sharing Transfer::Look() const
         const ZEVO_BANDWIDTH_CONF &rule = limit.conf;
         const std::uint64_t rate = upload ? rule.currentUploadRate : rule.currentDownloadRate;
         if (rate == 0 || !Bears(rule)) continue;
-        const zevobw::Transfers sharers(rule.ownerType, rule.id, rule.protocolType,
-                                        own.transfer_type);
-        if (!sharers.outcome()) continue; // the throttle call will meet it too, and say so
-        const Sharing one = Share(sharers, own.pid, own.uid, rate * 1024);
-        all.transfers = std::max(all.transfers, one.transfers);
-        all.equalBps = std::min(all.equalBps, one.equalBps);
+        const std::optional<Sharing> one = CountSharers(rule, rate * 1024, own);
+        if (!one) continue;
+        all.transfers = std::max(all.transfers, one->transfers);
+        all.equalBps = std::min(all.equalBps, one->equalBps);
     }
     if (all.equalBps == UINT64_MAX) all.equalBps = 0;
     return all;
