@@ -182,8 +182,10 @@ public:
     // NOLINTNEXTLINE(google-explicit-constructor)
     Result(const Error &error) noexcept : Outcome(error), value_() {}
 
-    T &value() noexcept { return value_; }
-    const T &value() const noexcept { return value_; }
+    T &value() &noexcept { return value_; }
+    const T &value() const &noexcept { return value_; }
+    /** Of a result that goes away at once: the value itself, which a reference to it keeps alive. */
+    T value() &&noexcept { return std::move(value_); }
 
 #ifdef ZEVO_BW_HAS_EXCEPTIONS
     /** Moves the value out, or throws Failure. */
@@ -312,7 +314,7 @@ public:
     using value_type = ZEVO_BANDWIDTH_STATUS;
 
     /** Passes every protocol; numbers of add-ons are no bits, see ZEVOBandwidthIStatusGetAll(). */
-    static constexpr std::int32_t kEveryProtocol = -1;
+    enum : std::int32_t { kEveryProtocol = -1 };
 
     /** @param ownerType  ZEVO_BW_OWNER_USER or ZEVO_BW_OWNER_GROUP
      *  @param id         uid or gid */
@@ -440,7 +442,8 @@ public:
     }
 
     /** The same with a configuration that has been read before, as by a service that gives up its
-     *  privileges, or the sight of the rule files, in between. */
+     *  privileges, or the sight of the rule files, in between. Notices count from now on: what has
+     *  changed since it was read is not seen. */
     ZEVO_BW_NODISCARD static Result<Transfer>
     Begin(Config &&config, std::int32_t direction, const char *szFileName,
           const std::atomic<unsigned> *notices = nullptr) noexcept
