@@ -38,7 +38,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 
@@ -119,8 +118,8 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    // A payment for nothing keeps the transfer listed, but ends the time in which the others' blocks
-    // have been under way: no more of them than that takes.
+    // A payment for nothing keeps the transfer listed, but the time that the others' blocks have been
+    // under way counts for nobody then: hence only where nobody else has paid for long.
     bool Pay(std::size_t bytes)
     {
         const Clock::time_point now = Clock::now();
@@ -237,9 +236,9 @@ void Run(int listener, std::uint32_t uid)
 {
     Lane downloads(uid, ZEVO_BW_TRANSFER_DOWNLOAD);
     Lane uploads(uid, ZEVO_BW_TRANSFER_UPLOAD);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i)
-        threads.emplace_back([&] {
+    std::thread threads[kThreads];
+    for (std::thread &thread : threads)
+        thread = std::thread([&] {
             while (!isEnding) {
                 const Descriptor client(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
                 LimitWaits(client.get());
