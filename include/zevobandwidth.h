@@ -22,7 +22,7 @@
  *         ... move at most size bytes ...
  *         if (ZEVOBandwidthSleepInLoop(&config, moved, progress, &timeLast, &status) < 0) break;
  *     }
- *     ZEVOBandwidthStatusRemove(&config, ZEVO_BW_TRANSFER_UPLOAD);
+ *     ZEVOBandwidthStatusForceRemoveAllByUID(uid, ZEVO_BW_TRANSFER_UPLOAD); // of all his groups
  *     ZEVOBandwidthConfigFree(&config);
  *
  * Conventions for every function, unless it says otherwise:
@@ -804,7 +804,8 @@ ZEVO_BW_API int ZEVOBandwidthStatusSetActiveByUserName(const char *szUserName,
 
 /**
  * Registers a transfer of the calling process before its first block. Uploads of one process and
- * user share one section, and so do its downloads.
+ * user share one section, and so do its downloads; in the file of a group even those for several of
+ * its members.
  * @param pConfig        the user's configuration; its entries are rewritten
  * @param transfer_type  upload or download
  * @param szFileName     cut to 4095 characters

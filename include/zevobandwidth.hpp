@@ -39,6 +39,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -182,8 +183,10 @@ public:
     // NOLINTNEXTLINE(google-explicit-constructor)
     Result(const Error &error) noexcept : Outcome(error), value_() {}
 
-    T &value() noexcept { return value_; }
-    const T &value() const noexcept { return value_; }
+    T &value() &noexcept { return value_; }
+    const T &value() const &noexcept { return value_; }
+    /** Of a result that goes away at once: the value itself, which a reference to it keeps alive. */
+    T value() &&noexcept { return std::move(value_); }
 
 #ifdef ZEVO_BW_HAS_EXCEPTIONS
     /** Moves the value out, or throws Failure. */
@@ -312,7 +315,7 @@ public:
     using value_type = ZEVO_BANDWIDTH_STATUS;
 
     /** Passes every protocol; numbers of add-ons are no bits, see ZEVOBandwidthIStatusGetAll(). */
-    static constexpr std::int32_t kEveryProtocol = -1;
+    enum : std::int32_t { kEveryProtocol = -1 };
 
     /** @param ownerType  ZEVO_BW_OWNER_USER or ZEVO_BW_OWNER_GROUP
      *  @param id         uid or gid */
@@ -402,7 +405,15 @@ public:
           stopped_(false)
     {
     }
-    ~Transfer() { (void)Remove(); }
+    /** Leaves errno and the error slot to whatever ends the scope. */
+    ~Transfer()
+    {
+        const int hosts = errno;
+        const Error slot = Error::FromSlot();
+        (void)Remove();
+        VLIBCErrSetEx(slot.code(), slot.file(), slot.line());
+        errno = hosts;
+    }
     Transfer(Transfer &&other) noexcept : Transfer() { Swap(other); }
     /** Ends what the object held, after the other has begun: where both have user and direction in
      *  common, call End() before. */
@@ -440,7 +451,8 @@ public:
     }
 
     /** The same with a configuration that has been read before, as by a service that gives up its
-     *  privileges, or the sight of the rule files, in between. */
+     *  privileges, or the sight of the rule files, in between. Notices count from now on: what has
+     *  changed since it was read is not seen. */
     ZEVO_BW_NODISCARD static Result<Transfer>
     Begin(Config &&config, std::int32_t direction, const char *szFileName,
           const std::atomic<unsigned> *notices = nullptr) noexcept
@@ -452,14 +464,15 @@ public:
     }
 
     /**
-     * How large the next block may be: at most five seconds' worth of the configured speed and of
-     * what was allowed last, at least 1. wanted where that cannot be worked out; Moved() will say so.
+     * How large the next block may be: wanted, or five seconds' worth of the configured speed or of
+     * what was allowed last where that is less. wanted, too, where it cannot be worked out; Moved()
+     * will say so.
      */
     std::uint64_t BlockSize(std::uint64_t wanted) noexcept
     {
         std::uint64_t bps = ConfiguredBps().value();
         if (ZEVOBandwidthIsLessThan(AllowedBps(), bps) == 1) bps = AllowedBps();
-        if (bps == 0 || wanted == 0) return wanted;
+        if (bps == 0) return wanted;
         const std::uint64_t most = std::min(bps, UINT64_MAX / kMostSeconds) * kMostSeconds;
         return std::min(wanted, most);
     }
@@ -504,7 +517,10 @@ public:
     /** The same, given the speed at which the transfer has been moving; 0 when it is not known. */
     ZEVO_BW_NODISCARD Outcome Reload(std::uint64_t speedBps) noexcept
     {
-        if (status_.pid == 0) return Outcome(); // empty
+        if (status_.pid == 0) return Outcome();  // empty
+        if (AskStopped()) return Stop();         // before the section that says so may go
+        if (IsSaved()) (void)RemoveFromGroups(); // what fails goes stale
+        status_.expect_speed = 0;
         const Outcome read = detail::Try(
             [&] { return ZEVOBandwidthHupRecv(&config_.record(), &status_, &timeLast_); });
         if (!read) return read;
@@ -522,13 +538,14 @@ public:
         if (state == ZEVO_BW_STATE_NOT_EXISTED || state == ZEVO_BW_STATE_DISABLED)
             return std::uint64_t{0};
         if (onSchedule_) onSchedule_ = config_.Evaluate();
-        // Asked for everything, the estimate answers five seconds' worth.
-        std::uint64_t most = UINT64_MAX;
+        if (config_.policy().currentState == ZEVO_BW_STATE_DISABLED) return std::uint64_t{0};
+        std::uint64_t bps = 0;
         const Outcome asked = detail::Try([&] {
-            return ZEVOBandwidthTransferSizeEstimate(&config_.record(), direction(), most, &most);
+            return ZEVOBandwidthExpectSpeedEstimateByPolicy(direction(), &config_.record(), &bps,
+                                                            0);
         });
         if (!asked) return asked.error();
-        return most == UINT64_MAX ? std::uint64_t{0} : most / kMostSeconds;
+        return bps;
     }
 
     /** What the last call allowed the transfer beside the others; 0 unlimited, or not asked yet. */
@@ -592,6 +609,7 @@ private:
     {
         // The loop itself looks at the plans for one transfer of the process only.
         if (onSchedule_) onSchedule_ = config_.Evaluate();
+        status_.expect_speed = 0; // the loop leaves it where nothing limits the transfer
         const Outcome paid = detail::Try([&] {
             return ZEVOBandwidthSleepInLoop(&config_.record(), bytes, progress, &timeLast_,
                                             &status_);
@@ -616,7 +634,6 @@ private:
                                                             &status_.expect_speed, 1);
         });
         if (!estimated) return estimated;
-        if (AskStopped()) return Stop();
         status_.timestamp = std::time(nullptr);
         status_.current_speed =
             speedBps == 0 ? status_.expect_speed : std::min(speedBps, status_.expect_speed);
@@ -635,15 +652,29 @@ private:
     /** A time stamp stands in the record since it has been saved first. */
     bool IsSaved() const noexcept { return status_.timestamp != 0; }
 
-    /** By the user database, for which groups were charged changes with what runs; and by the rules
-     *  as they were read, for groups that the user has left meanwhile. */
-    Outcome Remove() noexcept
+    /** Every group whose rule was read, charged or not: an estimate since the last save may have
+     *  charged others. */
+    Outcome RemoveFromGroups() const noexcept
+    {
+        Outcome all;
+        for (const ZEVO_BANDWIDTH_LIMIT &limit : config_) {
+            if (limit.conf.ownerType != ZEVO_BW_OWNER_GROUP) continue;
+            const Outcome removed = detail::Try([&] {
+                return ZEVOBandwidthStatusRemoveByOccGroups(&limit.conf.id, 1,
+                                                            status_.transfer_type);
+            });
+            if (!removed) all = removed;
+        }
+        return all;
+    }
+
+    Outcome Remove() const noexcept
     {
         if (!IsSaved()) return Outcome();
-        const std::uint32_t uid = config_.record().uid;
-        (void)ZEVOBandwidthStatusForceRemoveAllByUID(uid, status_.transfer_type);
-        return detail::Try(
+        const Outcome groups = RemoveFromGroups();
+        const Outcome user = detail::Try(
             [&] { return ZEVOBandwidthStatusRemove(&config_.record(), status_.transfer_type); });
+        return user ? groups : user;
     }
 
     void Swap(Transfer &other) noexcept

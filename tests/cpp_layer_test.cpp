@@ -127,21 +127,57 @@ TEST_F(CppLayer, ATransferIsListedUntilItsScopeIsLeftByWhateverWay)
 // The group that is charged beside the others is another than the one that its rate would choose.
 TEST_F(CppLayer, NoGroupKeepsACopyWhoeverWasChargedLast)
 {
+    const std::string staffsRule = "[group-3001]\nstate=enabled\nupload rate=200\n";
     etc.Write("bandwidth.global.conf", "[ftp]\nstate=enabled\nuser-group policy=group-only\n"
                                        "inter-group policy=max\noccupy policy=max\n");
-    etc.Write("bandwidth.ftp.conf", "[group-3001]\nstate=enabled\nupload rate=200\n"
-                                    "[group-3002]\nstate=enabled\nupload rate=100\n");
     const Transfer bobs{.pid = 1, .uid = kBob, .speed = kBps, .owner = "group", .id = kStaff};
     const Transfer daves{.pid = 2, .uid = kDave, .speed = kBps, .owner = "group", .id = kStaff};
-    box.Write("group-3001", bobs.Text() + daves.Text());
-    {
+    const struct {
+        const char *szWay;
+        std::function<void(Upload &)> Leave;
+        const char *szListed;
+    } kRows[] = {
+        {"at its end", [](Upload &upload) { EXPECT_TRUE(upload.End()); }, ""},
+        {"without a user database",
+         [](Upload &upload) {
+             platform::SetGroups({});
+             EXPECT_TRUE(upload.End());
+         },
+         ""},
+        {"its rule is gone",
+         [&](Upload &upload) {
+             etc.Write("bandwidth.ftp.conf", staffsRule);
+             EXPECT_TRUE(upload.Reload());
+         },
+         "group-3001 user-2001"},
+    };
+    for (const auto &row : kRows) {
+        SCOPED_TRACE(row.szWay);
+        etc.Write("bandwidth.ftp.conf",
+                  staffsRule + "[group-3002]\nstate=enabled\nupload rate=100\n");
+        box.Write("group-3001", bobs.Text() + daves.Text());
+        platform::SetGroups({"3001", "3002"});
         Upload upload = Begin().ValueOrThrow();
         ASSERT_TRUE(upload.Moved(1, 0));
         ASSERT_EQ(Listed(), "group-3002 user-2001");
         EXPECT_EQ(upload.BlockSize(1), 1U); // by the bare rates, which choose the other group
+        row.Leave(upload);
+        EXPECT_EQ(Listed(), row.szListed);
+        EXPECT_THAT(TakeLog(), IsEmpty());
     }
-    EXPECT_EQ(Listed(), "");
-    EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
+TEST_F(CppLayer, TheScopesEndLeavesTheHostsErrorsAlone)
+{
+    {
+        const Upload upload = Begin().ValueOrThrow();
+        errno = EPIPE;
+        VLIBCErrSetEx(0x0B00, "host.cpp", 7);
+        FailNext(Call::Rename, EACCES);
+    }
+    EXPECT_EQ(errno, EPIPE);
+    EXPECT_EQ(zevobw::Error::FromSlot().Text(), "a file cannot be written [0x0B00 host.cpp:7]");
+    TakeLog();
 }
 
 TEST_F(CppLayer, AMoveCarriesTheSectionAlong)
@@ -174,16 +210,6 @@ TEST_F(CppLayer, AFailedRegistrationLeavesNothingAndLimitsNobody)
     EXPECT_EQ(begun.value().BlockSize(1'000'000'000), 1'000'000'000U);
     EXPECT_TRUE(begun.value().Moved(1'000'000'000, 0));
     EXPECT_THAT(standins::Sleeps(), IsEmpty());
-    TakeLog();
-}
-
-TEST_F(CppLayer, WithoutAUserDatabaseTheRulesSayWhatToRemove)
-{
-    {
-        const Upload upload = Begin().ValueOrThrow();
-        platform::SetGroups({}); // nobody is in any group, as the database cannot be read
-    }
-    EXPECT_EQ(Listed(), "");
     TakeLog();
 }
 
@@ -258,6 +284,7 @@ TEST_F(CppLayer, AStopIsToldWithTheNextBlockOrWhenAskedFor)
 
     Upload other = Begin().ValueOrThrow();
     StopAlice();
+    SetPolicy("disabled");
     EXPECT_TRUE(other.Reload().error().IsStop()) << "a reload must not set the stop aside";
     EXPECT_TRUE(other.stopped());
     TakeLog();
@@ -320,6 +347,8 @@ TEST_F(CppLayer, ALimitComesAndGoesUnderARunningTransfer)
     ++notices;
     EXPECT_TRUE(upload.Moved(1, 0));
     EXPECT_EQ(Listed(), "");
+    EXPECT_EQ(upload.AllowedBps(), kUnlimited);
+    EXPECT_EQ(upload.BlockSize(1'000'000'000), 1'000'000'000U);
     EXPECT_TRUE(upload.Moved(1'000'000'000, 0));
     EXPECT_EQ(standins::Sleeps().size(), 2U);
     EXPECT_THAT(TakeLog(), IsEmpty());
@@ -339,6 +368,7 @@ TEST_F(CppLayer, EachTransferOfAProcessFollowsThePlanOfTheWeek)
     EXPECT_TRUE(first.Moved(1, 0));
     EXPECT_TRUE(second.Moved(1, 0));
     EXPECT_EQ(Listed(), "") << "the loop itself looks at the hour for one of them";
+    EXPECT_EQ(first.BlockSize(1'000'000'000), 1'000'000'000U);
     standins::AdvanceClock(kUsPerHour);
     EXPECT_TRUE(second.Moved(1, 0));
     EXPECT_EQ(second.BlockSize(1'000'000'000), 5 * kBps);

@@ -108,15 +108,20 @@ head -c 1M /tmp/data >/tmp/files/half
 quietly policy set -p ftp --user-group group-only --inter-group max --occupy all
 quietly rule set -g staff -p ftp --down 2M --up 2M
 
-"$examples/file_server" 0 /tmp/files >/tmp/server.out 2>/tmp/server.err &
-server=$!
-wait_for test -s /tmp/server.out
-port=$(sed 's/.*://' /tmp/server.out)
+declare -A port
+servers=()
+for user in alice bob; do
+    "$examples/file_server" $user 0 /tmp/files >/tmp/server.out 2>>/tmp/server.err &
+    servers+=($!)
+    wait_for grep -q : /tmp/server.out
+    port[$user]=$(sed 's/.*://' /tmp/server.out)
+    rm /tmp/server.out
+done
 
 # get USER NAME COPY
 get() {
-    exec 3<>"/dev/tcp/127.0.0.1/$port"
-    printf '%s get %s\n' "$1" "$2" >&3
+    exec 3<>"/dev/tcp/127.0.0.1/${port[$1]}"
+    printf 'get %s\n' "$2" >&3
     cat <&3 >"$3"
 }
 
@@ -138,19 +143,19 @@ done
 cmp /tmp/files/whole /tmp/bob || fail 'other bytes for bob'
 wait_for has_listed 0
 
-exec 3<>"/dev/tcp/127.0.0.1/$port"
-{ printf 'alice put new\n' && cat /tmp/data; } >&3
+exec 3<>"/dev/tcp/127.0.0.1/${port[alice]}"
+{ printf 'put new\n' && cat /tmp/data; } >&3
 exec 3>&-
 wait_for cmp -s /tmp/data /tmp/files/new
 wait_for has_listed 0
 
-for line in 'zed get whole' 'alice get ../data' 'alice steal whole' 'alice get nothing'; do
-    exec 3<>"/dev/tcp/127.0.0.1/$port"
+for line in 'get ../data' 'get .' 'steal whole' 'get nothing' 'get '; do
+    exec 3<>"/dev/tcp/127.0.0.1/${port[alice]}"
     printf '%s\n' "$line" >&3
     same "$(timeout 10 cat <&3 | wc -c)" 0
 done
 
-# Slowed down under way by a notice to the server, then stopped: all of the user's at once.
+# Slowed down under way by a notice to the servers, then stopped: all of the user's at once.
 (get alice whole /tmp/alice1) &
 getters=($!)
 (get alice whole /tmp/alice2) &
@@ -158,7 +163,7 @@ getters+=($!)
 (get bob whole /tmp/bob) &
 wait_for has_listed 4
 quietly rule set -g staff -p ftp --down 32K
-kill -HUP $server
+kill -HUP "${servers[@]}"
 wait_for grep -q '^expect speed=16384' $running/group-3001
 quietly stop -u alice
 wait "${getters[@]}"
@@ -166,10 +171,13 @@ wait "${getters[@]}"
 wait_for has_listed 2
 
 # Its end is everybody's, and leaves nothing.
-kill -TERM $server
-wait $server || fail "the server ended with $?"
+kill -TERM "${servers[@]}"
+for server in "${servers[@]}"; do
+    wait "$server" || fail "a server ended with $?"
+done
 nobody_listed
-[[ ! -s /tmp/server.err ]] || fail "the server complained: $(cat /tmp/server.err)"
+[[ ! -s /tmp/server.err ]] || fail "a server complained: $(cat /tmp/server.err)"
+"$examples/file_server" zed 0 /tmp/files 2>/dev/null && fail 'an unknown user passed'
 
 # ---- addon_protocol ----
 

@@ -4,8 +4,12 @@
 #include "zevobandwidth.h"   // NOLINT(readability-duplicate-include): guarded
 #include "zevobandwidth.hpp" // NOLINT(readability-duplicate-include): guarded
 
+#include <type_traits>
+
 static_assert(noexcept(ZEVOBandwidthCurrTimeGet()), "no exception leaves an exported function");
 static_assert(noexcept(zevobw::Transfer::Begin(0, 0, 0, "")), "none leaves the layer unasked");
+static_assert(!std::is_reference<decltype(zevobw::Config::Read(0, 0).value())>::value,
+              "for (const auto &rule : zevobw::Config::Read(uid, protocol).value()) is safe");
 
 // Every member, not only those that are used here.
 template class zevobw::Result<zevobw::Config>;

@@ -12,8 +12,8 @@
 
 namespace tool {
 
-// Every member that talks to the library throws Failure with what to do about it; Stopped when an
-// administrator has ended the transfer.
+// Every member that talks to the library throws Failure with what to do about it, or with what an
+// administrator has done.
 class Transfer {
 public:
     Transfer(std::uint32_t uid, std::int32_t protocol, std::int32_t direction,

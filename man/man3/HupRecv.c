@@ -21,7 +21,7 @@ int main(void)
     struct sigaction action = {0};
     int result;
 
-    action.sa_handler = on_hup; /* no flags: the sleep shall end */
+    action.sa_handler = on_hup; /* no flags: reads end, too */
     sigaction(SIGHUP, &action, NULL);
     result =
         ZEVOBandwidthConfigGet(getuid(), ZEVO_BW_PROTOCOL_FTP, &config);
@@ -34,7 +34,8 @@ int main(void)
         changed = 0;
         result = ZEVOBandwidthHupRecv(&config, &status, &timeLast);
     }
-    ZEVOBandwidthStatusRemove(&config, ZEVO_BW_TRANSFER_UPLOAD);
+    ZEVOBandwidthStatusForceRemoveAllByUID(getuid(),
+                                           ZEVO_BW_TRANSFER_UPLOAD);
     ZEVOBandwidthConfigFree(&config);
     return result == 0 ? 0 : 1;
 }

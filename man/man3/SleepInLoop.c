@@ -64,7 +64,7 @@ int main(void)
     struct sigaction action = {0};
     int result;
 
-    action.sa_handler = on_hup; /* no flags: the sleep shall end */
+    action.sa_handler = on_hup; /* no flags: reads end, too */
     sigaction(SIGHUP, &action, NULL);
     result =
         ZEVOBandwidthConfigGet(getuid(), ZEVO_BW_PROTOCOL_FTP, &config);
@@ -73,7 +73,8 @@ int main(void)
             &config, ZEVO_BW_TRANSFER_UPLOAD, "standard input",
             &timeLast, &status);
     if (result == 0) result = copy(&config, &timeLast, &status);
-    ZEVOBandwidthStatusRemove(&config, ZEVO_BW_TRANSFER_UPLOAD);
+    ZEVOBandwidthStatusForceRemoveAllByUID(getuid(),
+                                           ZEVO_BW_TRANSFER_UPLOAD);
     ZEVOBandwidthConfigFree(&config);
     return result == 0 ? 0 : 1;
 }

@@ -17,7 +17,8 @@ int main(void)
             &config, ZEVO_BW_TRANSFER_UPLOAD, "photos/summer.tar",
             &timeLast, &status);
     /* ... its blocks, see ZEVOBandwidthSleepInLoop(3) ... */
-    ZEVOBandwidthStatusRemove(&config, ZEVO_BW_TRANSFER_UPLOAD);
+    ZEVOBandwidthStatusForceRemoveAllByUID(getuid(),
+                                           ZEVO_BW_TRANSFER_UPLOAD);
     ZEVOBandwidthConfigFree(&config);
     return result == 0 ? 0 : 1;
 }

@@ -29,7 +29,8 @@ int main(void)
      * not registered then. */
     if (result == 0 && status.expect_speed != 0)
         result = keep_alive(&config, &status);
-    ZEVOBandwidthStatusRemove(&config, ZEVO_BW_TRANSFER_UPLOAD);
+    ZEVOBandwidthStatusForceRemoveAllByUID(getuid(),
+                                           ZEVO_BW_TRANSFER_UPLOAD);
     ZEVOBandwidthConfigFree(&config);
     return result == 0 ? 0 : 1;
 }
