@@ -35,11 +35,9 @@ void Purge::Split(std::string_view oldText, Keep keep, Drop drop) const noexcept
     bool inside = false;
     Lines lines(oldText);
     for (std::string_view line; lines.Next(line);) {
-        if (next < nNoted_ && IsHeaderOf(line, NotedName(next))) {
-            inside = true;
-            ++next;
-        } else if (inside && IsHeader(line)) {
-            inside = false;
+        if (IsHeader(line)) {
+            inside = next < nNoted_ && IsHeaderOf(line, NotedName(next));
+            if (inside) ++next;
         }
         const bool goes = inside && line.front() != ';' && line.front() != '#';
         if (!(goes ? drop(line) : keep(line))) return;
