@@ -167,7 +167,7 @@ void ReportStops(const std::string &toolPath, Field &field)
     }
     for (const pid_t pid : commands)
         ::waitpid(pid, nullptr, 0);
-    Report({"a stop is obeyed within", slowest, kStopWithin / kSecond, "s"});
+    Report({"a stop is obeyed within", slowest, static_cast<double>(kStopWithin) / kSecond, "s"});
 }
 
 void Crowd(const OurTool &tool, const std::string &toolPath, std::size_t processes,

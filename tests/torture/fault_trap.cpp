@@ -208,11 +208,12 @@ int InstallFilter()
         SYS_sched_yield,
         SYS_futex,
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-        // A sanitizer ends the process when it gets no memory for itself.
+        // A sanitizer ends the process when it gets no memory or cannot look at its stack.
         SYS_mmap,
         SYS_munmap,
         SYS_mprotect,
         SYS_madvise,
+        SYS_sigaltstack,
 #endif
     };
     constexpr std::size_t kRules = std::size(kLetThrough);
