@@ -94,6 +94,21 @@ for language in c cpp; do
     grep -q 'stopped by an administrator' /tmp/service.err || fail "$language: the stop was not told"
     nobody_listed
 
+    # Other faults are told, with a failed status; the end that a signal asks for leaves nothing.
+    $service bob </tmp/data >/dev/full 2>/tmp/service.err && fail "$language: a full disk passed"
+    [[ -s /tmp/service.err ]] || fail "$language: a full disk was not told"
+    $service bob </tmp 2>/tmp/service.err >/tmp/copy && fail "$language: a failed read passed"
+    [[ -s /tmp/service.err ]] || fail "$language: a failed read was not told"
+    mkfifo /tmp/silent
+    $service bob <>/tmp/silent 2>/tmp/service.err >/tmp/copy &
+    pid=$!
+    wait_for has_listed 1
+    kill -TERM $pid
+    wait $pid
+    same $? 1
+    nobody_listed
+    rm /tmp/silent
+
     quietly policy set -p ftp --state disabled
     # shellcheck disable=SC2094  # nothing is written
     $service bob </tmp/data | cmp - /tmp/data || fail "$language: other bytes without a limit"
