@@ -43,6 +43,10 @@ nobody_listed
 "$examples/running_transfers" nobody-there >/tmp/out 2>/tmp/err && fail 'an unknown user passed'
 err_has 'no user nobody-there'
 
+"$examples/throttled_copy" </tmp/data >/dev/full 2>/tmp/copier.err && fail 'a full disk passed'
+grep -q 'No space' /tmp/copier.err || fail 'a full disk was not told'
+nobody_listed
+
 # Slow enough to take a minute: a notice frees it, a stop ends it.
 quietly rule set -u root -p ftp --up 64K
 "$examples/throttled_copy" </tmp/data >/tmp/copy &
