@@ -171,23 +171,28 @@ wait_for has_listed 0
 for line in 'get ../data' 'get .' 'steal whole' 'get nothing' 'get '; do
     exec 3<>"/dev/tcp/127.0.0.1/${port[alice]}"
     printf '%s\n' "$line" >&3
-    same "$(timeout 10 cat <&3 | wc -c)" 0
+    same "$(timeout 10 cat <&3 2>&1)" 'cat: -: Connection reset by peer'
 done
 
 # Slowed down under way by a notice to the servers, then stopped: all of the user's at once.
-(get alice whole /tmp/alice1) &
+(get alice whole /tmp/alice1 2>/dev/null) &
 getters=($!)
-(get alice whole /tmp/alice2) &
+(get alice whole /tmp/alice2 2>/dev/null) &
 getters+=($!)
-(get bob whole /tmp/bob) &
-wait_for has_listed 4
+(get bob whole /tmp/bob 2>/dev/null) &
+quietly rule set -g staff -p ftp --down 2M --up 32K
+exec 3<>"/dev/tcp/127.0.0.1/${port[alice]}"
+{ printf 'put whole\n' && cat /tmp/data; } >&3 2>/dev/null &
+wait_for has_listed 6 # Alice's upload, too
 quietly rule set -g staff -p ftp --down 32K
 kill -HUP "${servers[@]}"
 wait_for grep -q '^expect speed=16384' $running/group-3001
-quietly stop -u alice
-wait "${getters[@]}"
+quietly stop -u alice --yes
+wait "${getters[@]}" && fail 'a stopped download ends as if it were whole'
 (($(stat -c %s /tmp/alice1) < 2097152)) || fail 'a stopped download is whole'
 wait_for has_listed 2
+head -c 2M /tmp/data | cmp - /tmp/files/whole || fail 'a stopped upload has hurt the file'
+same "$(ls -A /tmp/files | tr '\n' ' ')" 'half new whole '
 
 # Its end is everybody's, and leaves nothing.
 kill -TERM "${servers[@]}"
