@@ -7,7 +7,8 @@
  *     tar c photos | zevobandwidth pipe -p backup -d upload >photos.tar
  *
  * An add-on is announced by a file NAME_NUMBER.json; its name is all that counts, what stands in it
- * is the add-on's own business. A service then hands NUMBER to ZEVOBandwidthConfigGet() like a
+ * is the add-on's own business. Its directory is made in that of the rules, which is there once an
+ * administrator has stored a rule or a policy. A service then hands NUMBER to ZEVOBandwidthConfigGet() like a
  * built-in protocol. The packaging of a real service installs the file and leaves policy and rules
  * to the administrator.
  */

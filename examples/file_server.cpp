@@ -4,6 +4,9 @@
 //     get photos.tar      the file, up to the end of the connection: a download
 //     put photos.tar      the file from here on, until the client shuts down: an upload
 //
+// Of a transfer that is refused, stopped or broken the client is told by a reset of the connection; a
+// real protocol says why. One that stands still keeps its thread; a real server gives it up some day.
+//
 //     c++ -std=c++11 -pthread -o file_server file_server.cpp -lzevobandwidth -lzevocore
 //     ./file_server alice 2121 /srv/files
 //     printf 'get photos.tar\n' | nc -q -1 127.0.0.1 2121 >photos.tar
@@ -25,6 +28,7 @@
 #include <netinet/in.h>
 #include <pwd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -44,6 +48,7 @@ namespace {
 constexpr std::size_t kBlock = 64 * 1024;
 constexpr int kThreads = 16;              // so many clients at once; others wait to be accepted
 constexpr struct timeval kQuiet = {1, 0}; // so long a thread waits for the network
+using Clock = std::chrono::steady_clock;
 
 std::atomic<unsigned> notices{0}; // that limits have changed
 std::atomic<bool> isEnding{false};
@@ -116,8 +121,6 @@ public:
     }
 
 private:
-    using Clock = std::chrono::steady_clock;
-
     // A payment for nothing keeps the transfer listed, but the time that the others' blocks have been
     // under way counts for nobody then: hence only where nobody else has paid for long.
     bool Pay(std::size_t bytes)
@@ -144,9 +147,11 @@ private:
 // nothing to be done.
 std::string ReadRequest(int client)
 {
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
     std::string line;
     char next = 0;
-    while (line.size() < 512 && read(client, &next, 1) == 1 && next != '\n')
+    while (line.size() < 512 && Clock::now() < deadline && read(client, &next, 1) == 1 &&
+           next != '\n')
         line += next;
     const bool isOne = next == '\n' && line.size() > 4 && line[4] != '.' &&
                        line.find('/') == line.npos &&
@@ -154,53 +159,71 @@ std::string ReadRequest(int client)
     return isOne ? line : "";
 }
 
-// Whether a read or write has only been quiet, or cut short by a notice. A transfer whose client is
-// slow pays for nothing meanwhile, so that it stays listed and can be stopped.
-bool IsQuiet(Lane &lane)
+// Whether a read or write has only been quiet, or cut short by a notice: no bytes are paid for then.
+bool IsQuiet(ssize_t moved)
 {
-    return (errno == EAGAIN || errno == EINTR) && lane.Moved(0) > 0;
+    return moved < 0 && (errno == EAGAIN || errno == EINTR);
 }
 
-bool WriteAll(int to, const char *bytes, std::size_t size, Lane &lane)
+// Pays for each part of the block that has gone out. How large the next block may be: 0 when the
+// transfer has to end.
+std::size_t WriteAll(int to, const char *bytes, std::size_t size, Lane &lane)
 {
-    while (size > 0) {
+    std::size_t most = size;
+    while (size > 0 && most > 0) {
         const ssize_t written = write(to, bytes, size);
-        if (written < 0 && !IsQuiet(lane)) return false;
-        if (written <= 0) continue;
-        bytes += written;
-        size -= static_cast<std::size_t>(written);
+        if (written < 0 && !IsQuiet(written)) return 0;
+        const auto part = static_cast<std::size_t>(std::max<ssize_t>(written, 0));
+        bytes += part;
+        size -= part;
+        most = lane.Moved(part);
     }
-    return true;
+    return most;
 }
 
-void Move(int from, int to, Lane &lane)
+// Whether it came to the end of the file.
+bool Move(int from, int to, Lane &lane)
 {
     char block[kBlock];
     std::size_t most = lane.Moved(0);
     while (most > 0) {
         const ssize_t got = read(from, block, std::min(most, kBlock));
-        if (got < 0 && IsQuiet(lane)) continue;
-        const auto size = static_cast<std::size_t>(got);
-        if (got <= 0 || !WriteAll(to, block, size, lane)) return;
-        most = lane.Moved(size);
+        if (got == 0) return true;
+        if (got > 0)
+            most = WriteAll(to, block, static_cast<std::size_t>(got), lane);
+        else
+            most = IsQuiet(got) ? lane.Moved(0) : 0;
     }
+    return false;
 }
 
-void Serve(int client, Lane &downloads, Lane &uploads)
+// Whether the whole file has come over. What a client puts takes the old one's place only then.
+bool Serve(int client, Lane &downloads, Lane &uploads)
 {
     const std::string request = ReadRequest(client);
-    if (request.empty()) return;
+    if (request.empty()) return false;
     const std::string name = request.substr(4);
     const bool isGet = request[0] == 'g';
-    const int flags = isGet ? O_RDONLY : O_WRONLY | O_CREAT | O_TRUNC;
-    const Descriptor file(open(name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, 0666));
+    std::string part = "." + name + ".XXXXXX"; // no client can name it
+    const Descriptor file(isGet ? open(name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC)
+                                : mkostemp(&part[0], O_CLOEXEC));
     Lane &lane = isGet ? downloads : uploads;
-    if (!file || !lane.Join(name)) return;
-    if (isGet)
-        Move(file.get(), client, lane);
-    else
-        Move(client, file.get(), lane);
-    lane.Leave();
+    bool isWhole = file && lane.Join(name);
+    if (isWhole) {
+        isWhole = isGet ? Move(file.get(), client, lane) : Move(client, file.get(), lane);
+        lane.Leave();
+    }
+    if (isGet || !file) return isWhole;
+    isWhole = isWhole && fchmod(file.get(), 0644) == 0 && rename(part.c_str(), name.c_str()) == 0;
+    if (!isWhole) (void)unlink(part.c_str());
+    return isWhole;
+}
+
+// Has closing the connection reset it.
+void Reset(int client)
+{
+    const struct linger discard = {1, 0};
+    (void)setsockopt(client, SOL_SOCKET, SO_LINGER, &discard, sizeof(discard));
 }
 
 // ---- the server ----
@@ -242,7 +265,7 @@ void Run(int listener, std::uint32_t uid)
             while (!isEnding) {
                 const Descriptor client(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
                 LimitWaits(client.get());
-                if (client) Serve(client.get(), downloads, uploads);
+                if (client && !Serve(client.get(), downloads, uploads)) Reset(client.get());
             }
         });
     for (std::thread &thread : threads)

@@ -49,7 +49,7 @@ int main(void)
         result = ZEVOBandwidthSleepInLoop(&config, size, 0, &timeLast, &status);
     }
     if (result < 0) fputs("throttled_copy: stopped or failed, see the system log\n", stderr);
-    if (ferror(stdin) || fflush(stdout) != 0) perror("throttled_copy");
+    if (ferror(stdin) || ferror(stdout) || fflush(stdout) != 0) perror("throttled_copy");
     (void)ZEVOBandwidthStatusForceRemoveAllByUID(getuid(), ZEVO_BW_TRANSFER_UPLOAD);
     ZEVOBandwidthConfigFree(&config);
     return result < 0 || ferror(stdin) || ferror(stdout);

@@ -321,7 +321,7 @@ typedef struct ZEVO_BANDWIDTH_STATUS {
     uint32_t active;        /**< 1 while it may go on; 0 makes its throttle loop fail */
     int64_t timestamp;      /**< last save, seconds since the epoch; stale after 30 */
     uint64_t current_speed; /**< measured bytes/s; in a group's copy the share charged to it */
-    uint64_t expect_speed;  /**< allowed bytes/s, 0 unlimited */
+    uint64_t expect_speed;  /**< allowed bytes/s, 0 unlimited; in a group's copy by its rule */
     char filename[ZEVO_BW_FILENAME_SIZE]; /**< NUL-terminated, as the service gave it */
     uint32_t owner_type;                  /**< ZEVO_BW_OWNER_TYPE of this copy */
     uint32_t protocol_type;               /**< one protocol or an add-on's number */
@@ -767,8 +767,8 @@ ZEVO_BW_API int ZEVOBandwidthStatusDump(FILE *fp,
 
 /** Removes the calling process's sections from the user's file and those of the groups charged, as
  *  the configuration was last estimated: where a size estimate, which goes by the bare rates, came
- *  after the last save, another group may keep its copy until it is stale. Where the user database
- *  can be read ZEVOBandwidthStatusForceRemoveAllByUID() leaves none. */
+ *  after the last save, another group may keep its copy until it is stale.
+ *  ZEVOBandwidthStatusForceRemoveAllByUID() finds that one, unless the user has left the group. */
 ZEVO_BW_API int ZEVOBandwidthStatusRemove(const ZEVO_BANDWIDTH_CONFIG *pConfig,
                                           uint32_t transfer_mask) ZEVO_BW_NOEXCEPT;
 
@@ -924,8 +924,9 @@ ZEVO_BW_API int ZEVOBandwidthHupWebDAV(void) ZEVO_BW_NOEXCEPT;
 ZEVO_BW_API int ZEVOBandwidthHupSimulator(void) ZEVO_BW_NOEXCEPT;
 
 /**
- * Reads a transfer's limits anew after a notice. A service's SIGHUP handler (sigaction, no flags)
- * only sets a flag; its loop clears the flag before the next block and calls this.
+ * Reads a transfer's limits anew after a notice. A service's SIGHUP handler only sets a flag; its
+ * loop clears the flag before the next block and calls this. After a failure the service may go on:
+ * the old limits hold. Without SA_RESTART the service's own reads and writes end with EINTR, too.
  * @param pConfig  in and out: replaced on success, kept on failure
  * @param pStatus  the transfer's record; its protocol_type and transfer_type count
  * @param pTime    out: now, also on failure after the argument check

@@ -44,6 +44,11 @@ offers 'simulate|-nq|-d|' 'upload download '
 offers 'stop|-u|alice|--pid|' '4711 '
 offers 'stop|-u|bob|--pid|' ''
 offers 'completion|' 'bash zsh fish '
+mkdir -p $conf/addon
+touch $conf/addon/backup_32.json
+offers 'preview|-p|' 'docuhall webdav ftp rsync backup '
+offers 'addon|path|' 'backup '
+rm -r $conf/addon
 offers 'rule|set|--cust' '--custom-up --custom-down '
 offers 'rule|set|--|--cust' ''
 zevo __complete zevobandwidth stop --pid 4

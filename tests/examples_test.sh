@@ -43,6 +43,10 @@ nobody_listed
 "$examples/running_transfers" nobody-there >/tmp/out 2>/tmp/err && fail 'an unknown user passed'
 err_has 'no user nobody-there'
 
+"$examples/throttled_copy" </tmp/data >/dev/full 2>/tmp/copier.err && fail 'a full disk passed'
+grep -q 'No space' /tmp/copier.err || fail 'a full disk was not told'
+nobody_listed
+
 # Slow enough to take a minute: a notice frees it, a stop ends it.
 quietly rule set -u root -p ftp --up 64K
 "$examples/throttled_copy" </tmp/data >/tmp/copy &
@@ -93,6 +97,21 @@ for language in c cpp; do
     same $? 1
     grep -q 'stopped by an administrator' /tmp/service.err || fail "$language: the stop was not told"
     nobody_listed
+
+    # Other faults are told, with a failed status; the end that a signal asks for leaves nothing.
+    $service bob </tmp/data >/dev/full 2>/tmp/service.err && fail "$language: a full disk passed"
+    [[ -s /tmp/service.err ]] || fail "$language: a full disk was not told"
+    $service bob </tmp 2>/tmp/service.err >/tmp/copy && fail "$language: a failed read passed"
+    [[ -s /tmp/service.err ]] || fail "$language: a failed read was not told"
+    mkfifo /tmp/silent
+    $service bob <>/tmp/silent 2>/tmp/service.err >/tmp/copy &
+    pid=$!
+    wait_for has_listed 1
+    kill -TERM $pid
+    wait $pid
+    same $? 1
+    nobody_listed
+    rm /tmp/silent
 
     quietly policy set -p ftp --state disabled
     # shellcheck disable=SC2094  # nothing is written
@@ -152,23 +171,28 @@ wait_for has_listed 0
 for line in 'get ../data' 'get .' 'steal whole' 'get nothing' 'get '; do
     exec 3<>"/dev/tcp/127.0.0.1/${port[alice]}"
     printf '%s\n' "$line" >&3
-    same "$(timeout 10 cat <&3 | wc -c)" 0
+    same "$(timeout 10 cat <&3 2>&1)" 'cat: -: Connection reset by peer'
 done
 
 # Slowed down under way by a notice to the servers, then stopped: all of the user's at once.
-(get alice whole /tmp/alice1) &
+(get alice whole /tmp/alice1 2>/dev/null) &
 getters=($!)
-(get alice whole /tmp/alice2) &
+(get alice whole /tmp/alice2 2>/dev/null) &
 getters+=($!)
-(get bob whole /tmp/bob) &
-wait_for has_listed 4
+(get bob whole /tmp/bob 2>/dev/null) &
+quietly rule set -g staff -p ftp --down 2M --up 32K
+exec 3<>"/dev/tcp/127.0.0.1/${port[alice]}"
+{ printf 'put whole\n' && cat /tmp/data; } >&3 2>/dev/null &
+wait_for has_listed 6 # Alice's upload, too
 quietly rule set -g staff -p ftp --down 32K
 kill -HUP "${servers[@]}"
 wait_for grep -q '^expect speed=16384' $running/group-3001
-quietly stop -u alice
-wait "${getters[@]}"
+quietly stop -u alice --yes
+wait "${getters[@]}" && fail 'a stopped download ends as if it were whole'
 (($(stat -c %s /tmp/alice1) < 2097152)) || fail 'a stopped download is whole'
 wait_for has_listed 2
+head -c 2M /tmp/data | cmp - /tmp/files/whole || fail 'a stopped upload has hurt the file'
+same "$(find /tmp/files -type f | wc -l)" 3
 
 # Its end is everybody's, and leaves nothing.
 kill -TERM "${servers[@]}"

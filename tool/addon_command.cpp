@@ -67,7 +67,7 @@ void AddAddonCommand(CLI::App &app)
 
     const auto name = std::make_shared<std::string>();
     CLI::App *path = addon->add_subcommand("path", "Print the path of an add-on's file");
-    path->add_option("name", *name, "Name of the add-on")->required()->type_name("PROTOCOL");
+    path->add_option("name", *name, "Name of the add-on")->required()->type_name("ADDON");
     AddOutputOptions(*path);
     path->footer("Example:\n  zevobandwidth addon path backup\n");
     path->callback([name] { PrintPath(*name); });

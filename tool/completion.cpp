@@ -188,6 +188,12 @@ void OfferProtocols(Offer &offer, const Place &)
         offer.Add(protocol.name, "");
 }
 
+void OfferAddons(Offer &offer, const Place &)
+{
+    for (const Addon &addon : AddonFiles())
+        if (addon.fault.empty()) offer.Add(addon.protocol.name, "");
+}
+
 // Of the user that the line names, else of all.
 void OfferPids(Offer &offer, const Place &place)
 {
@@ -221,6 +227,7 @@ constexpr std::array kSources = {
     Source{"USER", OfferAll<::setpwent, ::getpwent, ::endpwent>},
     Source{"GROUP", OfferAll<::setgrent, ::getgrent, ::endgrent>},
     Source{"PROTOCOL", OfferProtocols},
+    Source{"ADDON", OfferAddons},
     Source{"PID", OfferPids},
     Source{"FILE", OfferFiles},
 };

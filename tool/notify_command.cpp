@@ -115,8 +115,9 @@ void AddNotifyCommand(CLI::App &app)
     command->footer(
         "docuhall: the web file manager's workers. webdav: the WebDAV server. simulator: "
         "transfers\n"
-        "run by zevobandwidth itself. Changing commands tell all of them on their own; FTP and\n"
-        "rsync services read the limits with their next transfer.\n"
+        "run by zevobandwidth itself, and services that have taken its name. Changing commands\n"
+        "tell all of them on their own; other services, as of FTP and rsync, read the limits with\n"
+        "their next transfer, or when they look of themselves.\n"
         "Exit status 1: a service that runs could not be told.\n"
         "\nExamples:\n"
         "  zevobandwidth notify all\n"

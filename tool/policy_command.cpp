@@ -78,8 +78,8 @@ void AddSet(CLI::App &parent)
     AddOutputOptions(*set);
     set->footer(
         "What is not named stays as it is; a new policy is enabled, user-first, max, max.\n"
-        "Running transfers follow at once. Transfers of zevobandwidth itself are told of a\n"
-        "policy in any case, also with --no-notify.\n\n" +
+        "Running transfers that 'notify' reaches follow at once. Those of zevobandwidth itself\n"
+        "are told of a policy in any case, also with --no-notify.\n\n" +
         PlanHelp(PlanOf::kPolicy) +
         "\n\nExamples:\n"
         "  zevobandwidth policy set -p ftp\n"

@@ -161,7 +161,7 @@ void AddSet(CLI::App &parent)
     set->footer(
         std::string(kRateHelp) + "\n\n" + PlanHelp(PlanOf::kRule) +
         "\n\nWhat is not named stays as it is; with --like the copied rule takes the place of\n"
-        "the old one first. Running transfers follow at once."
+        "the old one first. Running transfers that 'notify' reaches follow at once."
         "\n\nExamples:\n"
         "  zevobandwidth rule set -u alice -p ftp --up 10M --down 2.5M\n"
         "  zevobandwidth rule set -g staff -p rsync --down unlimited --state enabled\n"
@@ -212,8 +212,9 @@ void AddStateCommands(CLI::App &parent)
         const auto arguments = std::make_shared<RuleArguments>();
         CLI::App *command = parent.add_subcommand(row.name, row.help);
         AddStoredRuleOptions(*command, *arguments);
-        command->footer(std::string("The rule keeps its rates and its plan. Running transfers "
-                                    "follow at once.\n\nExample:\n  zevobandwidth rule ") +
+        command->footer(std::string("The rule keeps its rates and its plan. Running transfers that "
+                                    "'notify' reaches\nfollow at once.\n\nExample:\n"
+                                    "  zevobandwidth rule ") +
                         row.name + " -u alice -p ftp\n");
         command->callback([arguments, state = row.state] { ChangeState(*arguments, state); });
     }
@@ -242,7 +243,8 @@ void AddClear(CLI::App &parent)
     AddStoredRuleOptions(*clear, *arguments);
     clear->footer("The owner has no rule then, as before the first 'rule set'; rates and plan are\n"
                   "forgotten. Also takes away a rule that is damaged, and by its id that of an\n"
-                  "owner who is gone. Running transfers follow at once.\n\nExamples:\n"
+                  "owner who is gone. Running transfers that 'notify' reaches follow at once.\n"
+                  "\nExamples:\n"
                   "  zevobandwidth rule clear -u alice -p ftp\n"
                   "  zevobandwidth rule clear -g 4711 -p rsync --dry-run\n");
     clear->callback([arguments] { ClearRule(*arguments); });

@@ -116,7 +116,7 @@ void AddStopCommand(CLI::App &app)
     AddEndingOptions(*command, arguments->ending, "Stop several without asking");
     AddTransferSelection(*command, arguments->selection);
     AddSecondsOption(*command, "--wait", arguments->waitSeconds,
-                     "How long to wait for them to end; 0 marks them and does not wait", 0)
+                     "How long to wait for them to end; 0 only sees that the marks hold", 0)
         ->capture_default_str();
     command->footer(
         "A transfer ends after the block it is moving; its service reports it as failed. Upload\n"

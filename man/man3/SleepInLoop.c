@@ -40,8 +40,8 @@ static int copy(ZEVO_BANDWIDTH_CONFIG *pConfig, uint64_t *pTimeLast,
 
         if (changed) {
             changed = 0;
-            if (ZEVOBandwidthHupRecv(pConfig, pStatus, pTimeLast) < 0)
-                return -1;
+            /* On failure the old limits go on to hold. */
+            (void)ZEVOBandwidthHupRecv(pConfig, pStatus, pTimeLast);
         }
         if (ZEVOBandwidthTransferSizeEstimate(
                 pConfig, ZEVO_BW_TRANSFER_UPLOAD, size, &size) < 0)
