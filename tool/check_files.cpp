@@ -25,12 +25,12 @@
 #include "failure.hpp"
 #include "names.hpp"
 #include "store.hpp"
+#include "transfer_list.hpp"
 
 namespace tool {
 
 namespace {
 
-constexpr const char *kStatusDirectory = "/tmp/bandwidth";
 constexpr std::string_view kAddonDirectory = "addon";
 constexpr std::string_view kRulePrefix = "bandwidth.";
 constexpr std::string_view kRuleSuffix = ".conf";

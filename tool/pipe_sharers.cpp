@@ -11,18 +11,14 @@
 
 #include <zevocore.h>
 
+#include "names.hpp"
+#include "transfer_list.hpp"
+
 namespace tool {
 
 namespace {
 
 constexpr std::int64_t kStaleAfterSeconds = 30;
-
-std::string NameOf(const ZEVO_BW_ENUM_ENTRY *names, std::uint32_t value)
-{
-    char name[256] = "";
-    (void)ZEVOBandwidthEnumToName(names, static_cast<std::int32_t>(value), name, sizeof(name));
-    return name;
-}
 
 class Section {
 public:
@@ -56,17 +52,15 @@ private:
 std::optional<Sharing> CountSharers(const ZEVO_BANDWIDTH_CONF &rule, std::uint64_t rateBps,
                                     const ZEVO_BANDWIDTH_STATUS &own)
 {
-    const bool isUsers = rule.ownerType == ZEVO_BW_OWNER_USER;
-    const std::string path =
-        (isUsers ? "/tmp/bandwidth/user-" : "/tmp/bandwidth/group-") + std::to_string(rule.id);
+    const std::string path = StatusFile(rule.ownerType, rule.id);
     VLIB_SZ_LIST *list = VLIBCSzListAlloc(0);
     const int count = list == nullptr ? -1 : VLIBCFileEnumSection(path.c_str(), &list);
     const std::unique_ptr<VLIB_SZ_LIST, decltype(&VLIBCSzListFree)> names(list, &VLIBCSzListFree);
     Section section;
     if (count < 0 || !section) return std::nullopt;
 
-    const std::string protocol = NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, own.protocol_type);
-    const std::string direction = NameOf(ZEVO_BW_TRANSFER_TYPE_LIST, own.transfer_type);
+    const std::string protocol = ProtocolName(static_cast<std::int32_t>(own.protocol_type));
+    const std::string direction = ValueName(ZEVO_BW_TRANSFER_TYPE_LIST, own.transfer_type);
     const std::int64_t freshSince = std::time(nullptr) - kStaleAfterSeconds;
     std::set<std::int64_t> otherUsers;
     std::uint64_t sameUser = 1;

@@ -9,12 +9,11 @@
 
 #include "failure.hpp"
 #include "pipe_sharers.hpp"
+#include "transfer_list.hpp"
 
 namespace tool {
 
 namespace {
-
-constexpr char kStatusDirectory[] = "/tmp/bandwidth";
 
 [[noreturn]] void FailWith(const std::string &what, const std::string &remedy)
 {

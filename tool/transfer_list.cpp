@@ -25,7 +25,6 @@ namespace tool {
 
 namespace {
 
-constexpr const char *kStatusDirectory = "/tmp/bandwidth";
 constexpr auto kNobody = static_cast<std::uint32_t>(-1);
 
 RunningTransfer FromRecord(const ZEVO_BANDWIDTH_STATUS &record, std::int32_t ownerType,
