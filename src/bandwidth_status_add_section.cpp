@@ -23,7 +23,7 @@ bool Holds(std::string_view text, const char *szSection) noexcept
 // Puts a copy in the file's place.
 zevo::RewriteResult ReplaceByCopy(const char *szFile) noexcept
 {
-    const auto copy = [](std::string_view oldText, zevo::Bytes &newText, const struct stat &) {
+    const auto copy = [](std::string_view oldText, zevo::Pieces &newText, const struct stat &) {
         return newText.Append(oldText) ? 1 : zevo::kComposeFailed;
     };
     return zevo::RewriteFile(szFile, copy);
@@ -44,7 +44,7 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
     if (!place) return BW_FAIL(ZEVO_BW_ERROR_OPEN);
     bool written = false;
     for (int attempt = 0; attempt <= zevo::kMostRewriteRetries; ++attempt) {
-        const zevo::RegularFile file = zevo::OpenSettled(place, O_RDWR | O_APPEND);
+        const zevo::RegularFile file = zevo::RegularFile(place, O_RDWR | O_APPEND);
         if (!file) return BW_FAIL(file.code());
         const nlink_t nNames = zevo::CountNames(place, file.stat());
         if (nNames == 0) continue;
@@ -67,8 +67,7 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
         written = true;
         // The section is there; how soon on the disk is no promise.
         (void)zevo::RetryInterrupted([&] { return ::fsync(file.get()); });
-        struct stat now = {};
-        if (zevo::NamesSameFile(place, file.stat(), now)) break;
+        if (zevo::StaysAppended(place, file.stat())) break;
     }
     return written ? 1 : BW_FAIL(ZEVO_BW_ERROR_OPEN); // linked or replaced again each time
 }

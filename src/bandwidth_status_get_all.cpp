@@ -135,15 +135,19 @@ public:
 
     ZEVO_BANDWIDTH_STATUS *Room() noexcept override
     {
-        if (room_) // the last section was not taken
-            Clear(*room_);
-        else
+        isUsed_ = static_cast<bool>(room_); // the last section was not taken
+        if (isUsed_) {
+            ClearButName(*room_);
+            room_->filename[0] = '\0';
+        } else {
             room_.reset(static_cast<ZEVO_BANDWIDTH_STATUS *>(
                 std::calloc(1, sizeof(ZEVO_BANDWIDTH_STATUS))));
+        }
         return room_.get();
     }
     bool Take() noexcept override
     {
+        if (isUsed_) ClearBehindName(*room_);
         if (ZEVO_BANDWIDTH_STATUS *const pKin = merge_ ? FindKin() : nullptr; pKin != nullptr) {
             pKin->current_speed = ::ZEVOBandwidthSum(pKin->current_speed, room_->current_speed);
             pKin->expect_speed = ::ZEVOBandwidthSum(pKin->expect_speed, room_->expect_speed);
@@ -169,6 +173,7 @@ private:
 
     const bool merge_;
     Status room_;
+    bool isUsed_ = false; // a longer name may have stood in it
     ZEVO_BANDWIDTH_STATUS *pHead_ = nullptr;
     int count_ = 0;
 };

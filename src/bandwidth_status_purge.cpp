@@ -5,10 +5,8 @@
 //
 // What was decided holds where the file that is being rewritten was changed last before the listing
 // began: each change, that of its names included, stamps it, so that it was this file, in this state,
-// which the listing read. That also goes for the moment in which writers swap names and the path leads
-// to what one of them is about to take back: what was there before has been renamed twice then. Stamps
-// are those of the last tick of the clock that this machine shares with its own file systems, hence the
-// same tick does not count.
+// which the listing read. Stamps are those of the last tick of the clock that this machine shares with
+// its own file systems, hence the same tick does not count.
 
 #include "bandwidth_status_purge.hpp"
 
@@ -61,7 +59,7 @@ int Purge::DecideOn(const char *szCopy) noexcept
     for (int32_t i = 0; i < sections; ++i) {
         VLIB_SZ_HASH *pHash = hash.get();
         (void)::VLIBCHashRemoveAll(pHash);
-        Clear(status);
+        ClearButName(status);
         if (::VLIBCFileGetSection(szCopy, ::VLIBCSzListGet(names.get(), i), &pHash) < 0)
             return zevo::kComposeRefused;
         if (StatusFromHash(&status, pHash) == 0 && IsStale(status, now_))
@@ -98,7 +96,7 @@ bool Purge::IsUntouched(const struct stat &state) const noexcept
            (changed.tv_sec == begun_.tv_sec && changed.tv_nsec < begun_.tv_nsec);
 }
 
-int Purge::Compose(std::string_view oldText, zevo::Bytes &newText,
+int Purge::Compose(std::string_view oldText, zevo::Pieces &newText,
                    const struct stat &state) noexcept
 {
     if (const int failed = IsUntouched(state) ? 0 : Decide(oldText); failed < 0) return failed;
@@ -114,7 +112,7 @@ int Purge::Run() noexcept
     if (nNoted_ == 0) return 0;
     const zevo::RewriteResult done = zevo::RewriteFile(
         szFile_,
-        [&](std::string_view oldText, zevo::Bytes &newText, const struct stat &state) {
+        [&](std::string_view oldText, zevo::Pieces &newText, const struct stat &state) {
             return Compose(oldText, newText, state);
         },
         zevo::IfBeaten::kGiveUp);

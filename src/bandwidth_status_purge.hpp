@@ -49,7 +49,7 @@ private:
     template <class Keep, class Drop>
     void Split(std::string_view oldText, Keep keep, Drop drop) const noexcept;
     bool IsUntouched(const struct stat &state) const noexcept;
-    int Compose(std::string_view oldText, zevo::Bytes &newText, const struct stat &state) noexcept;
+    int Compose(std::string_view oldText, zevo::Pieces &newText, const struct stat &state) noexcept;
 
     const char *szFile_;
     const int64_t now_;

@@ -1,8 +1,7 @@
 // Replacing or dropping one section of a status file. The file is read once and written once, to a
-// temporary file beside it that is renamed over it; readers see the old file or the new one. Just
-// before the rename the path must still name what was read, else the work starts over: another
-// process was faster, and what it saved would be lost. Only after several such defeats does the
-// later rename win, and the lost section returns with its owner's next save.
+// temporary file beside it that is renamed over it; readers see the old file or the new one. When
+// another process is faster the work starts over: what that one saved would be lost. Only after several
+// such defeats does the later rename win, and the lost section returns with its owner's next save.
 
 #include "bandwidth_frame.hpp"
 #include "bandwidth_guard.hpp"
@@ -11,8 +10,6 @@
 using namespace bandwidth;
 
 namespace {
-
-constexpr size_t kMuchForASection = 8192; // bytes, most are 350
 
 enum Mode { kRemove = 0, kSet = 1 };
 
@@ -23,17 +20,15 @@ bool IsComment(std::string_view line) noexcept
 
 // Puts the file's new text together: 1, 0 when it holds no such section, or why it cannot. The new
 // section is spelled once, when it is needed, however often a planted file repeats its header.
-int Compose(std::string_view oldText, zevo::Bytes &newText, const char *szSection,
-            const VLIB_SZ_HASH *pHash, Mode mode) noexcept
+int Compose(std::string_view oldText, zevo::Pieces &newText, const char *szSection,
+            const VLIB_SZ_HASH *pHash, Mode mode, SectionText &section) noexcept
 {
-    SectionText section;
     bool inside = false;
     int found = 0;
     const char *pKept = oldText.data(); // where what is to be copied next begins
     const auto copyUpTo = [&](const char *pEnd) {
         return newText.Append({pKept, static_cast<size_t>(pEnd - pKept)});
     };
-    if (!newText.Reserve(oldText.size() + kMuchForASection)) return zevo::kComposeFailed;
     Lines lines(oldText);
     std::string_view line;
     while (inside ? lines.Next(line) : lines.NextHeaderOf(szSection, line)) {
@@ -43,7 +38,7 @@ int Compose(std::string_view oldText, zevo::Bytes &newText, const char *szSectio
         if (!copyUpTo(line.data())) return zevo::kComposeFailed;
         pKept = line.data() + line.size();
         if (!isOurs) continue;
-        if (mode == kSet && found == 0) {
+        if (mode == kSet && section.view().empty()) {
             if (const int failed = section.Compose(szSection, pHash); failed < 0) return failed;
         }
         found = 1;
@@ -58,9 +53,10 @@ int ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection
 {
     BW_REQUIRE(szFile != nullptr, "((void *)0) != szFile");
     BW_REQUIRE(szSection != nullptr, "NULL != szSection");
+    SectionText section;
     const zevo::RewriteResult rewrite = zevo::RewriteFile(
-        szFile, [&](std::string_view oldText, zevo::Bytes &newText, const struct stat &) {
-            return Compose(oldText, newText, szSection, pHash, mode);
+        szFile, [&](std::string_view oldText, zevo::Pieces &newText, const struct stat &) {
+            return Compose(oldText, newText, szSection, pHash, mode, section);
         });
     if (rewrite.result < 0) return rewrite.code == 0 ? BW_PASS_UNLOGGED : BW_FAIL(rewrite.code);
     if (rewrite.result == 0) BW_RECORD(ZEVO_BW_ERROR_NOT_THERE);

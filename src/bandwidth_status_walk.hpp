@@ -20,11 +20,11 @@ inline void ClearButName(ZEVO_BANDWIDTH_STATUS &record) noexcept
     std::memset(pBytes + kBehindName, 0, sizeof(record) - kBehindName);
 }
 
-// Of the name only what was written is cleared.
-inline void Clear(ZEVO_BANDWIDTH_STATUS &record) noexcept
+// The rest, once a name has been written there.
+inline void ClearBehindName(ZEVO_BANDWIDTH_STATUS &record) noexcept
 {
-    ClearButName(record);
-    std::memset(record.filename, 0, ::strnlen(record.filename, sizeof(record.filename)));
+    const size_t cbName = ::strnlen(record.filename, sizeof(record.filename));
+    std::memset(record.filename + cbName, 0, sizeof(record.filename) - cbName);
 }
 
 // ZEVOBandwidthInitStatusFromHash() for who has seen to it that his thread is not cancelled: a walk

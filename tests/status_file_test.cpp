@@ -2,6 +2,7 @@
 // other processes write at the same time and strangers have put something in its way.
 #include "library_box.hpp"
 
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <thread>
@@ -11,15 +12,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "zevocore_file.hpp"
+
 using standins::Before;
 using standins::Call;
 using standins::CutNextWrite;
 using standins::FailNext;
 using standins::FailNth;
 using standins::TakeLog;
+using testing::AllOf;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Le;
+using testing::SizeIs;
 
 namespace {
 
@@ -341,6 +348,16 @@ protected:
     const char *Path() { return box.Path("user-2001"); }
     void Write(const std::string &text) { box.Write("user-2001", text); }
     std::string Read() { return box.Read("user-2001"); }
+    // As another process does that is about to put a file with that text in the present one's place.
+    std::string BeginReplacing(const std::string &text)
+    {
+        const zevo::Place place(Path());
+        struct stat status = {};
+        EXPECT_EQ(::stat(Path(), &status), 0);
+        const zevo::TempName name(place, status.st_ino);
+        box.Write(name.get(), text);
+        return name.get();
+    }
 
     const Hash hash{{"pid", "4711"}, {"active", "0"}};
 };
@@ -498,72 +515,44 @@ TEST_F(StatusRewrite, AfterFiveDefeatsTheLaterRenameWins)
     EXPECT_EQ(box.FileCount(), 1);
 }
 
-// Who has swapped his file in and may take it back marks it until he knows.
-TEST_F(StatusRewrite, AFileThatIsNotSettledIsWaitedForButNotForever)
+// A rewrite's temporary name belongs to the file that it replaces: nobody else gets it meanwhile.
+TEST_F(StatusRewrite, WhoIsAboutToReplaceTheFileIsWaitedForButNotForever)
 {
-    const std::string calls[] = {"replacing", "appending"};
-    for (const std::string &call : calls) {
-        SCOPED_TRACE(call);
-        const auto change = [&] { return call == "replacing" ? Set("5-2") : Add("6-1"); };
-        Write("[5-2]\na=1\n");
-        ASSERT_EQ(::chmod(Path(), 01660), 0);
-        Before(Call::Sleep, 2, [&] {
-            box.Write("new", kTwo);
-            EXPECT_EQ(std::rename(box.Path("new"), Path()), 0);
-        });
-        EXPECT_EQ(change(), 1);
-        EXPECT_THAT(Read(), HasSubstr("[4711-1]\n")) << "what came in its place counts";
-        EXPECT_EQ(standins::Sleeps().size(), 2U);
-
-        ASSERT_EQ(::chmod(Path(), 01660), 0);
-        EXPECT_EQ(Set(), 1);
-        EXPECT_THAT(Read(), HasSubstr("[4711-1]\npid=4711\nactive=0\n"));
-        EXPECT_EQ(ModeOf(Path()), 0660U);
-        EXPECT_EQ(standins::Sleeps().size(), 2U + 20U);
-        standins::Reset();
-    }
-}
-
-// The last moment: after the look at what the path names.
-TEST_F(StatusRewrite, WhoComesBetweenTheLookAndTheRenameIsNotOverwritten)
-{
+    const std::string foreign = "[9-2]\nc=3\n";
     const struct {
-        const char *szWhat;
-        std::function<void()> Act;
-        int result;
-        std::string text;
+        std::string before;
+        std::function<int()> Change;
     } kRows[] = {
-        {"replaced", [&] { EXPECT_EQ(Remove("5-2"), 1); }, 1, "[4711-1]\npid=4711\nactive=0\n"},
-        {"appended", [&] { EXPECT_EQ(Add("6-1"), 1); }, 1,
-         "[4711-1]\npid=4711\nactive=0\n[5-2]\nb=2\n[6-1]\npid=4711\nactive=0\n"},
-        {"our section removed", [&] { EXPECT_EQ(Remove("4711-1"), 1); }, 0, "[5-2]\nb=2\n"},
+        {"[4711-1]\na=1\n", [&] { return Set(); }},
+        {"", [&] { return Add(); }},
     };
     for (const auto &row : kRows) {
-        SCOPED_TRACE(row.szWhat);
-        Write("[4711-1]\na=1\n[5-2]\nb=2\n");
-        Before(Call::Rename, 1, row.Act);
-        EXPECT_EQ(Set(), row.result);
-        EXPECT_EQ(Read(), row.text);
+        SCOPED_TRACE(row.before);
+        Write(row.before);
+        const std::string alive = BeginReplacing(row.before + foreign);
+        Before(Call::Sleep, 2, [&] { EXPECT_EQ(std::rename(box.Path(alive), Path()), 0); });
+        EXPECT_EQ(row.Change(), 1);
+        EXPECT_THAT(Read(), AllOf(HasSubstr(foreign), HasSubstr("pid=4711\n")));
+        EXPECT_THAT(standins::Sleeps(), SizeIs(2));
         EXPECT_EQ(box.FileCount(), 1);
-    }
-    Write(kTwo);
-    Before(Call::Rename, 1, [&] {
-        EXPECT_EQ(::unlink(Path()), 0);
-        EXPECT_EQ(::mkdir(Path(), 0755), 0);
-    });
-    EXPECT_EQ(Set(), -1) << "a directory in the file's place is let be";
-    ExpectSlot(0x0900, kRewrite);
-    EXPECT_EQ(::rmdir(Path()), 0);
-    EXPECT_EQ(box.FileCount(), 0);
-}
+        standins::Reset();
 
-TEST_F(StatusRewrite, AFileSystemThatCannotSwapNamesGetsAPlainRename)
-{
-    Write(kTwo);
-    FailNext(Call::Rename, EINVAL);
-    EXPECT_EQ(Remove("5-2"), 1);
-    EXPECT_EQ(standins::Count(Call::Rename), 2);
-    EXPECT_EQ(box.FileCount(), 1);
+        Write(row.before);
+        const std::string stuck = BeginReplacing("");
+        EXPECT_EQ(row.Change(), 1);
+        EXPECT_THAT(Read(), HasSubstr("pid=4711\n"));
+        EXPECT_THAT(standins::Sleeps(), SizeIs(Le(8U))) << "some milliseconds in all";
+        EXPECT_THAT(box.Files(), Contains(stuck)) << "somebody else clears it away";
+        EXPECT_EQ(::remove(box.Path(stuck)), 0);
+        standins::Reset();
+
+        Write(row.before);
+        const std::string dead = BeginReplacing("");
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        EXPECT_EQ(row.Change(), 1);
+        EXPECT_THAT(standins::Sleeps(), IsEmpty()) << "the dead are known by their age";
+        EXPECT_EQ(::remove(box.Path(dead)), 0);
+    }
 }
 
 TEST_F(StatusRewrite, ASectionThatVanishesMeanwhileIsNotPutBack)

@@ -214,7 +214,7 @@ TEST_F(Query, ASaveThatComesBeforeThePurgeIsNotPurged)
     const std::string saved = Of(1, "ftp").Text() + Aged(2, 31).Text() + Of(3, "rsync").Text();
     constexpr int kNthOpen = 3; // the listing has opened the directory and the file
     for (const bool isQuiet : {false, true}) {
-        for (const auto call : {Call::Open, Call::Fsync, Call::Rename}) {
+        for (const auto call : {Call::Open, Call::Fsync, Call::Chmod}) {
             Write({Aged(1, 31), Aged(2, 31), Of(3, "rsync")});
             if (isQuiet) OutliveATick();
             Before(call, call == Call::Open ? kNthOpen : 1, [&] { Replace(saved); });

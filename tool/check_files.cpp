@@ -61,7 +61,7 @@ mode_t WantedOfRules(const struct stat &status)
 mode_t WantedOfTransfers(const struct stat &status)
 {
     if (S_ISDIR(status.st_mode)) return kStatusDirectoryMode;
-    return kStatusFileMode | (status.st_mode & zevo::kUnsettled); // as while it is rewritten
+    return kStatusFileMode;
 }
 
 bool SetMode(const std::string &path, mode_t mode)

@@ -63,9 +63,9 @@ private:
 
 // The old file's text on its way to the new one. The results: 1 changed, 0 section not there, -1 no
 // memory.
-class Composer {
+template <class Text> class Composer {
 public:
-    Composer(std::string_view oldText, const char *szSection, Bytes &out) noexcept
+    Composer(std::string_view oldText, const char *szSection, Text &out) noexcept
         : reader_(oldText), szSection_(szSection), out_(out)
     {
     }
@@ -124,7 +124,7 @@ private:
 
     Reader reader_;
     const char *szSection_;
-    Bytes &out_;
+    Text &out_;
     bool inside_ = false;
     bool found_ = false;
     bool hasRoom_ = true; // false once memory has run out
@@ -233,7 +233,7 @@ int VLIBCFileRemoveSection(const char *szPath, const char *szSection) noexcept
     const CancelScope cancel;
     Listing::Suspend();
     const RewriteResult done =
-        RewriteFile(szPath, [&](std::string_view oldText, Bytes &newText, const struct stat &) {
+        RewriteFile(szPath, [&](std::string_view oldText, Pieces &newText, const struct stat &) {
             return Composer(oldText, szSection, newText).Remove();
         });
     return done.result < 0 ? ZEVO_FAIL(done.code) : done.result;

@@ -293,12 +293,12 @@ uint32_t SectionIndex::NumberOf(std::string_view name) const noexcept
     return slots_[SlotOf(name, HashOf(name))].number;
 }
 
-size_t SectionIndex::Find(std::string_view section) const noexcept
+size_t SectionIndex::Find(const char *szSection) const noexcept
 {
     if (next_ < entries_.size() && entries_[next_].state != State::kTaken &&
-        NameOf(entries_[next_]) == section)
+        std::strcmp(NameOf(entries_[next_]).data(), szSection) == 0)
         return next_;
-    const uint32_t number = NumberOf(section);
+    const uint32_t number = NumberOf(szSection);
     return number == 0 || entries_[number - 1].state == State::kTaken ? kNone : number - 1;
 }
 
@@ -413,9 +413,10 @@ SectionRead::SectionRead(const char *szPath, const char *szSection) noexcept
         code_ = pListing_->Take(szSection, lines_);
         return;
     }
-    code_ = own_.Read(szPath);
-    own_.CloseFile();
-    if (code_ == 0) lines_ = LinesOf(own_.text(), szSection);
+    own_.emplace();
+    code_ = own_->Read(szPath);
+    own_->CloseFile();
+    if (code_ == 0) lines_ = LinesOf(own_->text(), szSection);
 }
 
 SectionRead::~SectionRead()

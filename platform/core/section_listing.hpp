@@ -54,7 +54,7 @@ public:
     // Looks the sections that were not taken up again in a newer text. false without memory.
     bool Renew(std::string_view text) noexcept;
     // The section, if it was there when the index was built and was not taken since; else kNone.
-    size_t Find(std::string_view section) const noexcept;
+    size_t Find(const char *szSection) const noexcept;
     // Whether it follows the one that was taken last.
     bool IsNext(size_t found) const noexcept { return found == next_; }
     // Takes a section that was found: its lines, unless the newer text lacks it.
@@ -145,7 +145,7 @@ public:
 
 private:
     Listing *pListing_;
-    Snapshot own_;
+    std::optional<Snapshot> own_;
     std::optional<std::string_view> lines_;
     unsigned code_ = 0;
 };

@@ -7,6 +7,7 @@
 
 #include "zevocore_scan.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -104,10 +105,24 @@ bool TakeWord(std::string_view &text, char endMark, Word &word) noexcept
     return !word.raw.empty();
 }
 
+// Whether a byte that needs none is written as an escape.
+bool HasNeedlessEscape(const Word &word) noexcept
+{
+    if (!word.hasEscapes) return false;
+    for (std::string_view rest = word.raw; !rest.empty();) {
+        const bool isByNumber = rest.starts_with("\\x");
+        const char byte = TakeByte(rest);
+        if (isByNumber && byte >= ' ' && byte <= '~') return true;
+    }
+    return false;
+}
+
+// A section's name has one spelling, but for the quotes: who looks for one need look only where the
+// name's bytes stand.
 bool ReadHeader(std::string_view text, Line &line) noexcept
 {
     text.remove_prefix(1);
-    return TakeWord(text, ']', line.name) && Trim(text).empty();
+    return TakeWord(text, ']', line.name) && Trim(text).empty() && !HasNeedlessEscape(line.name);
 }
 
 bool ReadPair(std::string_view text, Line &line) noexcept
@@ -156,6 +171,31 @@ size_t ReadableLength(std::string_view text) noexcept
     return 0;
 }
 
+// Whether one of eight characters is beyond ASCII, for control, or the mark. Now and then it says so of
+// others.
+bool MayHoldOdd(const char *pBytes, char mark) noexcept
+{
+    constexpr uint64_t kEach = 0x0101010101010101;
+    uint64_t bytes;
+    std::memcpy(&bytes, pBytes, sizeof(bytes));
+    const uint64_t unlike = bytes ^ kEach * static_cast<unsigned char>(mark);
+    const uint64_t odd = bytes | (bytes + kEach) | (bytes - kEach * ' ') | (unlike - kEach);
+    return (odd & kEach * 0x80) != 0;
+}
+
+// Whether nothing but printable ASCII is in the text, and not the mark. Most texts are like that; any
+// other is looked at by the rules.
+bool IsSimple(std::string_view text, char mark) noexcept
+{
+    constexpr size_t kStep = 8;
+    size_t i = 0;
+    for (; i + kStep <= text.size(); i += kStep)
+        if (MayHoldOdd(text.data() + i, mark)) return false;
+    for (; i < text.size(); ++i)
+        if (text[i] < ' ' || text[i] > '~' || text[i] == mark) return false;
+    return true;
+}
+
 bool IsReadable(std::string_view text) noexcept
 {
     while (!text.empty()) {
@@ -169,8 +209,10 @@ bool IsReadable(std::string_view text) noexcept
 // Whether a text may stand without quotes: endMark would end it, notFirst must not begin it.
 bool IsPlain(std::string_view text, char endMark, std::string_view notFirst) noexcept
 {
-    return !text.empty() && notFirst.find(text.front()) == notFirst.npos && text.front() != ' ' &&
-           text.back() != ' ' && text.find(endMark) == text.npos && IsReadable(text);
+    if (text.empty() || text.front() == ' ' || text.back() == ' ') return false;
+    for (const char first : notFirst)
+        if (text.front() == first) return false;
+    return IsSimple(text, endMark) || (text.find(endMark) == text.npos && IsReadable(text));
 }
 
 bool WriteEscape(Bytes &out, char byte) noexcept
@@ -215,9 +257,20 @@ bool WriteWord(Bytes &out, std::string_view text, bool isPlain) noexcept
 
 bool WritePair(Bytes &out, std::string_view key, std::string_view value) noexcept
 {
+    const bool plainKey = IsPlain(key, '=', "\"[;#");
     const bool plainValue = value.empty() || IsPlain(value, '\0', "\"");
-    return WriteWord(out, key, IsPlain(key, '=', "\"[;#")) && out.Append("=") &&
-           WriteWord(out, value, plainValue) && out.Append("\n");
+    if (!plainKey || !plainValue)
+        return WriteWord(out, key, plainKey) && out.Append("=") &&
+               WriteWord(out, value, plainValue) && out.Append("\n");
+    const size_t cb = key.size() + value.size() + 2;
+    if (!out.Reserve(cb)) return false;
+    char *const pPair = out.end();
+    key.copy(pPair, key.size());
+    pPair[key.size()] = '=';
+    value.copy(pPair + key.size() + 1, value.size());
+    pPair[cb - 1] = '\n';
+    out.Grow(cb);
+    return true;
 }
 
 // Whether a byte at the end of a word is one that neither is trimmed nor begins a quoted text.
@@ -344,7 +397,9 @@ bool IsHeaderOf(std::string_view text, std::string_view name) noexcept
     // Without a quote the name stands as it is: most others differ within their first bytes.
     const bool isBare = text.size() > 1 && IsInner(text[1]);
     if (isBare && text.compare(1, name.size(), name) != 0) return false;
-    const Line line = ReadLine(text);
+    Line line;
+    if (TakePlainHeader(text, line)) return line.name.raw.size() == name.size() && isBare;
+    line = ReadLine(text);
     return line.kind == LineKind::kHeader && IsWord(line.name, name);
 }
 
@@ -438,10 +493,9 @@ bool WriteHeader(Bytes &out, std::string_view name) noexcept
 
 bool WritePairs(Bytes &out, const VLIB_SZ_HASH &hash) noexcept
 {
-    for (const Pair &pair : hash.pairs()) {
-        if (!WritePair(out, pair.key, pair.szValue)) return false;
-    }
-    return true;
+    return std::all_of(hash.pairs().begin(), hash.pairs().end(), [&out](const Pair &pair) {
+        return WritePair(out, pair.key, pair.szValue);
+    });
 }
 
 } // namespace zevo

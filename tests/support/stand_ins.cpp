@@ -290,6 +290,16 @@ ssize_t write(int fd, const void *pData, size_t cb)
     return REAL(write)(fd, pData, cut && *cut < cb ? *cut : cb);
 }
 
+// A cut one writes within its first piece.
+ssize_t writev(int fd, const struct iovec *pPieces, int count)
+{
+    if (Enter(Call::Write)) return -1;
+    const auto cut = standins::Locked(
+        [](standins::State &state) { return std::exchange(state.cbNextWrite, std::nullopt); });
+    if (!cut || count == 0 || *cut >= pPieces->iov_len) return REAL(writev)(fd, pPieces, count);
+    return REAL(write)(fd, pPieces->iov_base, *cut);
+}
+
 ssize_t read(int fd, void *pData, size_t cb)
 {
     return Enter(Call::Read) ? -1 : REAL(read)(fd, pData, cb);
@@ -339,12 +349,6 @@ int rename(const char *szOld, const char *szNew) noexcept
 int renameat(int oldDirFd, const char *szOld, int newDirFd, const char *szNew) noexcept
 {
     return Enter(Call::Rename) ? -1 : REAL(renameat)(oldDirFd, szOld, newDirFd, szNew);
-}
-
-int renameat2(int oldDirFd, const char *szOld, int newDirFd, const char *szNew,
-              unsigned flags) noexcept
-{
-    return Enter(Call::Rename) ? -1 : REAL(renameat2)(oldDirFd, szOld, newDirFd, szNew, flags);
 }
 
 int mkdir(const char *szPath, mode_t mode) noexcept

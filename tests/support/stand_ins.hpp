@@ -24,7 +24,7 @@ enum class Call {
     Stat,   // stat, lstat, fstat, fstatat
     Chmod,  // fchmod
     Fsync,  // fsync
-    Rename, // rename, renameat, renameat2
+    Rename, // rename, renameat
     Mkdir,  // mkdir, mkdirat
     Sleep,  // usleep
     kCount

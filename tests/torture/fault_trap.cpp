@@ -60,7 +60,15 @@ bool IsHit(int count)
 
 bool IsTransfer(int number)
 {
-    return number == SYS_read || number == SYS_pread64 || number == SYS_write;
+    return number == SYS_read || number == SYS_pread64 || number == SYS_write ||
+           number == SYS_writev;
+}
+
+// What a transfer moves, or the first of it.
+struct iovec FirstPiece(const struct seccomp_data &call)
+{
+    if (call.nr == SYS_writev) return *reinterpret_cast<const struct iovec *>(call.args[1]);
+    return {reinterpret_cast<void *>(call.args[1]), call.args[2]};
 }
 
 bool MayChange(const struct seccomp_data &call)
@@ -69,6 +77,7 @@ bool MayChange(const struct seccomp_data &call)
     case SYS_openat:
         return (call.args[2] & (O_WRONLY | O_RDWR | O_CREAT)) != 0;
     case SYS_write:
+    case SYS_writev:
     case SYS_fsync:
     case SYS_fchmod:
     case SYS_renameat:
@@ -148,7 +157,7 @@ void Decide(Answerer &answerer, const struct seccomp_notif &request,
     const bool isHit = IsHit(count) && g_fault.kind == Fault::Kind::kError &&
                        (!g_fault.isOfChanges || MayChange(call));
     const bool isCut = IsHit(count) && g_fault.kind == Fault::Kind::kShort && IsTransfer(call.nr) &&
-                       call.args[2] > 1 && pid == answerer.tid;
+                       FirstPiece(call).iov_len > 1 && pid == answerer.tid;
     if (!isHit && !isCut) {
         if (call.nr == SYS_execve && pid != answerer.tid) answerer.gone = pid;
         return;
@@ -161,8 +170,10 @@ void Decide(Answerer &answerer, const struct seccomp_notif &request,
     report.wasHit = true;
     response.flags = 0;
     if (isCut) {
-        const std::uint64_t cb = g_fault.isTiny ? 1 : (call.args[2] + 1) / 2;
-        response.val = ::syscall(call.nr, call.args[0], call.args[1], cb, call.args[3]);
+        const struct iovec first = FirstPiece(call);
+        const std::uint64_t cb = g_fault.isTiny ? 1 : (first.iov_len + 1) / 2;
+        const auto number = call.nr == SYS_writev ? SYS_write : call.nr;
+        response.val = ::syscall(number, call.args[0], first.iov_base, cb, call.args[3]);
         return;
     }
     response.error = -g_fault.error;

@@ -301,16 +301,18 @@ private:
             Blame("gives " + Difference(report_.szGiven, trial_.pReference->given));
     }
 
+    static bool IsWrite(int number) { return number == SYS_write || number == SYS_writev; }
+
     void LookAtRetries()
     {
         const Fault &fault = trial_.fault;
         const bool isInterrupted = fault.kind == Fault::Kind::kError && fault.error == EINTR &&
                                    report_.isOurs &&
                                    (report_.number == SYS_openat || report_.number == SYS_read ||
-                                    report_.number == SYS_pread64 || report_.number == SYS_write ||
+                                    report_.number == SYS_pread64 || IsWrite(report_.number) ||
                                     report_.number == SYS_fsync);
         const bool isShortRead = fault.kind == Fault::Kind::kShort && report_.wasHit &&
-                                 !fault.isLasting && report_.number != SYS_write && report_.isOurs;
+                                 !fault.isLasting && !IsWrite(report_.number) && report_.isOurs;
         if ((isInterrupted || isShortRead) && report_.result != trial_.pReference->result)
             Blame("gives up for an interrupted or short call");
     }

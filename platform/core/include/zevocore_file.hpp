@@ -7,6 +7,7 @@
 #define ZEVOCORE_FILE_HPP
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
@@ -22,6 +23,7 @@
 #include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace zevo {
@@ -40,12 +42,10 @@ constexpr size_t kMostFileBytes = size_t{64} << 20; // what stands above is nobo
 constexpr int kMostRewriteRetries = 5;              // then the last rename wins
 constexpr size_t kPathBytes = 4096;
 
-// On a file that has just been swapped in: whoever did so has yet to look whether he may keep it there.
-// Nobody else builds upon it meanwhile, for what he takes back would come with it. The sticky bit means
-// nothing else on a file.
-constexpr mode_t kUnsettled = S_ISVTX;
-constexpr int kMostWaitsForSettling = 20; // he may have died before he could look
-constexpr useconds_t kSettlingUs = 1000;
+// How long one rewrite waits for others that are replacing the same file, in all; who takes longer has
+// died, or has to start over.
+constexpr useconds_t kMostWaitUs = 25'000;
+constexpr useconds_t kFirstWaitUs = 100; // each wait is twice as long as the last
 
 class KeepErrno {
 public:
@@ -134,20 +134,22 @@ class Place {
 public:
     explicit Place(const char *szPath) noexcept
     {
-        char szParent[kPathBytes] = ".";
+        char szParent[kPathBytes];
         const char *const szSlash = std::strrchr(szPath, '/');
         szName_ = szSlash == nullptr ? szPath : szSlash + 1;
+        std::string_view parent = ".";
         if (szSlash != nullptr) {
             size_t cbParent = szSlash == szPath ? 1 : static_cast<size_t>(szSlash - szPath);
             while (cbParent > 1 && szPath[cbParent - 1] == '/')
                 --cbParent; // with a slash at its end a link would be followed
-            if (cbParent >= sizeof(szParent)) {
-                errno = ENAMETOOLONG;
-                return;
-            }
-            std::memcpy(szParent, szPath, cbParent);
-            szParent[cbParent] = '\0';
+            parent = {szPath, cbParent};
         }
+        if (parent.size() >= sizeof(szParent)) {
+            errno = ENAMETOOLONG;
+            return;
+        }
+        parent.copy(szParent, parent.size());
+        szParent[parent.size()] = '\0';
         dir_ = OpenAt(AT_FDCWD, szParent, O_PATH | O_DIRECTORY);
     }
 
@@ -179,6 +181,7 @@ public:
     }
 
     std::string_view view() const noexcept { return {data_ == nullptr ? "" : data_, size_}; }
+    char *begin() noexcept { return data_; }
     size_t size() const noexcept { return size_; }
     char *end() noexcept { return data_ + size_; }
     size_t room() const noexcept { return capacity_ - size_; }
@@ -188,7 +191,8 @@ public:
     bool Reserve(size_t cbMore) noexcept
     {
         if (room() >= cbMore) return true;
-        size_t cbWanted = capacity_ < 4096 ? 4096 : capacity_ * 2;
+        constexpr size_t kFirst = 1000; // what allocators hand out quickly
+        size_t cbWanted = capacity_ == 0 ? kFirst : capacity_ * 2;
         if (cbWanted < size_ + cbMore) cbWanted = size_ + cbMore;
         char *const pLarger = static_cast<char *>(std::realloc(data_, cbWanted));
         if (pLarger == nullptr) return false;
@@ -211,6 +215,40 @@ private:
     size_t capacity_ = 0;
 };
 
+// A text made of others that stay where they are until it has been written: what a rewrite keeps of an old
+// text is most of it, and need not be copied. false results mean that memory ran out.
+class Pieces {
+public:
+    bool Append(std::string_view text) noexcept
+    {
+        if (text.empty()) return true;
+        size_ += text.size();
+        if (text.data() == pEnd_) { // as lines do that follow each other
+            begin()[count() - 1].iov_len += text.size();
+        } else {
+            const struct iovec piece = {const_cast<char *>(text.data()), text.size()};
+            if (!pieces_.Append({reinterpret_cast<const char *>(&piece), sizeof(piece)}))
+                return false;
+        }
+        pEnd_ = text.data() + text.size();
+        return true;
+    }
+    void Clear() noexcept
+    {
+        pieces_.Clear();
+        size_ = 0;
+        pEnd_ = nullptr;
+    }
+    size_t size() const noexcept { return size_; }
+    struct iovec *begin() noexcept { return reinterpret_cast<struct iovec *>(pieces_.begin()); }
+    size_t count() const noexcept { return pieces_.size() / sizeof(struct iovec); }
+
+private:
+    Bytes pieces_;
+    size_t size_ = 0;
+    const char *pEnd_ = nullptr;
+};
+
 // An open regular file. false: code() says why.
 class RegularFile {
 public:
@@ -231,6 +269,14 @@ public:
     explicit operator bool() const noexcept { return static_cast<bool>(fd_); }
     unsigned code() const noexcept { return code_; }
     int get() const noexcept { return fd_.get(); }
+    // Whether nobody has replaced the file since, nor appended to the cbKnown bytes that were read of
+    // it. Who replaces it takes its name from it.
+    bool IsUnchanged(size_t cbKnown) const noexcept
+    {
+        struct stat now = {};
+        return ::fstat(fd_.get(), &now) == 0 && now.st_nlink >= stat_.st_nlink &&
+               now.st_size == static_cast<off_t>(cbKnown);
+    }
     // Hands the descriptor over; the file is closed for this object.
     Fd Release() noexcept { return std::move(fd_); }
     const struct stat &stat() const noexcept { return stat_; }
@@ -268,17 +314,6 @@ private:
     unsigned code_ = kFileOpen;
 };
 
-// Opens a file that many processes rewrite as soon as its content will stay.
-inline RegularFile OpenSettled(const Place &place, int flags) noexcept
-{
-    for (int waits = 0;; ++waits) {
-        RegularFile file(place, flags);
-        if (!file || (file.stat().st_mode & kUnsettled) == 0 || waits == kMostWaitsForSettling)
-            return file;
-        (void)::usleep(kSettlingUs);
-    }
-}
-
 // Whether both are the same file, if one of them has been open all the while: inode numbers are given
 // anew once a file is closed.
 inline bool IsSameFile(const struct stat &a, const struct stat &b) noexcept
@@ -304,13 +339,6 @@ inline nlink_t CountNames(const Place &place, const struct stat &opened) noexcep
         if (now.st_nlink != 1 || isSecond) break;
     }
     return now.st_nlink;
-}
-
-// Whether nobody has replaced the file, nor appended to the cbKnown bytes that were read of it.
-inline bool StillNames(const Place &place, const struct stat &opened, size_t cbKnown) noexcept
-{
-    struct stat now = {};
-    return NamesSameFile(place, opened, now) && now.st_size == static_cast<off_t>(cbKnown);
 }
 
 // While it lives a write beyond the file-size limit fails with EFBIG instead of ending the process
@@ -345,15 +373,28 @@ private:
     bool blocked_ = false;
 };
 
-inline bool WriteAll(int fd, std::string_view text) noexcept
+// Writes the pieces, whose addresses and lengths it uses up.
+inline bool WriteAll(int fd, struct iovec *pPiece, size_t count) noexcept
 {
     const FileSizeScope limit;
-    while (!text.empty()) {
-        const ssize_t cb = RetryInterrupted([&] { return ::write(fd, text.data(), text.size()); });
+    while (count > 0) {
+        const int most = static_cast<int>(count < IOV_MAX ? count : IOV_MAX);
+        const ssize_t cb = RetryInterrupted([&] { return ::writev(fd, pPiece, most); });
         if (cb <= 0) return false;
-        text.remove_prefix(static_cast<size_t>(cb));
+        size_t cbWritten = static_cast<size_t>(cb);
+        for (; count > 0 && cbWritten >= pPiece->iov_len; ++pPiece, --count)
+            cbWritten -= pPiece->iov_len;
+        if (cbWritten == 0) continue;
+        pPiece->iov_base = static_cast<char *>(pPiece->iov_base) + cbWritten;
+        pPiece->iov_len -= cbWritten;
     }
     return true;
+}
+
+inline bool WriteAll(int fd, std::string_view text) noexcept
+{
+    struct iovec piece = {const_cast<char *>(text.data()), text.size()};
+    return WriteAll(fd, &piece, text.empty() ? 0 : 1);
 }
 
 // One write at the end of a file opened with O_APPEND; a short one is a failure.
@@ -364,21 +405,52 @@ inline bool AppendOnce(int fd, std::string_view text) noexcept
            static_cast<ssize_t>(text.size());
 }
 
-// A new file beside the place, named after it with a dot and six random letters; gone unless
-// renamed.
+// What a temporary file beside the place is called: after it, with a dot and six letters.
+class TempName {
+public:
+    // None, with ENAMETOOLONG, where the place's own name is too long.
+    TempName(const Place &place, uint64_t number) noexcept : cbPlace_(std::strlen(place.name()))
+    {
+        constexpr std::string_view kLetters =
+            "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+        constexpr size_t kCount = 6;
+        szName_[0] = '\0';
+        errno = ENAMETOOLONG;
+        if (cbPlace_ + 1 + kCount >= sizeof(szName_)) return;
+        std::memcpy(szName_, place.name(), cbPlace_);
+        char *pNext = szName_ + cbPlace_;
+        *pNext++ = '.';
+        for (size_t i = 0; i < kCount; ++i, number /= kLetters.size())
+            *pNext++ = kLetters[number % kLetters.size()];
+        *pNext = '\0';
+    }
+
+    explicit operator bool() const noexcept { return szName_[0] != '\0'; }
+    const char *get() const noexcept { return szName_; }
+    const char *suffix() const noexcept { return szName_ + cbPlace_; }
+
+private:
+    char szName_[256];
+    size_t cbPlace_;
+};
+
+// A new file under such a name; gone unless renamed.
 class TempFile {
 public:
-    explicit TempFile(const Place &place) noexcept : place_(place)
+    // Under a name that nobody can guess.
+    explicit TempFile(const Place &place) noexcept : TempFile(place, RandomNumber())
     {
         constexpr int kMostNames = 100;
-        for (int tries = 0; tries < kMostNames && !fd_; ++tries) {
-            if (!MakeName()) return;
-            fd_ = OpenAt(place_.dir(), szName_, O_WRONLY | O_CREAT | O_EXCL, 0600);
-            if (!fd_ && errno != EEXIST) {
-                Unlink(); // made, but no descriptor above 2 was left for it
-                return;
-            }
+        for (int tries = 1; tries < kMostNames && !fd_ && errno == EEXIST; ++tries) {
+            name_ = TempName(place_, RandomNumber());
+            Make();
         }
+    }
+    // Under the name that belongs to the file whose place it is to take, an open one: only one rewrite
+    // of it can have that. false with EEXIST: another has.
+    TempFile(const Place &place, ino_t replaced) noexcept : place_(place), name_(place, replaced)
+    {
+        Make();
     }
     ~TempFile()
     {
@@ -388,13 +460,17 @@ public:
     TempFile &operator=(const TempFile &) = delete;
 
     explicit operator bool() const noexcept { return static_cast<bool>(fd_); }
-    // What its name has behind that of the place.
-    const char *suffix() const noexcept { return szName_ + std::strlen(place_.name()); }
+    // As the name stands behind that of the place.
+    const char *suffix() const noexcept { return name_.suffix(); }
+    const char *name() const noexcept { return name_.get(); }
     bool Write(std::string_view text) noexcept
     {
-        if (text.size() <= kMostFileBytes) return WriteAll(fd_.get(), text);
-        errno = EFBIG; // nobody could read it again
-        return false;
+        return IsReadable(text.size()) && WriteAll(fd_.get(), text);
+    }
+    // Uses the pieces up.
+    bool Write(Pieces &text) noexcept
+    {
+        return IsReadable(text.size()) && WriteAll(fd_.get(), text.begin(), text.count());
     }
     bool Sync() noexcept
     {
@@ -414,80 +490,76 @@ public:
         const KeepErrno keep;
         (void)::sync_file_range(fd_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
     }
-    enum class Swapped { kDone, kBeaten, kFailed };
-    // Takes the place if it still names the file that was read, cbKnown bytes long. A look before the
-    // rename leaves a gap in which another process's file would be lost, so the two swap names, in
-    // one step, and what has come out is looked at: anything else goes back. Until then ours is
-    // unsettled. In that moment a third one may still have taken the place, who had waited for too
-    // long. Then his file stays: mostly it is built upon ours, but what had come out is lost until its
-    // writer's next save.
-    Swapped SwapIn(const struct stat &known, size_t cbKnown) noexcept
-    {
-        if (!StillNames(place_, known, cbKnown)) return Swapped::kBeaten;
-        if (!Swap()) {
-            const bool canNot = errno == EINVAL || errno == ENOSYS || errno == ENOENT;
-            return canNot ? Replace() : Swapped::kFailed; // some file systems know no swapping
-        }
-        struct stat out = {};
-        struct stat ours = {};
-        const auto hasComeOut = [&] {
-            return ::fstatat(place_.dir(), szName_, &out, AT_SYMLINK_NOFOLLOW) == 0;
-        };
-        if (!hasComeOut()) return Swapped::kDone; // somebody has cleared it away
-        if (IsSameFile(out, known) && out.st_size == static_cast<off_t>(cbKnown))
-            return Swapped::kDone;
-        if (!Swap()) return Swapped::kDone; // the later one wins
-        const bool isOurs = hasComeOut() && ::fstat(fd_.get(), &ours) == 0 && IsSameFile(out, ours);
-        return !isOurs && Swap() ? Swapped::kDone : Swapped::kBeaten;
-    }
-    Swapped Replace() noexcept { return RenameOver() ? Swapped::kDone : Swapped::kFailed; }
     bool RenameOver() noexcept
     {
-        renamed_ = ::renameat(place_.dir(), szName_, place_.dir(), place_.name()) == 0;
+        renamed_ = ::renameat(place_.dir(), name_.get(), place_.dir(), place_.name()) == 0;
         return renamed_;
     }
 
 private:
-    bool Swap() noexcept
+    static uint64_t RandomNumber() noexcept
     {
-        return ::renameat2(place_.dir(), szName_, place_.dir(), place_.name(), RENAME_EXCHANGE) ==
-               0;
+        uint64_t number = 0;
+        if (::getrandom(&number, sizeof(number), GRND_NONBLOCK) == sizeof(number)) return number;
+        // Early after start-up there is none. O_EXCL protects the name; it only has to vary.
+        struct timespec now = {};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        return (static_cast<uint64_t>(now.tv_nsec) << 20) ^ static_cast<uint64_t>(::getpid());
     }
-    // What stands under the temporary name: ours, or the file that it has replaced.
+    void Make() noexcept
+    {
+        if (!name_) return;
+        fd_ = OpenAt(place_.dir(), name_.get(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+        if (!fd_ && errno != EEXIST) Unlink(); // made, but no descriptor above 2 was left for it
+    }
     void Unlink() noexcept
     {
         const KeepErrno keep;
-        ::unlinkat(place_.dir(), szName_, 0);
+        ::unlinkat(place_.dir(), name_.get(), 0);
     }
-    bool MakeName() noexcept
+    static bool IsReadable(size_t cb) noexcept
     {
-        constexpr char kLetters[] =
-            "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
-        unsigned char random[6] = {};
-        if (::getrandom(random, sizeof(random), GRND_NONBLOCK) != sizeof(random)) {
-            // Early after start-up there is none. O_EXCL protects the name; it only has to vary.
-            struct timespec now = {};
-            ::clock_gettime(CLOCK_MONOTONIC, &now);
-            const uint64_t mixed =
-                (static_cast<uint64_t>(now.tv_nsec) << 20) ^ static_cast<uint64_t>(::getpid());
-            std::memcpy(random, &mixed, sizeof(random));
-        }
-        const int cb = std::snprintf(szName_, sizeof(szName_), "%s.", place_.name());
-        if (cb < 0 || static_cast<size_t>(cb) + sizeof(random) >= sizeof(szName_)) {
-            errno = ENAMETOOLONG;
-            return false;
-        }
-        char *pNext = szName_ + cb;
-        for (const unsigned char byte : random)
-            *pNext++ = kLetters[byte % (sizeof(kLetters) - 1)];
-        *pNext = '\0';
-        return true;
+        if (cb <= kMostFileBytes) return true;
+        errno = EFBIG; // nobody could read it again
+        return false;
     }
 
     const Place &place_;
+    TempName name_;
     Fd fd_;
-    char szName_[256] = {};
     bool renamed_ = false;
+};
+
+// Waits for whoever has the name under which a file is to be replaced. Nobody is waited for long: he may
+// have died, or a stranger may have put something there.
+class Patience {
+public:
+    bool isOver() const noexcept { return nextUs_ > kMostWaitUs; }
+    // false: nobody has it, or that was enough.
+    bool WaitFor(const Place &place, const char *szName) noexcept
+    {
+        struct stat found = {};
+        if (isOver()) return false;
+        const bool isThere =
+            ::fstatat(place.dir(), szName, &found, AT_SYMLINK_NOFOLLOW) == 0;
+        if (isThere && IsOld(found)) nextUs_ = kMostWaitUs;
+        else if (isThere) (void)::usleep(nextUs_);
+        nextUs_ *= 2;
+        return isThere && !isOver();
+    }
+
+private:
+    static bool IsOld(const struct stat &found) noexcept
+    {
+        constexpr int64_t kUs = 1'000'000;
+        struct timespec now = {};
+        ::clock_gettime(CLOCK_REALTIME, &now);
+        const int64_t ageUs = (int64_t{now.tv_sec} - found.st_ctim.tv_sec) * kUs +
+                              (now.tv_nsec - found.st_ctim.tv_nsec) / 1000;
+        return ageUs < 0 || ageUs > int64_t{kMostWaitUs};
+    }
+
+    useconds_t nextUs_ = kFirstWaitUs;
 };
 
 struct RewriteResult {
@@ -503,19 +575,23 @@ enum class IfBeaten { kWin, kGiveUp };
 // Puts the new text into the temporary file, fit to take the old one's place. The first attempt waits
 // for the disk. That takes so long that with many writers every later one would be beaten, too: those
 // see to it only that the data are on their way before the name is, and wait afterwards.
-inline bool FillTemp(TempFile &temp, std::string_view text, mode_t mode, bool isFirst) noexcept
+inline bool FillTemp(TempFile &temp, Pieces &text, mode_t mode, bool isFirst) noexcept
 {
     if (!temp.Write(text)) return false;
     if (isFirst && !temp.Sync()) return false;
     if (!isFirst) temp.SendOff();
-    return temp.SetMode(mode | kUnsettled);
+    return temp.SetMode(mode);
 }
 
 // Replaces a file that many processes rewrite without a lock. compose(old, new, state) puts the new text
-// together, the state that of the old file: 1 to write it, 0 to leave the file as it is, or one of the
-// two above. Each attempt starts
-// from what the path names then; when another process was faster it starts over. After the last retry
-// the later rename wins, or the file is left as it is (0).
+// together, of pieces of the old one and of what outlives the call, the state that of the old file: 1 to
+// write it, 0 to leave the file as it is, or one of the two above.
+//
+// Of two that have read the same file only the first gets the temporary name that belongs to it; the
+// other waits a little and starts over from what stands there then. Who has the name looks, last of all,
+// whether what he has read is still there: from then to his rename nobody else puts a file in its place. But nobody is waited for without end. Who has waited in vain goes on under a name of his
+// own, and whoever he overtakes finds himself beaten at that last look and starts over. After the last
+// retry the later rename wins, or the file is left as it is (0).
 template <class Compose>
 RewriteResult RewriteFile(const char *szPath, Compose compose,
                           IfBeaten ifBeaten = IfBeaten::kWin) noexcept
@@ -523,35 +599,49 @@ RewriteResult RewriteFile(const char *szPath, Compose compose,
     const Place place(szPath);
     if (!place) return {-1, kFileOpen};
     Bytes oldText;
-    Bytes newText;
-    for (int attempt = 0;; ++attempt) {
-        const RegularFile in = OpenSettled(place, O_RDONLY);
+    Pieces newText;
+    Patience patience;
+    for (int attempt = 0;;) {
+        const RegularFile in(place, O_RDONLY);
         if (!in) return {-1, in.code()};
-        const mode_t mode = in.stat().st_mode & kPermissionBits;
         oldText.Clear();
         newText.Clear();
         if (const unsigned code = in.ReadWhole(oldText); code != 0) return {-1, code};
         const int found = compose(oldText.view(), newText, in.stat());
         if (found < 0) return {-1, found == kComposeFailed ? kFileNoMemory : 0u};
         if (found == 0) return {0, 0};
-        TempFile temp(place);
-        if (!temp) return {-1, kFileOpen};
-        const bool isFirst = attempt == 0;
-        const bool isLast = attempt == kMostRewriteRetries;
-        if (!FillTemp(temp, newText.view(), mode, isFirst)) return {-1, kFileWrite};
-        const auto swapped = isLast && ifBeaten == IfBeaten::kWin
-                                 ? temp.Replace()
-                                 : temp.SwapIn(in.stat(), oldText.size());
-        if (swapped == TempFile::Swapped::kFailed) return {-1, kFileRename};
-        if (swapped == TempFile::Swapped::kBeaten) {
-            if (isLast) return {0, 0};
+        TempFile temp = patience.isOver() ? TempFile(place) : TempFile(place, in.stat().st_ino);
+        if (!temp) {
+            if (errno != EEXIST || patience.isOver()) return {-1, kFileOpen};
+            (void)patience.WaitFor(place, temp.name());
             continue;
         }
-        // The file stands: there is no failure to tell any more.
-        (void)temp.SetMode(mode);
-        if (!isFirst) (void)temp.Sync();
+        const bool isFirst = attempt == 0;
+        const bool isLast = attempt == kMostRewriteRetries;
+        if (!FillTemp(temp, newText, in.stat().st_mode & kPermissionBits, isFirst))
+            return {-1, kFileWrite};
+        const bool isBeaten = !in.IsUnchanged(oldText.size());
+        if (isBeaten && isLast && ifBeaten == IfBeaten::kGiveUp) return {0, 0};
+        if (isBeaten && !isLast) {
+            ++attempt;
+            continue;
+        }
+        if (!temp.RenameOver()) return {-1, kFileRename};
+        if (!isFirst) (void)temp.Sync(); // the file stands: there is no failure to tell any more
         return {1, 0};
     }
+}
+
+// Whether what has just been appended to the open file stays: none who read it before is about to put
+// another in its place. Waits for such a one as a rewrite does.
+inline bool StaysAppended(const Place &place, const struct stat &opened) noexcept
+{
+    const TempName name(place, opened.st_ino);
+    Patience patience;
+    while (patience.WaitFor(place, name.get())) {
+    }
+    struct stat now = {};
+    return NamesSameFile(place, opened, now);
 }
 
 } // namespace zevo

@@ -1,5 +1,5 @@
-// The lines of a text, a block of bytes at a time: for who looks at each line of a file. Header-only,
-// like the careful access to files beside it.
+// The lines of a text, and the places of a word in it, a block of bytes at a time: for who looks through
+// a whole file. Header-only, like the careful access to files beside it.
 #ifndef ZEVOCORE_SCAN_HPP
 #define ZEVOCORE_SCAN_HPP
 
@@ -14,6 +14,44 @@
 
 namespace zevo {
 
+constexpr size_t kScanBlock = 64;
+
+// A bit for each byte of a block that is the wanted one.
+inline uint64_t FindInBlock(const char *pBlock, char wanted) noexcept
+{
+    uint64_t found = 0;
+#ifdef __SSE2__
+    constexpr size_t kWord = 16;
+    const __m128i pattern = _mm_set1_epi8(wanted);
+    for (size_t i = 0; i < kScanBlock; i += kWord) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(pBlock + i));
+        const int word = _mm_movemask_epi8(_mm_cmpeq_epi8(bytes, pattern));
+        found |= uint64_t{static_cast<unsigned>(word)} << i;
+    }
+#else
+    for (size_t i = 0; i < kScanBlock; ++i)
+        found |= uint64_t{pBlock[i] == wanted} << i;
+#endif
+    return found;
+}
+
+// Where the word stands first, npos when nowhere. It is looked for by one of its bytes, a mark rather than
+// a letter or a digit, for those are everywhere.
+inline size_t FindWord(std::string_view text, std::string_view word) noexcept
+{
+    const auto isMark = [](char c) { return (c < '0' || c > '9') && ((c | 32) < 'a' || (c | 32) > 'z'); };
+    size_t pivot = 0;
+    while (pivot + 1 < word.size() && !isMark(word[pivot]))
+        ++pivot;
+    size_t at = pivot; // where the pivot may stand
+    for (; at + kScanBlock + word.size() <= text.size(); at += kScanBlock)
+        for (uint64_t found = FindInBlock(text.data() + at, word[pivot]); found != 0; found &= found - 1) {
+            const size_t begin = at + static_cast<size_t>(std::countr_zero(found)) - pivot;
+            if (std::memcmp(text.data() + begin, word.data(), word.size()) == 0) return begin;
+        }
+    return text.find(word, at - pivot);
+}
+
 // Finds one byte after the other that ends a line. A search of its own for each costs more than the
 // lines' bytes, which are few.
 class LineEnds {
@@ -24,8 +62,8 @@ public:
     size_t Next() noexcept
     {
         while (found_ == 0) {
-            if (text_.size() - at_ <= kBlock) return text_.size();
-            at_ += kBlock;
+            if (text_.size() - at_ <= kScanBlock) return text_.size();
+            at_ += kScanBlock;
             Look();
         }
         const size_t end = at_ + static_cast<size_t>(std::countr_zero(found_));
@@ -34,37 +72,19 @@ public:
     }
 
 private:
-    static constexpr size_t kBlock = 64;
-
     void Look() noexcept
     {
         const size_t cbLeft = text_.size() - at_;
-        if (cbLeft >= kBlock) {
-            found_ = Find(text_.data() + at_);
-            return;
+        if (cbLeft >= kScanBlock) {
+            found_ = FindInBlock(text_.data() + at_, '\n');
+        } else if (text_.size() >= kScanBlock && cbLeft > 0) { // a block that has been seen in part
+            found_ = FindInBlock(text_.data() + text_.size() - kScanBlock, '\n') >>
+                     (kScanBlock - cbLeft);
+        } else {
+            char rest[kScanBlock] = {};
+            text_.copy(rest, cbLeft, at_);
+            found_ = FindInBlock(rest, '\n');
         }
-        char rest[kBlock] = {};
-        text_.copy(rest, cbLeft, at_);
-        found_ = Find(rest);
-    }
-
-    // A bit for each byte of the block.
-    static uint64_t Find(const char *pBlock) noexcept
-    {
-        uint64_t found = 0;
-#ifdef __SSE2__
-        constexpr size_t kWord = 16;
-        const __m128i ends = _mm_set1_epi8('\n');
-        for (size_t i = 0; i < kBlock; i += kWord) {
-            const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(pBlock + i));
-            const int word = _mm_movemask_epi8(_mm_cmpeq_epi8(bytes, ends));
-            found |= uint64_t{static_cast<unsigned>(word)} << i;
-        }
-#else
-        for (size_t i = 0; i < kBlock; ++i)
-            found |= uint64_t{pBlock[i] == '\n'} << i;
-#endif
-        return found;
     }
 
     std::string_view text_;
