@@ -24,11 +24,18 @@ bool Purge::Note(int32_t i) noexcept
     return true;
 }
 
-// Goes through the lines: those of the noted sections, which stand in the file in the order of their
-// names, and all others. As with any removal the comments in them stay.
-template <class Keep, class Drop>
-void Purge::Split(std::string_view oldText, Keep keep, Drop drop) const noexcept
+// Takes the text apart: the lines of the noted sections, which stand in the file in the order of their
+// names, and all others. As with any removal the comments in them stay. false without memory.
+bool Purge::Split(std::string_view oldText, zevo::Pieces &kept,
+                  zevo::Pieces &dropped) const noexcept
 {
+    const char *pBegin = oldText.data(); // of lines that go the same way
+    bool goes = false;
+    const auto endAt = [&](const char *pEnd) {
+        const std::string_view lines(pBegin, static_cast<size_t>(pEnd - pBegin));
+        pBegin = pEnd;
+        return goes ? dropped.Append(lines) : kept.Append(lines);
+    };
     int32_t next = 0;
     bool inside = false;
     Lines lines(oldText);
@@ -37,9 +44,11 @@ void Purge::Split(std::string_view oldText, Keep keep, Drop drop) const noexcept
             inside = next < nNoted_ && IsHeaderOf(line, NotedName(next));
             if (inside) ++next;
         }
-        const bool goes = inside && line.front() != ';' && line.front() != '#';
-        if (!(goes ? drop(line) : keep(line))) return;
+        if (goes == (inside && !IsComment(line))) continue;
+        if (!endAt(line.data())) return false;
+        goes = !goes;
     }
+    return endAt(oldText.data() + oldText.size());
 }
 
 // Notes what is stale of the copy: 0, or the kCompose... result that says why it cannot be told, the
@@ -73,14 +82,12 @@ int Purge::DecideOn(const char *szCopy) noexcept
 
 int Purge::Decide(std::string_view oldText) noexcept
 {
-    zevo::Bytes text;
-    bool isWhole = true;
-    const auto pass = [](std::string_view) { return true; };
-    Split(oldText, pass, [&](std::string_view line) { return isWhole = text.Append(line); });
-    if (!isWhole) return zevo::kComposeFailed;
+    zevo::Pieces others;
+    zevo::Pieces text;
+    if (!Split(oldText, others, text)) return zevo::kComposeFailed;
     const zevo::Place place(szFile_);
     zevo::TempFile copy(place);
-    if (!copy || !copy.Write(text.view())) {
+    if (!copy || !copy.Write(text)) {
         BW_RECORD(copy ? ZEVO_BW_ERROR_WRITE : ZEVO_BW_ERROR_OPEN);
         return zevo::kComposeRefused;
     }
@@ -100,10 +107,8 @@ int Purge::Compose(std::string_view oldText, zevo::Pieces &newText,
                    const struct stat &state) noexcept
 {
     if (const int failed = IsUntouched(state) ? 0 : Decide(oldText); failed < 0) return failed;
-    bool isWhole = true;
-    const auto keep = [&](std::string_view line) { return isWhole = newText.Append(line); };
-    Split(oldText, keep, [](std::string_view) { return true; });
-    if (!isWhole) return zevo::kComposeFailed;
+    zevo::Pieces dropped;
+    if (!Split(oldText, newText, dropped)) return zevo::kComposeFailed;
     return nNoted_ > 0 ? 1 : 0;
 }
 

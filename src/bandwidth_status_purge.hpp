@@ -46,8 +46,7 @@ public:
 private:
     int Decide(std::string_view oldText) noexcept;
     int DecideOn(const char *szCopy) noexcept;
-    template <class Keep, class Drop>
-    void Split(std::string_view oldText, Keep keep, Drop drop) const noexcept;
+    bool Split(std::string_view oldText, zevo::Pieces &kept, zevo::Pieces &dropped) const noexcept;
     bool IsUntouched(const struct stat &state) const noexcept;
     int Compose(std::string_view oldText, zevo::Pieces &newText, const struct stat &state) noexcept;
 

@@ -13,11 +13,6 @@ namespace {
 
 enum Mode { kRemove = 0, kSet = 1 };
 
-bool IsComment(std::string_view line) noexcept
-{
-    return line.front() == ';' || line.front() == '#';
-}
-
 // Puts the file's new text together: 1, 0 when it holds no such section, or why it cannot. The new
 // section is spelled once, when it is needed, however often a planted file repeats its header.
 int Compose(std::string_view oldText, zevo::Pieces &newText, const char *szSection,

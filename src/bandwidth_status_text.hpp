@@ -6,6 +6,7 @@
 #include "zevocore_file.hpp"
 #include "zevocore_scan.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <string_view>
@@ -22,6 +23,11 @@ inline bool IsHeaderOf(std::string_view line, const char *szSection) noexcept
     return ::VLIBCIFileMatchSection(line.data(), static_cast<int>(line.size()), szSection) == 1;
 }
 
+inline bool IsComment(std::string_view line) noexcept
+{
+    return line.front() == ';' || line.front() == '#';
+}
+
 // Walks over the lines of a text, each with its "\n", which the last one may lack. What is a header is for
 // the platform to say; of its form only this is known, that plain names stand in headers as they are.
 class Lines {
@@ -31,11 +37,10 @@ public:
     // false at the end.
     bool Next(std::string_view &line) noexcept
     {
-        if (at_ >= text_.size()) return false;
-        const size_t end = ends_.Next();
-        line = {text_.data() + at_, end - at_ + (end < text_.size() ? 1 : 0)};
-        at_ = end + 1;
-        return true;
+        const size_t begin = at_;
+        at_ = std::min(ends_.Next() + 1, text_.size());
+        line = {text_.data() + begin, at_ - begin};
+        return at_ != begin;
     }
 
     // Passes over all lines before the next header of a section, which are most of a file. false at the
@@ -59,7 +64,7 @@ private:
     // Only lines that hold the name can be its header: none but those is asked about.
     bool NextLineWith(const char *szSection, std::string_view &line) noexcept
     {
-        std::string_view rest = text_.substr(at_ < text_.size() ? at_ : text_.size());
+        std::string_view rest = text_.substr(at_);
         bool isThere = false;
         while (!isThere && !rest.empty()) {
             const size_t found = zevo::FindWord(rest, szSection);

@@ -171,29 +171,35 @@ size_t ReadableLength(std::string_view text) noexcept
     return 0;
 }
 
-// Whether one of eight characters is beyond ASCII, for control, or the mark. Now and then it says so of
-// others.
-bool MayHoldOdd(const char *pBytes, char mark) noexcept
+// Copies eight characters. false when one of them is beyond ASCII, for control, or the mark, and now and
+// then for others.
+bool CopyEight(const char *pFrom, char mark, char *pTo) noexcept
 {
     constexpr uint64_t kEach = 0x0101010101010101;
     uint64_t bytes;
-    std::memcpy(&bytes, pBytes, sizeof(bytes));
+    std::memcpy(&bytes, pFrom, sizeof(bytes));
+    std::memcpy(pTo, &bytes, sizeof(bytes));
     const uint64_t unlike = bytes ^ kEach * static_cast<unsigned char>(mark);
     const uint64_t odd = bytes | (bytes + kEach) | (bytes - kEach * ' ') | (unlike - kEach);
-    return (odd & kEach * 0x80) != 0;
+    return (odd & kEach * 0x80) == 0;
 }
 
-// Whether nothing but printable ASCII is in the text, and not the mark. Most texts are like that; any
-// other is looked at by the rules.
-bool IsSimple(std::string_view text, char mark) noexcept
+// Copies a text of which nothing is beyond printable ASCII, nor the mark. Most are like that; false for any
+// other, which is looked at by the rules.
+bool CopySimple(std::string_view text, char mark, char *pTo) noexcept
 {
     constexpr size_t kStep = 8;
-    size_t i = 0;
-    for (; i + kStep <= text.size(); i += kStep)
-        if (MayHoldOdd(text.data() + i, mark)) return false;
-    for (; i < text.size(); ++i)
-        if (text[i] < ' ' || text[i] > '~' || text[i] == mark) return false;
-    return true;
+    if (text.size() < kStep) {
+        for (const char byte : text) {
+            if (byte < ' ' || byte > '~' || byte == mark) return false;
+            *pTo++ = byte;
+        }
+        return true;
+    }
+    for (size_t i = 0; i + kStep < text.size(); i += kStep)
+        if (!CopyEight(text.data() + i, mark, pTo + i)) return false;
+    const size_t last = text.size() - kStep;
+    return CopyEight(text.data() + last, mark, pTo + last);
 }
 
 bool IsReadable(std::string_view text) noexcept
@@ -206,13 +212,21 @@ bool IsReadable(std::string_view text) noexcept
     return true;
 }
 
-// Whether a text may stand without quotes: endMark would end it, notFirst must not begin it.
-bool IsPlain(std::string_view text, char endMark, std::string_view notFirst) noexcept
+// What a text must not begin with that stands without quotes.
+constexpr std::string_view kNotFirstOfKey = "\"[;#";
+constexpr std::string_view kNotFirstOfValue = "\"";
+
+bool HasPlainEnds(std::string_view text, std::string_view notFirst) noexcept
 {
     if (text.empty() || text.front() == ' ' || text.back() == ' ') return false;
-    for (const char first : notFirst)
-        if (text.front() == first) return false;
-    return IsSimple(text, endMark) || (text.find(endMark) == text.npos && IsReadable(text));
+    return std::none_of(notFirst.begin(), notFirst.end(),
+                        [&text](char first) { return text.front() == first; });
+}
+
+// Whether a text may stand without quotes: endMark would end it.
+bool IsPlain(std::string_view text, char endMark, std::string_view notFirst) noexcept
+{
+    return HasPlainEnds(text, notFirst) && text.find(endMark) == text.npos && IsReadable(text);
 }
 
 bool WriteEscape(Bytes &out, char byte) noexcept
@@ -257,20 +271,21 @@ bool WriteWord(Bytes &out, std::string_view text, bool isPlain) noexcept
 
 bool WritePair(Bytes &out, std::string_view key, std::string_view value) noexcept
 {
-    const bool plainKey = IsPlain(key, '=', "\"[;#");
-    const bool plainValue = value.empty() || IsPlain(value, '\0', "\"");
-    if (!plainKey || !plainValue)
-        return WriteWord(out, key, plainKey) && out.Append("=") &&
-               WriteWord(out, value, plainValue) && out.Append("\n");
-    const size_t cb = key.size() + value.size() + 2;
-    if (!out.Reserve(cb)) return false;
-    char *const pPair = out.end();
-    key.copy(pPair, key.size());
-    pPair[key.size()] = '=';
-    value.copy(pPair + key.size() + 1, value.size());
-    pPair[cb - 1] = '\n';
-    out.Grow(cb);
-    return true;
+    const size_t cbSimple = key.size() + value.size() + 2;
+    if (!out.Reserve(cbSimple)) return false;
+    char *const pKey = out.end();
+    char *const pValue = pKey + key.size() + 1;
+    if (HasPlainEnds(key, kNotFirstOfKey) && CopySimple(key, '=', pKey) &&
+        (value.empty() ||
+         (HasPlainEnds(value, kNotFirstOfValue) && CopySimple(value, '\0', pValue)))) {
+        pValue[-1] = '=';
+        pValue[value.size()] = '\n';
+        out.Grow(cbSimple);
+        return true;
+    }
+    const bool plainValue = value.empty() || IsPlain(value, '\0', kNotFirstOfValue);
+    return WriteWord(out, key, IsPlain(key, '=', kNotFirstOfKey)) && out.Append("=") &&
+           WriteWord(out, value, plainValue) && out.Append("\n");
 }
 
 // Whether a byte at the end of a word is one that neither is trimmed nor begins a quoted text.
@@ -488,14 +503,14 @@ bool EndLine(Bytes &out) noexcept
 
 bool WriteHeader(Bytes &out, std::string_view name) noexcept
 {
-    return out.Append("[") && WriteWord(out, name, IsPlain(name, ']', "\"")) && out.Append("]\n");
+    return out.Append("[") && WriteWord(out, name, IsPlain(name, ']', kNotFirstOfValue)) &&
+           out.Append("]\n");
 }
 
 bool WritePairs(Bytes &out, const VLIB_SZ_HASH &hash) noexcept
 {
-    return std::all_of(hash.pairs().begin(), hash.pairs().end(), [&out](const Pair &pair) {
-        return WritePair(out, pair.key, pair.szValue);
-    });
+    return std::all_of(hash.pairs().begin(), hash.pairs().end(),
+                       [&out](const Pair &pair) { return WritePair(out, pair.key, pair.szValue); });
 }
 
 } // namespace zevo

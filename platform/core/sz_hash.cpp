@@ -196,10 +196,8 @@ try {
     return false;
 }
 
-const char *VLIB_SZ_HASH::Get(const char *szKey) const noexcept
+[[gnu::noinline]] const char *VLIB_SZ_HASH::LookUp(const char *szKey) const noexcept
 {
-    if (next_ < pairs_.size() && std::strcmp(pairs_[next_].key.data(), szKey) == 0)
-        return pairs_[next_++].szValue;
     if (pairs_.empty()) return nullptr;
     // A transfer's time stamp, which stands last and is asked for among the others.
     if (std::strcmp(pairs_.back().key.data(), szKey) == 0) return pairs_.back().szValue;

@@ -87,8 +87,13 @@ public:
 
     // false, with the hash as it was, without memory.
     bool Set(std::string_view key, std::string_view value) noexcept;
-    // nullptr when the key is absent.
-    const char *Get(const char *szKey) const noexcept;
+    // nullptr when the key is absent. Most ask for one key after the other, in their order.
+    const char *Get(const char *szKey) const noexcept
+    {
+        if (next_ < pairs_.size() && std::strcmp(pairs_[next_].key.data(), szKey) == 0)
+            return pairs_[next_++].szValue;
+        return LookUp(szKey);
+    }
     void RemoveAll() noexcept;
 
     // Room for texts that stay as long as the hash's own; nullptr without memory.
@@ -115,6 +120,7 @@ private:
     static constexpr size_t kAbsent = ~size_t{0};
     static constexpr size_t kMostUnindexed = 16;
 
+    const char *LookUp(const char *szKey) const noexcept;
     size_t Find(std::string_view key) const noexcept;
     size_t SlotOf(std::string_view key) const noexcept;
     void Replace(zevo::Pair &pair, std::string_view value);

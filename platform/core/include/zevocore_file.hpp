@@ -224,27 +224,42 @@ public:
         if (text.empty()) return true;
         size_ += text.size();
         if (text.data() == pEnd_) { // as lines do that follow each other
-            begin()[count() - 1].iov_len += text.size();
+            begin()[count_ - 1].iov_len += text.size();
         } else {
-            const struct iovec piece = {const_cast<char *>(text.data()), text.size()};
-            if (!pieces_.Append({reinterpret_cast<const char *>(&piece), sizeof(piece)}))
-                return false;
+            if (count_ >= kFew && !MakeRoom()) return false;
+            begin()[count_++] = {const_cast<char *>(text.data()), text.size()};
         }
         pEnd_ = text.data() + text.size();
         return true;
     }
     void Clear() noexcept
     {
-        pieces_.Clear();
-        size_ = 0;
+        many_.Clear();
+        count_ = size_ = 0;
         pEnd_ = nullptr;
     }
     size_t size() const noexcept { return size_; }
-    struct iovec *begin() noexcept { return reinterpret_cast<struct iovec *>(pieces_.begin()); }
-    size_t count() const noexcept { return pieces_.size() / sizeof(struct iovec); }
+    struct iovec *begin() noexcept
+    {
+        return many_.size() == 0 ? few_ : reinterpret_cast<struct iovec *>(many_.begin());
+    }
+    size_t count() const noexcept { return count_; }
 
 private:
-    Bytes pieces_;
+    static constexpr size_t kFew = 4; // what is kept, what is new, what is kept, and one more
+
+    bool MakeRoom() noexcept
+    {
+        const std::string_view few = {reinterpret_cast<const char *>(few_), sizeof(few_)};
+        if (many_.size() == 0 && !many_.Append(few)) return false;
+        if (!many_.Reserve(sizeof(struct iovec))) return false;
+        many_.Grow(sizeof(struct iovec));
+        return true;
+    }
+
+    struct iovec few_[kFew];
+    Bytes many_; // all of them, once they are more
+    size_t count_ = 0;
     size_t size_ = 0;
     const char *pEnd_ = nullptr;
 };
@@ -368,18 +383,22 @@ public:
     FileSizeScope &operator=(const FileSizeScope &) = delete;
 
 private:
-    sigset_t signal_ = {};
-    sigset_t saved_ = {};
+    sigset_t signal_;
+    sigset_t saved_;
     bool blocked_ = false;
 };
 
 // Writes the pieces, whose addresses and lengths it uses up.
 inline bool WriteAll(int fd, struct iovec *pPiece, size_t count) noexcept
 {
+    if (count == 0) return true;
     const FileSizeScope limit;
     while (count > 0) {
         const int most = static_cast<int>(count < IOV_MAX ? count : IOV_MAX);
-        const ssize_t cb = RetryInterrupted([&] { return ::writev(fd, pPiece, most); });
+        const ssize_t cb = RetryInterrupted([&] {
+            return most == 1 ? ::write(fd, pPiece->iov_base, pPiece->iov_len)
+                             : ::writev(fd, pPiece, most);
+        });
         if (cb <= 0) return false;
         size_t cbWritten = static_cast<size_t>(cb);
         for (; count > 0 && cbWritten >= pPiece->iov_len; ++pPiece, --count)
@@ -540,10 +559,11 @@ public:
     {
         struct stat found = {};
         if (isOver()) return false;
-        const bool isThere =
-            ::fstatat(place.dir(), szName, &found, AT_SYMLINK_NOFOLLOW) == 0;
-        if (isThere && IsOld(found)) nextUs_ = kMostWaitUs;
-        else if (isThere) (void)::usleep(nextUs_);
+        const bool isThere = ::fstatat(place.dir(), szName, &found, AT_SYMLINK_NOFOLLOW) == 0;
+        if (isThere && IsOld(found))
+            nextUs_ = kMostWaitUs;
+        else if (isThere)
+            (void)::usleep(nextUs_);
         nextUs_ *= 2;
         return isThere && !isOver();
     }

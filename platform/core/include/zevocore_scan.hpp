@@ -39,15 +39,21 @@ inline uint64_t FindInBlock(const char *pBlock, char wanted) noexcept
 // a letter or a digit, for those are everywhere.
 inline size_t FindWord(std::string_view text, std::string_view word) noexcept
 {
-    const auto isMark = [](char c) { return (c < '0' || c > '9') && ((c | 32) < 'a' || (c | 32) > 'z'); };
+    const auto isMark = [](char c) {
+        return (c < '0' || c > '9') && ((c | 32) < 'a' || (c | 32) > 'z');
+    };
     size_t pivot = 0;
     while (pivot + 1 < word.size() && !isMark(word[pivot]))
         ++pivot;
     size_t at = pivot; // where the pivot may stand
     for (; at + kScanBlock + word.size() <= text.size(); at += kScanBlock)
-        for (uint64_t found = FindInBlock(text.data() + at, word[pivot]); found != 0; found &= found - 1) {
-            const size_t begin = at + static_cast<size_t>(std::countr_zero(found)) - pivot;
-            if (std::memcmp(text.data() + begin, word.data(), word.size()) == 0) return begin;
+        for (uint64_t found = FindInBlock(text.data() + at, word[pivot]); found != 0;
+             found &= found - 1) {
+            const char *const pFound = text.data() + at + std::countr_zero(found);
+            if (pivot != 0 && pFound[-1] != word[pivot - 1]) continue; // as in most numbered names
+            const char *const pBegin = pFound - pivot;
+            if (std::memcmp(pBegin, word.data(), word.size()) == 0)
+                return static_cast<size_t>(pBegin - text.data());
         }
     return text.find(word, at - pivot);
 }
