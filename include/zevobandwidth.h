@@ -662,7 +662,8 @@ ZEVO_BW_API int ZEVOBandwidthStatusSave(uint32_t uid, const ZEVO_BANDWIDTH_CONFI
  *          file as it was
  * Errors:  0x0D00; 0x0900 cannot be opened: missing, a link, not a regular file, above 64 MiB, or
  *          no temporary file can be made; 0x0200, 0x0A00, 0x0B00, 0x2700, 0x2800.
- * Threads: any. Starts over, at most five times, when another process was faster.
+ * Threads: any. Waits for another process that is replacing the file, some 25 ms at most in all, and
+ *          starts over, at most five times, when one was faster.
  */
 ZEVO_BW_API int ZEVOBandwidthStatusSetSection(const char *szFile, const char *szSection,
                                               const struct VLIB_SZ_HASH *pHash) ZEVO_BW_NOEXCEPT;
@@ -683,7 +684,7 @@ ZEVO_BW_API int ZEVOBandwidthStatusRemoveSection(const char *szFile,
  * last line end is whole.
  * @return  1 written, 0 already present, -1 on failure: a failed write may leave a part of it
  * Errors:  0x0D00 (not logged), 0x0900, 0x0B00, 0x0200; none when reading fails.
- * Threads: any.
+ * Threads: any. Waits and starts over as ZEVOBandwidthStatusSetSection().
  */
 ZEVO_BW_API int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
                                               const struct VLIB_SZ_HASH *pHash) ZEVO_BW_NOEXCEPT;

@@ -173,7 +173,7 @@ size_t ReadableLength(std::string_view text) noexcept
 
 // Copies eight characters. false when one of them is beyond ASCII, for control, or the mark, and now and
 // then for others.
-bool CopyEight(const char *pFrom, char mark, char *pTo) noexcept
+inline bool CopyEight(const char *pFrom, char mark, char *pTo) noexcept
 {
     constexpr uint64_t kEach = 0x0101010101010101;
     uint64_t bytes;
@@ -186,7 +186,7 @@ bool CopyEight(const char *pFrom, char mark, char *pTo) noexcept
 
 // Copies a text of which nothing is beyond printable ASCII, nor the mark. Most are like that; false for any
 // other, which is looked at by the rules.
-bool CopySimple(std::string_view text, char mark, char *pTo) noexcept
+inline bool CopySimple(std::string_view text, char mark, char *pTo) noexcept
 {
     constexpr size_t kStep = 8;
     if (text.size() < kStep) {
@@ -219,8 +219,9 @@ constexpr std::string_view kNotFirstOfValue = "\"";
 bool HasPlainEnds(std::string_view text, std::string_view notFirst) noexcept
 {
     if (text.empty() || text.front() == ' ' || text.back() == ' ') return false;
-    return std::none_of(notFirst.begin(), notFirst.end(),
-                        [&text](char first) { return text.front() == first; });
+    for (const char first : notFirst)
+        if (text.front() == first) return false;
+    return true;
 }
 
 // Whether a text may stand without quotes: endMark would end it.
@@ -503,6 +504,16 @@ bool EndLine(Bytes &out) noexcept
 
 bool WriteHeader(Bytes &out, std::string_view name) noexcept
 {
+    constexpr size_t kBrackets = 3; // and the end of the line
+    if (!out.Reserve(name.size() + kBrackets)) return false;
+    char *const pName = out.end() + 1;
+    if (HasPlainEnds(name, kNotFirstOfValue) && CopySimple(name, ']', pName)) {
+        pName[-1] = '[';
+        pName[name.size()] = ']';
+        pName[name.size() + 1] = '\n';
+        out.Grow(name.size() + kBrackets);
+        return true;
+    }
     return out.Append("[") && WriteWord(out, name, IsPlain(name, ']', kNotFirstOfValue)) &&
            out.Append("]\n");
 }
