@@ -1,12 +1,15 @@
 // Section files: what is written comes back equal, what is not ours stays byte for byte, writers do
 // not lose each other's work, and a failure leaves the old file.
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <random>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -24,6 +27,7 @@
 #include "box.hpp"
 #include "stand_ins.hpp"
 #include "zevocore.h"
+#include "zevocore_scan.hpp"
 
 namespace fs = std::filesystem;
 
@@ -800,6 +804,30 @@ TEST_F(SectionFile, TheStreamWriterWritesInOrderAndTellsAFullDisk)
     EXPECT_EQ(errno, ENOSPC);
     ExpectSlot(0x0B00, kThisFile);
     std::fclose(pFull);
+}
+
+// A block of bytes at a time must find what one byte after the other would.
+TEST(Scan, FindsTheWordsAndLineEndsThatAreThere)
+{
+    std::mt19937 random(20);
+    const auto below = [&](unsigned limit) { return static_cast<std::size_t>(random() % limit); };
+    for (int round = 0; round < 20'000; ++round) {
+        const std::size_t cb = below(300);
+        const char *const szLetters = round % 2 == 0 ? "1-\n" : "0123456789abcdef-\n";
+        std::string text;
+        while (text.size() < cb)
+            text += szLetters[below(static_cast<unsigned>(std::strlen(szLetters)))];
+        std::string word = round % 3 == 0 ? "11-1" : "1-";
+        if (round % 5 == 0 && cb > 0) word = text.substr(below(static_cast<unsigned>(cb)), 9);
+        EXPECT_EQ(zevo::FindWord(text, word), text.find(word)) << text << " has " << word;
+
+        zevo::LineEnds ends(text);
+        for (std::size_t at = 0; at <= cb;) {
+            const std::size_t end = ends.Next();
+            ASSERT_EQ(end, std::min(text.find('\n', at), cb)) << text;
+            at = end + 1;
+        }
+    }
 }
 
 TEST_F(SectionFile, MissingArgumentsAreRefused)
