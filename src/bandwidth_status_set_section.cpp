@@ -27,8 +27,9 @@ int Compose(std::string_view oldText, zevo::Pieces &newText, const char *szSecti
     Lines lines(oldText);
     std::string_view line;
     while (inside ? lines.Next(line) : lines.NextHeaderOf(szSection, line)) {
-        const bool isOurs = !inside || IsHeaderOf(line, szSection);
-        inside = isOurs || !IsHeader(line);
+        const bool isHeader = !inside || IsHeader(line);
+        const bool isOurs = isHeader && (!inside || IsHeaderOf(line, szSection));
+        inside = isOurs || !isHeader;
         if (!inside || (!isOurs && IsComment(line))) continue;
         if (!copyUpTo(line.data())) return zevo::kComposeFailed;
         pKept = line.data() + line.size();
