@@ -21,12 +21,12 @@ bool Holds(std::string_view text, const char *szSection) noexcept
 }
 
 // Puts a copy in the file's place.
-zevo::RewriteResult ReplaceByCopy(const char *szFile) noexcept
+zevo::RewriteResult ReplaceByCopy(const char *szFile, zevo::Patience &patience) noexcept
 {
     const auto copy = [](std::string_view oldText, zevo::Pieces &newText, const struct stat &) {
         return newText.Append(oldText) ? 1 : zevo::kComposeFailed;
     };
-    return zevo::RewriteFile(szFile, copy);
+    return zevo::RewriteFile(szFile, copy, patience);
 }
 
 } // namespace
@@ -42,6 +42,7 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
 
     const zevo::Place place(szFile);
     if (!place) return BW_FAIL(ZEVO_BW_ERROR_OPEN);
+    zevo::Patience patience;
     bool written = false;
     for (int attempt = 0; attempt <= zevo::kMostRewriteRetries; ++attempt) {
         const zevo::RegularFile file = zevo::RegularFile(place, O_RDWR | O_APPEND);
@@ -49,7 +50,7 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
         const nlink_t nNames = zevo::CountNames(place, file.stat());
         if (nNames == 0) continue;
         if (nNames > 1) {
-            if (const auto copied = ReplaceByCopy(szFile); copied.result < 0)
+            if (const auto copied = ReplaceByCopy(szFile, patience); copied.result < 0)
                 return BW_FAIL(copied.code);
             continue;
         }
@@ -67,7 +68,7 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
         written = true;
         // The section is there; how soon on the disk is no promise.
         (void)zevo::RetryInterrupted([&] { return ::fsync(file.get()); });
-        if (zevo::StaysAppended(place, file.stat())) break;
+        if (zevo::StaysAppended(place, file.stat(), patience)) break;
     }
     return written ? 1 : BW_FAIL(ZEVO_BW_ERROR_OPEN); // linked or replaced again each time
 }

@@ -115,12 +115,13 @@ int Purge::Compose(std::string_view oldText, zevo::Pieces &newText,
 int Purge::Run() noexcept
 {
     if (nNoted_ == 0) return 0;
+    zevo::Patience patience;
     const zevo::RewriteResult done = zevo::RewriteFile(
         szFile_,
         [&](std::string_view oldText, zevo::Pieces &newText, const struct stat &state) {
             return Compose(oldText, newText, state);
         },
-        zevo::IfBeaten::kGiveUp);
+        patience, zevo::IfBeaten::kGiveUp);
     if (done.result >= 0) return 0;
     return done.code == 0 ? BW_PASS_UNLOGGED : BW_FAIL(done.code);
 }

@@ -50,10 +50,13 @@ int ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection
     BW_REQUIRE(szFile != nullptr, "((void *)0) != szFile");
     BW_REQUIRE(szSection != nullptr, "NULL != szSection");
     SectionText section;
+    zevo::Patience patience;
     const zevo::RewriteResult rewrite = zevo::RewriteFile(
-        szFile, [&](std::string_view oldText, zevo::Pieces &newText, const struct stat &) {
+        szFile,
+        [&](std::string_view oldText, zevo::Pieces &newText, const struct stat &) {
             return Compose(oldText, newText, szSection, pHash, mode, section);
-        });
+        },
+        patience);
     if (rewrite.result < 0) return rewrite.code == 0 ? BW_PASS_UNLOGGED : BW_FAIL(rewrite.code);
     if (rewrite.result == 0) BW_RECORD(ZEVO_BW_ERROR_NOT_THERE);
     return rewrite.result;

@@ -187,7 +187,7 @@ TEST_F(SectionFile, AHeaderIsKnownByItsLineAlone)
         {"[\"\"]\n", ""},         {"[]\n", nullptr},         {" [a]\n", nullptr},
         {"[a]x\n", nullptr},      {"[a\n", nullptr},         {"[\"a]\n", nullptr},
         {"; [a]\n", nullptr},     {"[a=b\n", nullptr},       {"", nullptr},
-        {"\n[a]\n", nullptr},     {{"[a\0]\n", 5}, nullptr}, {"[\"\\x34711-1\"]\n", nullptr},
+        {"\n[a]\n", nullptr},     {{"[a\0]\n", 5}, nullptr}, {"[\"\\x34711-1\"]\n", "\\x34711-1"},
     };
     for (const auto &[line, szName] : rows) {
         SCOPED_TRACE(testing::PrintToString(line));

@@ -6,8 +6,9 @@
 // lock on the file itself from before it is read until its successor has taken its place. The lock
 // belongs to the open file (OFD), so it excludes threads of one process too, and goes when its
 // holder dies. Since every writer leaves another file under the name, a lock counts only if the
-// name still leads to the locked file once it is granted. Removing a section serves files that are
-// rewritten many times a second without any lock; it takes part in their way, see RewriteFile().
+// name still leads to the locked file once it is granted. Removing a section also serves files that
+// are rewritten many times a second without any lock: it takes part in their way, too, see
+// RewriteFile().
 #include "section_listing.hpp"
 #include "section_text.hpp"
 #include "sz_list.hpp"
@@ -232,10 +233,15 @@ int VLIBCFileRemoveSection(const char *szPath, const char *szSection) noexcept
     if (szPath == nullptr || szSection == nullptr) return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
     Listing::Suspend();
-    const RewriteResult done =
-        RewriteFile(szPath, [&](std::string_view oldText, Pieces &newText, const struct stat &) {
-            return Composer(oldText, szSection, newText).Remove();
-        });
+    const Place place(szPath);
+    if (!place) return ZEVO_FAIL(kFileOpen);
+    const LockedFile file(place);
+    if (!file) return ZEVO_FAIL(file.code());
+    Patience patience;
+    const auto compose = [&](std::string_view oldText, Pieces &newText, const struct stat &) {
+        return Composer(oldText, szSection, newText).Remove();
+    };
+    const RewriteResult done = RewriteFile(szPath, compose, patience);
     return done.result < 0 ? ZEVO_FAIL(done.code) : done.result;
 }
 

@@ -118,11 +118,13 @@ bool HasNeedlessEscape(const Word &word) noexcept
 }
 
 // A section's name has one spelling, but for the quotes: who looks for one need look only where the
-// name's bytes stand.
+// name's bytes stand. A name with an escape that none of ours has is another's and means itself.
 bool ReadHeader(std::string_view text, Line &line) noexcept
 {
     text.remove_prefix(1);
-    return TakeWord(text, ']', line.name) && Trim(text).empty() && !HasNeedlessEscape(line.name);
+    if (!TakeWord(text, ']', line.name) || !Trim(text).empty()) return false;
+    if (HasNeedlessEscape(line.name)) line.name.hasEscapes = false;
+    return true;
 }
 
 bool ReadPair(std::string_view text, Line &line) noexcept
@@ -171,8 +173,7 @@ size_t ReadableLength(std::string_view text) noexcept
     return 0;
 }
 
-// Copies eight characters. false when one of them is beyond ASCII, for control, or the mark, and now and
-// then for others.
+// Copies eight characters. false when one of them is beyond ASCII, for control, or the mark.
 inline bool CopyEight(const char *pFrom, char mark, char *pTo) noexcept
 {
     constexpr uint64_t kEach = 0x0101010101010101;
@@ -184,8 +185,8 @@ inline bool CopyEight(const char *pFrom, char mark, char *pTo) noexcept
     return (odd & kEach * 0x80) == 0;
 }
 
-// Copies a text of which nothing is beyond printable ASCII, nor the mark. Most are like that; false for any
-// other, which is looked at by the rules.
+// Copies a text of which nothing is beyond printable ASCII, nor the mark. Most are like that; false for
+// any other, which is looked at by the rules.
 inline bool CopySimple(std::string_view text, char mark, char *pTo) noexcept
 {
     constexpr size_t kStep = 8;

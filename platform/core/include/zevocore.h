@@ -141,9 +141,9 @@ ZEVOCORE_API int VLIBCFileHash2File(FILE *pFile, const char *szSection, const VL
 /** 1 when the line (cbLine bytes, with or without its "\n") is a section header, else 0. */
 ZEVOCORE_API int VLIBCIFileIsSection(const char *szLine, int cbLine) ZEVOCORE_NOEXCEPT;
 
-/** 1 when the line is the header of that section, else 0. A name of ASCII characters, but for control
- *  characters, quotes and backslashes, stands in its header as it is: those who look for one section of
- *  a long file ask about such lines only. */
+/** 1 when the line is the header of that section, else 0. Demanded of any platform: a name of ASCII
+ *  characters, but for control characters, quotes and backslashes, stands in its header as it is. Who
+ *  looks for one section of a long file asks about the lines that hold its name, and no others. */
 ZEVOCORE_API int VLIBCIFileMatchSection(const char *szLine, int cbLine,
                                         const char *szSection) ZEVOCORE_NOEXCEPT;
 

@@ -42,10 +42,11 @@ constexpr size_t kMostFileBytes = size_t{64} << 20; // what stands above is nobo
 constexpr int kMostRewriteRetries = 5;              // then the last rename wins
 constexpr size_t kPathBytes = 4096;
 
-// How long one rewrite waits for others that are replacing the same file, in all; who takes longer has
+// How long one call waits for others that are replacing the same file, in all; who takes longer has
 // died, or has to start over.
 constexpr useconds_t kMostWaitUs = 25'000;
 constexpr useconds_t kFirstWaitUs = 100; // each wait is twice as long as the last
+constexpr useconds_t kLongestWaitUs = 1'600;
 
 class KeepErrno {
 public:
@@ -122,10 +123,15 @@ private:
     int fd_ = -1;
 };
 
+inline int OpenFd(int dirFd, const char *szName, int flags, mode_t mode) noexcept
+{
+    return RetryInterrupted(
+        [&] { return ::openat(dirFd, szName, flags | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, mode); });
+}
+
 inline Fd OpenAt(int dirFd, const char *szName, int flags, mode_t mode = 0) noexcept
 {
-    return Fd(RetryInterrupted(
-        [&] { return ::openat(dirFd, szName, flags | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, mode); }));
+    return Fd(OpenFd(dirFd, szName, flags, mode));
 }
 
 // A file's name in its open parent directory; false when there is no such directory (errno tells).
@@ -284,14 +290,6 @@ public:
     explicit operator bool() const noexcept { return static_cast<bool>(fd_); }
     unsigned code() const noexcept { return code_; }
     int get() const noexcept { return fd_.get(); }
-    // Whether nobody has replaced the file since, nor appended to the cbKnown bytes that were read of
-    // it. Who replaces it takes its name from it.
-    bool IsUnchanged(size_t cbKnown) const noexcept
-    {
-        struct stat now = {};
-        return ::fstat(fd_.get(), &now) == 0 && now.st_nlink >= stat_.st_nlink &&
-               now.st_size == static_cast<off_t>(cbKnown);
-    }
     // Hands the descriptor over; the file is closed for this object.
     Fd Release() noexcept { return std::move(fd_); }
     const struct stat &stat() const noexcept { return stat_; }
@@ -341,6 +339,13 @@ inline bool NamesSameFile(const Place &place, const struct stat &opened, struct 
 {
     return ::fstatat(place.dir(), place.name(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
            IsSameFile(now, opened);
+}
+
+// Whether nobody has replaced the file, nor appended to the cbKnown bytes that were read of it.
+inline bool StillNames(const Place &place, const struct stat &opened, size_t cbKnown) noexcept
+{
+    struct stat now = {};
+    return NamesSameFile(place, opened, now) && now.st_size == static_cast<off_t>(cbKnown);
 }
 
 // How many names the open file has, 0 where the path is none of them. The kernel follows a path first
@@ -433,9 +438,11 @@ public:
         constexpr std::string_view kLetters =
             "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
         constexpr size_t kCount = 6;
-        szName_[0] = '\0';
-        errno = ENAMETOOLONG;
-        if (cbPlace_ + 1 + kCount >= sizeof(szName_)) return;
+        if (cbPlace_ + 1 + kCount >= sizeof(szName_)) {
+            szName_[0] = '\0';
+            errno = ENAMETOOLONG;
+            return;
+        }
         std::memcpy(szName_, place.name(), cbPlace_);
         char *pNext = szName_ + cbPlace_;
         *pNext++ = '.';
@@ -444,11 +451,26 @@ public:
         *pNext = '\0';
     }
 
+    // The one that belongs to an open file whose place is to be taken, in the state in which it was
+    // read: inode numbers return, on many file systems at once.
+    TempName(const Place &place, const struct stat &replaced) noexcept
+        : TempName(place, NumberOf(replaced))
+    {
+    }
+
     explicit operator bool() const noexcept { return szName_[0] != '\0'; }
     const char *get() const noexcept { return szName_; }
     const char *suffix() const noexcept { return szName_ + cbPlace_; }
 
 private:
+    static uint64_t NumberOf(const struct stat &status) noexcept
+    {
+        constexpr uint64_t kSpread = 0x9E3779B97F4A7C15; // the golden ratio's
+        const uint64_t changed = static_cast<uint64_t>(status.st_ctim.tv_sec) * 1'000'000'000 +
+                                 static_cast<uint64_t>(status.st_ctim.tv_nsec);
+        return ((status.st_ino * kSpread) ^ changed) * kSpread >> 16;
+    }
+
     char szName_[256];
     size_t cbPlace_;
 };
@@ -457,7 +479,8 @@ private:
 class TempFile {
 public:
     // Under a name that nobody can guess.
-    explicit TempFile(const Place &place) noexcept : TempFile(place, RandomNumber())
+    explicit TempFile(const Place &place) noexcept
+        : TempFile(place, TempName(place, RandomNumber()))
     {
         constexpr int kMostNames = 100;
         for (int tries = 1; tries < kMostNames && !fd_ && errno == EEXIST; ++tries) {
@@ -467,13 +490,13 @@ public:
     }
     // Under the name that belongs to the file whose place it is to take, an open one: only one rewrite
     // of it can have that. false with EEXIST: another has.
-    TempFile(const Place &place, ino_t replaced) noexcept : place_(place), name_(place, replaced)
+    TempFile(const Place &place, const struct stat &replaced) noexcept
+        : TempFile(place, TempName(place, replaced))
     {
-        Make();
     }
     ~TempFile()
     {
-        if (fd_ && !renamed_) Unlink();
+        if (fd_ && !renamed_ && HasName()) Unlink();
     }
     TempFile(const TempFile &) = delete;
     TempFile &operator=(const TempFile &) = delete;
@@ -481,7 +504,7 @@ public:
     explicit operator bool() const noexcept { return static_cast<bool>(fd_); }
     // As the name stands behind that of the place.
     const char *suffix() const noexcept { return name_.suffix(); }
-    const char *name() const noexcept { return name_.get(); }
+    const TempName &name() const noexcept { return name_; }
     bool Write(std::string_view text) noexcept
     {
         return IsReadable(text.size()) && WriteAll(fd_.get(), text);
@@ -509,6 +532,17 @@ public:
         const KeepErrno keep;
         (void)::sync_file_range(fd_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
     }
+    // Whether its name is still its own. Who takes very long may lose it to somebody who clears away
+    // what the dead have left, and then to another rewrite.
+    bool HasName() const noexcept
+    {
+        constexpr int64_t kLongSeconds = 1;
+        struct timespec now = {};
+        struct stat ours = {};
+        ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+        if (now.tv_sec - made_.tv_sec <= kLongSeconds) return true;
+        return ::fstat(fd_.get(), &ours) == 0 && ours.st_nlink != 0;
+    }
     bool RenameOver() noexcept
     {
         renamed_ = ::renameat(place_.dir(), name_.get(), place_.dir(), place_.name()) == 0;
@@ -516,6 +550,10 @@ public:
     }
 
 private:
+    TempFile(const Place &place, const TempName &name) noexcept : place_(place), name_(name)
+    {
+        Make();
+    }
     static uint64_t RandomNumber() noexcept
     {
         uint64_t number = 0;
@@ -528,8 +566,10 @@ private:
     void Make() noexcept
     {
         if (!name_) return;
-        fd_ = OpenAt(place_.dir(), name_.get(), O_WRONLY | O_CREAT | O_EXCL, 0600);
-        if (!fd_ && errno != EEXIST) Unlink(); // made, but no descriptor above 2 was left for it
+        ::clock_gettime(CLOCK_MONOTONIC_COARSE, &made_);
+        const int fd = OpenFd(place_.dir(), name_.get(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+        fd_ = Fd(fd);
+        if (fd >= 0 && !fd_) Unlink(); // made, but no descriptor above 2 was left for it
     }
     void Unlink() noexcept
     {
@@ -545,41 +585,49 @@ private:
 
     const Place &place_;
     TempName name_;
+    struct timespec made_ = {};
     Fd fd_;
     bool renamed_ = false;
 };
 
-// Waits for whoever has the name under which a file is to be replaced. Nobody is waited for long: he may
-// have died, or a stranger may have put something there.
+// Waits for whoever has the name under which a file is to be replaced. Nobody is waited for long: he
+// may have died, or a stranger may have put something there.
 class Patience {
 public:
-    bool isOver() const noexcept { return nextUs_ > kMostWaitUs; }
-    // false: nobody has it, or that was enough.
-    bool WaitFor(const Place &place, const char *szName) noexcept
+    bool isOver() const noexcept { return waitedUs_ >= kMostWaitUs; }
+    bool hasWaited() const noexcept { return waitedUs_ != 0; }
+    // Until nobody has the name any more, or that was enough.
+    void WaitFor(const Place &place, const TempName &name) noexcept
     {
         struct stat found = {};
-        if (isOver()) return false;
-        const bool isThere = ::fstatat(place.dir(), szName, &found, AT_SYMLINK_NOFOLLOW) == 0;
-        if (isThere && IsOld(found))
-            nextUs_ = kMostWaitUs;
-        else if (isThere)
+        waitedUs_ += kFirstWaitUs; // of itself, that asking has an end
+        while (!isOver() && ::fstatat(place.dir(), name.get(), &found, AT_SYMLINK_NOFOLLOW) == 0) {
+            if (IsOld(found)) {
+                waitedUs_ = kMostWaitUs;
+                break;
+            }
             (void)::usleep(nextUs_);
-        nextUs_ *= 2;
-        return isThere && !isOver();
+            waitedUs_ += nextUs_;
+            if (nextUs_ < kLongestWaitUs) nextUs_ *= 2;
+        }
     }
 
 private:
+    // Seconds are compared first: a stamp may be any number.
     static bool IsOld(const struct stat &found) noexcept
     {
-        constexpr int64_t kUs = 1'000'000;
+        constexpr int64_t kNsPerUs = 1000;
+        constexpr int64_t kNsPerSecond = 1'000'000'000;
         struct timespec now = {};
         ::clock_gettime(CLOCK_REALTIME, &now);
-        const int64_t ageUs = (int64_t{now.tv_sec} - found.st_ctim.tv_sec) * kUs +
-                              (now.tv_nsec - found.st_ctim.tv_nsec) / 1000;
-        return ageUs < 0 || ageUs > int64_t{kMostWaitUs};
+        if (found.st_ctim.tv_sec > now.tv_sec || found.st_ctim.tv_sec < now.tv_sec - 1) return true;
+        const int64_t ageNs = (now.tv_sec - found.st_ctim.tv_sec) * kNsPerSecond + now.tv_nsec -
+                              found.st_ctim.tv_nsec;
+        return ageNs < 0 || ageNs > int64_t{kMostWaitUs} * kNsPerUs;
     }
 
     useconds_t nextUs_ = kFirstWaitUs;
+    useconds_t waitedUs_ = 0;
 };
 
 struct RewriteResult {
@@ -591,36 +639,38 @@ constexpr int kComposeFailed = -1;  // for want of memory
 constexpr int kComposeRefused = -2; // by somebody who has recorded why
 
 enum class IfBeaten { kWin, kGiveUp };
+enum class WhenSynced { kBefore, kAfter }; // the rename
 
-// Puts the new text into the temporary file, fit to take the old one's place. The first attempt waits
-// for the disk. That takes so long that with many writers every later one would be beaten, too: those
-// see to it only that the data are on their way before the name is, and wait afterwards.
-inline bool FillTemp(TempFile &temp, Pieces &text, mode_t mode, bool isFirst) noexcept
+// Puts the new text into the temporary file, fit to take the old one's place. Waiting for the disk takes
+// so long that with many writers all would wait for one, and be beaten in the end: who has had to
+// wait, or to start over, sees to it only that the data are on their way before the name is.
+inline bool FillTemp(TempFile &temp, Pieces &text, mode_t mode, WhenSynced whenSynced) noexcept
 {
     if (!temp.Write(text)) return false;
-    if (isFirst && !temp.Sync()) return false;
-    if (!isFirst) temp.SendOff();
+    if (whenSynced == WhenSynced::kBefore && !temp.Sync()) return false;
+    if (whenSynced == WhenSynced::kAfter) temp.SendOff();
     return temp.SetMode(mode);
 }
 
-// Replaces a file that many processes rewrite without a lock. compose(old, new, state) puts the new text
-// together, of pieces of the old one and of what outlives the call, the state that of the old file: 1 to
-// write it, 0 to leave the file as it is, or one of the two above.
+// Replaces a file that many processes rewrite without a lock. compose(old, new, state) puts the new
+// text together, of pieces of the old one and of what outlives the call, the state that of the old file:
+// 1 to write it, 0 to leave the file as it is, or one of the two above.
 //
 // Of two that have read the same file only the first gets the temporary name that belongs to it; the
-// other waits a little and starts over from what stands there then. Who has the name looks, last of all,
-// whether what he has read is still there: from then to his rename nobody else puts a file in its place. But nobody is waited for without end. Who has waited in vain goes on under a name of his
-// own, and whoever he overtakes finds himself beaten at that last look and starts over. After the last
-// retry the later rename wins, or the file is left as it is (0).
+// other waits a little and starts over from what stands there then. Who has the name looks, last of
+// all, whether the path still leads to what he has read: from then to his rename none of those who wait
+// puts a file in its place. But nobody is waited for without end. Who has waited in vain goes on under a
+// name of his own; whoever he overtakes finds himself beaten at that last look and starts over. What
+// is left is the moment between look and rename of one who is overtaken: then, and after the last
+// retry, the later rename wins. Who would rather give up leaves the file as it is (0).
 template <class Compose>
-RewriteResult RewriteFile(const char *szPath, Compose compose,
+RewriteResult RewriteFile(const char *szPath, Compose compose, Patience &patience,
                           IfBeaten ifBeaten = IfBeaten::kWin) noexcept
 {
     const Place place(szPath);
     if (!place) return {-1, kFileOpen};
     Bytes oldText;
     Pieces newText;
-    Patience patience;
     for (int attempt = 0;;) {
         const RegularFile in(place, O_RDONLY);
         if (!in) return {-1, in.code()};
@@ -630,36 +680,36 @@ RewriteResult RewriteFile(const char *szPath, Compose compose,
         const int found = compose(oldText.view(), newText, in.stat());
         if (found < 0) return {-1, found == kComposeFailed ? kFileNoMemory : 0u};
         if (found == 0) return {0, 0};
-        TempFile temp = patience.isOver() ? TempFile(place) : TempFile(place, in.stat().st_ino);
+        TempFile temp = patience.isOver() ? TempFile(place) : TempFile(place, in.stat());
         if (!temp) {
             if (errno != EEXIST || patience.isOver()) return {-1, kFileOpen};
-            (void)patience.WaitFor(place, temp.name());
+            patience.WaitFor(place, temp.name());
             continue;
         }
-        const bool isFirst = attempt == 0;
-        const bool isLast = attempt == kMostRewriteRetries;
-        if (!FillTemp(temp, newText, in.stat().st_mode & kPermissionBits, isFirst))
+        const auto whenSynced =
+            attempt == 0 && !patience.hasWaited() ? WhenSynced::kBefore : WhenSynced::kAfter;
+        if (!FillTemp(temp, newText, in.stat().st_mode & kPermissionBits, whenSynced))
             return {-1, kFileWrite};
-        const bool isBeaten = !in.IsUnchanged(oldText.size());
+        const bool isBeaten = !temp.HasName() || !StillNames(place, in.stat(), oldText.size());
+        const bool isLast = attempt == kMostRewriteRetries;
         if (isBeaten && isLast && ifBeaten == IfBeaten::kGiveUp) return {0, 0};
         if (isBeaten && !isLast) {
             ++attempt;
             continue;
         }
         if (!temp.RenameOver()) return {-1, kFileRename};
-        if (!isFirst) (void)temp.Sync(); // the file stands: there is no failure to tell any more
+        // The file stands: there is no failure to tell any more.
+        if (whenSynced == WhenSynced::kAfter) (void)temp.Sync();
         return {1, 0};
     }
 }
 
 // Whether what has just been appended to the open file stays: none who read it before is about to put
-// another in its place. Waits for such a one as a rewrite does.
-inline bool StaysAppended(const Place &place, const struct stat &opened) noexcept
+// another in its place. Such a one is waited for.
+inline bool StaysAppended(const Place &place, const struct stat &opened,
+                          Patience &patience) noexcept
 {
-    const TempName name(place, opened.st_ino);
-    Patience patience;
-    while (patience.WaitFor(place, name.get())) {
-    }
+    patience.WaitFor(place, TempName(place, opened));
     struct stat now = {};
     return NamesSameFile(place, opened, now);
 }

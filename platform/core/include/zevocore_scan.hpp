@@ -1,5 +1,5 @@
-// The lines of a text, and the places of a word in it, a block of bytes at a time: for who looks through
-// a whole file. Header-only, like the careful access to files beside it.
+// The lines of a text, and the places of a word in it, a block of bytes at a time: for who looks
+// through a whole file. Header-only, like the careful access to files beside it.
 #ifndef ZEVOCORE_SCAN_HPP
 #define ZEVOCORE_SCAN_HPP
 
@@ -35,8 +35,8 @@ inline uint64_t FindInBlock(const char *pBlock, char wanted) noexcept
     return found;
 }
 
-// Where the word stands first, npos when nowhere. It is looked for by one of its bytes, a mark rather than
-// a letter or a digit, for those are everywhere.
+// Where the word stands first, npos when nowhere. It is looked for by one of its bytes, a mark rather
+// than a letter or a digit, for those are everywhere.
 inline size_t FindWord(std::string_view text, std::string_view word) noexcept
 {
     const auto isMark = [](char c) {
