@@ -355,6 +355,7 @@ protected:
         struct stat status = {};
         EXPECT_EQ(::stat(Path(), &status), 0);
         const zevo::TempName name(place, status);
+        (void)::remove(box.Path(name.get()));
         box.Write(name.get(), text);
         return name.get();
     }
@@ -552,6 +553,43 @@ TEST_F(StatusRewrite, WhoIsAboutToReplaceTheFileIsWaitedForButNotForever)
         EXPECT_EQ(row.Change(), 1);
         EXPECT_THAT(standins::Sleeps(), IsEmpty()) << "the dead are known by their age";
         EXPECT_EQ(::remove(box.Path(dead)), 0);
+    }
+}
+
+TEST_F(StatusRewrite, OnlyItsMakerTakesATemporaryNameAway)
+{
+    Write(kTwo);
+    const std::string foreign = BeginReplacing("half");
+    FailNth(Call::Open, 3, EMFILE);
+    EXPECT_EQ(Set(), -1);
+    ExpectSlot(0x0900, kRewrite);
+    EXPECT_EQ(box.Read(foreign), "half");
+    EXPECT_EQ(::remove(box.Path(foreign)), 0);
+    standins::Reset();
+
+    // Who hangs for so long that his file is taken for a leftover must not take the next one's.
+    Before(Call::Fsync, 1, [&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2'100));
+        EXPECT_EQ(BeginReplacing("half"), foreign);
+    });
+    EXPECT_EQ(Set(), 1);
+    EXPECT_THAT(Read(), AllOf(HasSubstr("pid=4711\n"), HasSubstr("[5-2]\n")));
+    EXPECT_EQ(box.Read(foreign), "half");
+}
+
+TEST_F(StatusRewrite, WhatIsRewrittenIsLookedForByItsName)
+{
+    const std::string other = "[4711-1]\na=1\n[9-2]\nc=3\n";
+    for (const auto call : {Call::Stat, Call::Chmod}) {
+        Write(kTwo);
+        Before(call, 1, [&] {
+            box.Write("new", other);
+            EXPECT_EQ(std::rename(Path(), box.Path("moved away")), 0);
+            EXPECT_EQ(std::rename(box.Path("new"), Path()), 0);
+        });
+        EXPECT_EQ(Set(), 1);
+        EXPECT_EQ(Read(), "[4711-1]\npid=4711\nactive=0\n[9-2]\nc=3\n");
+        EXPECT_EQ(box.Read("moved away"), kTwo);
     }
 }
 
