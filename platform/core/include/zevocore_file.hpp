@@ -690,14 +690,15 @@ RewriteResult RewriteFile(const char *szPath, Compose compose, Patience &patienc
             attempt == 0 && !patience.hasWaited() ? WhenSynced::kBefore : WhenSynced::kAfter;
         if (!FillTemp(temp, newText, in.stat().st_mode & kPermissionBits, whenSynced))
             return {-1, kFileWrite};
-        const bool isBeaten = !temp.HasName() || !StillNames(place, in.stat(), oldText.size());
+        const bool isLost = !temp.HasName();
+        const bool isBeaten = isLost || !StillNames(place, in.stat(), oldText.size());
         const bool isLast = attempt == kMostRewriteRetries;
         if (isBeaten && isLast && ifBeaten == IfBeaten::kGiveUp) return {0, 0};
         if (isBeaten && !isLast) {
             ++attempt;
             continue;
         }
-        if (!temp.RenameOver()) return {-1, kFileRename};
+        if (isLost || !temp.RenameOver()) return {-1, kFileRename};
         // The file stands: there is no failure to tell any more.
         if (whenSynced == WhenSynced::kAfter) (void)temp.Sync();
         return {1, 0};
