@@ -290,6 +290,15 @@ public:
     explicit operator bool() const noexcept { return static_cast<bool>(fd_); }
     unsigned code() const noexcept { return code_; }
     int get() const noexcept { return fd_.get(); }
+    // Whether nobody has replaced the file, which takes a name from it, nor appended to the cbKnown
+    // bytes that were read. A look at the path would also see a file that was moved away, and costs
+    // twice as much.
+    bool IsUnchanged(size_t cbKnown) const noexcept
+    {
+        struct stat now = {};
+        return ::fstat(fd_.get(), &now) == 0 && now.st_nlink != 0 &&
+               now.st_nlink >= stat_.st_nlink && now.st_size == static_cast<off_t>(cbKnown);
+    }
     // Hands the descriptor over; the file is closed for this object.
     Fd Release() noexcept { return std::move(fd_); }
     const struct stat &stat() const noexcept { return stat_; }
@@ -339,13 +348,6 @@ inline bool NamesSameFile(const Place &place, const struct stat &opened, struct 
 {
     return ::fstatat(place.dir(), place.name(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
            IsSameFile(now, opened);
-}
-
-// Whether nobody has replaced the file, nor appended to the cbKnown bytes that were read of it.
-inline bool StillNames(const Place &place, const struct stat &opened, size_t cbKnown) noexcept
-{
-    struct stat now = {};
-    return NamesSameFile(place, opened, now) && now.st_size == static_cast<off_t>(cbKnown);
 }
 
 // How many names the open file has, 0 where the path is none of them. The kernel follows a path first
@@ -658,8 +660,8 @@ inline bool FillTemp(TempFile &temp, Pieces &text, mode_t mode, WhenSynced whenS
 //
 // Of two that have read the same file only the first gets the temporary name that belongs to it; the
 // other waits a little and starts over from what stands there then. Who has the name looks, last of
-// all, whether the path still leads to what he has read: from then to his rename none of those who wait
-// puts a file in its place. But nobody is waited for without end. Who has waited in vain goes on under a
+// all, whether what he has read still is in its place: from then to his rename none of those who wait
+// puts a file there. But nobody is waited for without end. Who has waited in vain goes on under a
 // name of his own; whoever he overtakes finds himself beaten at that last look and starts over. What
 // is left is the moment between look and rename of one who is overtaken: then, and after the last
 // retry, the later rename wins. Who would rather give up leaves the file as it is (0).
@@ -691,7 +693,7 @@ RewriteResult RewriteFile(const char *szPath, Compose compose, Patience &patienc
         if (!FillTemp(temp, newText, in.stat().st_mode & kPermissionBits, whenSynced))
             return {-1, kFileWrite};
         const bool isLost = !temp.HasName();
-        const bool isBeaten = isLost || !StillNames(place, in.stat(), oldText.size());
+        const bool isBeaten = isLost || !in.IsUnchanged(oldText.size());
         const bool isLast = attempt == kMostRewriteRetries;
         if (isBeaten && isLast && ifBeaten == IfBeaten::kGiveUp) return {0, 0};
         if (isBeaten && !isLast) {
