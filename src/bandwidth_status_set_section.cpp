@@ -1,7 +1,8 @@
 // Replacing or dropping one section of a status file. The file is read once and written once, to a
 // temporary file beside it that is renamed over it; readers see the old file or the new one. When
-// another process is faster the work starts over: what that one saved would be lost. Only after several
-// such defeats does the later rename win, and the lost section returns with its owner's next save.
+// another process is faster the work starts over: what that one saved would be lost. Only after
+// several such defeats does the later rename win, and the lost section returns with its owner's next
+// save.
 
 #include "bandwidth_frame.hpp"
 #include "bandwidth_guard.hpp"

@@ -28,8 +28,8 @@ inline bool IsComment(std::string_view line) noexcept
     return line.front() == ';' || line.front() == '#';
 }
 
-// Walks over the lines of a text, each with its "\n", which the last one may lack. What is a header is for
-// the platform to say; of its form only this is known, that plain names stand in headers as they are.
+// Walks over the lines of a text, each with its "\n", which the last one may lack. What is a header is
+// for the platform to say; of its form only this is known, that plain names stand there as they are.
 class Lines {
 public:
     explicit Lines(std::string_view text) noexcept : text_(text), ends_(text) {}
@@ -43,8 +43,8 @@ public:
         return at_ != begin;
     }
 
-    // Passes over all lines before the next header of a section, which are most of a file. false at the
-    // end.
+    // Passes over all lines before the next header of a section, which are most of a file. false at
+    // the end.
     bool NextHeaderOf(const char *szSection, std::string_view &line) noexcept
     {
         if (StandsAsItIs(szSection)) return NextLineWith(szSection, line);

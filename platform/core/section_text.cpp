@@ -185,8 +185,8 @@ inline bool CopyEight(const char *pFrom, char mark, char *pTo) noexcept
     return (odd & kEach * 0x80) == 0;
 }
 
-// Copies a text of which nothing is beyond printable ASCII, nor the mark. Most are like that; false for
-// any other, which is looked at by the rules.
+// Copies a text of which nothing is beyond printable ASCII, nor the mark. Most are like that; false
+// for any other, which is looked at by the rules.
 inline bool CopySimple(std::string_view text, char mark, char *pTo) noexcept
 {
     constexpr size_t kStep = 8;

@@ -292,7 +292,7 @@ public:
     int get() const noexcept { return fd_.get(); }
     // Whether nobody has replaced the file, which takes a name from it, nor appended to the cbKnown
     // bytes that were read. A look at the path would also see a file that was moved away, and costs
-    // twice as much.
+    // more.
     bool IsUnchanged(size_t cbKnown) const noexcept
     {
         struct stat now = {};
@@ -643,9 +643,9 @@ constexpr int kComposeRefused = -2; // by somebody who has recorded why
 enum class IfBeaten { kWin, kGiveUp };
 enum class WhenSynced { kBefore, kAfter }; // the rename
 
-// Puts the new text into the temporary file, fit to take the old one's place. Waiting for the disk takes
-// so long that with many writers all would wait for one, and be beaten in the end: who has had to
-// wait, or to start over, sees to it only that the data are on their way before the name is.
+// Puts the new text into the temporary file, fit to take the old one's place. Waiting for the disk
+// takes so long that with many writers all would wait for one, and be beaten in the end: who has had
+// to wait, or to start over, sees to it only that the data are on their way before the name is.
 inline bool FillTemp(TempFile &temp, Pieces &text, mode_t mode, WhenSynced whenSynced) noexcept
 {
     if (!temp.Write(text)) return false;
