@@ -42,7 +42,8 @@ while IFS=: read -r file line text; do
     [[ $text =~ ^[[:space:]]*\#[[:space:]]*include[[:space:]]*[\<\"]([^\>\"]+)[\>\"] ]] || continue
     included=${BASH_REMATCH[1]}
     header=${path_of[${included##*/}]-}
-    if [[ -n $header && ($included == "${included##*/}" || -e ${file%/*}/$included) ]]; then
+    if [[ -n $header && ($included == "${included##*/}" || $header == "tool/$included" ||
+        -e ${file%/*}/$included) ]]; then
         [[ $file != "$header" ]] || echo "$file:$line: includes itself"
         allowed "$file" "$header" || echo "$file:$line: must not include $header"
     elif [[ $included =~ $foreign && $file =~ ^(src|include|platform)/ ]]; then

@@ -3,8 +3,8 @@
 #include "fuzz.hpp"
 
 #include "failure.hpp"
-#include "plan.hpp"
-#include "rate.hpp"
+#include "model/plan.hpp"
+#include "model/rate.hpp"
 
 using namespace fuzz;
 using namespace tool;
