@@ -32,13 +32,13 @@ inline bool IsComment(std::string_view line) noexcept
 // for the platform to say; of its form only this is known, that plain names stand there as they are.
 class Lines {
 public:
-    explicit Lines(std::string_view text) noexcept : text_(text), ends_(text) {}
+    explicit Lines(std::string_view text) noexcept : text_(text) {}
 
     // false at the end.
     bool Next(std::string_view &line) noexcept
     {
         const size_t begin = at_;
-        at_ = std::min(ends_.Next() + 1, text_.size());
+        at_ = std::min(text_.find('\n', begin), text_.size() - 1) + 1;
         line = {text_.data() + begin, at_ - begin};
         return at_ != begin;
     }
@@ -84,7 +84,6 @@ private:
     }
 
     std::string_view text_;
-    zevo::LineEnds ends_;
     size_t at_ = 0;
 };
 

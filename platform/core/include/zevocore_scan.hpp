@@ -1,5 +1,5 @@
-// The lines of a text, and the places of a word in it, a block of bytes at a time: for who looks
-// through a whole file. Header-only, like the careful access to files beside it.
+// Searches a text for a word, a block of bytes at a time. Header-only, like the access to files beside
+// it.
 #ifndef ZEVOCORE_SCAN_HPP
 #define ZEVOCORE_SCAN_HPP
 
@@ -57,46 +57,6 @@ inline size_t FindWord(std::string_view text, std::string_view word) noexcept
         }
     return text.find(word, at - pivot);
 }
-
-// Finds one byte after the other that ends a line. A search of its own for each costs more than the
-// lines' bytes, which are few.
-class LineEnds {
-public:
-    explicit LineEnds(std::string_view text) noexcept : text_(text) { Look(); }
-
-    // Where the next "\n" stands; the length of the text when there is none left.
-    size_t Next() noexcept
-    {
-        while (found_ == 0) {
-            if (text_.size() - at_ <= kScanBlock) return text_.size();
-            at_ += kScanBlock;
-            Look();
-        }
-        const size_t end = at_ + static_cast<size_t>(std::countr_zero(found_));
-        found_ &= found_ - 1;
-        return end;
-    }
-
-private:
-    void Look() noexcept
-    {
-        const size_t cbLeft = text_.size() - at_;
-        if (cbLeft >= kScanBlock) {
-            found_ = FindInBlock(text_.data() + at_, '\n');
-        } else if (text_.size() >= kScanBlock && cbLeft > 0) { // a block that has been seen in part
-            found_ = FindInBlock(text_.data() + text_.size() - kScanBlock, '\n') >>
-                     (kScanBlock - cbLeft);
-        } else {
-            char rest[kScanBlock] = {};
-            text_.copy(rest, cbLeft, at_);
-            found_ = FindInBlock(rest, '\n');
-        }
-    }
-
-    std::string_view text_;
-    size_t at_ = 0;
-    uint64_t found_ = 0; // in the block at at_, without those that were told
-};
 
 } // namespace zevo
 
