@@ -160,10 +160,12 @@ ZEVOCORE_API int VLIBCFileExist(const char *szPath) ZEVOCORE_NOEXCEPT;
 ZEVOCORE_API int VLIBCFileTouch(const char *szPath) ZEVOCORE_NOEXCEPT;
 
 /**
- * Runs a program and waits for it: no shell, no PATH, /dev/null as its three standard streams, no
- * other descriptor. The arguments after szProgram end at the first NULL. Works in hosts that ignore
- * SIGCHLD or reap every child.
- * Returns its exit status 0 to 255, 128 + the signal that ended it, or -1 when it could not be run.
+ * Runs a program and waits for its end: no shell, no PATH, /dev/null as its three standard streams, no
+ * other descriptor, all signals at their defaults and none blocked. The arguments after szProgram end
+ * at the first NULL. To the host it is a child like any other, and SIGCHLD tells of its end.
+ * Returns its exit status 0 to 255, 128 + the signal that ended it, or -1 (0x0900) when it could not be
+ * run. In a host that ignores SIGCHLD, or another part of which reaps the child first, the exit status
+ * is lost: 0 then says that the program has run and ended.
  */
 ZEVOCORE_API int VLIBCExec(const char *szProgram, const char *szArg1, const char *szArg2,
                            const char *szArg3, const char *szArg4) ZEVOCORE_NOEXCEPT;
