@@ -21,8 +21,9 @@ allowed() {
     include/zevobandwidth.hpp) [[ $header =~ ^(include|platform/core/include)/ ]] ;;
     include/*) return 1 ;;
     src/*) [[ $header =~ ^(include|platform/(core|sdk)/include)/ || $header =~ ^src/.*\.hpp$ ]] ;;
-    platform/core/*) [[ $header == platform/core/* ]] ;;
-    platform/sdk/*) [[ $header == platform/sdk/* || $header == platform/core/include/* ]] ;;
+    platform/core/*) [[ $header =~ ^platform/(core|internal)/ ]] ;;
+    platform/sdk/*) [[ $header =~ ^platform/(sdk|internal|core/include)/ ]] ;;
+    platform/internal/*) [[ $header =~ ^platform/(internal|core/include)/ ]] ;;
     *) return 0 ;; # examples and measurements are callers too
     esac
 }

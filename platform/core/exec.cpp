@@ -7,7 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "zevocore_frame.hpp"
+#include "platform_frame.hpp"
 
 namespace zevo {
 namespace {

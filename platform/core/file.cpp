@@ -2,7 +2,7 @@
 #include <climits>
 
 #include "section_listing.hpp"
-#include "zevocore_frame.hpp"
+#include "platform_frame.hpp"
 
 namespace zevo {
 namespace {

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "sz_list.hpp"
-#include "zevocore_nss.hpp"
+#include "user_database.hpp"
 
 namespace zevo {
 namespace {

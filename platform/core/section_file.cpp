@@ -12,7 +12,7 @@
 #include "section_listing.hpp"
 #include "section_text.hpp"
 #include "sz_list.hpp"
-#include "zevocore_frame.hpp"
+#include "platform_frame.hpp"
 
 namespace zevo {
 namespace {

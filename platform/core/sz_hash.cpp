@@ -7,7 +7,7 @@
 #include <cstring>
 #include <new>
 
-#include "zevocore_frame.hpp"
+#include "platform_frame.hpp"
 
 namespace {
 

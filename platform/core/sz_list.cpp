@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "zevocore_frame.hpp"
+#include "platform_frame.hpp"
 
 namespace {
 

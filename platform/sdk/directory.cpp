@@ -3,7 +3,7 @@
 // administrator's and followed; at the last component a link is no directory.
 #include <climits>
 
-#include "zevocore_frame.hpp"
+#include "platform_frame.hpp"
 #include "zevosdk.h"
 
 using namespace zevo;

@@ -2,7 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "zevocore_nss.hpp"
+#include "user_database.hpp"
 #include "zevosdk.h"
 
 using namespace zevo;
@@ -22,7 +22,7 @@ template <class Record> Record *NewRecord(const char *szName) noexcept
 }
 
 // 0 with the record, or the error code.
-unsigned GiveUser(const NssEntry<passwd> &entry, ZEVO_USER **ppUser) noexcept
+unsigned GiveUser(const UserDatabaseEntry<passwd> &entry, ZEVO_USER **ppUser) noexcept
 {
     if (!entry) return entry.code();
     auto *const pUser = NewRecord<ZEVO_USER>(entry->pw_name);
