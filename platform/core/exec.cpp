@@ -7,7 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "platform_frame.hpp"
+#include "frame.hpp"
 
 namespace zevo {
 namespace {

@@ -1,18 +1,18 @@
-// Section files on disk. Reading takes no lock: a file is only ever replaced whole, so whoever
-// opens it sees the old text or the new one. Enumerating a file and then reading its sections takes
-// one pass, see section_listing.cpp.
+// Section files on disk. A reader takes no lock: files are replaced whole, so that it sees either the
+// old text or the new one. Enumerating a file and reading its sections then opens it once, see
+// section_listing.cpp.
 //
-// Two kinds of writers. Settings (set, add) must not lose each other's changes: they hold a write
-// lock on the file itself from before it is read until its successor has taken its place. The lock
-// belongs to the open file (OFD), so it excludes threads of one process too, and goes when its
-// holder dies. Since every writer leaves another file under the name, a lock counts only if the
-// name still leads to the locked file once it is granted. Removing a section also serves files that
-// are rewritten many times a second without any lock: it takes part in their way, too, see
+// Writers of settings (set, add) must not lose each other's changes. A writer holds a write lock on
+// the file from before it reads it until it has put the new file in its place. The lock belongs to the
+// open file (OFD): it keeps out other threads of the process as well, and the kernel releases it when
+// its holder dies. Each writer leaves another file under the name, so a lock counts only if the name
+// still leads to the locked file once the lock is granted. Removing a section also serves files that
+// other processes rewrite many times a second without any lock: it follows their rules as well, see
 // RewriteFile().
+#include "frame.hpp"
 #include "section_listing.hpp"
 #include "section_text.hpp"
 #include "sz_list.hpp"
-#include "platform_frame.hpp"
 
 namespace zevo {
 namespace {
@@ -190,22 +190,9 @@ std::optional<std::string_view> LinesOf(std::string_view text, std::string_view 
     return std::nullopt;
 }
 
-// Whoever walks over a file asks about each of its lines: most need no second look, and so not the
-// room on the stack that one takes.
 bool MayBeHeader(const char *szLine, int cbLine) noexcept
 {
     return szLine != nullptr && cbLine > 0 && *szLine == '[';
-}
-
-[[gnu::noinline]] int LookForHeader(const char *szLine, int cbLine) noexcept
-{
-    return ReadLine({szLine, static_cast<size_t>(cbLine)}).kind == LineKind::kHeader ? 1 : 0;
-}
-
-[[gnu::noinline]] int LookForHeaderOf(const char *szLine, int cbLine,
-                                      const char *szSection) noexcept
-{
-    return IsHeaderOf({szLine, static_cast<size_t>(cbLine)}, szSection) ? 1 : 0;
 }
 
 } // namespace
@@ -291,11 +278,13 @@ int VLIBCFileHash2File(FILE *pFile, const char *szSection, const VLIB_SZ_HASH *p
 
 int VLIBCIFileIsSection(const char *szLine, int cbLine) noexcept
 {
-    return MayBeHeader(szLine, cbLine) ? LookForHeader(szLine, cbLine) : 0;
+    if (!MayBeHeader(szLine, cbLine)) return 0;
+    return ReadLine({szLine, static_cast<size_t>(cbLine)}).kind == LineKind::kHeader ? 1 : 0;
 }
 
 int VLIBCIFileMatchSection(const char *szLine, int cbLine, const char *szSection) noexcept
 {
     if (!MayBeHeader(szLine, cbLine) || szSection == nullptr) return 0;
-    return LookForHeaderOf(szLine, cbLine, szSection);
+    const Line line = ReadLine({szLine, static_cast<size_t>(cbLine)});
+    return line.kind == LineKind::kHeader && IsWord(line.name, szSection) ? 1 : 0;
 }

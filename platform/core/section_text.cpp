@@ -306,12 +306,6 @@ Line ReadLine(std::string_view text) noexcept
     return line;
 }
 
-bool IsHeaderOf(std::string_view text, std::string_view name) noexcept
-{
-    const Line line = ReadLine(text);
-    return line.kind == LineKind::kHeader && IsWord(line.name, name);
-}
-
 bool Reader::Next(Line &line) noexcept
 {
     if (at_ == text_.size()) return false;

@@ -16,9 +16,10 @@ struct Word {
     bool hasEscapes = false;
 };
 
+// Whether the word stands for that text.
 bool IsWord(const Word &word, std::string_view text) noexcept;
 
-// Appends what the word means; false without memory.
+// Appends what the word stands for; false without memory.
 bool AppendMeaning(Bytes &out, const Word &word) noexcept;
 
 enum class LineKind {
@@ -38,10 +39,7 @@ struct Line {
 // Reads the first line of the text.
 Line ReadLine(std::string_view text) noexcept;
 
-// Whether the line is the header of that section.
-bool IsHeaderOf(std::string_view text, std::string_view name) noexcept;
-
-// Puts the pairs among the lines of one section into the hash; false without memory.
+// Puts all pairs among the lines into the hash; false without memory.
 bool TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept;
 
 // Walks over the lines of a text.

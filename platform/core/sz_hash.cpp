@@ -7,7 +7,7 @@
 #include <cstring>
 #include <new>
 
-#include "platform_frame.hpp"
+#include "frame.hpp"
 
 namespace {
 

@@ -1,26 +1,27 @@
-// The string list. Its header is read by callers directly, so it is plain C storage.
+// The string list. Callers read its header directly, so it is plain C storage.
 #include "sz_list.hpp"
 
 #include <algorithm>
 #include <cstdlib>
 #include <limits>
 
-#include "platform_frame.hpp"
+#include "frame.hpp"
 
 namespace {
 
-// The public header and what stands behind it.
+// What VLIBCSzListAlloc() makes: the public header and what only this file knows.
 struct WholeList : VLIB_SZ_LIST {
     zevo::FreeHook onFree;
 };
 
 WholeList &WholeOf(VLIB_SZ_LIST &list) noexcept
 {
-    return static_cast<WholeList &>(list); // every list comes from VLIBCSzListAlloc()
+    return static_cast<WholeList &>(list);
 }
 
 constexpr int32_t kMaxItems = std::numeric_limits<int32_t>::max();
 
+// Makes room for that many items.
 bool Widen(VLIB_SZ_LIST &list, int32_t nCapacity) noexcept
 {
     if (nCapacity <= list.nCapacity) return true;

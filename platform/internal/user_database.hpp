@@ -6,7 +6,7 @@
 #include <grp.h>
 #include <pwd.h>
 
-#include "platform_frame.hpp"
+#include "frame.hpp"
 
 namespace zevo {
 

@@ -1,4 +1,4 @@
-// Users and groups, as the system's user database tells them. A record and its name are one block.
+// Users and groups, from the system's user database. A record and its name are one block of memory.
 #include <cstdlib>
 #include <cstring>
 
@@ -9,7 +9,7 @@ using namespace zevo;
 
 namespace {
 
-// A zero-filled record with a copy of its name behind it; nullptr without memory.
+// Makes a zero-filled record with a copy of its name behind it; nullptr without memory.
 template <class Record> Record *NewRecord(const char *szName) noexcept
 {
     const size_t cbName = std::strlen(szName) + 1;
@@ -21,7 +21,7 @@ template <class Record> Record *NewRecord(const char *szName) noexcept
     return pRecord;
 }
 
-// 0 with the record, or the error code.
+// Hands out the record of the user that was found; 0, or the error code.
 unsigned GiveUser(const UserDatabaseEntry<passwd> &entry, ZEVO_USER **ppUser) noexcept
 {
     if (!entry) return entry.code();

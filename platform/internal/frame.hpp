@@ -1,6 +1,6 @@
 // How an exported function of the platform libraries fails. Header-only; internal to platform/.
-#ifndef PLATFORM_FRAME_HPP
-#define PLATFORM_FRAME_HPP
+#ifndef FRAME_HPP
+#define FRAME_HPP
 
 #include "zevocore.h"
 #include "zevocore_file.hpp"
@@ -22,4 +22,4 @@ inline int Fail(unsigned code, const char *szFile, int line) noexcept
 
 } // namespace zevo
 
-#endif // PLATFORM_FRAME_HPP
+#endif // FRAME_HPP
