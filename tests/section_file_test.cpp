@@ -28,7 +28,7 @@
 #include "box.hpp"
 #include "stand_ins.hpp"
 #include "zevocore.h"
-#include "zevocore_scan.hpp"
+#include "base/scan.hpp"
 
 namespace fs = std::filesystem;
 

@@ -2,12 +2,14 @@
 // host but its environment reaches the program, and what becomes of the program's exit status is the
 // host's choice, see zevocore.h.
 #include <csignal>
+#include <initializer_list>
 
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "frame.hpp"
+#include "base/descriptor.hpp"
+#include "platform/internal/frame.hpp"
 
 namespace zevo {
 namespace {
@@ -80,7 +82,7 @@ int VLIBCExec(const char *szProgram, const char *szArg1, const char *szArg2, con
     pid_t pid = 0;
     if (const int error = zevo::Surroundings().Start(pid, argv); error != 0) {
         errno = error;
-        return ZEVO_FAIL(zevo::kFileOpen);
+        return ZEVO_FAIL(zevo::kCannotOpen);
     }
     return zevo::ResultOf(pid);
 }

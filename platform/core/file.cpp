@@ -1,7 +1,8 @@
 // Small operations on one file: whether it exists, making it, and reading a process id from it.
 #include <charconv>
 
-#include "frame.hpp"
+#include "base/regular_file.hpp"
+#include "platform/internal/frame.hpp"
 #include "section_listing.hpp"
 
 namespace zevo {
@@ -54,9 +55,9 @@ int VLIBCFileTouch(const char *szPath) noexcept
     if (szPath == nullptr) return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
     const Place place(szPath);
-    if (!place) return ZEVO_FAIL(kFileOpen);
+    if (const Fault fault = place.fault()) return ZEVO_FAIL(fault);
     if (OpenAt(place.dir(), place.name(), O_WRONLY | O_CREAT | O_EXCL, 0666)) return 0;
-    return errno == EEXIST ? 0 : ZEVO_FAIL(kFileOpen);
+    return errno == EEXIST ? 0 : ZEVO_FAIL(kCannotOpen);
 }
 
 pid_t VLIBCReadPidFile(const char *szPath) noexcept
@@ -64,9 +65,9 @@ pid_t VLIBCReadPidFile(const char *szPath) noexcept
     if (szPath == nullptr) return 0;
     const CancelScope cancel;
     const Place place(szPath);
-    if (!place) return 0;
+    if (place.fault()) return 0;
     const RegularFile file(place, O_RDONLY);
-    if (!file || file.stat().st_size > kMaxPidFileBytes) return 0;
+    if (file.fault() || file.stat().st_size > kMaxPidFileBytes) return 0;
     Bytes text;
-    return file.ReadWhole(text) == 0 ? PidOf(text.view()) : 0;
+    return file.ReadWhole(text) ? 0 : PidOf(text.view());
 }

@@ -4,8 +4,9 @@
 #include <new>
 #include <vector>
 
+#include "platform/internal/frame.hpp"
+#include "platform/internal/user_database.hpp"
 #include "sz_list.hpp"
-#include "user_database.hpp"
 
 namespace zevo {
 namespace {
@@ -57,7 +58,7 @@ std::vector<gid_t> GroupsOf(const char *szUserName, gid_t primary)
     return answer.gids;
 }
 
-bool AppendId(VLIB_SZ_LIST &list, gid_t gid) noexcept
+Fault AppendId(VLIB_SZ_LIST &list, gid_t gid) noexcept
 {
     char text[16];
     const char *const pEnd = std::to_chars(text, text + sizeof(text), gid).ptr;
@@ -69,7 +70,7 @@ VLIB_SZ_LIST *ListOf(const std::vector<gid_t> &gids)
     VLIB_SZ_LIST *const pList = VLIBCSzListAlloc(static_cast<int>(gids.size()));
     if (pList == nullptr) throw std::bad_alloc();
     for (const gid_t gid : gids) {
-        if (AppendId(*pList, gid)) continue;
+        if (!AppendId(*pList, gid)) continue;
         VLIBCSzListFree(pList);
         throw std::bad_alloc();
     }
@@ -87,12 +88,12 @@ try {
     }
     const zevo::CancelScope cancel;
     const auto user = zevo::UserByName(szUserName);
-    if (!user) {
-        ZEVO_FAIL(user.code());
+    if (const zevo::Fault fault = user.fault()) {
+        ZEVO_FAIL(fault);
         return nullptr;
     }
     return zevo::ListOf(zevo::GroupsOf(szUserName, user->pw_gid));
 } catch (const std::bad_alloc &) {
-    ZEVO_FAIL(zevo::kFileNoMemory);
+    ZEVO_FAIL(zevo::kNoMemory);
     return nullptr;
 }

@@ -65,13 +65,13 @@ const ThreadSlot threadSlot;
 
 // ---- text ----
 
-unsigned FileText::Read(const char *szPath) noexcept
+Fault FileText::Read(const char *szPath) noexcept
 {
     const CancelScope cancel;
     const Place place(szPath);
-    if (!place) return kFileOpen;
+    if (place.fault()) return place.fault();
     const RegularFile file(place, O_RDONLY);
-    if (!file) return file.code();
+    if (file.fault()) return file.fault();
     stat = file.stat();
     return file.ReadWhole(text);
 }
@@ -79,29 +79,31 @@ unsigned FileText::Read(const char *szPath) noexcept
 bool FileText::IsCurrent(const char *szPath) const noexcept
 {
     struct stat now = {};
-    return ::lstat(szPath, &now) == 0 && IsSameFile(now, stat) && now.st_size == stat.st_size &&
-           IsSameTime(now.st_mtim, stat.st_mtim) && IsSameTime(now.st_ctim, stat.st_ctim);
+    return ::lstat(szPath, &now) == 0 && now.st_dev == stat.st_dev && now.st_ino == stat.st_ino &&
+           now.st_size == stat.st_size && IsSameTime(now.st_mtim, stat.st_mtim) &&
+           IsSameTime(now.st_ctim, stat.st_ctim);
 }
 
 // ---- index ----
 
-bool SectionIndex::Build(std::string_view text) noexcept
+Fault SectionIndex::Build(std::string_view text) noexcept
 try {
     sections_.reserve(text.size() / kUsualSectionBytes + 1);
-    if (!names_.Reserve(text.size())) return false; // so that the names stay where they are
+    // All at once, so that the names stay where they are.
+    if (const Fault fault = names_.Reserve(text.size())) return fault;
     Reader reader(text);
     std::string_view before;
     for (Line header; reader.NextHeader(header, before);) {
         if (!sections_.empty()) sections_.back().lines = before;
         const size_t at = names_.size();
-        if (!AppendMeaning(names_, header.name)) return false;
+        if (const Fault fault = AppendMeaning(names_, header.name)) return fault;
         sections_.push_back({names_.view().substr(at), {}});
     }
     if (!sections_.empty()) sections_.back().lines = before;
     DropRepeated();
-    return true;
+    return kNoFault;
 } catch (const std::bad_alloc &) {
-    return false;
+    return kNoMemory;
 }
 
 // Sorts, because that stays quick whatever names a stranger has put into the file.
@@ -125,15 +127,16 @@ void SectionIndex::DropRepeated()
         std::erase_if(sections_, [](const Section &s) { return s.name.data() == nullptr; });
 }
 
-bool SectionIndex::AppendNames(VLIB_SZ_LIST &list) const noexcept
+Fault SectionIndex::AppendNames(VLIB_SZ_LIST &list) const noexcept
 {
     const int32_t nBefore = list.nItem;
     for (const Section &section : sections_) {
-        if (ListAppend(list, section.name)) continue;
-        ListCut(list, nBefore);
-        return false;
+        if (const Fault fault = ListAppend(list, section.name)) {
+            ListCut(list, nBefore);
+            return fault;
+        }
     }
-    return true;
+    return kNoFault;
 }
 
 // ---- listing ----
@@ -142,7 +145,7 @@ void Listing::Begin(const char *szPath, FileText &&file, SectionIndex &&index,
                     VLIB_SZ_LIST &list) noexcept
 {
     std::unique_ptr<Listing> pListing(new (std::nothrow) Listing);
-    if (!pListing || !pListing->path_.Append({szPath, std::strlen(szPath) + 1})) return;
+    if (!pListing || pListing->path_.Append({szPath, std::strlen(szPath) + 1})) return;
     pListing->file_ = std::move(file);
     pListing->index_ = std::move(index);
     pListing->pList_ = &list;

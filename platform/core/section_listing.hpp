@@ -9,8 +9,8 @@
 
 #include <sys/stat.h>
 
+#include "base/regular_file.hpp"
 #include "section_text.hpp"
-#include "zevocore_file.hpp"
 
 namespace zevo {
 
@@ -19,8 +19,7 @@ struct FileText {
     Bytes text;
     struct stat stat = {};
 
-    // 0, or the error code.
-    unsigned Read(const char *szPath) noexcept;
+    Fault Read(const char *szPath) noexcept;
     // Whether the path still names that file in that state, as far as one look can tell.
     bool IsCurrent(const char *szPath) const noexcept;
 };
@@ -33,10 +32,10 @@ public:
         std::string_view lines;
     };
 
-    // Works through the text, which has to outlive the index. false without memory.
-    bool Build(std::string_view text) noexcept;
-    // Appends all names. false, with the list as it was, without memory.
-    bool AppendNames(VLIB_SZ_LIST &list) const noexcept;
+    // Works through the text, which has to outlive the index.
+    Fault Build(std::string_view text) noexcept;
+    // Appends all names; leaves the list as it was on failure.
+    Fault AppendNames(VLIB_SZ_LIST &list) const noexcept;
     const std::vector<Section> &sections() const noexcept { return sections_; }
 
 private:

@@ -5,8 +5,6 @@
 // mangle.
 #include "section_text.hpp"
 
-#include <algorithm>
-
 namespace zevo {
 namespace {
 
@@ -211,50 +209,41 @@ bool IsPlain(std::string_view text, char endMark, std::string_view notFirst) noe
            IsReadable(text);
 }
 
-bool WriteEscape(Bytes &out, char byte) noexcept
+// The writers below write to memory that is large enough and return where they stopped. A byte takes
+// at most four, and a word two quotes.
+constexpr size_t kMaxEscapeBytes = 4;
+constexpr size_t kQuotes = 2;
+
+char *WriteEscape(char byte, char *pTo) noexcept
 {
-    switch (byte) {
-    case '\n':
-        return out.Append("\\n");
-    case '\r':
-        return out.Append("\\r");
-    case '\t':
-        return out.Append("\\t");
-    case '"':
-        return out.Append("\\\"");
-    case '\\':
-        return out.Append("\\\\");
-    default:
-        break;
-    }
+    constexpr std::string_view kBytes = "\n\r\t\"\\";
+    constexpr char kLetters[] = "nrt\"\\";
     constexpr char kDigits[] = "0123456789ABCDEF";
+    const size_t known = kBytes.find(byte);
+    *pTo++ = '\\';
+    if (known != kBytes.npos) {
+        *pTo++ = kLetters[known];
+        return pTo;
+    }
     const unsigned value = static_cast<unsigned char>(byte);
-    const char escape[] = {'\\', 'x', kDigits[value >> 4], kDigits[value & 15]};
-    return out.Append({escape, sizeof(escape)});
+    *pTo++ = 'x';
+    *pTo++ = kDigits[value >> 4];
+    *pTo++ = kDigits[value & 15];
+    return pTo;
 }
 
-bool WriteQuoted(Bytes &out, std::string_view text) noexcept
+char *WriteWord(std::string_view text, bool isPlain, char *pTo) noexcept
 {
-    if (!out.Append("\"")) return false;
+    if (isPlain) return pTo + text.copy(pTo, text.size());
+    *pTo++ = '"';
     while (!text.empty()) {
         const char first = text.front();
         const size_t cb = first == '"' || first == '\\' ? 0 : ReadableLength(text);
-        const bool written = cb == 0 ? WriteEscape(out, first) : out.Append(text.substr(0, cb));
-        if (!written) return false;
+        pTo = cb == 0 ? WriteEscape(first, pTo) : pTo + text.copy(pTo, cb);
         text.remove_prefix(cb == 0 ? 1 : cb);
     }
-    return out.Append("\"");
-}
-
-bool WriteWord(Bytes &out, std::string_view text, bool isPlain) noexcept
-{
-    return isPlain ? out.Append(text) : WriteQuoted(out, text);
-}
-
-bool WritePair(Bytes &out, std::string_view key, std::string_view value) noexcept
-{
-    return WriteWord(out, key, IsPlain(key, '=', "\"[;#")) && out.Append("=") &&
-           WriteWord(out, value, value.empty() || IsPlain(value, '\0', "\"")) && out.Append("\n");
+    *pTo++ = '"';
+    return pTo;
 }
 
 // Writes the bytes that a quoted text stands for and returns their number, which is never larger than
@@ -289,12 +278,12 @@ bool IsWord(const Word &word, std::string_view text) noexcept
     return rest.empty() && text.empty();
 }
 
-bool AppendMeaning(Bytes &out, const Word &word) noexcept
+Fault AppendMeaning(Bytes &out, const Word &word) noexcept
 {
     if (!word.hasEscapes) return out.Append(word.raw);
-    if (!out.Reserve(word.raw.size())) return false;
+    if (const Fault fault = out.Reserve(word.raw.size())) return fault;
     out.Grow(Decode(word.raw, out.end()));
-    return true;
+    return kNoFault;
 }
 
 Line ReadLine(std::string_view text) noexcept
@@ -333,35 +322,51 @@ bool Reader::NextHeader(Line &line, std::string_view &before) noexcept
 
 // The hash gets one copy of all lines. Each key and value stays where it stands in that copy, and the
 // NUL behind it takes the place of the byte that ended it.
-bool TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept
+Fault TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept
 {
     char *const pLines = hash.Allocate(lines.size() + 1); // the last line may lack its end
-    if (pLines == nullptr) return false;
+    if (pLines == nullptr) return kNoMemory;
     lines.copy(pLines, lines.size());
     Reader reader({pLines, lines.size()});
     for (Line line; reader.Next(line);) {
         if (line.kind != LineKind::kPair) continue;
         const std::string_view key = DecodeInPlace(line.name);
         const std::string_view value = DecodeInPlace(line.value);
-        if (!hash.SetAllocated(key, pLines + (value.data() - pLines), value.size())) return false;
+        char *const szValue = pLines + (value.data() - pLines);
+        if (const Fault fault = hash.SetAllocated(key, szValue, value.size())) return fault;
     }
-    return true;
+    return kNoFault;
 }
 
-bool EndLine(Bytes &out) noexcept
+Fault WriteHeader(Bytes &out, std::string_view name) noexcept
 {
-    return out.size() == 0 || out.view().back() == '\n' || out.Append("\n");
+    constexpr size_t kMarks = 3; // the brackets and the end of the line
+    if (const Fault fault = out.Reserve(name.size() * kMaxEscapeBytes + kQuotes + kMarks))
+        return fault;
+    char *pEnd = out.end();
+    *pEnd++ = '[';
+    pEnd = WriteWord(name, IsPlain(name, ']', "\""), pEnd);
+    *pEnd++ = ']';
+    *pEnd++ = '\n';
+    out.Grow(static_cast<size_t>(pEnd - out.end()));
+    return kNoFault;
 }
 
-bool WriteHeader(Bytes &out, std::string_view name) noexcept
+Fault WritePairs(Bytes &out, const VLIB_SZ_HASH &hash) noexcept
 {
-    return out.Append("[") && WriteWord(out, name, IsPlain(name, ']', "\"")) && out.Append("]\n");
-}
-
-bool WritePairs(Bytes &out, const VLIB_SZ_HASH &hash) noexcept
-{
-    return std::all_of(hash.pairs().begin(), hash.pairs().end(),
-                       [&out](const Pair &pair) { return WritePair(out, pair.key, pair.szValue); });
+    constexpr size_t kMarks = 2; // '=' and the end of the line
+    for (const Pair &pair : hash.pairs()) {
+        const std::string_view key = pair.key;
+        const std::string_view value = pair.szValue;
+        const size_t cbMax = (key.size() + value.size()) * kMaxEscapeBytes + 2 * kQuotes + kMarks;
+        if (const Fault fault = out.Reserve(cbMax)) return fault;
+        char *pEnd = WriteWord(key, IsPlain(key, '=', "\"[;#"), out.end());
+        *pEnd++ = '=';
+        pEnd = WriteWord(value, value.empty() || IsPlain(value, '\0', "\""), pEnd);
+        *pEnd++ = '\n';
+        out.Grow(static_cast<size_t>(pEnd - out.end()));
+    }
+    return kNoFault;
 }
 
 } // namespace zevo

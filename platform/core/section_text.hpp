@@ -5,8 +5,8 @@
 
 #include <string_view>
 
+#include "base/bytes.hpp"
 #include "sz_hash.hpp"
-#include "zevocore_file.hpp"
 
 namespace zevo {
 
@@ -19,8 +19,8 @@ struct Word {
 // Whether the word stands for that text.
 bool IsWord(const Word &word, std::string_view text) noexcept;
 
-// Appends what the word stands for; false without memory.
-bool AppendMeaning(Bytes &out, const Word &word) noexcept;
+// Appends what the word stands for.
+Fault AppendMeaning(Bytes &out, const Word &word) noexcept;
 
 enum class LineKind {
     kHeader,
@@ -39,8 +39,8 @@ struct Line {
 // Reads the first line of the text.
 Line ReadLine(std::string_view text) noexcept;
 
-// Puts all pairs among the lines into the hash; false without memory.
-bool TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept;
+// Puts all pairs among the lines into the hash.
+Fault TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept;
 
 // Walks over the lines of a text.
 class Reader {
@@ -57,10 +57,9 @@ private:
     size_t at_ = 0;
 };
 
-// The writer: false without memory.
-bool EndLine(Bytes &out) noexcept; // ends a last line that is not ended
-bool WriteHeader(Bytes &out, std::string_view name) noexcept;
-bool WritePairs(Bytes &out, const VLIB_SZ_HASH &hash) noexcept;
+// The writer.
+Fault WriteHeader(Bytes &out, std::string_view name) noexcept;
+Fault WritePairs(Bytes &out, const VLIB_SZ_HASH &hash) noexcept;
 
 } // namespace zevo
 

@@ -7,7 +7,8 @@
 #include <cstring>
 #include <new>
 
-#include "frame.hpp"
+#include "base/host.hpp"
+#include "platform/internal/frame.hpp"
 
 namespace {
 
@@ -28,7 +29,7 @@ VLIB_SZ_HASH::VLIB_SZ_HASH()
     pairs_.reserve(kUsualPairs);
 }
 
-bool VLIB_SZ_HASH::Set(std::string_view key, std::string_view value) noexcept
+zevo::Fault VLIB_SZ_HASH::Set(std::string_view key, std::string_view value) noexcept
 {
     const size_t found = Find(key);
     size_t cbRoom = value.size() + 1;
@@ -36,14 +37,14 @@ bool VLIB_SZ_HASH::Set(std::string_view key, std::string_view value) noexcept
         const zevo::Pair &old = pairs_[found];
         if (cbRoom <= old.cbRoom) {
             CopyText(old.szValue, value);
-            return true;
+            return zevo::kNoFault;
         }
         key = old.key;
         cbRoom = std::max(cbRoom, old.cbRoom * 2); // keeps what is lost below what is in use
     }
     const size_t cbKey = found == kAbsent ? key.size() + 1 : 0;
     char *const pTexts = Allocate(cbKey + cbRoom);
-    if (pTexts == nullptr) return false;
+    if (pTexts == nullptr) return zevo::kNoMemory;
     CopyText(pTexts + cbKey, value);
     if (found == kAbsent) {
         CopyText(pTexts, key);
@@ -72,7 +73,7 @@ try {
     return nullptr;
 }
 
-bool VLIB_SZ_HASH::SetAllocated(std::string_view key, char *szValue, size_t cbValue) noexcept
+zevo::Fault VLIB_SZ_HASH::SetAllocated(std::string_view key, char *szValue, size_t cbValue) noexcept
 {
     return Put(Find(key), {key, szValue, cbValue + 1});
 }
@@ -87,27 +88,27 @@ size_t VLIB_SZ_HASH::Find(std::string_view key) const noexcept
 }
 
 // Puts the pair in the place of the one found, which has the same key, or behind all others.
-bool VLIB_SZ_HASH::Put(size_t found, const zevo::Pair &pair) noexcept
+zevo::Fault VLIB_SZ_HASH::Put(size_t found, const zevo::Pair &pair) noexcept
 try {
     if (found != kAbsent) {
         pairs_[found].szValue = pair.szValue;
         pairs_[found].cbRoom = pair.cbRoom;
-        return true;
+        return zevo::kNoFault;
     }
     if (pairs_.size() - index_.size() >= kMaxUnindexed)
         for (size_t i = index_.size(); i < pairs_.size(); ++i)
             index_.emplace(pairs_[i].key, i);
     pairs_.push_back(pair);
-    return true;
+    return zevo::kNoFault;
 } catch (const std::bad_alloc &) {
-    return false;
+    return zevo::kNoMemory;
 }
 
 VLIB_SZ_HASH *VLIBCSzHashAlloc(int) noexcept
 try {
     return new VLIB_SZ_HASH;
 } catch (const std::bad_alloc &) {
-    ZEVO_FAIL(zevo::kFileNoMemory);
+    ZEVO_FAIL(zevo::kNoMemory);
     return nullptr;
 }
 
@@ -121,7 +122,8 @@ int VLIBCSzHashSetValue(VLIB_SZ_HASH **ppHash, const char *szKey, const char *sz
 {
     if (ppHash == nullptr || *ppHash == nullptr || szKey == nullptr || szValue == nullptr)
         return ZEVO_FAIL(zevo::kBadArgument);
-    return (*ppHash)->Set(szKey, szValue) ? 0 : ZEVO_FAIL(zevo::kFileNoMemory);
+    const zevo::Fault fault = (*ppHash)->Set(szKey, szValue);
+    return fault ? ZEVO_FAIL(fault) : 0;
 }
 
 const char *VLIBCSzHashGetValue(const VLIB_SZ_HASH *pHash, const char *szKey) noexcept

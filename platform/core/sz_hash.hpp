@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/fault.hpp"
 #include "zevocore.h"
 
 namespace zevo {
@@ -25,8 +26,8 @@ struct VLIB_SZ_HASH {
 public:
     VLIB_SZ_HASH(); // throws std::bad_alloc
 
-    // false, with the hash as it was, without memory.
-    bool Set(std::string_view key, std::string_view value) noexcept;
+    // Leaves the hash as it was on failure.
+    zevo::Fault Set(std::string_view key, std::string_view value) noexcept;
     // nullptr when the key is absent.
     const char *Get(std::string_view key) const noexcept;
     void RemoveAll() noexcept;
@@ -35,13 +36,13 @@ public:
     // Memory for texts, which lives until the hash is emptied; nullptr without memory.
     char *Allocate(size_t cb) noexcept;
     // Set() without copying: both texts stand in such memory, each with its NUL.
-    bool SetAllocated(std::string_view key, char *szValue, size_t cbValue) noexcept;
+    zevo::Fault SetAllocated(std::string_view key, char *szValue, size_t cbValue) noexcept;
 
 private:
     static constexpr size_t kAbsent = ~size_t{0};
 
     size_t Find(std::string_view key) const noexcept;
-    bool Put(size_t found, const zevo::Pair &pair) noexcept;
+    zevo::Fault Put(size_t found, const zevo::Pair &pair) noexcept;
 
     char firstTexts_[4000]; // enough for most hashes
     std::pmr::monotonic_buffer_resource texts_{firstTexts_, sizeof(firstTexts_)};

@@ -1,25 +1,21 @@
-// How an exported function of the platform libraries fails. Header-only; internal to platform/.
-#ifndef FRAME_HPP
-#define FRAME_HPP
+// How an exported function of the platform libraries fails: it records the fault in the error slot.
+#ifndef PLATFORM_INTERNAL_FRAME_HPP
+#define PLATFORM_INTERNAL_FRAME_HPP
 
+#include "base/fault.hpp"
 #include "zevocore.h"
-#include "zevocore_file.hpp"
 
 namespace zevo {
 
-// Beside those of FileError.
-constexpr unsigned kBadArgument = 0x0D00;
-constexpr unsigned kNotThere = 0x2000;
-
-inline int Fail(unsigned code, const char *szFile, int line) noexcept
+inline int Fail(Fault fault, const char *szFile, int line) noexcept
 {
-    VLIBCErrSetEx(code, szFile, line);
+    VLIBCErrSetEx(fault.code, szFile, line);
     return -1;
 }
 
-// Records an error found here; -1. A macro, because file and line must be the caller's.
-#define ZEVO_FAIL(code) ::zevo::Fail((code), __FILE_NAME__, __LINE__)
+// Records a fault found here; -1. A macro, because file and line must be the caller's.
+#define ZEVO_FAIL(fault) ::zevo::Fail((fault), __FILE_NAME__, __LINE__)
 
 } // namespace zevo
 
-#endif // FRAME_HPP
+#endif // PLATFORM_INTERNAL_FRAME_HPP

@@ -1,66 +1,66 @@
-// Looking up users and groups in the system's user database (NSS). A record needs a buffer, and nobody
-// knows beforehand how large. Header-only; internal to platform/.
-#ifndef USER_DATABASE_HPP
-#define USER_DATABASE_HPP
+// Looking users and groups up in the system's user database (NSS). A record needs a buffer of a size
+// that nobody knows beforehand, so the buffer grows until it fits.
+#ifndef PLATFORM_INTERNAL_USER_DATABASE_HPP
+#define PLATFORM_INTERNAL_USER_DATABASE_HPP
 
 #include <grp.h>
 #include <pwd.h>
 
-#include "frame.hpp"
+#include "base/bytes.hpp"
+#include "base/host.hpp"
 
 namespace zevo {
 
-// One look-up. Record is passwd or group; the object owns its texts.
-template <class Record> class UserDatabaseEntry {
+// One look-up. Record is passwd or group; its texts live in this object.
+template <class Record> class NssEntry {
 public:
-    // call(record, buffer, cbBuffer, result) is getpwnam_r() or one of its kin, with the key bound.
-    template <class Call> explicit UserDatabaseEntry(Call call) noexcept
+    // call(record, buffer, cbBuffer, result) is one of getpwnam_r and its kin, with its key bound.
+    template <class Call> explicit NssEntry(Call call) noexcept
     {
-        for (size_t cb = 1024; cb <= kMaxBufferBytes; cb *= 2) {
+        constexpr size_t kMaxBytes = size_t{64} << 20;
+        for (size_t cb = 1024; cb <= kMaxBytes; cb *= 2) {
             buffer_.Clear();
             // NOLINTBEGIN(clang-analyzer-unix.Malloc): the buffer's own destructor frees it
-            if (!buffer_.Reserve(cb)) break;
+            if (buffer_.Reserve(cb)) break;
             const int error = call(&record_, buffer_.end(), buffer_.room(), &found_);
             // NOLINTEND(clang-analyzer-unix.Malloc)
             if (error == EINTR) continue;
             if (error != ERANGE) {
                 errno = error;
-                code_ = error == ENOMEM ? unsigned{kFileNoMemory} : kNotThere;
+                if (found_ != nullptr) fault_ = kNoFault;
+                if (error == ENOMEM) fault_ = kNoMemory;
                 return;
             }
         }
         found_ = nullptr;
-        code_ = kFileNoMemory;
+        fault_ = kNoMemory;
     }
 
-    explicit operator bool() const noexcept { return found_ != nullptr; }
-    unsigned code() const noexcept { return code_; }
+    Fault fault() const noexcept { return fault_; } // kNoMemory, or kNotThere
     const Record *operator->() const noexcept { return found_; }
 
 private:
-    static constexpr size_t kMaxBufferBytes = size_t{64} << 20;
-
     Bytes buffer_;
     Record record_ = {};
     Record *found_ = nullptr;
-    unsigned code_ = kNotThere;
+    Fault fault_ = kNotThere;
 };
 
-inline UserDatabaseEntry<passwd> UserByName(const char *szName) noexcept
+inline NssEntry<passwd> UserByName(const char *szName) noexcept
 {
-    return UserDatabaseEntry<passwd>([=](auto... out) { return ::getpwnam_r(szName, out...); });
+    return NssEntry<passwd>([=](auto... out) { return ::getpwnam_r(szName, out...); });
 }
 
-inline UserDatabaseEntry<passwd> UserById(uid_t uid) noexcept
+inline NssEntry<passwd> UserById(uid_t uid) noexcept
 {
-    return UserDatabaseEntry<passwd>([=](auto... out) { return ::getpwuid_r(uid, out...); });
+    return NssEntry<passwd>([=](auto... out) { return ::getpwuid_r(uid, out...); });
 }
 
-inline UserDatabaseEntry<group> GroupById(gid_t gid) noexcept
+inline NssEntry<group> GroupById(gid_t gid) noexcept
 {
-    return UserDatabaseEntry<group>([=](auto... out) { return ::getgrgid_r(gid, out...); });
+    return NssEntry<group>([=](auto... out) { return ::getgrgid_r(gid, out...); });
 }
 
 } // namespace zevo
 
-#endif // USER_DATABASE_HPP
+#endif // PLATFORM_INTERNAL_USER_DATABASE_HPP

@@ -2,8 +2,10 @@
 // can exchange a part of the path behind our back. A link among the parents is followed: the
 // administrator has set it. A link at the last component is no directory.
 #include <climits>
+#include <cstring>
 
-#include "frame.hpp"
+#include "base/descriptor.hpp"
+#include "platform/internal/frame.hpp"
 #include "zevosdk.h"
 
 using namespace zevo;
@@ -97,5 +99,5 @@ int ZEVOFSMkdirP(const char *szPath, int, int, uid_t owner, gid_t group, int mod
     if (szPath == nullptr || *szPath == '\0') return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
     const mode_t wanted = mode == -1 ? kUsualMode : static_cast<mode_t>(mode);
-    return MakeAll(szPath, owner, group, wanted) ? 0 : ZEVO_FAIL(kFileOpen);
+    return MakeAll(szPath, owner, group, wanted) ? 0 : ZEVO_FAIL(kCannotOpen);
 }
