@@ -28,7 +28,7 @@ packages_of() { # GROUP
             python3-jsonschema mandoc locales pkgconf
         ;;
     run) echo util-linux mount ;; # what the sandbox needs
-    reference) echo python3 doxygen ;;
+    reference) echo doxygen ;; # the library's reference and section 3 of the manual
     pictures) echo python3 python3-rich tmux ;;
     plot) echo gnuplot-nox ;;
     measure) echo pv ;; # what the cost is compared with
