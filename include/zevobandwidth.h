@@ -276,8 +276,8 @@ typedef struct ZEVO_BANDWIDTH_CONF {
     char szSchedulePlan[ZEVO_BW_PLAN_SIZE]; /**< NUL-terminated; used when state is schedule */
 } ZEVO_BANDWIDTH_CONF;
 
-/** The policy of one protocol. A '1' in its plan means that limits apply in that hour, anything else
- *  that they do not. */
+/** The policy of one protocol. A '1' in its plan means that limits apply in that hour, anything
+ *  else that they do not. */
 typedef struct ZEVO_BANDWIDTH_GLOBAL_CONF {
     int32_t currentState;                   /**< state when last evaluated; not stored */
     int32_t state;                          /**< ZEVO_BW_STATE, as configured */
@@ -728,8 +728,8 @@ ZEVOBandwidthInitHashFromStatus(struct VLIB_SZ_HASH **ppHash,
  * @ingroup ZEVOBandwidthInitHashFromConf
  * @param pStatus  in and out: the status record
  * @param pHash    string hash, with the keys of a section
- * @return         0, or -1 on a malformed number: the fields before it are filled, and its own field
- *                 holds what was read of the number
+ * @return         0, or -1 on a malformed number: the fields before it are filled, and its own
+ *                 field holds what was read of the number
  * Errors:  0x0D00, 0x4000.
  */
 ZEVO_BW_API int ZEVOBandwidthInitStatusFromHash(ZEVO_BANDWIDTH_STATUS *pStatus,
