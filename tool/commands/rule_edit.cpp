@@ -14,7 +14,8 @@
 #include <filesystem>
 #include <memory>
 
-#include <zevocore_file.hpp>
+#include "base/regular_file.hpp"
+#include "base/write_file.hpp"
 
 #include "command.hpp"
 #include "commands/rule_command.hpp"
@@ -66,7 +67,7 @@ Draft::Draft(const std::string &text)
     const zevo::Place place(path_.c_str());
     const zevo::Fd file =
         zevo::OpenAt(place.dir(), place.name(), O_WRONLY | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR);
-    if (file && zevo::WriteAll(file.get(), text)) return;
+    if (file && !zevo::WriteAll(file.get(), text)) return;
     const int error = errno;
     Remove();
     throw Failure(kFailed, "cannot write " + path_ + ": " + std::strerror(error) +
@@ -89,7 +90,7 @@ std::string Draft::Read()
     const zevo::Place place(path_.c_str());
     const zevo::RegularFile file(place, O_RDONLY);
     zevo::Bytes text;
-    if (file && file.ReadWhole(text) == 0) return std::string(text.view());
+    if (!file.fault() && !file.ReadWhole(text)) return std::string(text.view());
     const int error = errno;
     isKept_ = true;
     throw Failure(kFailed, "cannot read " + path_ + " again, which must be a regular file: " +
@@ -103,7 +104,7 @@ std::string Draft::Keep()
     // An editor may have put another file in its place, readable for others; nobody else gets into
     // the directory.
     const zevo::Place place(path_.c_str());
-    if (const zevo::RegularFile file(place, O_RDONLY); file)
+    if (const zevo::RegularFile file(place, O_RDONLY); !file.fault())
         static_cast<void>(::fchmod(file.get(), S_IRUSR | S_IWUSR));
     return "nothing is changed; the text is kept in " + path_;
 }
