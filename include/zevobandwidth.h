@@ -7,6 +7,11 @@
  * groups a transfer is charged. The processes that move the data meet in small files. Each one
  * works out its own share and sleeps just long enough. There is no daemon.
  *
+ * Status files need no lock. Writers take turns by an advisory lock on the open file, which no
+ * writer waits for longer than 25 ms in all. After that the later rename wins, and a section that
+ * was lost returns with the next save of its transfer. The lock goes when its holder dies, and
+ * nothing depends on it.
+ *
  * The life of a transfer, on the service's own thread:
  *
  *     ZEVO_BANDWIDTH_CONFIG config = {0};
@@ -47,8 +52,10 @@
  *  - Upload is from the client to this server, download is from this server to the client.
  *  - No exception leaves a function. A function writes nothing to stdout or stderr and changes no
  *    locale, no environment variable and, except ZEVOBandwidthSimulate(), no signal handler. It
- *    starts no thread. Descriptors are closed on exec and are above 2; only the descriptor that
- *    libc opens for the system log may be lower, in a host that has closed its standard streams.
+ *    starts no thread. It never changes the creation mask: what it makes gets its mode by
+ *    descriptor, and then its name. Descriptors are closed on exec and are above 2; only the
+ *    descriptor that libc opens for the system log may be lower, in a host that has closed its
+ *    standard streams.
  *
  * What else holds for every function unless it says otherwise:
  *  - Thread safety: any thread may call it; a record belongs to one thread at a time.
@@ -256,15 +263,16 @@ static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_OCCUPY_POLICY_LIST[] = {
 /** Size of the field that holds a transfer's file name. */
 #define ZEVO_BW_FILENAME_SIZE 4096
 
-/** Where rules and policies stand: a file for each protocol, and the global file. */
+/** Directory of the rules and policies: a file for each protocol, and the global file. */
 #define ZEVO_BW_CONF_DIRECTORY "/usr/zevo/etc/bandwidth"
-/** Where add-on protocols announce themselves, each by a file "NAME_NUMBER.json". */
+/** Directory of the add-ons: a file "NAME_NUMBER.json" for each add-on protocol. */
 #define ZEVO_BW_ADDON_DIRECTORY ZEVO_BW_CONF_DIRECTORY "/addon"
-/** Where running transfers stand: a status file for each user and group, "user-1026", "group-100". */
+/** Directory of the status files, "user-1026" or "group-100". */
 #define ZEVO_BW_STATUS_DIRECTORY "/tmp/bandwidth"
-/** Seconds without a save after which a section is stale: its transfer is taken for dead. */
+/** Seconds without a save after which a section is stale: its process is taken for dead. */
 #define ZEVO_BW_STALE_AFTER_SECONDS 30
-/** Seconds after which a file whose name has a dot is the leftover of a rewrite that died. */
+/** Seconds without a change after which a file with a dot in its name is the leftover of a rewrite
+ *  whose process died. */
 #define ZEVO_BW_LEFTOVER_AFTER_SECONDS 10
 
 /**
@@ -758,9 +766,7 @@ ZEVO_BW_API int ZEVOBandwidthInitStatusFromHash(ZEVO_BANDWIDTH_STATUS *pStatus,
  *                 function returns
  * @return         0, or -1 on failure; the user's section may be written already
  * Errors:  0x0D00, 0x0200, 0x0900, 0x0A00, 0x0B00, 0x2700, 0x2800, or the platform's.
- * Threads: any. While it makes the directory or a file, the process's creation mask is cleared, by
- *          one thread at a time: no other code of the process should make files at that moment. No
- *          file is locked: when two processes rewrite a file at once, one may have to save again.
+ * Threads: any. Writers of a file take turns, as in ZEVOBandwidthStatusSetSection().
  */
 ZEVO_BW_API int ZEVOBandwidthStatusSave(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig,
                                         ZEVO_BANDWIDTH_STATUS *pStatus) ZEVO_BW_NOEXCEPT;
@@ -779,8 +785,9 @@ ZEVO_BW_API int ZEVOBandwidthStatusSave(uint32_t uid, const ZEVO_BANDWIDTH_CONFI
  *                   on failure with the file unchanged
  * Errors:  0x0D00; 0x0900 the file cannot be opened (it is missing, a link, no regular file, or
  *          above 64 MiB) or no temporary file can be made; 0x0200, 0x0A00, 0x0B00, 0x2700, 0x2800.
- * Threads: any. It waits for another process that is replacing the file, about 25 ms at most in
- *          all. It starts over, at most five times, when another process was faster.
+ * Threads: any. Writers of a file take turns; it waits for its turns 25 ms at most in all, and then
+ *          goes on without. It starts over, at most five times, when another writer was faster;
+ *          then the later rename wins.
  */
 ZEVO_BW_API int ZEVOBandwidthStatusSetSection(const char *szFile, const char *szSection,
                                               const struct VLIB_SZ_HASH *pHash) ZEVO_BW_NOEXCEPT;
