@@ -264,6 +264,13 @@ static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_OCCUPY_POLICY_LIST[] = {
 /** Size of a transfer's file name. */
 #define ZEVO_BW_FILENAME_SIZE 4096
 
+/** Directory of the status files, without a slash at its end. */
+#define ZEVO_BW_STATUS_DIRECTORY "/tmp/bandwidth"
+/** Seconds after its last save at which a transfer counts as dead. */
+#define ZEVO_BW_STALE_AFTER_SECONDS 30
+/** Age in seconds at which a temporary file counts as left behind by a process that died. */
+#define ZEVO_BW_LEFTOVER_AFTER_SECONDS 10
+
 /**
  * The rule of one owner for one protocol. In its plan '0' puts the rule out of force for the hour,
  * '1' in force with the normal rates, anything else in force with the custom rates.

@@ -22,7 +22,7 @@ using namespace bandwidth;
 
 namespace {
 
-constexpr int64_t kLeftoverAfterSeconds = 10;
+constexpr int64_t kLeftoverAfterSeconds = ZEVO_BW_LEFTOVER_AFTER_SECONDS;
 constexpr int32_t kMerge = 1;
 
 using Status = std::unique_ptr<ZEVO_BANDWIDTH_STATUS, Release<std::free>>;

@@ -12,7 +12,7 @@
 
 namespace bandwidth {
 
-constexpr char kStatusDirectory[] = "/tmp/bandwidth/";
+constexpr char kStatusDirectory[] = ZEVO_BW_STATUS_DIRECTORY "/";
 
 class StatusPath {
 public:

@@ -10,7 +10,7 @@
 
 namespace bandwidth {
 
-constexpr int64_t kStaleAfterSeconds = 30;
+constexpr int64_t kStaleAfterSeconds = ZEVO_BW_STALE_AFTER_SECONDS;
 
 inline bool IsStale(const ZEVO_BANDWIDTH_STATUS &status, int64_t now) noexcept
 {

@@ -23,7 +23,8 @@ constexpr int kMostRepeats = 2;
 // not choose where the files go.
 int EnsureDirectory() noexcept
 {
-    constexpr char kWithoutSlash[] = "/tmp/bandwidth"; // a slash at the end would follow a link
+    constexpr char kWithoutSlash[] =
+        ZEVO_BW_STATUS_DIRECTORY; // a slash at the end would follow a link
     struct stat status = {};
     if (::lstat(kWithoutSlash, &status) == 0) {
         if (S_ISDIR(status.st_mode)) return 0;
