@@ -12,6 +12,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -479,11 +480,6 @@ constexpr int kOpensOfOneRead = 2; // the directory and the file
 
 class Listing : public SectionFile {
 protected:
-    void SetUp() override
-    {
-        SectionFile::SetUp();
-        Get("any"); // ends what another test has left halfway
-    }
     // The value of the key k in a section, or what became of the read.
     std::string Get(const char *szSection) { return GetFrom(Path(), szSection); }
     static std::string GetFrom(const char *szPath, const char *szSection)
@@ -491,6 +487,14 @@ protected:
         Hash hash;
         const int found = VLIBCFileGetSection(szPath, szSection, hash.address());
         return found == 1 ? hash["k"] : found == 0 ? "(no section)" : "(failed)";
+    }
+    // Runs an action while a list of the names lives.
+    void WithNames(const std::function<void(VLIB_SZ_LIST *&)> &action)
+    {
+        VLIB_SZ_LIST *pNames = VLIBCSzListAlloc(0);
+        EXPECT_EQ(VLIBCFileEnumSection(Path(), &pNames), 3);
+        action(pNames);
+        VLIBCSzListFree(pNames);
     }
     static int Opens() { return standins::Count(Call::Open); }
     static int Descriptors()
@@ -503,69 +507,155 @@ protected:
         etc.Write("next", szText);
         EXPECT_EQ(::rename(etc.Path("next"), Path()), 0);
     }
-    void Append(const char *szText)
-    {
-        std::ofstream(Path(), std::ios::app) << szText << std::flush;
-    }
-    void InAnotherProcess(const std::function<void()> &action)
-    {
-        EXPECT_EQ(Child([&] {
-                      action();
-                      return 0;
-                  }).Wait(),
-                  0);
-    }
 
     static constexpr char kThree[] = "[a]\nk=1\n[b]\nk=2\n[\"c\\n\"]\nk=3\n[a]\nk=4\n";
+    static constexpr char kNew[] = "[a]\nk=5\n[b]\nk=6\n[\"c\\n\"]\nk=7\n";
 };
 
-TEST_F(Listing, OpensItsFileOnceAndLeavesNothingOpen)
+TEST_F(Listing, OpensItsFileOnceAndHoldsNoDescriptor)
 {
     Write(kThree);
     const int descriptors = Descriptors();
     const int opens = Opens();
-    for (const std::string &section : Names())
-        ASSERT_EQ(Get(section.c_str()), section == "a" ? "1" : section == "b" ? "2" : "3");
-    EXPECT_EQ(Opens() - opens, kOpensOfOneRead);
-    EXPECT_EQ(Descriptors(), descriptors);
+    WithNames([&](VLIB_SZ_LIST *&) {
+        for (const char *const szSection : {"a", "b", "c\n"})
+            EXPECT_EQ(Get(szSection), szSection[0] == 'a' ? "1" : szSection[0] == 'b' ? "2" : "3");
+        EXPECT_EQ(Opens() - opens, kOpensOfOneRead);
+        EXPECT_EQ(Descriptors(), descriptors);
+    });
 }
 
-TEST_F(Listing, IsOneMomentUntilItsNamesAreGivenBackAndNoLonger)
+TEST_F(Listing, NamesThatStandSeveralTimesAreListedOnceWhereTheyStandFirst)
 {
-    constexpr char kNew[] = "[a]\nk=5\n[b]\nk=6\n[\"c\\n\"]\nk=7\n";
+    Write("[b]\nk=1\n[\"\"]\nk=2\n[a]\n[b]\nk=3\n[\"\"]\n[\"a\"]\nk=4\n[c]\nk=5\n[b]\n");
+    EXPECT_THAT(Names(), ElementsAre("b", "", "a", "c"));
+    VLIB_SZ_LIST *pNames = VLIBCSzListAlloc(0);
+    EXPECT_EQ(VLIBCFileEnumSection(Path(), &pNames), 4);
+    for (const char *const szSection : {"b", "", "a", "c"}) {
+        const int opens = Opens();
+        const std::string listed = Get(szSection);
+        EXPECT_EQ(Opens(), opens);
+        std::thread([&] { EXPECT_EQ(Get(szSection), listed) << "read by itself"; }).join();
+    }
+    VLIBCSzListFree(pNames);
+}
+
+TEST_F(Listing, EndsWithWhateverElseTheThreadDoesToSectionFiles)
+{
+    etc.Write("other", "[b]\nk=other\n");
     const struct {
         const char *szWhat;
         std::function<void(VLIB_SZ_LIST *&)> action;
         const char *szB;
     } rows[] = {
         {"nothing else", [](VLIB_SZ_LIST *&) {}, "2"},
-        {"the names given back",
-         [](VLIB_SZ_LIST *&pList) {
-             VLIBCSzListFree(pList);
-             pList = nullptr;
+        {"the names freed",
+         [](VLIB_SZ_LIST *&pNames) {
+             VLIBCSzListFree(pNames);
+             pNames = nullptr;
          },
          "6"},
+        {"another list freed", [](VLIB_SZ_LIST *&) { VLIBCSzListFree(VLIBCSzListAlloc(0)); }, "2"},
         {"a question for the file", [&](VLIB_SZ_LIST *&) { VLIBCFileExist(Path()); }, "6"},
-        {"another section first", [&](VLIB_SZ_LIST *&) { EXPECT_EQ(Get("c\n"), "7"); }, "6"},
+        {"a section out of order", [&](VLIB_SZ_LIST *&) { EXPECT_EQ(Get("c\n"), "7"); }, "6"},
+        {"the same section again", [&](VLIB_SZ_LIST *&) { EXPECT_EQ(Get("a"), "5"); }, "6"},
+        {"a section of another file",
+         [&](VLIB_SZ_LIST *&) { EXPECT_EQ(GetFrom(etc.Path("other"), "b"), "other"); }, "6"},
+        {"a failed enumeration",
+         [](VLIB_SZ_LIST *&pNames) { EXPECT_EQ(VLIBCFileEnumSection("/tmp/none", &pNames), -1); },
+         "6"},
         {"a write",
          [&](VLIB_SZ_LIST *&) {
              EXPECT_EQ(Set("b", {{"k", "8"}}), 1);
          },
          "8"},
-        {"some time", [](VLIB_SZ_LIST *&) { ::usleep(150'000); }, "6"},
+        {"a removal", [&](VLIB_SZ_LIST *&) { EXPECT_EQ(VLIBCFileRemoveSection(Path(), "b"), 1); },
+         "(no section)"},
+        {"another thread's reads",
+         [&](VLIB_SZ_LIST *&) { std::thread([&] { EXPECT_EQ(Get("b"), "6"); }).join(); }, "2"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.szWhat);
         Write(kThree);
-        VLIB_SZ_LIST *pList = VLIBCSzListAlloc(0);
-        EXPECT_EQ(VLIBCFileEnumSection(Path(), &pList), 3);
-        InAnotherProcess([&] { Replace(kNew); });
-        EXPECT_EQ(Get("a"), "1");
-        row.action(pList);
-        EXPECT_EQ(Get("b"), row.szB);
-        VLIBCSzListFree(pList);
-        EXPECT_EQ(Get("a"), "5") << "a second read is a later call";
+        WithNames([&](VLIB_SZ_LIST *&pNames) {
+            EXPECT_EQ(Get("a"), "1");
+            Replace(kNew);
+            row.action(pNames);
+            EXPECT_EQ(Get("b"), row.szB);
+        });
     }
+}
+
+TEST_F(Listing, SeesWhatWasChangedBeforeItsFirstRead)
+{
+    const struct {
+        const char *szWhat;
+        std::function<void()> change;
+        const char *szA;
+        const char *szB;
+    } rows[] = {
+        {"replaced by one of the same length",
+         [&] { Replace("[b]\nk=6\n[a]\nk=5\n[\"c\\n\"]\n[a]\nk=\n#\n"); }, "5", "6"},
+        {"appended", [&] { std::ofstream(Path(), std::ios::app) << "k=9\n[d]\n"; }, "1", "2"},
+        {"changed in place, to the same length",
+         [&] {
+             ::usleep(20'000); // time stamps have to be able to show it
+             Write("[a]\nk=5\n[b]\nk=6\n[\"c\\n\"]\nk=3\n[a]\nk=4\n");
+         },
+         "5", "6"},
+        {"a section removed by another process",
+         [&] {
+             Child remover([&] { return VLIBCFileRemoveSection(Path(), "a"); });
+             EXPECT_EQ(remover.Wait(), 1);
+         },
+         "(no section)", "2"},
+        {"deleted", [&] { ::unlink(Path()); }, "(failed)", "(failed)"},
+        {"replaced by a link",
+         [&] {
+             etc.Write("next", kThree);
+             ::unlink(Path());
+             EXPECT_EQ(::symlink("next", Path()), 0);
+         },
+         "(failed)", "(failed)"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.szWhat);
+        etc.Make();
+        Write(kThree);
+        WithNames([&](VLIB_SZ_LIST *&) {
+            row.change();
+            EXPECT_EQ(Get("a"), row.szA);
+            EXPECT_EQ(Get("b"), row.szB);
+        });
+        if (std::string_view(row.szA) == "(failed)") ExpectSlot(0x0900, kThisFile);
+    }
+}
+
+TEST_F(Listing, EndsWithItsThreadAndMayGoOnInAForkedChild)
+{
+    Write(kThree);
+    WithNames([&](VLIB_SZ_LIST *&) {
+        Child child([&] {
+            Replace(kNew);
+            return Get("a") == "5" && Get("b") == "6" ? 0 : 2;
+        });
+        EXPECT_EQ(child.Wait(), 0);
+        EXPECT_EQ(Get("a"), "5");
+    });
+    pthread_attr_t small; // the host's threads may have little stack
+    ::pthread_attr_init(&small);
+    ::pthread_attr_setstacksize(&small, 64 << 10);
+    std::function<void()> body = [&] {
+        Names();
+        EXPECT_EQ(Get("a"), "5");
+    };
+    const auto run = [](void *pBody) -> void * {
+        (*static_cast<std::function<void()> *>(pBody))();
+        return nullptr;
+    };
+    pthread_t thread;
+    ASSERT_EQ(::pthread_create(&thread, &small, run, &body), 0);
+    ::pthread_join(thread, nullptr);
 }
 
 TEST_F(Listing, SectionsOfOtherKeysThanTheLastAreReadAsTheyStand)
@@ -585,205 +675,6 @@ TEST_F(Listing, SectionsOfOtherKeysThanTheLastAreReadAsTheyStand)
     EXPECT_EQ(texts("c"), "5=6|1||" + kNone + "|" + kNone);
     EXPECT_EQ(texts("d"), "2|" + kNone + "|" + kNone + "|1|" + kNone);
     EXPECT_EQ(texts("e"), "3|" + kNone + "|" + kNone + "|" + kNone + "|b=1");
-}
-
-TEST_F(Listing, SectionsMayBeReadInAnyOrderAndEachIsAnsweredOnce)
-{
-    Write(kThree);
-    Names();
-    int opens = Opens();
-    EXPECT_EQ(Get("c\n"), "3");
-    EXPECT_EQ(Get("a"), "1");
-    EXPECT_EQ(Opens(), opens);
-    EXPECT_EQ(Get("a"), "1");
-    EXPECT_EQ(Opens() - opens, kOpensOfOneRead) << "a second read is a later call";
-    opens = Opens();
-    EXPECT_EQ(Get("b"), "2");
-    EXPECT_EQ(Opens() - opens, kOpensOfOneRead) << "which has ended the listing";
-}
-
-TEST_F(Listing, WhatAnotherProcessDoesToTheFileIsSeenByTheNextRead)
-{
-    const struct {
-        const char *szWhat;
-        std::function<void()> change;
-        const char *szA;
-        const char *szB;
-    } rows[] = {
-        {"replaced by one of the same length",
-         [&] { Replace("[b]\nk=6\n[a]\nk=5\n[\"c\\n\"]\nk=3\n[d]\nk=4\n"); }, "5", "6"},
-        {"appended", [&] { Append("k=9\n[d]\n"); }, "1", "2"},
-        {"cut and written anew", [&] { Write("[b]\nk=7\n"); }, "(no section)", "7"},
-        {"changed in place, to the same length",
-         [&] {
-             ::usleep(20'000); // time stamps have to be able to show it
-             Write("[a]\nk=5\n[b]\nk=6\n[\"c\\n\"]\nk=3\n[a]\nk=4\n");
-         },
-         "5", "6"},
-        {"a section removed", [&] { VLIBCFileRemoveSection(Path(), "a"); }, "(no section)", "2"},
-        {"deleted", [&] { ::unlink(Path()); }, "(failed)", "(failed)"},
-        {"replaced by a link",
-         [&] {
-             etc.Write("next", kThree);
-             ::unlink(Path());
-             EXPECT_EQ(::symlink("next", Path()), 0);
-         },
-         "(failed)", "(failed)"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.szWhat);
-        etc.Make();
-        Write(kThree);
-        Names();
-        InAnotherProcess(row.change);
-        EXPECT_EQ(Get("a"), row.szA);
-        EXPECT_EQ(Get("b"), row.szB);
-        if (std::string_view(row.szA) == "(failed)") ExpectSlot(0x0900, kThisFile);
-    }
-}
-
-// Kernels that give every change a stamp of its own pass this in any case.
-TEST_F(Listing, AChangeWithinOneTickOfTheTimeStampsShowsInInodeOrSize)
-{
-    for (int round = 0; round < 100; ++round) {
-        Replace("[a]\nk=1\n[b]\nk=2\n");
-        Names();
-        Replace("[a]\nk=5\n[b]\nk=6\n");
-        ASSERT_EQ(Get("a"), "5");
-        Append("k=77\n");
-        ASSERT_EQ(Get("b"), "77");
-    }
-}
-
-TEST_F(Listing, GoesOnInOneReadAfterAChange)
-{
-    Write(kThree);
-    Names();
-    InAnotherProcess([&] { Replace("[new]\nk=0\n[\"c\\n\"]\nk=8\n[b]\nk=7\n[c]\n[b]\n"); });
-    const int descriptors = Descriptors();
-    const int opens = Opens();
-    EXPECT_EQ(Get("b"), "7");
-    EXPECT_EQ(Get("a"), "(no section)");
-    EXPECT_EQ(Get("c\n"), "8");
-    EXPECT_EQ(Opens() - opens, kOpensOfOneRead);
-    EXPECT_EQ(Descriptors(), descriptors - 1);
-}
-
-TEST_F(Listing, OwnWritersKeepItsDescriptorForNothing)
-{
-    Write(kThree);
-    const int descriptors = Descriptors();
-    Names();
-    EXPECT_EQ(VLIBCFileRemoveSection(Path(), "a"), 1);
-    EXPECT_EQ(Descriptors(), descriptors);
-    EXPECT_EQ(Get("b"), "2");
-    EXPECT_EQ(Set("c\n", {{"k", "x"}}), 1);
-    EXPECT_EQ(Get("c\n"), "x");
-}
-
-TEST_F(Listing, LeftHalfwayItEndsWithWhateverTheThreadDoesNext)
-{
-    Write(kThree);
-    etc.Write("other", "[a]\nk=other\n");
-    const int descriptors = Descriptors();
-    const std::string missing = etc.Path("missing");
-    VLIB_SZ_LIST *pList = VLIBCSzListAlloc(0);
-    const std::function<void()> others[] = {
-        [&] { EXPECT_EQ(GetFrom(etc.Path("other"), "a"), "other"); },
-        [&] { EXPECT_EQ(Get("unknown"), "(no section)"); },
-        [&] { EXPECT_EQ(VLIBCFileEnumSection(missing.c_str(), &pList), -1); },
-    };
-    for (const auto &other : others) {
-        Names();
-        EXPECT_EQ(Get("b"), "2");
-        EXPECT_EQ(Descriptors(), descriptors + 1);
-        other();
-        EXPECT_EQ(Descriptors(), descriptors);
-    }
-    VLIBCSzListFree(pList);
-}
-
-TEST_F(Listing, LeftHalfwayItEndsWithItsNames)
-{
-    Write(kThree);
-    const int descriptors = Descriptors();
-    VLIB_SZ_LIST *const pKept = VLIBCSzListAlloc(0);
-    VLIB_SZ_LIST *pNames = VLIBCSzListAlloc(0);
-    EXPECT_EQ(VLIBCFileEnumSection(Path(), &pNames), 3);
-    EXPECT_EQ(Get("b"), "2");
-    VLIBCSzListFree(pKept);
-    EXPECT_EQ(Descriptors(), descriptors + 1);
-    VLIBCSzListFree(pNames);
-    EXPECT_EQ(Descriptors(), descriptors);
-}
-
-TEST_F(Listing, IsTheThreadsOwnAndEndsWithIt)
-{
-    Write(kThree);
-    const int descriptors = Descriptors();
-    Names();
-    pthread_attr_t small;
-    ::pthread_attr_init(&small);
-    ::pthread_attr_setstacksize(&small, 64 << 10);
-    std::function<void()> body = [&] {
-        const int opens = Opens();
-        EXPECT_EQ(Get("a"), "1");
-        EXPECT_EQ(Opens() - opens, kOpensOfOneRead) << "the listing is another thread's";
-        Names();
-        EXPECT_EQ(Get("a"), "1");
-    };
-    const auto run = [](void *pBody) -> void * {
-        (*static_cast<std::function<void()> *>(pBody))();
-        return nullptr;
-    };
-    pthread_t thread;
-    ASSERT_EQ(::pthread_create(&thread, &small, run, &body), 0);
-    ::pthread_join(thread, nullptr);
-    EXPECT_EQ(Descriptors(), descriptors + 1);
-    const int opens = Opens();
-    EXPECT_EQ(Get("b"), "2");
-    EXPECT_EQ(Opens(), opens);
-}
-
-TEST_F(Listing, IsTooOldAfterASecond)
-{
-    Write(kThree);
-    Names();
-    ::usleep(1'050'000);
-    const int opens = Opens();
-    EXPECT_EQ(Get("b"), "2");
-    EXPECT_EQ(Opens() - opens, kOpensOfOneRead);
-}
-
-TEST_F(Listing, ADescriptorThatTheHostHasClosedAndUsedAgainIsItsOwn)
-{
-    Write(kThree);
-    Child host([&] {
-        Names();
-        ::close_range(3, ~0U, 0);
-        std::vector<int> own;
-        do
-            own.push_back(::open("/dev/null", O_RDONLY));
-        while (own.size() < 8);
-        const bool right = Get("b") == "2" && Get("a") == "1" && Get("c\n") == "3";
-        for (const int fd : own)
-            EXPECT_NE(::fcntl(fd, F_GETFD), -1) << fd;
-        return right ? 0 : 2;
-    });
-    EXPECT_EQ(host.Wait(), 0);
-}
-
-TEST_F(Listing, AForkedChildSeesTheFileAsItIs)
-{
-    Write(kThree);
-    Names();
-    InAnotherProcess([&] {
-        EXPECT_EQ(Get("a"), "1");
-        Replace("[b]\nk=7\n");
-        EXPECT_EQ(Get("b"), "7");
-    });
-    EXPECT_EQ(Get("b"), "7");
-    EXPECT_EQ(Get("a"), "(no section)");
 }
 
 TEST_F(SectionFile, TheStreamWriterWritesInOrderAndTellsAFullDisk)

@@ -46,7 +46,7 @@ int VLIBCFileExist(const char *szPath) noexcept
     // The most frequent question of all, hence one call: a parent directory that is a link is
     // refused by whoever opens the file next. Where it has no answer the file counts as there:
     // whoever opens it next finds out, while one that is not there has nothing to say to anybody.
-    Listing::EndMoment();
+    Listing::End();
     struct stat found = {};
     return szPath != nullptr && (::lstat(szPath, &found) == 0 || !IsAbsence(errno)) ? 1 : 0;
 }

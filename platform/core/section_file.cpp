@@ -161,7 +161,7 @@ RewriteResult WriteSection(const char *szPath, const char *szSection, const VLIB
                            IfAbsent ifAbsent) noexcept
 {
     const CancelScope cancel;
-    Listing::Suspend();
+    Listing::End();
     const Place place(szPath);
     if (!place) return {-1, kFileOpen};
     const LockedFile file(place);
@@ -175,6 +175,19 @@ RewriteResult WriteSection(const char *szPath, const char *szSection, const VLIB
         return {-1, kFileNoMemory};
     const unsigned code = Replace(place, file.stat(), newText.view());
     return {code == 0 ? 1 : -1, code};
+}
+
+// The lines of the first section of that name.
+std::optional<std::string_view> LinesOf(std::string_view text, std::string_view section) noexcept
+{
+    Reader reader(text);
+    std::string_view lines;
+    for (Line header; reader.NextHeader(header, lines);) {
+        if (!IsWord(header.name, section)) continue;
+        (void)reader.NextHeader(header, lines);
+        return lines;
+    }
+    return std::nullopt;
 }
 
 // Whoever walks over a file asks about each of its lines: most need no second look, and so not the
@@ -204,10 +217,14 @@ int VLIBCFileGetSection(const char *szPath, const char *szSection, VLIB_SZ_HASH 
 {
     if (szPath == nullptr || szSection == nullptr || ppHash == nullptr || *ppHash == nullptr)
         return ZEVO_FAIL(kBadArgument);
-    const SectionRead section(szPath, szSection);
-    if (section.code() != 0) return ZEVO_FAIL(section.code());
-    if (!section.lines()) return 0;
-    return TakePairs(*section.lines(), **ppHash) ? 1 : ZEVO_FAIL(kFileNoMemory);
+    FileText file; // stays empty when the listing has the lines
+    std::optional<std::string_view> lines = Listing::Take(szPath, szSection);
+    if (!lines) {
+        if (const unsigned code = file.Read(szPath); code != 0) return ZEVO_FAIL(code);
+        lines = LinesOf(file.text.view(), szSection);
+    }
+    if (!lines) return 0;
+    return TakePairs(*lines, **ppHash) ? 1 : ZEVO_FAIL(kFileNoMemory);
 }
 
 int VLIBCFileSetSection(const char *szPath, const char *szSection, const char *,
@@ -232,7 +249,7 @@ int VLIBCFileRemoveSection(const char *szPath, const char *szSection) noexcept
 {
     if (szPath == nullptr || szSection == nullptr) return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
-    Listing::Suspend();
+    Listing::End();
     const Place place(szPath);
     if (!place) return ZEVO_FAIL(kFileOpen);
     const LockedFile file(place);
@@ -251,13 +268,13 @@ int VLIBCFileEnumSection(const char *szPath, VLIB_SZ_LIST **ppList) noexcept
         return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
     Listing::End();
-    Snapshot snapshot;
-    if (const unsigned code = snapshot.Read(szPath); code != 0) return ZEVO_FAIL(code);
+    FileText file;
+    if (const unsigned code = file.Read(szPath); code != 0) return ZEVO_FAIL(code);
     VLIB_SZ_LIST &list = **ppList;
     const int32_t nBefore = list.nItem;
     SectionIndex index;
-    if (!index.Build(snapshot.text()) || !index.AppendNames(list)) return ZEVO_FAIL(kFileNoMemory);
-    Listing::Begin(szPath, std::move(snapshot), std::move(index), list);
+    if (!index.Build(file.text.view()) || !index.AppendNames(list)) return ZEVO_FAIL(kFileNoMemory);
+    Listing::Begin(szPath, std::move(file), std::move(index), list);
     return list.nItem - nBefore;
 }
 
