@@ -264,11 +264,15 @@ static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_OCCUPY_POLICY_LIST[] = {
 /** Size of a transfer's file name. */
 #define ZEVO_BW_FILENAME_SIZE 4096
 
-/** Directory of the status files, without a slash at its end. */
+/** Where rules and policies stand: a file for each protocol, and the global file. */
+#define ZEVO_BW_CONF_DIRECTORY "/usr/zevo/etc/bandwidth"
+/** Where add-on protocols announce themselves, each by a file "NAME_NUMBER.json". */
+#define ZEVO_BW_ADDON_DIRECTORY ZEVO_BW_CONF_DIRECTORY "/addon"
+/** Where running transfers stand: a status file for each user and group, "user-1026", "group-100". */
 #define ZEVO_BW_STATUS_DIRECTORY "/tmp/bandwidth"
-/** Seconds after its last save at which a transfer counts as dead. */
+/** Seconds without a save after which a section is stale: its transfer is taken for dead. */
 #define ZEVO_BW_STALE_AFTER_SECONDS 30
-/** Age in seconds at which a temporary file counts as left behind by a process that died. */
+/** Seconds after which a file whose name has a dot is the leftover of a rewrite that died. */
 #define ZEVO_BW_LEFTOVER_AFTER_SECONDS 10
 
 /**

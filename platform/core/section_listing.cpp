@@ -65,13 +65,13 @@ const ThreadSlot threadSlot;
 
 // ---- text ----
 
-unsigned FileText::Read(const char *szPath) noexcept
+Fault FileText::Read(const char *szPath) noexcept
 {
     const CancelScope cancel;
     const Place place(szPath);
-    if (!place) return kFileOpen;
+    if (place.fault()) return place.fault();
     const RegularFile file(place, O_RDONLY);
-    if (!file) return file.code();
+    if (file.fault()) return file.fault();
     stat = file.stat();
     return file.ReadWhole(text);
 }
@@ -79,8 +79,9 @@ unsigned FileText::Read(const char *szPath) noexcept
 bool FileText::IsCurrent(const char *szPath) const noexcept
 {
     struct stat now = {};
-    return ::lstat(szPath, &now) == 0 && IsSameFile(now, stat) && now.st_size == stat.st_size &&
-           IsSameTime(now.st_mtim, stat.st_mtim) && IsSameTime(now.st_ctim, stat.st_ctim);
+    return ::lstat(szPath, &now) == 0 && now.st_dev == stat.st_dev && now.st_ino == stat.st_ino &&
+           now.st_size == stat.st_size && IsSameTime(now.st_mtim, stat.st_mtim) &&
+           IsSameTime(now.st_ctim, stat.st_ctim);
 }
 
 // ---- index ----
@@ -88,7 +89,7 @@ bool FileText::IsCurrent(const char *szPath) const noexcept
 bool SectionIndex::Build(std::string_view text) noexcept
 try {
     sections_.reserve(text.size() / kUsualSectionBytes + 1);
-    if (!names_.Reserve(text.size())) return false; // so that the names stay where they are
+    if (names_.Reserve(text.size())) return false; // so that the names stay where they are
     Reader reader(text);
     std::string_view before;
     for (Line header; reader.NextHeader(header, before);) {
@@ -142,7 +143,7 @@ void Listing::Begin(const char *szPath, FileText &&file, SectionIndex &&index,
                     VLIB_SZ_LIST &list) noexcept
 {
     std::unique_ptr<Listing> pListing(new (std::nothrow) Listing);
-    if (!pListing || !pListing->path_.Append({szPath, std::strlen(szPath) + 1})) return;
+    if (!pListing || pListing->path_.Append({szPath, std::strlen(szPath) + 1})) return;
     pListing->file_ = std::move(file);
     pListing->index_ = std::move(index);
     pListing->pList_ = &list;

@@ -9,8 +9,8 @@
 
 #include <sys/stat.h>
 
+#include "base/regular_file.hpp"
 #include "section_text.hpp"
-#include "zevocore_file.hpp"
 
 namespace zevo {
 
@@ -19,8 +19,7 @@ struct FileText {
     Bytes text;
     struct stat stat = {};
 
-    // 0, or the error code.
-    unsigned Read(const char *szPath) noexcept;
+    Fault Read(const char *szPath) noexcept;
     // Whether the path still names that file in that state, as far as one look can tell.
     bool IsCurrent(const char *szPath) const noexcept;
 };

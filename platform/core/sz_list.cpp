@@ -5,7 +5,8 @@
 #include <cstdlib>
 #include <limits>
 
-#include "zevocore_frame.hpp"
+#include "base/host.hpp"
+#include "platform/internal/frame.hpp"
 
 namespace {
 
@@ -69,7 +70,7 @@ VLIB_SZ_LIST *VLIBCSzListAlloc(int capacity) noexcept
     auto *const pList = static_cast<WholeList *>(std::calloc(1, sizeof(WholeList)));
     if (pList != nullptr && Widen(*pList, capacity)) return pList;
     std::free(pList);
-    ZEVO_FAIL(zevo::kFileNoMemory);
+    ZEVO_FAIL(zevo::kNoMemory);
     return nullptr;
 }
 

@@ -19,7 +19,8 @@
 #include <set>
 
 #include <zevocore.h>
-#include <zevocore_file.hpp>
+#include "base/regular_file.hpp"
+#include "base/write_file.hpp"
 
 #include "check/lines.hpp"
 #include "failure.hpp"
@@ -66,11 +67,11 @@ mode_t WantedOfTransfers(const struct stat &status)
 bool SetMode(const std::string &path, mode_t mode)
 {
     const zevo::Place place(path.c_str());
-    if (!place) return false;
+    if (place.fault()) return false;
     const zevo::Fd file = zevo::OpenAt(place.dir(), place.name(), O_RDONLY | O_NONBLOCK);
     struct stat opened {};
     if (!file || ::fstat(file.get(), &opened) != 0) return false;
-    const nlink_t nNames = zevo::CountNames(place, opened);
+    const nlink_t nNames = place.CountNames(opened);
     const bool isFit =
         S_ISDIR(opened.st_mode) ? nNames > 0 : nNames == 1 && S_ISREG(opened.st_mode);
     if (!isFit) errno = EMLINK;
@@ -99,7 +100,7 @@ bool RemoveLeftover(const std::string &path)
 {
     const zevo::Place place(path.c_str());
     struct stat now {};
-    if (!place || ::fstatat(place.dir(), place.name(), &now, AT_SYMLINK_NOFOLLOW) != 0)
+    if (place.fault() || ::fstatat(place.dir(), place.name(), &now, AT_SYMLINK_NOFOLLOW) != 0)
         return errno == ENOENT;
     errno = EBUSY; // somebody has it in hand again
     return S_ISREG(now.st_mode) && IsOld(now) && ::unlinkat(place.dir(), place.name(), 0) == 0;
@@ -202,12 +203,13 @@ std::vector<LookOver::Entry> LookOver::List(const std::string &path)
 {
     std::vector<Entry> entries;
     const zevo::Place place((path + "/.").c_str());
-    zevo::Fd opened = place ? zevo::OpenAt(place.dir(), ".", O_RDONLY | O_DIRECTORY) : zevo::Fd();
+    zevo::Fd opened;
+    if (!place.fault()) opened = zevo::OpenAt(place.dir(), ".", O_RDONLY | O_DIRECTORY);
     DIR *const directory = opened ? ::fdopendir(opened.get()) : nullptr;
     if (directory == nullptr)
         throw Failure(errno == EACCES ? kNotPermitted : kFailed,
                       "cannot read " + path + ": " + std::strerror(errno));
-    static_cast<void>(opened.Release()); // the directory's own now
+    static_cast<void>(opened.Detach()); // the directory's own now
     const std::unique_ptr<DIR, int (*)(DIR *)> guard(directory, &::closedir);
     while (const dirent *entry = ::readdir(directory)) {
         Entry found{entry->d_name, {}};
@@ -239,7 +241,7 @@ bool LookOver::ReadFile(const std::string &path, const struct stat &status, zevo
     }
     const zevo::Place place(path.c_str());
     const zevo::RegularFile file(place, O_RDONLY);
-    if (file && file.ReadWhole(text) == 0) return true;
+    if (!file.fault() && !file.ReadWhole(text)) return true;
     if (errno == EACCES)
         throw Failure(kNotPermitted, "not permitted to read " + path +
                                          "; run this command as an administrator (root)");

@@ -12,7 +12,7 @@
 #include <set>
 #include <tuple>
 
-#include <zevocore_file.hpp>
+#include "base/descriptor.hpp"
 
 #include "command.hpp"
 #include "model/config_json.hpp"
@@ -51,7 +51,7 @@ std::string ReadAll(const std::string &file)
         if (count < 0) fail(std::strerror(errno));
         if (count == 0) return text;
         text.append(piece, 0, static_cast<std::size_t>(count));
-        if (text.size() > zevo::kMostFileBytes) fail("it is too large to be a configuration");
+        if (text.size() > zevo::kMaxFileBytes) fail("it is too large to be a configuration");
     }
 }
 

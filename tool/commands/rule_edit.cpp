@@ -13,7 +13,7 @@
 #include <cstring>
 #include <memory>
 
-#include <zevocore_file.hpp>
+#include "base/regular_file.hpp"
 
 #include "command.hpp"
 #include "commands/rule_command.hpp"
@@ -38,7 +38,7 @@ std::string ReadAgain(ScratchFile &draft)
     const zevo::Place place(draft.path().c_str());
     const zevo::RegularFile file(place, O_RDONLY);
     zevo::Bytes text;
-    if (file && file.ReadWhole(text) == 0) return std::string(text.view());
+    if (!file.fault() && !file.ReadWhole(text)) return std::string(text.view());
     const int error = errno;
     draft.Keep();
     throw Failure(kFailed, "cannot read " + draft.path() +
@@ -54,7 +54,7 @@ std::string Keep(ScratchFile &draft)
     // An editor may have put another file in its place that others may read. Nobody else can enter
     // the directory.
     const zevo::Place place(draft.path().c_str());
-    if (const zevo::RegularFile file(place, O_RDONLY); file)
+    if (const zevo::RegularFile file(place, O_RDONLY); !file.fault())
         static_cast<void>(::fchmod(file.get(), S_IRUSR | S_IWUSR));
     return "nothing is changed; the text is kept in " + draft.path();
 }

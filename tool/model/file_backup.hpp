@@ -5,7 +5,8 @@
 #include <memory>
 #include <string>
 
-#include <zevocore_file.hpp>
+#include "base/regular_file.hpp"
+#include "base/write_file.hpp"
 
 namespace tool {
 

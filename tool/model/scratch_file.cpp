@@ -1,5 +1,6 @@
 #include "model/scratch_file.hpp"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -7,7 +8,8 @@
 #include <cstring>
 #include <filesystem>
 
-#include <zevocore_file.hpp>
+#include "base/descriptor.hpp"
+#include "base/write_file.hpp"
 
 #include "failure.hpp"
 
@@ -25,7 +27,7 @@ ScratchFile::ScratchFile(const std::string &name, std::string_view text)
     const zevo::Place place(path_.c_str());
     const zevo::Fd file =
         zevo::OpenAt(place.dir(), place.name(), O_WRONLY | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR);
-    if (file && zevo::WriteAll(file.get(), text)) return;
+    if (file && !zevo::WriteAll(file.get(), text)) return;
     const int error = errno;
     Remove();
     throw Failure(kFailed, "cannot write " + path_ + ": " + std::strerror(error) +

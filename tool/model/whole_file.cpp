@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include <zevocore_file.hpp>
+#include "base/write_file.hpp"
 
 #include "failure.hpp"
 
@@ -27,7 +27,7 @@ void WriteWholeFile(const std::string &path, const std::string &text)
                       "cannot write " + path + ": " + why + "; nothing was written");
     };
     const zevo::Place place(path.c_str());
-    if (!place) fail(std::strerror(errno));
+    if (place.fault()) fail(std::strerror(errno));
     struct stat old {};
     const bool exists = ::fstatat(place.dir(), place.name(), &old, AT_SYMLINK_NOFOLLOW) == 0;
     errno = 0;
@@ -35,7 +35,7 @@ void WriteWholeFile(const std::string &path, const std::string &text)
         fail("it is no regular file; to write elsewhere redirect standard output");
     zevo::TempFile temp(place);
     const mode_t mode = exists ? old.st_mode & zevo::kPermissionBits : kNewFileMode;
-    if (!temp || !temp.Write(text) || !temp.SetMode(mode) || !temp.Sync() || !temp.RenameOver())
+    if (temp.fault() || temp.Write(text) || temp.SetMode(mode) || temp.Sync() || temp.Replace())
         fail(std::strerror(errno));
 }
 

@@ -1,8 +1,8 @@
 // The ids in the user database's list of a user's groups.
-#ifndef BANDWIDTH_GROUP_HPP
-#define BANDWIDTH_GROUP_HPP
+#ifndef INTERNAL_GROUP_HPP
+#define INTERNAL_GROUP_HPP
 
-#include "bandwidth_frame.hpp"
+#include "internal/frame.hpp"
 
 #include <cstdlib>
 
@@ -20,4 +20,4 @@ inline int ReadGid(const char *szGid, uint32_t *pGid, Site site) noexcept
 
 } // namespace bandwidth
 
-#endif // BANDWIDTH_GROUP_HPP
+#endif // INTERNAL_GROUP_HPP

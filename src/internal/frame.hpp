@@ -1,9 +1,10 @@
 // How a function of this library fails. The only place that knows what a failure looks like: log
 // lines go to the system log at error level and begin with file and line, error codes go to the
 // platform's error slot, once, where the fault was found.
-#ifndef BANDWIDTH_FRAME_HPP
-#define BANDWIDTH_FRAME_HPP
+#ifndef INTERNAL_FRAME_HPP
+#define INTERNAL_FRAME_HPP
 
+#include "base/fault.hpp"
 #include "zevobandwidth.h"
 #include "zevocore.h"
 
@@ -25,6 +26,12 @@ inline void Record(unsigned code, Site site) noexcept
 inline int Fail(unsigned code, Site site) noexcept
 {
     Record(code, site);
+    return -1;
+}
+
+inline int FailWith(zevo::Fault fault, Site site) noexcept
+{
+    if (fault.code != zevo::kRecorded.code) Record(fault.code, site);
     return -1;
 }
 
@@ -86,6 +93,8 @@ private:
 
 // We found the fault.
 #define BW_FAIL(code) ::bandwidth::Fail((code), BW_HERE)
+// The same for a fault of base/, unless it is in the slot already.
+#define BW_FAIL_WITH(fault) ::bandwidth::FailWith((fault), BW_HERE)
 // The same, where the promised order is to record first and to speak afterwards.
 #define BW_FAIL_AND_LOG(code, fmt, ...)                                                            \
     (::bandwidth::Record((code), BW_HERE), BW_LOG(fmt __VA_OPT__(, ) __VA_ARGS__), -1)
@@ -108,4 +117,4 @@ private:
     } while (0)
 #define BW_REQUIRE(cond, text) BW_REQUIRE_AT(BW_HERE, cond, text)
 
-#endif // BANDWIDTH_FRAME_HPP
+#endif // INTERNAL_FRAME_HPP

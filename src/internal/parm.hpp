@@ -1,9 +1,9 @@
 // One engine for all records that are kept as sections: a table of rows says which key holds which
 // field and how it is spelled. Rows carry offsets, so that one constant serves all records.
-#ifndef BANDWIDTH_PARM_HPP
-#define BANDWIDTH_PARM_HPP
+#ifndef INTERNAL_PARM_HPP
+#define INTERNAL_PARM_HPP
 
-#include "bandwidth_frame.hpp"
+#include "internal/frame.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -56,4 +56,4 @@ int RecordFromHash(void *pRecord, const VLIB_SZ_HASH *pHash, const ZEVO_BW_PARM 
 
 } // namespace bandwidth
 
-#endif // BANDWIDTH_PARM_HPP
+#endif // INTERNAL_PARM_HPP

@@ -1,6 +1,6 @@
 // The name of a value, as the library's own callers want it.
-#ifndef BANDWIDTH_ENUM_HPP
-#define BANDWIDTH_ENUM_HPP
+#ifndef INTERNAL_ENUM_HPP
+#define INTERNAL_ENUM_HPP
 
 #include "zevobandwidth.h"
 
@@ -29,4 +29,4 @@ inline bool NameOf(const ZEVO_BW_ENUM_ENTRY *table, int32_t value,
 
 } // namespace bandwidth
 
-#endif // BANDWIDTH_ENUM_HPP
+#endif // INTERNAL_ENUM_HPP

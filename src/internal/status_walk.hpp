@@ -1,7 +1,7 @@
 // The walk over the running transfers of one status file, for who wants to look at them and for who
 // wants a list. Purges, skips and logs as ZEVOBandwidthIStatusGetAll() promises.
-#ifndef BANDWIDTH_STATUS_WALK_HPP
-#define BANDWIDTH_STATUS_WALK_HPP
+#ifndef INTERNAL_STATUS_WALK_HPP
+#define INTERNAL_STATUS_WALK_HPP
 
 #include "zevobandwidth.h"
 
@@ -50,4 +50,4 @@ int WalkStatuses(int32_t ownerType, uint32_t id, int32_t protocolMask, uint32_t 
 
 } // namespace bandwidth
 
-#endif // BANDWIDTH_STATUS_WALK_HPP
+#endif // INTERNAL_STATUS_WALK_HPP

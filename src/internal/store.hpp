@@ -1,13 +1,12 @@
 // What rules and policies have in common on disk: one section of one file in one directory.
-#ifndef BANDWIDTH_STORE_HPP
-#define BANDWIDTH_STORE_HPP
+#ifndef INTERNAL_STORE_HPP
+#define INTERNAL_STORE_HPP
 
-#include "bandwidth_frame.hpp"
-#include "bandwidth_guard.hpp"
+#include "internal/frame.hpp"
+#include "internal/guard.hpp"
 
 namespace bandwidth {
 
-constexpr char kConfDirectory[] = "/usr/zevo/etc/bandwidth/";
 constexpr size_t kSectionNameBytes = 512;
 
 // Reads a section into the hash: 1, 0 when the file or the section is not there, -1 on failure.
@@ -18,4 +17,4 @@ int StoreSection(const char *szFile, const char *szSection, const Hash &hash, Si
 
 } // namespace bandwidth
 
-#endif // BANDWIDTH_STORE_HPP
+#endif // INTERNAL_STORE_HPP

@@ -1,8 +1,9 @@
 // Reading and writing one section of a rule file or the global file. Every read opens the file
-// anew; what keeps writers from each other is the platform's. Log lines carry the place of the
-// caller.
+// anew. The platform locks the file while it is changed. Log lines carry the place of the caller.
 
-#include "bandwidth_store.hpp"
+#include "internal/store.hpp"
+
+#include "base/write_file.hpp"
 
 #include <sys/stat.h>
 
@@ -10,26 +11,21 @@ namespace bandwidth {
 
 namespace {
 
-// Whatever the host's creation mask: services of all users read limits, and only their owner may
-// change them.
+// Whatever the host's creation mask: services of all users read limits, and only the owner changes
+// them.
 constexpr mode_t kFileMode = 0644;
+constexpr char kConfDirectory[] = ZEVO_BW_CONF_DIRECTORY "/"; // as log lines name it
 
-// Whoever did not make the file may not, and need not.
-void SetUsualMode(const char *szFile) noexcept
-{
-    const zevo::Place place(szFile);
-    if (::fchmodat(place.dir(), place.name(), kFileMode, 0) < 0) return;
-}
-
-int MakeFile(const char *szFile, Site site) noexcept
+int MakeMissing(const char *szFile, Site site) noexcept
 {
     struct stat status = {};
     if ((::stat(kConfDirectory, &status) < 0 || !S_ISDIR(status.st_mode)) &&
         ::ZEVOFSMkdirP(kConfDirectory, 0, 1, 0, 0, -1) < 0)
         return BW_PASS_AT(site, "ZEVOFSMkdirP failed. [%s] ", kConfDirectory);
-    if (::VLIBCFileTouch(szFile) < 0)
+    if (const zevo::Fault fault = zevo::MakeFile(szFile, kFileMode)) {
+        Record(fault.code, site);
         return BW_PASS_AT(site, "VLIBCFileTouch [%s] failed. ", szFile);
-    SetUsualMode(szFile);
+    }
     return 0;
 }
 
@@ -46,7 +42,7 @@ int LoadSection(const char *szFile, const char *szSection, Hash &hash, Site site
 
 int StoreSection(const char *szFile, const char *szSection, const Hash &hash, Site site) noexcept
 {
-    if (::VLIBCFileExist(szFile) != 1 && MakeFile(szFile, site) < 0) return BW_PASS_UNLOGGED;
+    if (::VLIBCFileExist(szFile) != 1 && MakeMissing(szFile, site) < 0) return BW_PASS_UNLOGGED;
     const int replaced = ::VLIBCFileSetSection(szFile, szSection, nullptr, hash.get(), 0);
     if (replaced < 0)
         return BW_PASS_AT(site, "Save section [%s] to [%s] failed. ", szSection, szFile);

@@ -1,12 +1,13 @@
-// Looking things up in the system's user database (NSS), whose records want a buffer of a size that
-// nobody knows beforehand. Header-only; internal to platform/.
-#ifndef ZEVOCORE_NSS_HPP
-#define ZEVOCORE_NSS_HPP
+// Looking users and groups up in the system's user database (NSS). A record needs a buffer of a size
+// that nobody knows beforehand, so the buffer grows until it fits.
+#ifndef PLATFORM_INTERNAL_USER_DATABASE_HPP
+#define PLATFORM_INTERNAL_USER_DATABASE_HPP
 
 #include <grp.h>
 #include <pwd.h>
 
-#include "zevocore_frame.hpp"
+#include "base/bytes.hpp"
+#include "base/host.hpp"
 
 namespace zevo {
 
@@ -16,32 +17,33 @@ public:
     // call(record, buffer, cbBuffer, result) is one of getpwnam_r and its kin, with its key bound.
     template <class Call> explicit NssEntry(Call call) noexcept
     {
-        for (size_t cb = 1024; cb <= kMostFileBytes; cb *= 2) {
+        constexpr size_t kMaxBytes = size_t{64} << 20;
+        for (size_t cb = 1024; cb <= kMaxBytes; cb *= 2) {
             buffer_.Clear();
             // NOLINTBEGIN(clang-analyzer-unix.Malloc): the buffer's own destructor frees it
-            if (!buffer_.Reserve(cb)) break;
+            if (buffer_.Reserve(cb)) break;
             const int error = call(&record_, buffer_.end(), buffer_.room(), &found_);
             // NOLINTEND(clang-analyzer-unix.Malloc)
             if (error == EINTR) continue;
             if (error != ERANGE) {
                 errno = error;
-                code_ = error == ENOMEM ? unsigned{kFileNoMemory} : kNotThere;
+                if (found_ != nullptr) fault_ = kNoFault;
+                if (error == ENOMEM) fault_ = kNoMemory;
                 return;
             }
         }
         found_ = nullptr;
-        code_ = kFileNoMemory;
+        fault_ = kNoMemory;
     }
 
-    explicit operator bool() const noexcept { return found_ != nullptr; }
-    unsigned code() const noexcept { return code_; }
+    Fault fault() const noexcept { return fault_; } // kNoMemory, or kNotThere
     const Record *operator->() const noexcept { return found_; }
 
 private:
     Bytes buffer_;
     Record record_ = {};
     Record *found_ = nullptr;
-    unsigned code_ = kNotThere;
+    Fault fault_ = kNotThere;
 };
 
 inline NssEntry<passwd> UserByName(const char *szName) noexcept
@@ -61,4 +63,4 @@ inline NssEntry<group> GroupById(gid_t gid) noexcept
 
 } // namespace zevo
 
-#endif // ZEVOCORE_NSS_HPP
+#endif // PLATFORM_INTERNAL_USER_DATABASE_HPP

@@ -1,11 +1,11 @@
-// Who owns it lets go of it. Guards cannot be copied, say nothing, keep errno, and test false when
-// they hold nothing.
-#ifndef BANDWIDTH_GUARD_HPP
-#define BANDWIDTH_GUARD_HPP
+// Guards: the owner releases. They cannot be copied, log nothing, keep errno, and test false when they
+// hold nothing.
+#ifndef INTERNAL_GUARD_HPP
+#define INTERNAL_GUARD_HPP
 
+#include "base/descriptor.hpp"
 #include "zevobandwidth.h"
 #include "zevocore.h"
-#include "zevocore_file.hpp"
 #include "zevosdk.h"
 
 #include <cstdlib>
@@ -39,7 +39,7 @@ private:
     VLIB_SZ_HASH *pHash_;
 };
 
-template <auto release> struct Release {
+template <auto release> struct Releaser {
     template <class T> void operator()(T *p) const noexcept
     {
         const zevo::KeepErrno keep;
@@ -47,10 +47,10 @@ template <auto release> struct Release {
     }
 };
 
-using List = std::unique_ptr<VLIB_SZ_LIST, Release<::VLIBCSzListFree>>;
-using User = std::unique_ptr<ZEVO_USER, Release<::ZEVOUserFree>>;
-using Group = std::unique_ptr<ZEVO_GROUP, Release<::ZEVOGroupFree>>;
-template <class T> using Array = std::unique_ptr<T[], Release<std::free>>;
+using List = std::unique_ptr<VLIB_SZ_LIST, Releaser<::VLIBCSzListFree>>;
+using User = std::unique_ptr<ZEVO_USER, Releaser<::ZEVOUserFree>>;
+using Group = std::unique_ptr<ZEVO_GROUP, Releaser<::ZEVOGroupFree>>;
+template <class T> using Array = std::unique_ptr<T[], Releaser<std::free>>;
 
 // An effective configuration, zero-filled until something fills it.
 class Config {
@@ -66,7 +66,7 @@ public:
 
     ZEVO_BANDWIDTH_CONFIG *get() noexcept { return &config_; }
     // Hands the configuration over; the guard is empty then.
-    ZEVO_BANDWIDTH_CONFIG Release() noexcept { return std::exchange(config_, {}); }
+    ZEVO_BANDWIDTH_CONFIG Detach() noexcept { return std::exchange(config_, {}); }
 
 private:
     ZEVO_BANDWIDTH_CONFIG config_ = {};
@@ -80,4 +80,4 @@ template <class T> Array<T> AllocateArray(size_t count) noexcept
 
 } // namespace bandwidth
 
-#endif // BANDWIDTH_GUARD_HPP
+#endif // INTERNAL_GUARD_HPP

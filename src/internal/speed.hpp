@@ -1,6 +1,6 @@
 // Units, where rates become speeds, and who is charged.
-#ifndef BANDWIDTH_SPEED_HPP
-#define BANDWIDTH_SPEED_HPP
+#ifndef INTERNAL_SPEED_HPP
+#define INTERNAL_SPEED_HPP
 
 #include "zevobandwidth.h"
 
@@ -26,4 +26,4 @@ inline bool IsCharged(const ZEVO_BANDWIDTH_LIMIT &limit) noexcept
 
 } // namespace bandwidth
 
-#endif // BANDWIDTH_SPEED_HPP
+#endif // INTERNAL_SPEED_HPP

@@ -1,8 +1,8 @@
 // The conversion engine: numbers, names and texts between the fields of a record and a string hash.
 
-#include "bandwidth_parm.hpp"
+#include "internal/parm.hpp"
 
-#include "bandwidth_enum.hpp"
+#include "internal/enum.hpp"
 
 #include <cstdio>
 #include <cstdlib>

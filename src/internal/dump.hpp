@@ -1,8 +1,8 @@
 // What the tables of rules, policies and transfers share.
-#ifndef BANDWIDTH_DUMP_HPP
-#define BANDWIDTH_DUMP_HPP
+#ifndef INTERNAL_DUMP_HPP
+#define INTERNAL_DUMP_HPP
 
-#include "bandwidth_guard.hpp"
+#include "internal/guard.hpp"
 
 namespace bandwidth {
 
@@ -35,4 +35,4 @@ private:
 
 } // namespace bandwidth
 
-#endif // BANDWIDTH_DUMP_HPP
+#endif // INTERNAL_DUMP_HPP

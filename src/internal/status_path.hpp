@@ -1,10 +1,11 @@
 // Where running transfers stand: one file for each owner, one section for each process and
 // direction.
-#ifndef BANDWIDTH_STATUS_PATH_HPP
-#define BANDWIDTH_STATUS_PATH_HPP
+#ifndef INTERNAL_STATUS_PATH_HPP
+#define INTERNAL_STATUS_PATH_HPP
 
-#include "bandwidth_enum.hpp"
-#include "bandwidth_frame.hpp"
+#include "internal/enum.hpp"
+#include "internal/frame.hpp"
+#include "zevobandwidth.h"
 
 #include <cstdio>
 
@@ -12,7 +13,7 @@
 
 namespace bandwidth {
 
-constexpr char kStatusDirectory[] = ZEVO_BW_STATUS_DIRECTORY "/";
+constexpr char kStatusDirectory[] = ZEVO_BW_STATUS_DIRECTORY "/"; // as log lines name it
 
 class StatusPath {
 public:
@@ -48,4 +49,4 @@ private:
 
 } // namespace bandwidth
 
-#endif // BANDWIDTH_STATUS_PATH_HPP
+#endif // INTERNAL_STATUS_PATH_HPP
