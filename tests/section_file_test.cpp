@@ -18,14 +18,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "box.hpp"
+#include "hash.hpp"
 #include "stand_ins.hpp"
+#include "zevobandwidth.h"
 #include "zevocore.h"
 #include "zevocore_scan.hpp"
 
@@ -36,34 +36,9 @@ using testing::ElementsAre;
 
 namespace {
 
-using Pairs = std::vector<std::pair<std::string, std::string>>;
-
 constexpr char kThisFile[] = "section_file.cpp";
 constexpr char kTwoSections[] =
     "# hand-made\n[user-1]\nstate=enabled\n\n[user-2]\nstate=disabled\n";
-
-class Hash {
-public:
-    explicit Hash(const Pairs &pairs = {}) : pHash_(VLIBCSzHashAlloc(1024))
-    {
-        for (const auto &[key, value] : pairs)
-            EXPECT_EQ(VLIBCSzHashSetValue(&pHash_, key.c_str(), value.c_str()), 0);
-    }
-    ~Hash() { VLIBCSzHashFree(pHash_); }
-    Hash(const Hash &) = delete;
-    Hash &operator=(const Hash &) = delete;
-
-    VLIB_SZ_HASH *get() const { return pHash_; }
-    VLIB_SZ_HASH **address() { return &pHash_; }
-    std::string operator[](const std::string &key) const
-    {
-        const char *const szValue = VLIBCSzHashGetValue(pHash_, key.c_str());
-        return szValue == nullptr ? "(absent)" : szValue;
-    }
-
-private:
-    VLIB_SZ_HASH *pHash_;
-};
 
 class SectionFile : public BoxTest {
 protected:
@@ -92,37 +67,85 @@ protected:
     }
 };
 
-// What the syntax is made of, and what is no text at all.
+// What the syntax is made of, what is no text at all, and what is read eight bytes at a time.
 std::vector<std::string> AwkwardTexts()
 {
-    const std::vector<std::string> texts = {"",         "  ",           "=",
-                                            "a = b",    "[a]",          "]",
-                                            "[",        "a]b",          "\"",
-                                            "\"a\"",    "\\",           "a\\",
-                                            "\\n",      "\\x41",        "\"\\",
-                                            "; c",      "# c",          "[a]\n[b]\nk=v\n",
-                                            "\r\n",     "a\"b",         "a\\b",
-                                            "\xC3\xA4", "\xC3",         "\xA4\xC3",
-                                            "\xC0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80",
-                                            "\xE2\x82"};
+    std::vector<std::string> texts = {"",
+                                      "  ",
+                                      "a ",
+                                      "a\t",
+                                      " a",
+                                      "a = b",
+                                      "[a]",
+                                      "a]b",
+                                      "\"a\"",
+                                      "a\"b",
+                                      "a\\",
+                                      "\\n",
+                                      "\\x41",
+                                      "\"\\",
+                                      "; c",
+                                      "# c",
+                                      "[a]\n[b]\nk=v\n",
+                                      "\r\n",
+                                      "\xC3\xA4",
+                                      "\xC3",
+                                      "\xA4\xC3",
+                                      "\xC0\x80",
+                                      "\xED\xA0\x80",
+                                      "\xF4\x90\x80\x80",
+                                      "\xE2\x82"};
+    texts.emplace_back(4095, '\n');
+    for (int byte = 1; byte < 256; ++byte) {
+        const std::string it(1, static_cast<char>(byte));
+        texts.insert(texts.end(), {it, "1234567" + it, "1234" + it + "5678", it + "12345678"});
+    }
     return texts;
 }
 
+struct Writer {
+    const char *szFile; // which failures are recorded with
+    int (*add)(const char *, const char *, const VLIB_SZ_HASH *);
+    int (*set)(const char *, const char *, const VLIB_SZ_HASH *);
+    int (*remove)(const char *, const char *);
+};
+
+constexpr Writer kWriters[] = {
+    {kThisFile,
+     [](const char *szPath, const char *szSection, const VLIB_SZ_HASH *pHash) {
+         return VLIBCFileAddSection(szPath, szSection, pHash, 0) == 0 ? 1 : -1;
+     },
+     [](const char *szPath, const char *szSection, const VLIB_SZ_HASH *pHash) {
+         return VLIBCFileSetSection(szPath, szSection, nullptr, pHash, 0);
+     },
+     VLIBCFileRemoveSection},
+    {"bandwidth_status_set_section.cpp", ZEVOBandwidthStatusAddSection,
+     ZEVOBandwidthStatusSetSection, ZEVOBandwidthStatusRemoveSection},
+};
+
 TEST_F(SectionFile, AnyTextComesBackEqualAsNameKeyAndValue)
 {
-    for (const std::string &text : AwkwardTexts()) {
-        SCOPED_TRACE(testing::PrintToString(text.substr(0, 20)) + " of " +
-                     std::to_string(text.size()));
-        Write("[before]\nk=v\n");
-        ASSERT_EQ(Add(text.c_str(), {{text, text}, {"last", "1"}}), 0);
-        ASSERT_EQ(Set(text.c_str(), {{text, text}, {"last", "2"}}), 1);
-        ASSERT_THAT(Names(), ElementsAre("before", text));
-        Hash hash;
-        ASSERT_EQ(VLIBCFileGetSection(Path(), text.c_str(), hash.address()), 1);
-        ASSERT_EQ(hash[text], text);
-        ASSERT_EQ(hash["last"], "2");
-        const std::string file = Read();
-        ASSERT_EQ(std::count(file.begin(), file.end(), '\n'), 6);
+    const std::string before = "# by hand\n[before]\nk=v\n";
+    for (const Writer &writer : kWriters) {
+        for (const std::string &text : AwkwardTexts()) {
+            SCOPED_TRACE(testing::PrintToString(text.substr(0, 20)) + " of " +
+                         std::to_string(text.size()) + ", " + writer.szFile);
+            Write(before);
+            const Hash set({{text, text}, {text + "a", text}});
+            ASSERT_EQ(writer.add(Path(), text.c_str(), Hash({{text, "1"}}).get()), 1);
+            ASSERT_EQ(writer.set(Path(), text.c_str(), set.get()), 1);
+            ASSERT_THAT(Names(), ElementsAre("before", text));
+            Hash hash;
+            ASSERT_EQ(VLIBCFileGetSection(Path(), text.c_str(), hash.address()), 1);
+            ASSERT_EQ(hash[text], text);
+            ASSERT_EQ(hash[text + "a"], text);
+            const std::string file = Read();
+            ASSERT_EQ(file.rfind(before, 0), 0u);
+            const std::string own = file.substr(file.find('[', before.size()));
+            ASSERT_EQ(std::count(own.begin(), own.end(), '\n'), 3);
+            ASSERT_EQ(writer.remove(Path(), text.c_str()), 1);
+            ASSERT_THAT(Names(), ElementsAre("before"));
+        }
     }
 }
 
@@ -199,11 +222,12 @@ TEST_F(SectionFile, AHeaderIsKnownByItsLineAlone)
     }
 }
 
-TEST_F(SectionFile, SettingReplacesThePairsAndNothingElse)
+TEST_F(SectionFile, SettingAndAddingReplaceThePairsAndNothingElse)
 {
     const struct {
         const char *szOld;
         const char *szNew;
+        bool isAdded = false;
     } rows[] = {
         {"[a]\nk=1\n", "[a]\nx=9\n"},
         {"[a]", "[a]\nx=9\n"},
@@ -212,32 +236,18 @@ TEST_F(SectionFile, SettingReplacesThePairsAndNothingElse)
         {"top\n[z]\r\n k = 1\r\n\n[ a ] \r\n# why\nk=1\n;later\njunk\nl=2\n\n[b]\nk=\"1\"",
          "top\n[z]\r\n k = 1\r\n\n[ a ] \r\n# why\nx=9\n;later\njunk\n\n[b]\nk=\"1\""},
         {"[a]\nk=1\n\n[b]\nk=2\n[a]\n#note\nk=3\n[c]\n", "[a]\nx=9\n\n[b]\nk=2\n#note\n[c]\n"},
+        {"[a]\nk=1\n[b]\n", "[a]\nx=9\n[b]\n", true},
+        // What is not there yet begins on a line of its own.
+        {"", "[a]\nx=9\n", true},
+        {"[b]\nk=1\n", "[b]\nk=1\n\n[a]\nx=9\n", true},
+        {"[b]\nk=1\n\n", "[b]\nk=1\n\n[a]\nx=9\n", true},
+        {"[b]\nk=\"1", "[b]\nk=\"1\n\n[a]\nx=9\n", true},
+        {"[b]\n[a", "[b]\n[a\n\n[a]\nx=9\n", true},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(testing::PrintToString(row.szOld));
         Write(row.szOld);
-        EXPECT_EQ(Set("a", {{"x", "9"}}), 1);
-        EXPECT_EQ(Read(), row.szNew);
-    }
-}
-
-TEST_F(SectionFile, AddingEndsATornLineAndReplacesASectionThatIsThere)
-{
-    const struct {
-        const char *szOld;
-        const char *szNew;
-    } rows[] = {
-        {"", "[a]\nx=9\n"},
-        {"[b]\nk=1\n", "[b]\nk=1\n\n[a]\nx=9\n"},
-        {"[b]\nk=1\n\n", "[b]\nk=1\n\n[a]\nx=9\n"},
-        {"[b]\nk=\"1", "[b]\nk=\"1\n\n[a]\nx=9\n"},
-        {"[b]\n[a", "[b]\n[a\n\n[a]\nx=9\n"},
-        {"[a]\nk=1\n[b]\n", "[a]\nx=9\n[b]\n"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(testing::PrintToString(row.szOld));
-        Write(row.szOld);
-        EXPECT_EQ(Add("a", {{"x", "9"}}), 0);
+        EXPECT_EQ(row.isAdded ? Add("a", {{"x", "9"}}) + 1 : Set("a", {{"x", "9"}}), 1);
         EXPECT_EQ(Read(), row.szNew);
     }
 }
@@ -299,47 +309,25 @@ TEST_F(SectionFile, AFailedWriteLeavesTheOldFileAndNoTemporaryOne)
         {Call::Open, 0x0900},  {Call::Read, 0x0A00},  {Call::Write, 0x0B00},
         {Call::Chmod, 0x0B00}, {Call::Fsync, 0x0B00}, {Call::Rename, 0x2800},
     };
+    const Pairs pairs = {{"x", "9"}};
+    const std::function<int()> operations[] = {
+        [&] { return Set("user-1", pairs); },
+        [&] { return Add("user-3", pairs); },
+        [&] { return VLIBCFileRemoveSection(Path(), "user-1"); },
+    };
+    Write(kTwoSections);
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.code);
-        Write(kTwoSections);
-        const struct {
-            const char *szName;
-            std::function<int()> run;
-        } operations[] = {
-            {"set",
-             [&] {
-                 return Set("user-1", {{"x", "9"}});
-             }},
-            {"add",
-             [&] {
-                 return Add("user-3", {{"x", "9"}});
-             }},
-            {"remove", [&] { return VLIBCFileRemoveSection(Path(), "user-1"); }},
-        };
         for (const auto &operation : operations) {
-            SCOPED_TRACE(operation.szName);
+            SCOPED_TRACE(row.code);
             standins::FailNext(row.call, EIO);
             errno = 0;
-            EXPECT_EQ(operation.run(), -1);
+            EXPECT_EQ(operation(), -1);
             EXPECT_EQ(errno, EIO);
             ExpectSlot(row.code, kThisFile);
             EXPECT_EQ(Read(), kTwoSections);
             EXPECT_EQ(etc.FileCount(), 1);
         }
     }
-}
-
-TEST_F(SectionFile, AFileSizeLimitFailsTheWriteAndDoesNotEndTheHost)
-{
-    Write(kTwoSections);
-    Child child([&] {
-        const struct rlimit limit = {10, RLIM_INFINITY};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-        return Set("user-1", {{"x", "9"}}) == -1 && VLIBCErrGet() == 0x0B00 ? 0 : 2;
-    });
-    EXPECT_EQ(child.Wait(), 0);
-    EXPECT_EQ(Read(), kTwoSections);
-    EXPECT_EQ(etc.FileCount(), 1);
 }
 
 TEST_F(SectionFile, OnlyRegularFilesOfModerateSizeInRealDirectoriesAreTaken)
@@ -360,33 +348,19 @@ TEST_F(SectionFile, OnlyRegularFilesOfModerateSizeInRealDirectoriesAreTaken)
         Hash hash;
         EXPECT_EQ(VLIBCFileGetSection(path.c_str(), "user-1", hash.address()), -1);
         ExpectSlot(0x0900, kThisFile);
-        EXPECT_EQ(VLIBCFileSetSection(path.c_str(), "user-1", nullptr, hash.get(), 0), -1);
-        ExpectSlot(0x0900, kThisFile);
-        EXPECT_EQ(VLIBCFileRemoveSection(path.c_str(), "user-1"), -1);
-        ExpectSlot(0x0900, kThisFile);
+        for (const Writer &writer : kWriters) {
+            EXPECT_EQ(writer.set(path.c_str(), "user-1", hash.get()), -1);
+            ExpectSlot(0x0900, writer.szFile);
+            EXPECT_EQ(writer.remove(path.c_str(), "user-1"), -1);
+            ExpectSlot(0x0900, writer.szFile);
+        }
     }
     EXPECT_EQ(Read(), kTwoSections);
 }
 
-TEST_F(SectionFile, AHostWithoutStandardStreamsFindsNothingInTheirPlace)
+TEST_F(SectionFile, ManyWritersAtOnceLoseNothingAndAddNothingTwiceThoughSomeAreKilled)
 {
-    Write(kTwoSections);
-    Child child([&] {
-        for (int fd = 0; fd <= 2; ++fd)
-            ::close(fd);
-        const bool done = Set("user-1", {{"x", "9"}}) == 1 && Add("user-3", {}) == 0;
-        bool closed = true;
-        for (int fd = 0; fd <= 2; ++fd)
-            closed &= ::fcntl(fd, F_GETFD) == -1;
-        return done && closed ? 0 : 2;
-    });
-    EXPECT_EQ(child.Wait(), 0);
-    EXPECT_THAT(Names(), ElementsAre("user-1", "user-2", "user-3"));
-}
-
-TEST_F(SectionFile, ManyWritersAtOnceLoseNothingAndAddNothingTwice)
-{
-    constexpr int kWriters = 8;
+    constexpr int kProcesses = 8;
     constexpr int kRounds = 50;
     Write("# foreign\n[foreign]\nk=v\n");
     const auto store = [&](const std::string &name, int value) {
@@ -395,7 +369,7 @@ TEST_F(SectionFile, ManyWritersAtOnceLoseNothingAndAddNothingTwice)
         return set == 0 ? Add(name.c_str(), pairs) >= 0 : set == 1;
     };
     std::vector<std::unique_ptr<Child>> writers;
-    for (int writer = 0; writer < kWriters; ++writer) {
+    for (int writer = 0; writer < kProcesses; ++writer) {
         writers.push_back(std::make_unique<Child>([&, writer] {
             for (int round = 0; round < kRounds; ++round) {
                 const std::string own = std::to_string(writer) + "-" + std::to_string(round % 5);
@@ -404,14 +378,24 @@ TEST_F(SectionFile, ManyWritersAtOnceLoseNothingAndAddNothingTwice)
             return 0;
         }));
     }
+    std::mt19937 random(20);
+    for (int kill = 0; kill < 40; ++kill) {
+        Child victim([&] {
+            for (int round = 0; store("shared", round); ++round) {
+            }
+            return 2;
+        });
+        ::usleep(static_cast<useconds_t>(random() % 4'000));
+        victim.Signal(SIGKILL);
+        EXPECT_EQ(victim.Wait(), 128 + SIGKILL);
+    }
     for (const auto &writer : writers)
         EXPECT_EQ(writer->Wait(), 0);
 
     const std::string file = Read();
-    EXPECT_EQ(std::count(file.begin(), file.end(), '['), kWriters * 5 + 2);
+    EXPECT_EQ(std::count(file.begin(), file.end(), '['), kProcesses * 5 + 2);
     EXPECT_EQ(file.find("# foreign\n[foreign]\nk=v\n"), 0u);
-    EXPECT_EQ(etc.FileCount(), 1);
-    for (int section = 0; section < kWriters * 5; ++section) {
+    for (int section = 0; section < kProcesses * 5; ++section) {
         const std::string name = std::to_string(section / 5) + "-" + std::to_string(section % 5);
         SCOPED_TRACE(name);
         Hash hash;
@@ -530,44 +514,6 @@ TEST_F(Listing, OpensItsFileOnceAndLeavesNothingOpen)
     EXPECT_EQ(Descriptors(), descriptors);
 }
 
-TEST_F(Listing, IsOneMomentUntilItsNamesAreGivenBackAndNoLonger)
-{
-    constexpr char kNew[] = "[a]\nk=5\n[b]\nk=6\n[\"c\\n\"]\nk=7\n";
-    const struct {
-        const char *szWhat;
-        std::function<void(VLIB_SZ_LIST *&)> action;
-        const char *szB;
-    } rows[] = {
-        {"nothing else", [](VLIB_SZ_LIST *&) {}, "2"},
-        {"the names given back",
-         [](VLIB_SZ_LIST *&pList) {
-             VLIBCSzListFree(pList);
-             pList = nullptr;
-         },
-         "6"},
-        {"a question for the file", [&](VLIB_SZ_LIST *&) { VLIBCFileExist(Path()); }, "6"},
-        {"another section first", [&](VLIB_SZ_LIST *&) { EXPECT_EQ(Get("c\n"), "7"); }, "6"},
-        {"a write",
-         [&](VLIB_SZ_LIST *&) {
-             EXPECT_EQ(Set("b", {{"k", "8"}}), 1);
-         },
-         "8"},
-        {"some time", [](VLIB_SZ_LIST *&) { ::usleep(150'000); }, "6"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.szWhat);
-        Write(kThree);
-        VLIB_SZ_LIST *pList = VLIBCSzListAlloc(0);
-        EXPECT_EQ(VLIBCFileEnumSection(Path(), &pList), 3);
-        InAnotherProcess([&] { Replace(kNew); });
-        EXPECT_EQ(Get("a"), "1");
-        row.action(pList);
-        EXPECT_EQ(Get("b"), row.szB);
-        VLIBCSzListFree(pList);
-        EXPECT_EQ(Get("a"), "5") << "a second read is a later call";
-    }
-}
-
 TEST_F(Listing, SectionsOfOtherKeysThanTheLastAreReadAsTheyStand)
 {
     Write("[a]\nk=1\nlong=x\nz=2\n[b]\nk=\"q\"\nlong = y \nz=3\nk=4\n"
@@ -640,137 +586,6 @@ TEST_F(Listing, WhatAnotherProcessDoesToTheFileIsSeenByTheNextRead)
         EXPECT_EQ(Get("b"), row.szB);
         if (std::string_view(row.szA) == "(failed)") ExpectSlot(0x0900, kThisFile);
     }
-}
-
-// Kernels that give every change a stamp of its own pass this in any case.
-TEST_F(Listing, AChangeWithinOneTickOfTheTimeStampsShowsInInodeOrSize)
-{
-    for (int round = 0; round < 100; ++round) {
-        Replace("[a]\nk=1\n[b]\nk=2\n");
-        Names();
-        Replace("[a]\nk=5\n[b]\nk=6\n");
-        ASSERT_EQ(Get("a"), "5");
-        Append("k=77\n");
-        ASSERT_EQ(Get("b"), "77");
-    }
-}
-
-TEST_F(Listing, GoesOnInOneReadAfterAChange)
-{
-    Write(kThree);
-    Names();
-    InAnotherProcess([&] { Replace("[new]\nk=0\n[\"c\\n\"]\nk=8\n[b]\nk=7\n[c]\n[b]\n"); });
-    const int descriptors = Descriptors();
-    const int opens = Opens();
-    EXPECT_EQ(Get("b"), "7");
-    EXPECT_EQ(Get("a"), "(no section)");
-    EXPECT_EQ(Get("c\n"), "8");
-    EXPECT_EQ(Opens() - opens, kOpensOfOneRead);
-    EXPECT_EQ(Descriptors(), descriptors - 1);
-}
-
-TEST_F(Listing, OwnWritersKeepItsDescriptorForNothing)
-{
-    Write(kThree);
-    const int descriptors = Descriptors();
-    Names();
-    EXPECT_EQ(VLIBCFileRemoveSection(Path(), "a"), 1);
-    EXPECT_EQ(Descriptors(), descriptors);
-    EXPECT_EQ(Get("b"), "2");
-    EXPECT_EQ(Set("c\n", {{"k", "x"}}), 1);
-    EXPECT_EQ(Get("c\n"), "x");
-}
-
-TEST_F(Listing, LeftHalfwayItEndsWithWhateverTheThreadDoesNext)
-{
-    Write(kThree);
-    etc.Write("other", "[a]\nk=other\n");
-    const int descriptors = Descriptors();
-    const std::string missing = etc.Path("missing");
-    VLIB_SZ_LIST *pList = VLIBCSzListAlloc(0);
-    const std::function<void()> others[] = {
-        [&] { EXPECT_EQ(GetFrom(etc.Path("other"), "a"), "other"); },
-        [&] { EXPECT_EQ(Get("unknown"), "(no section)"); },
-        [&] { EXPECT_EQ(VLIBCFileEnumSection(missing.c_str(), &pList), -1); },
-    };
-    for (const auto &other : others) {
-        Names();
-        EXPECT_EQ(Get("b"), "2");
-        EXPECT_EQ(Descriptors(), descriptors + 1);
-        other();
-        EXPECT_EQ(Descriptors(), descriptors);
-    }
-    VLIBCSzListFree(pList);
-}
-
-TEST_F(Listing, LeftHalfwayItEndsWithItsNames)
-{
-    Write(kThree);
-    const int descriptors = Descriptors();
-    VLIB_SZ_LIST *const pKept = VLIBCSzListAlloc(0);
-    VLIB_SZ_LIST *pNames = VLIBCSzListAlloc(0);
-    EXPECT_EQ(VLIBCFileEnumSection(Path(), &pNames), 3);
-    EXPECT_EQ(Get("b"), "2");
-    VLIBCSzListFree(pKept);
-    EXPECT_EQ(Descriptors(), descriptors + 1);
-    VLIBCSzListFree(pNames);
-    EXPECT_EQ(Descriptors(), descriptors);
-}
-
-TEST_F(Listing, IsTheThreadsOwnAndEndsWithIt)
-{
-    Write(kThree);
-    const int descriptors = Descriptors();
-    Names();
-    pthread_attr_t small;
-    ::pthread_attr_init(&small);
-    ::pthread_attr_setstacksize(&small, 64 << 10);
-    std::function<void()> body = [&] {
-        const int opens = Opens();
-        EXPECT_EQ(Get("a"), "1");
-        EXPECT_EQ(Opens() - opens, kOpensOfOneRead) << "the listing is another thread's";
-        Names();
-        EXPECT_EQ(Get("a"), "1");
-    };
-    const auto run = [](void *pBody) -> void * {
-        (*static_cast<std::function<void()> *>(pBody))();
-        return nullptr;
-    };
-    pthread_t thread;
-    ASSERT_EQ(::pthread_create(&thread, &small, run, &body), 0);
-    ::pthread_join(thread, nullptr);
-    EXPECT_EQ(Descriptors(), descriptors + 1);
-    const int opens = Opens();
-    EXPECT_EQ(Get("b"), "2");
-    EXPECT_EQ(Opens(), opens);
-}
-
-TEST_F(Listing, IsTooOldAfterASecond)
-{
-    Write(kThree);
-    Names();
-    ::usleep(1'050'000);
-    const int opens = Opens();
-    EXPECT_EQ(Get("b"), "2");
-    EXPECT_EQ(Opens() - opens, kOpensOfOneRead);
-}
-
-TEST_F(Listing, ADescriptorThatTheHostHasClosedAndUsedAgainIsItsOwn)
-{
-    Write(kThree);
-    Child host([&] {
-        Names();
-        ::close_range(3, ~0U, 0);
-        std::vector<int> own;
-        do
-            own.push_back(::open("/dev/null", O_RDONLY));
-        while (own.size() < 8);
-        const bool right = Get("b") == "2" && Get("a") == "1" && Get("c\n") == "3";
-        for (const int fd : own)
-            EXPECT_NE(::fcntl(fd, F_GETFD), -1) << fd;
-        return right ? 0 : 2;
-    });
-    EXPECT_EQ(host.Wait(), 0);
 }
 
 TEST_F(Listing, AForkedChildSeesTheFileAsItIs)

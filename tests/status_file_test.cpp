@@ -123,18 +123,6 @@ TEST_F(StatusConversion, TheSignedNumbersIgnoreWhatFollowsAndTheUnsignedOnesFail
     }
 }
 
-TEST_F(StatusConversion, AFileNameIsCutToItsField)
-{
-    const std::string name(5000, 'n');
-    ZEVO_BANDWIDTH_STATUS status = Record({});
-    EXPECT_EQ(ZEVOBandwidthInitStatusFromHash(&status, Hash{{"filename", name}}.get()), 0);
-    EXPECT_EQ(status.filename, name.substr(0, 4095));
-    EXPECT_EQ(status.owner_type, 1U) << "the next field";
-    Hash hash;
-    EXPECT_EQ(ZEVOBandwidthInitHashFromStatus(hash.address(), &status), 0);
-    EXPECT_EQ(hash["filename"], name.substr(0, 4095));
-}
-
 // ---- saving ----
 
 class StatusSave : public LibraryTest {
@@ -281,33 +269,6 @@ TEST_F(StatusSave, WhatIsNoDirectoryIsNeverWrittenThrough)
     elsewhere.Wipe();
 }
 
-// Each save of a new user's transfer makes a file, under a cleared mask.
-TEST_F(StatusSave, ThreadsThatSaveAtOnceLeaveTheMaskAsItWas)
-{
-    ::umask(027);
-    const auto saveMany = [](uint32_t firstUid) {
-        for (uint32_t uid = firstUid; uid < firstUid + 60; ++uid) {
-            ZEVO_BANDWIDTH_STATUS mine = Record({4711, uid});
-            EXPECT_EQ(ZEVOBandwidthStatusSave(uid, nullptr, &mine), 0);
-        }
-    };
-    std::thread first(saveMany, 5000);
-    std::thread second(saveMany, 6000);
-    for (int i = 0; i < 20; ++i) {
-        Child child([] {
-            EXPECT_EQ(::umask(0), 027U) << "inherited from a thread that was saving";
-            return 0;
-        });
-        EXPECT_EQ(child.Wait(), 0);
-    }
-    first.join();
-    second.join();
-    EXPECT_EQ(::umask(022), 027U);
-    EXPECT_EQ(box.FileCount(), 120);
-    for (const std::string &name : box.Files())
-        EXPECT_EQ(ModeOf(box.Path(name)), 0666U) << name;
-}
-
 // As a signal handler may fork, or a thread whose other handlers hold what the maker needs.
 TEST_F(StatusSave, AForkInTheMiddleOfMakingAFileGoesOnWithTheHostsMask)
 {
@@ -428,41 +389,6 @@ TEST_F(StatusRewrite, AFailureLeavesTheOldFileAndNoTemporaryOne)
         }
     }
     EXPECT_THAT(TakeLog(), IsEmpty()) << "the caller tells";
-}
-
-TEST_F(StatusRewrite, OnlyRegularFilesOfSomeSizeAreTouched)
-{
-    Write(kTwo);
-    const char *const szOdd = box.Path("odd");
-    const struct {
-        const char *szWhat;
-        std::function<int()> Make;
-    } kRows[] = {
-        {"missing", [] { return 0; }},
-        {"link", [&] { return ::symlink(Path(), szOdd); }},
-        {"fifo", [&] { return ::mkfifo(szOdd, 0666); }},
-        {"directory", [&] { return ::mkdir(szOdd, 0755); }},
-        {"too large",
-         [&] {
-             box.Write("odd", "[4711-1]\n");
-             return ::truncate(szOdd, (off_t{64} << 20) + 1);
-         }},
-    };
-    for (const auto &row : kRows) {
-        SCOPED_TRACE(row.szWhat);
-        ASSERT_EQ(row.Make(), 0);
-        EXPECT_EQ(ZEVOBandwidthStatusSetSection(szOdd, "4711-1", hash.get()), -1);
-        ExpectSlot(0x0900, kRewrite);
-        EXPECT_EQ(ZEVOBandwidthStatusRemoveSection(szOdd, "4711-1"), -1);
-        ExpectSlot(0x0900, kRewrite);
-        if (row.szWhat != std::string("missing")) {
-            EXPECT_EQ(ZEVOBandwidthStatusAddSection(szOdd, "4711-1", hash.get()), -1);
-            ExpectSlot(0x0900, kAppend);
-        }
-        EXPECT_EQ(Read(), kTwo) << "nothing followed the link";
-        ::remove(szOdd);
-    }
-    EXPECT_THAT(box.Files(), ElementsAre("user-2001"));
 }
 
 TEST_F(StatusRewrite, AFileWithASecondNameIsReplacedAndNeverChangedInPlace)
