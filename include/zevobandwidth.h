@@ -264,6 +264,17 @@ static const ZEVO_BW_ENUM_ENTRY ZEVO_BW_OCCUPY_POLICY_LIST[] = {
 /** Size of a transfer's file name. */
 #define ZEVO_BW_FILENAME_SIZE 4096
 
+/** Where rules and policies stand: a file for each protocol, and the global file. */
+#define ZEVO_BW_CONF_DIRECTORY "/usr/zevo/etc/bandwidth"
+/** Where add-on protocols announce themselves, each by a file "NAME_NUMBER.json". */
+#define ZEVO_BW_ADDON_DIRECTORY ZEVO_BW_CONF_DIRECTORY "/addon"
+/** Where running transfers stand: a status file for each user and group, "user-1026", "group-100". */
+#define ZEVO_BW_STATUS_DIRECTORY "/tmp/bandwidth"
+/** Seconds without a save after which a section is stale: its transfer is taken for dead. */
+#define ZEVO_BW_STALE_AFTER_SECONDS 30
+/** Seconds after which a file whose name has a dot is the leftover of a rewrite that died. */
+#define ZEVO_BW_LEFTOVER_AFTER_SECONDS 10
+
 /**
  * The rule of one owner for one protocol. In its plan '0' puts the rule out of force for the hour,
  * '1' in force with the normal rates, anything else in force with the custom rates.

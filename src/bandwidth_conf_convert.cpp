@@ -1,7 +1,7 @@
 // Rules and policies as string hashes and back: two tables for one engine.
 
-#include "bandwidth_guard.hpp"
-#include "bandwidth_parm.hpp"
+#include "internal/guard.hpp"
+#include "internal/parm.hpp"
 
 using namespace bandwidth;
 

@@ -1,8 +1,8 @@
 // The table of rules: one line for each, under a header. The rates are those in force as the record
 // was last evaluated; a record that comes straight from the store has none yet.
 
-#include "bandwidth_dump.hpp"
-#include "bandwidth_frame.hpp"
+#include "internal/dump.hpp"
+#include "internal/frame.hpp"
 
 #include <cstdio>
 

@@ -1,7 +1,7 @@
 // Writing one owner's rule into its protocol's rule file.
 
-#include "bandwidth_enum.hpp"
-#include "bandwidth_store.hpp"
+#include "internal/enum.hpp"
+#include "internal/store.hpp"
 
 #include <cstdio>
 

@@ -1,8 +1,8 @@
 // The effective configuration of a user: gathering it, evaluating it at a moment, letting it go.
 
-#include "bandwidth_frame.hpp"
-#include "bandwidth_guard.hpp"
-#include "bandwidth_speed.hpp"
+#include "internal/frame.hpp"
+#include "internal/guard.hpp"
+#include "internal/speed.hpp"
 
 #include <cstdlib>
 #include <cstring>

@@ -6,10 +6,10 @@
 // memory is guarded by a flag that nobody waits for: a thread that finds it taken, or the child of
 // a fork that inherited it taken, searches the directory instead.
 
-#include "bandwidth_enum.hpp"
+#include "internal/enum.hpp"
 
-#include "bandwidth_frame.hpp"
-#include "bandwidth_guard.hpp"
+#include "internal/frame.hpp"
+#include "internal/guard.hpp"
 
 #include <glob.h>
 
@@ -24,7 +24,7 @@ namespace {
 
 constexpr int kAddonCacheSize = 64;
 constexpr size_t kNumberBytes = 16; // holds every 32-bit integer
-constexpr char kAddonDirectory[] = "/usr/zevo/etc/bandwidth/addon/";
+constexpr char kAddonDirectory[] = ZEVO_BW_ADDON_DIRECTORY "/";
 
 struct AddonCache {
     std::atomic_flag busy = ATOMIC_FLAG_INIT; // taken and given back by CacheScope alone

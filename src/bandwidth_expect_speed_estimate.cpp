@@ -1,10 +1,10 @@
 // What one rule leaves one transfer: what the others under the rule do not use of its rate, and
 // never less than an equal share. The others are counted as their file is walked over; none is kept.
 
-#include "bandwidth_frame.hpp"
-#include "bandwidth_guard.hpp"
-#include "bandwidth_speed.hpp"
-#include "bandwidth_status_walk.hpp"
+#include "internal/frame.hpp"
+#include "internal/guard.hpp"
+#include "internal/speed.hpp"
+#include "internal/status_walk.hpp"
 
 #include <algorithm>
 #include <cstddef>

@@ -3,9 +3,9 @@
 // with the user's own by the user-group policy. 0 is unlimited throughout: answers are compared and
 // added with the three functions made for it.
 
-#include "bandwidth_frame.hpp"
-#include "bandwidth_guard.hpp"
-#include "bandwidth_speed.hpp"
+#include "internal/frame.hpp"
+#include "internal/guard.hpp"
+#include "internal/speed.hpp"
 
 #include <unistd.h>
 

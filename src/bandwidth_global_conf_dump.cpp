@@ -1,8 +1,8 @@
 // The table of policies: one line for each protocol, under a header.
 
-#include "bandwidth_dump.hpp"
-#include "bandwidth_enum.hpp"
-#include "bandwidth_frame.hpp"
+#include "internal/dump.hpp"
+#include "internal/enum.hpp"
+#include "internal/frame.hpp"
 
 #include <cstdio>
 

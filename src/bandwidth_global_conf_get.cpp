@@ -1,7 +1,7 @@
 // Reading one protocol's policy from the global file.
 
-#include "bandwidth_enum.hpp"
-#include "bandwidth_store.hpp"
+#include "internal/enum.hpp"
+#include "internal/store.hpp"
 
 using namespace bandwidth;
 

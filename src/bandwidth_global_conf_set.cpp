@@ -1,7 +1,7 @@
 // Writing one protocol's policy into the global file, and telling the simulators.
 
-#include "bandwidth_enum.hpp"
-#include "bandwidth_store.hpp"
+#include "internal/enum.hpp"
+#include "internal/store.hpp"
 
 using namespace bandwidth;
 

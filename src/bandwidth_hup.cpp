@@ -2,8 +2,8 @@
 // transfer does with one. Nothing is locked and nothing kept; the senders run in the tool's
 // process.
 
-#include "bandwidth_frame.hpp"
-#include "bandwidth_guard.hpp"
+#include "internal/frame.hpp"
+#include "internal/guard.hpp"
 
 #include <csignal>
 #include <cstdio>
@@ -28,13 +28,13 @@ constexpr char kWebDAVPidFile[] = "/run/httpd/httpd-webdav.pid";
 constexpr char kKillall[] = "/usr/bin/killall";
 constexpr char kSimulator[] = "zevobandwidth";
 
-using Directory = std::unique_ptr<DIR, Release<::closedir>>;
+using Directory = std::unique_ptr<DIR, Releaser<::closedir>>;
 
 Directory OpenProc() noexcept
 {
     zevo::Fd fd = zevo::OpenAt(AT_FDCWD, "/proc", O_RDONLY | O_DIRECTORY);
     Directory proc(fd ? ::fdopendir(fd.get()) : nullptr);
-    if (proc) (void)fd.Release(); // the directory stream closes it now
+    if (proc) (void)fd.Detach(); // the directory stream closes it now
     return proc;
 }
 
@@ -125,6 +125,6 @@ int ZEVOBandwidthHupRecv(ZEVO_BANDWIDTH_CONFIG *pConfig, const ZEVO_BANDWIDTH_ST
     if (!StaysLimited(*renewed.get(), static_cast<int32_t>(transferType)))
         (void)::ZEVOBandwidthStatusRemove(pConfig, transferType); // else it goes stale
     ::ZEVOBandwidthConfigFree(pConfig);
-    *pConfig = renewed.Release();
+    *pConfig = renewed.Detach();
     return 0;
 }

@@ -1,9 +1,9 @@
 // Gathering the rules that bear on a user: his own, and, unless the policy looks at the user alone,
 // those of every group that he belongs to.
 
-#include "bandwidth_frame.hpp"
-#include "bandwidth_group.hpp"
-#include "bandwidth_guard.hpp"
+#include "internal/frame.hpp"
+#include "internal/group.hpp"
+#include "internal/guard.hpp"
 
 #include <algorithm>
 

@@ -1,8 +1,8 @@
 // The speeds that the rules and policies leave a user on a protocol, before any transfer runs.
 // Reads the configuration only: running transfers are not counted.
 
-#include "bandwidth_frame.hpp"
-#include "bandwidth_guard.hpp"
+#include "internal/frame.hpp"
+#include "internal/guard.hpp"
 
 using namespace bandwidth;
 

@@ -2,9 +2,9 @@
 // obeys notices like a real one. It takes over the process's SIGHUP and sleeps in its thread, so
 // that a tool runs it in a process of its own.
 
-#include "bandwidth_frame.hpp"
-#include "bandwidth_guard.hpp"
-#include "bandwidth_speed.hpp"
+#include "internal/frame.hpp"
+#include "internal/guard.hpp"
+#include "internal/speed.hpp"
 
 #include <csignal>
 #include <cstdio>

@@ -4,9 +4,9 @@
 //
 // The process's only lasting state is the time of the last look at the schedule plans.
 
-#include "bandwidth_frame.hpp"
-#include "bandwidth_guard.hpp"
-#include "bandwidth_speed.hpp"
+#include "internal/frame.hpp"
+#include "internal/guard.hpp"
+#include "internal/speed.hpp"
 
 #include <atomic>
 #include <cerrno>

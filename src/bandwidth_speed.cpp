@@ -1,6 +1,6 @@
 // Clock, speed and sleep arithmetic: pure but for the clock, and unable to fail.
 
-#include "bandwidth_speed.hpp"
+#include "internal/speed.hpp"
 
 #include <algorithm>
 #include <limits>

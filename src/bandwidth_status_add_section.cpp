@@ -1,13 +1,13 @@
-// Appending a section to a status file: in one write, so that appends of several processes stand
-// beside each other, and on a line of its own, so that the torn tail of a process that died harms
-// nobody. When the file has been replaced meanwhile the section went to a file without a name, and
-// the work starts over. A file with a second name is never changed in place but replaced first.
+// Appending a section to a status file: in one write, so that the appends of several processes stand
+// beside each other, and on a line of its own, so that the torn tail that a dead process left harms
+// nobody. When the file was replaced meanwhile the section went to a file without a name: the append
+// starts over. A file with a second name is never changed in place but replaced by a copy first.
 
-#include "bandwidth_frame.hpp"
-#include "bandwidth_guard.hpp"
-#include "bandwidth_status_text.hpp"
+#include "internal/frame.hpp"
+#include "internal/guard.hpp"
+#include "internal/status_text.hpp"
 
-#include <fcntl.h>
+#include "base/replace_file.hpp"
 
 using namespace bandwidth;
 
@@ -20,13 +20,30 @@ bool Holds(std::string_view text, const char *szSection) noexcept
     return lines.NextHeaderOf(szSection, line);
 }
 
-// Puts a copy in the file's place.
-zevo::RewriteResult ReplaceByCopy(const char *szFile, zevo::Patience &patience) noexcept
+// Puts a copy in the place of a file that has other names, too.
+zevo::Fault ReplaceByCopy(const zevo::Place &place, const zevo::RegularFile &file) noexcept
 {
-    const auto copy = [](std::string_view oldText, zevo::Pieces &newText, const struct stat &) {
-        return newText.Append(oldText) ? 1 : zevo::kComposeFailed;
-    };
-    return zevo::RewriteFile(szFile, copy, patience);
+    zevo::Bytes text;
+    if (const zevo::Fault fault = file.ReadWhole(text)) return fault;
+    zevo::TempFile copy(place);
+    if (const zevo::Fault fault = copy.fault()) return fault;
+    if (const zevo::Fault fault = copy.Write(text.view())) return fault;
+    if (const zevo::Fault fault = copy.Sync()) return fault;
+    if (const zevo::Fault fault = copy.SetMode(file.stat().st_mode & zevo::kPermissionBits))
+        return fault;
+    return copy.Replace();
+}
+
+// Appends the section behind the text that the file holds by now.
+zevo::Fault Append(const zevo::RegularFile &file, std::string_view text, const char *szSection,
+                   const VLIB_SZ_HASH *pHash) noexcept
+{
+    SectionText section;
+    if (!text.ends_with('\n')) {
+        if (const zevo::Fault fault = section.StartLine()) return fault;
+    }
+    if (const zevo::Fault fault = section.Compose(szSection, pHash)) return fault;
+    return zevo::AppendOnce(file.get(), section.view());
 }
 
 } // namespace
@@ -41,34 +58,26 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
     if (::VLIBCFileExist(szFile) != 1) (void)::VLIBCFileTouch(szFile); // the open below tells
 
     const zevo::Place place(szFile);
-    if (!place) return BW_FAIL(ZEVO_BW_ERROR_OPEN);
-    zevo::Patience patience;
-    bool written = false;
-    for (int attempt = 0; attempt <= zevo::kMostRewriteRetries; ++attempt) {
-        const zevo::RegularFile file = zevo::RegularFile(place, O_RDWR | O_APPEND);
-        if (!file) return BW_FAIL(file.code());
-        const nlink_t nNames = zevo::CountNames(place, file.stat());
+    if (const zevo::Fault fault = place.fault()) return BW_FAIL_WITH(fault);
+    zevo::TurnWait wait;
+    bool isWritten = false;
+    for (int attempt = 0; attempt <= zevo::kMaxRetries; ++attempt) {
+        const zevo::TurnFile file(place, O_RDWR | O_APPEND, wait);
+        if (const zevo::Fault fault = file.fault()) return BW_FAIL_WITH(fault);
+        const nlink_t nNames = place.CountNames(file.stat());
         if (nNames == 0) continue;
         if (nNames > 1) {
-            if (const auto copied = ReplaceByCopy(szFile, patience); copied.result < 0)
-                return BW_FAIL(copied.code);
+            if (const zevo::Fault fault = ReplaceByCopy(place, file)) return BW_FAIL_WITH(fault);
             continue;
         }
         zevo::Bytes text;
-        if (file.ReadWhole(text) != 0) return BW_PASS_UNLOGGED; // no code of its own is promised
-        if (Holds(text.view(), szSection)) return written ? 1 : 0;
-
-        const bool ended = text.size() != 0 && text.view().back() == '\n';
-        SectionText section;
-        if (!ended && !section.StartLine()) return BW_FAIL(ZEVO_BW_ERROR_NO_MEMORY);
-        if (const int failed = section.Compose(szSection, pHash); failed < 0)
-            return failed == zevo::kComposeRefused ? BW_PASS_UNLOGGED
-                                                   : BW_FAIL(ZEVO_BW_ERROR_NO_MEMORY);
-        if (!zevo::AppendOnce(file.get(), section.view())) return BW_FAIL(ZEVO_BW_ERROR_WRITE);
-        written = true;
-        // The section is there; how soon on the disk is no promise.
-        (void)zevo::RetryInterrupted([&] { return ::fsync(file.get()); });
-        if (zevo::StaysAppended(place, file.stat(), patience)) break;
+        if (file.ReadWhole(text)) return BW_PASS_UNLOGGED; // no code of its own is promised
+        if (Holds(text.view(), szSection)) return isWritten ? 1 : 0;
+        if (const zevo::Fault fault = Append(file, text.view(), szSection, pHash))
+            return BW_FAIL_WITH(fault);
+        isWritten = true;
+        (void)zevo::Sync(file.get()); // the section stands; how soon on the disk is no promise
+        if (place.LeadsTo(file.stat())) break;
     }
-    return written ? 1 : BW_FAIL(ZEVO_BW_ERROR_OPEN); // linked or replaced again each time
+    return isWritten ? 1 : BW_FAIL(ZEVO_BW_ERROR_OPEN); // linked or replaced again each time
 }

@@ -3,9 +3,9 @@
 // the stamp, or what is left of it is a time long ago. A section that lacks nothing but its last line
 // end is whole.
 
-#include "bandwidth_guard.hpp"
-#include "bandwidth_parm.hpp"
-#include "bandwidth_status_walk.hpp"
+#include "internal/guard.hpp"
+#include "internal/parm.hpp"
+#include "internal/status_walk.hpp"
 
 using namespace bandwidth;
 

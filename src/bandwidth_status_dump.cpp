@@ -1,8 +1,8 @@
 // The table of running transfers: one line for each, without a header.
 
-#include "bandwidth_dump.hpp"
-#include "bandwidth_frame.hpp"
-#include "bandwidth_speed.hpp"
+#include "internal/dump.hpp"
+#include "internal/frame.hpp"
+#include "internal/speed.hpp"
 
 #include <charconv>
 #include <cstdio>

@@ -1,7 +1,7 @@
 // Reading one transfer's record from a status file, live or stale.
 
-#include "bandwidth_guard.hpp"
-#include "bandwidth_status_path.hpp"
+#include "internal/guard.hpp"
+#include "internal/status_path.hpp"
 
 #include <unistd.h>
 

@@ -1,14 +1,14 @@
 // Listing the running transfers of one status file, and clearing it on the way: a section that has
-// not been saved for more than 30 seconds belongs to a transfer that died. Whoever lists the file
-// removes it, whatever he looks for, together with all others at the end. Nothing is locked: others
-// may change the file between any two of the platform's operations. A listing hands out records; the
-// expected speed only looks at them, in a walk that keeps none.
+// not been saved for more than 30 seconds belongs to a transfer that died. Every listing removes all
+// stale sections at its end, whatever it looks for. Nothing is locked: others may change the file
+// between any two operations of the platform. A listing hands out records; the expected speed only
+// looks at them, in a walk that keeps none.
 
-#include "bandwidth_status_walk.hpp"
+#include "internal/status_walk.hpp"
 
-#include "bandwidth_guard.hpp"
-#include "bandwidth_status_path.hpp"
-#include "bandwidth_status_purge.hpp"
+#include "internal/guard.hpp"
+#include "internal/status_path.hpp"
+#include "internal/status_purge.hpp"
 
 #include <cstdlib>
 #include <cstring>
@@ -22,10 +22,9 @@ using namespace bandwidth;
 
 namespace {
 
-constexpr int64_t kLeftoverAfterSeconds = 10;
 constexpr int32_t kMerge = 1;
 
-using Status = std::unique_ptr<ZEVO_BANDWIDTH_STATUS, Release<std::free>>;
+using Status = std::unique_ptr<ZEVO_BANDWIDTH_STATUS, Releaser<std::free>>;
 
 // What one walk looks for.
 struct Walk {
@@ -34,15 +33,39 @@ struct Walk {
     uint32_t protocolMask;
     uint32_t transferMask;
     StatusTaker &taker;
-    Purge &purge;
+};
+
+// The names of the sections, and which of them the walk has found stale.
+class Sections {
+public:
+    explicit Sections(List names) noexcept : names_(std::move(names)) {}
+
+    int32_t count() const noexcept { return names_->nItem; }
+    const char *name(int32_t i) const noexcept { return ::VLIBCSzListGet(names_.get(), i); }
+
+    // false without memory.
+    bool NoteStale(int32_t i) noexcept
+    {
+        if (!stale_) stale_ = AllocateArray<int32_t>(static_cast<size_t>(count()));
+        if (!stale_) return false;
+        stale_[static_cast<size_t>(nStale_++)] = i;
+        return true;
+    }
+    int32_t staleCount() const noexcept { return nStale_; }
+    const char *staleName(int32_t i) const noexcept { return name(stale_[static_cast<size_t>(i)]); }
+
+private:
+    List names_;
+    Array<int32_t> stale_;
+    int32_t nStale_ = 0;
 };
 
 void DeleteLeftover(const char *szFile, int64_t now) noexcept
 {
     const zevo::Place place(szFile);
     struct stat status = {};
-    if (place && ::fstatat(place.dir(), place.name(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-        status.st_mtime < now - kLeftoverAfterSeconds)
+    if (!place.fault() && ::fstatat(place.dir(), place.name(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        status.st_mtime < now - ZEVO_BW_LEFTOVER_AFTER_SECONDS)
         (void)::unlinkat(place.dir(), place.name(), 0); // somebody else may have done it
 }
 
@@ -64,9 +87,9 @@ int NoMemory(const char *szSection) noexcept
 }
 
 // Reads one section and does with it what it calls for: 0, or -1 without memory.
-int WalkSection(const Walk &walk, int32_t index, Hash &hash) noexcept
+int WalkSection(const Walk &walk, Sections &sections, int32_t index, Hash &hash) noexcept
 {
-    const char *const szSection = walk.purge.name(index);
+    const char *const szSection = sections.name(index);
     (void)::VLIBCHashRemoveAll(hash.get());
     const int found = ::VLIBCFileGetSection(walk.szFile, szSection, hash.address());
     if (found < 0) BW_LOG_SLOT("Get section [%s] from [%s] failed. ", szSection, walk.szFile);
@@ -78,7 +101,7 @@ int WalkSection(const Walk &walk, int32_t index, Hash &hash) noexcept
         return 0;
     }
     if (IsStale(*pStatus, walk.now)) {
-        if (!walk.purge.Note(index)) {
+        if (!sections.NoteStale(index)) {
             BW_RECORD(ZEVO_BW_ERROR_NO_MEMORY);
             LogNotRemoved(walk, szSection);
         }
@@ -87,18 +110,18 @@ int WalkSection(const Walk &walk, int32_t index, Hash &hash) noexcept
     return Passes(walk, *pStatus) && !walk.taker.Take() ? NoMemory(szSection) : 0;
 }
 
-int WalkSections(const Walk &walk, Hash &hash) noexcept
+int WalkSections(const Walk &walk, Sections &sections, Hash &hash) noexcept
 {
-    for (int32_t i = 0; i < walk.purge.count(); ++i)
-        if (WalkSection(walk, i, hash) < 0) return BW_PASS_UNLOGGED;
+    for (int32_t i = 0; i < sections.count(); ++i)
+        if (WalkSection(walk, sections, i, hash) < 0) return BW_PASS_UNLOGGED;
     return 0;
 }
 
-void RunPurge(const Walk &walk) noexcept
+void RemoveStale(const Walk &walk, const Sections &sections) noexcept
 {
-    if (walk.purge.Run() == 0) return;
-    for (int32_t i = 0; i < walk.purge.noted(); ++i)
-        LogNotRemoved(walk, walk.purge.NotedName(i));
+    if (sections.staleCount() == 0 || Purge(walk.szFile, walk.now).Run() == 0) return;
+    for (int32_t i = 0; i < sections.staleCount(); ++i)
+        LogNotRemoved(walk, sections.staleName(i));
 }
 
 int WalkFile(const char *szFile, int64_t now, int32_t protocolMask, uint32_t transferMask,
@@ -113,15 +136,13 @@ int WalkFile(const char *szFile, int64_t now, int32_t protocolMask, uint32_t tra
     Hash hash;
     if (!hash) return BW_PASS_UNLOGGED;
     const StrangersFileScope strangers(szFile);
-    Purge purge(szFile, now);
     VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
-    const int sections = pNames == nullptr ? -1 : ::VLIBCFileEnumSection(szFile, &pNames);
-    purge.SetNames(List(pNames));
-    if (sections < 0) return BW_PASS_UNLOGGED;
-    if (sections == 0) return 0;
-    const Walk walk{szFile, now, static_cast<uint32_t>(protocolMask), transferMask, taker, purge};
-    const int walked = WalkSections(walk, hash);
-    RunPurge(walk);
+    const int nSections = pNames == nullptr ? -1 : ::VLIBCFileEnumSection(szFile, &pNames);
+    Sections sections{List(pNames)};
+    if (nSections < 0) return BW_PASS_UNLOGGED;
+    const Walk walk{szFile, now, static_cast<uint32_t>(protocolMask), transferMask, taker};
+    const int walked = WalkSections(walk, sections, hash);
+    RemoveStale(walk, sections);
     return walked;
 }
 
@@ -148,9 +169,10 @@ public:
     bool Take() noexcept override
     {
         if (isUsed_) ClearBehindName(*room_);
-        if (ZEVO_BANDWIDTH_STATUS *const pKin = merge_ ? FindKin() : nullptr; pKin != nullptr) {
-            pKin->current_speed = ::ZEVOBandwidthSum(pKin->current_speed, room_->current_speed);
-            pKin->expect_speed = ::ZEVOBandwidthSum(pKin->expect_speed, room_->expect_speed);
+        if (ZEVO_BANDWIDTH_STATUS *const pAlike = merge_ ? FindAlike() : nullptr;
+            pAlike != nullptr) {
+            pAlike->current_speed = ::ZEVOBandwidthSum(pAlike->current_speed, room_->current_speed);
+            pAlike->expect_speed = ::ZEVOBandwidthSum(pAlike->expect_speed, room_->expect_speed);
             return true;
         }
         room_->next = pHead_;
@@ -159,10 +181,10 @@ public:
         return true;
     }
     int count() const noexcept { return count_; }
-    ZEVO_BANDWIDTH_STATUS *Release() noexcept { return std::exchange(pHead_, nullptr); }
+    ZEVO_BANDWIDTH_STATUS *Detach() noexcept { return std::exchange(pHead_, nullptr); }
 
 private:
-    ZEVO_BANDWIDTH_STATUS *FindKin() const noexcept
+    ZEVO_BANDWIDTH_STATUS *FindAlike() const noexcept
     {
         ZEVO_BANDWIDTH_STATUS *p = pHead_;
         while (p != nullptr && (p->protocol_type != room_->protocol_type ||
@@ -199,7 +221,7 @@ int ZEVOBandwidthIStatusGetAll(const char *szStatusFile, int32_t protocol_mask,
     Lister lister(blMerge == kMerge);
     if (WalkFile(szStatusFile, now, protocol_mask, transfer_mask, lister) < 0)
         return BW_PASS_UNLOGGED;
-    if (lister.count() > 0) *pStatusList = lister.Release();
+    if (lister.count() > 0) *pStatusList = lister.Detach();
     return lister.count();
 }
 

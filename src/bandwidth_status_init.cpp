@@ -1,7 +1,7 @@
 // Registering a transfer before its first block.
 
-#include "bandwidth_frame.hpp"
-#include "bandwidth_guard.hpp"
+#include "internal/frame.hpp"
+#include "internal/guard.hpp"
 
 #include <cstdio>
 #include <ctime>

@@ -2,10 +2,10 @@
 // section is known by process id and direction alone. A file or a section that is not there is no
 // failure; the first real failure ends the call, and what was removed stays removed.
 
-#include "bandwidth_group.hpp"
-#include "bandwidth_guard.hpp"
-#include "bandwidth_speed.hpp"
-#include "bandwidth_status_path.hpp"
+#include "internal/group.hpp"
+#include "internal/guard.hpp"
+#include "internal/speed.hpp"
+#include "internal/status_path.hpp"
 
 #include <unistd.h>
 

@@ -1,70 +1,107 @@
-// Saving a running transfer: one copy in its user's status file and one in the file of each group
-// it is charged to, where it stands with the share of its speed that the group bears. Nothing is
-// locked: a section is replaced by replacing the file, and of two processes that do so at once the
-// one that lost finds its numbers again after its next block.
+// Saving a running transfer: one section in its user's status file and one copy in the file of each
+// group that it is charged to. A copy holds the part of the speed that the group is charged with. No
+// lock is needed: a section is replaced by replacing the file. When two processes do so at once and
+// one update is lost, it returns with that transfer's next save.
 
-#include "bandwidth_guard.hpp"
-#include "bandwidth_mask.hpp"
-#include "bandwidth_speed.hpp"
-#include "bandwidth_status_path.hpp"
+#include "internal/guard.hpp"
+#include "internal/speed.hpp"
+#include "internal/status_path.hpp"
 
+#include "base/write_file.hpp"
+
+#include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace bandwidth;
 
 namespace {
 
 constexpr mode_t kStatusDirectoryMode = 0777;
-constexpr int kMostRepeats = 2;
+constexpr mode_t kStatusFileMode = 0666;
+constexpr int kMaxRepeats = 2;
 
-// Makes the status directory unless it is there. A link is no directory: whoever planted it must
-// not choose where the files go.
+// Makes the directory under a name that nobody knows, gives it its mode by descriptor, whatever the
+// host's creation mask, and then its name. 0 also when another process has made it meanwhile.
+int MakeDirectory() noexcept
+{
+    constexpr char kPath[] = ZEVO_BW_STATUS_DIRECTORY;
+    char szNew[sizeof(kPath) + 32];
+    (void)std::snprintf(szNew, sizeof(szNew), "%s.%016" PRIx64, kPath, zevo::RandomNumber());
+    if (::ZEVOFSMkdirP(szNew, 0, 1, static_cast<uid_t>(-1), static_cast<gid_t>(-1),
+                       kStatusDirectoryMode) < 0)
+        return BW_PASS("ZEVOFSMkdirP failed. [%s] ", kStatusDirectory);
+    const zevo::Fd dir = zevo::OpenAt(AT_FDCWD, szNew, O_RDONLY | O_DIRECTORY);
+    if (dir && ::fchmod(dir.get(), kStatusDirectoryMode) == 0 &&
+        !zevo::RenameUnlessTaken(AT_FDCWD, szNew, kPath))
+        return 0;
+    const bool isTaken = errno == EEXIST;
+    (void)::rmdir(szNew);
+    struct stat status = {};
+    if (isTaken && ::lstat(kPath, &status) == 0 && S_ISDIR(status.st_mode)) return 0;
+    BW_RECORD(ZEVO_BW_ERROR_OPEN);
+    return BW_PASS("ZEVOFSMkdirP failed. [%s] ", kStatusDirectory);
+}
+
+// Makes the directory unless it is there: 1 made, 0 there, -1 failed. A link is no directory: the
+// stranger that planted it must not choose where files are made.
 int EnsureDirectory() noexcept
 {
-    constexpr char kWithoutSlash[] = "/tmp/bandwidth"; // a slash at the end would follow a link
     struct stat status = {};
-    if (::lstat(kWithoutSlash, &status) == 0) {
+    if (::lstat(ZEVO_BW_STATUS_DIRECTORY, &status) == 0) {
         if (S_ISDIR(status.st_mode)) return 0;
     } else if (errno != ENOENT && errno != ENOTDIR) {
         BW_LOG("stat [%s] failed. %m", kStatusDirectory);
         return BW_FAIL(ZEVO_BW_ERROR_STAT);
     }
-    const OpenMaskScope openMask;
-    if (::ZEVOFSMkdirP(kStatusDirectory, 0, 1, static_cast<uid_t>(-1), static_cast<gid_t>(-1),
-                       kStatusDirectoryMode) < 0)
-        return BW_PASS("ZEVOFSMkdirP failed. [%s] ", kStatusDirectory);
-    return 0;
+    return MakeDirectory() < 0 ? BW_PASS_UNLOGGED : 1;
 }
 
+// The same for an owner's file.
 int EnsureFile(const char *szFile) noexcept
 {
     if (::VLIBCFileExist(szFile) == 1) return 0;
-    const OpenMaskScope openMask;
-    if (::VLIBCFileTouch(szFile) < 0) return BW_PASS("VLIBCFileTouch [%s] failed. ", szFile);
-    return 0;
+    if (const zevo::Fault fault = zevo::MakeFile(szFile, kStatusFileMode)) {
+        BW_RECORD(fault.code);
+        return BW_PASS("VLIBCFileTouch [%s] failed. ", szFile);
+    }
+    return 1;
 }
 
+// Makes what is missing of the two: 1, 0 when nothing is, -1 on failure.
+int MakeMissing(const char *szFile) noexcept
+{
+    const int directory = EnsureDirectory();
+    const int file = directory < 0 ? BW_PASS_UNLOGGED : EnsureFile(szFile);
+    return file < 0 ? BW_PASS_UNLOGGED : std::max(directory, file);
+}
+
+// Nearly every save finds directory and file, so they are looked for only after a failure. A section
+// that is neither there to be replaced nor absent to be appended comes and goes, as when a purge puts
+// back what it had taken: then these values follow at the next save.
 int ZEVOBandwidthIStatusRecordSave(int32_t owner_type, uint32_t id, const char *szSection,
                                    const VLIB_SZ_HASH *pHash) noexcept
 {
     BW_REQUIRE(pHash != nullptr, "NULL != pHash");
-    if (EnsureDirectory() < 0) return BW_PASS_UNLOGGED;
     StatusPath path;
-    if (path.Compose(owner_type, id, BW_HERE) < 0 || EnsureFile(path.get()) < 0)
-        return BW_PASS_UNLOGGED;
-    for (int attempt = 0;; ++attempt) {
+    if (path.Compose(owner_type, id, BW_HERE) < 0) return BW_PASS_UNLOGGED;
+    for (int attempt = 0; attempt <= kMaxRepeats; ++attempt) {
         const int replaced = ::ZEVOBandwidthStatusSetSection(path.get(), szSection, pHash);
-        if (replaced < 0)
-            return BW_PASS("Save section [%s] to [%s] failed. ", szSection, path.get());
         if (replaced > 0) return 0;
+        if (replaced < 0) {
+            const int made = MakeMissing(path.get());
+            if (made < 0) return BW_PASS_UNLOGGED;
+            if (made > 0 && attempt < kMaxRepeats) continue;
+            return BW_PASS("Save section [%s] to [%s] failed. ", szSection, path.get());
+        }
         const int added = ::ZEVOBandwidthStatusAddSection(path.get(), szSection, pHash);
         if (added < 0) return BW_PASS("Add section [%s] to [%s] failed. ", szSection, path.get());
-        // 0: the section has appeared meanwhile, as when a purge has put back what it had taken. When
-        // it comes and goes like that these values follow at the next save.
-        if (added > 0 || attempt == kMostRepeats) return 0;
+        if (added > 0) return 0;
     }
+    return 0;
 }
 
 // Lets a record pass for a group's copy, and gives it back as it was.

@@ -1,12 +1,12 @@
 // Replacing or dropping one section of a status file. The file is read once and written once, to a
-// temporary file beside it that is renamed over it; readers see the old file or the new one. When
-// another process is faster the work starts over: what that one saved would be lost. Only after
-// several such defeats does the later rename win, and the lost section returns with its owner's next
-// save.
+// temporary file beside it that is renamed over it; readers see the old file or the new one. How
+// writers take turns, and what happens when another one is faster, is told in base/replace_file.hpp.
 
-#include "bandwidth_frame.hpp"
-#include "bandwidth_guard.hpp"
-#include "bandwidth_status_text.hpp"
+#include "internal/frame.hpp"
+#include "internal/guard.hpp"
+#include "internal/status_text.hpp"
+
+#include "base/replace_file.hpp"
 
 using namespace bandwidth;
 
@@ -14,53 +14,68 @@ namespace {
 
 enum Mode { kRemove = 0, kSet = 1 };
 
-// Puts the file's new text together: 1, 0 when it holds no such section, or why it cannot. The new
-// section is spelled once, when it is needed, however often a planted file repeats its header.
-int Compose(std::string_view oldText, zevo::Pieces &newText, const char *szSection,
-            const VLIB_SZ_HASH *pHash, Mode mode, SectionText &section) noexcept
-{
-    bool inside = false;
-    int found = 0;
-    const char *pKept = oldText.data(); // where what is to be copied next begins
-    const auto copyUpTo = [&](const char *pEnd) {
-        return newText.Append({pKept, static_cast<size_t>(pEnd - pKept)});
-    };
-    Lines lines(oldText);
-    std::string_view line;
-    while (inside ? lines.Next(line) : lines.NextHeaderOf(szSection, line)) {
-        const bool isHeader = !inside || IsHeader(line);
-        const bool isOurs = isHeader && (!inside || IsHeaderOf(line, szSection));
-        inside = isOurs || !isHeader;
-        if (!inside || (!isOurs && IsComment(line))) continue;
-        if (!copyUpTo(line.data())) return zevo::kComposeFailed;
-        pKept = line.data() + line.size();
-        if (!isOurs) continue;
-        if (mode == kSet && section.view().empty()) {
-            if (const int failed = section.Compose(szSection, pHash); failed < 0) return failed;
-        }
-        found = 1;
-        if (!newText.Append(section.view()) || newText.size() > zevo::kMostFileBytes)
-            return zevo::kComposeFailed;
+class SectionRewrite final : public zevo::Composer {
+public:
+    SectionRewrite(const char *szSection, const VLIB_SZ_HASH *pHash, Mode mode) noexcept
+        : szSection_(szSection), pHash_(pHash), mode_(mode)
+    {
     }
-    return copyUpTo(oldText.data() + oldText.size()) ? found : zevo::kComposeFailed;
-}
+
+    // The section's lines go, but for comments; in their place comes the new section, once for each
+    // header of that name.
+    zevo::Change Compose(std::string_view oldText, zevo::Pieces &newText) noexcept override
+    {
+        bool isInside = false;
+        bool isFound = false;
+        const char *pKept = oldText.data(); // where what is to be copied next begins
+        Lines lines(oldText);
+        std::string_view line;
+        while (isInside ? lines.Next(line) : lines.NextHeaderOf(szSection_, line)) {
+            const bool isHeader = !isInside || IsHeader(line);
+            const bool isOurs = isHeader && (!isInside || IsHeaderOf(line, szSection_));
+            isInside = isOurs || !isHeader;
+            if (!isInside || (!isOurs && IsComment(line))) continue;
+            const std::string_view kept(pKept, static_cast<size_t>(line.data() - pKept));
+            if (const zevo::Fault fault = newText.Append(kept)) return {fault};
+            pKept = line.data() + line.size();
+            if (!isOurs) continue;
+            isFound = true;
+            if (const zevo::Fault fault = AppendNew(newText)) return {fault};
+        }
+        const char *const pEnd = oldText.data() + oldText.size();
+        return {newText.Append({pKept, static_cast<size_t>(pEnd - pKept)}), isFound};
+    }
+
+private:
+    // A planted file may repeat the header many times, so the section is spelled once.
+    zevo::Fault AppendNew(zevo::Pieces &newText) noexcept
+    {
+        if (mode_ == kRemove) return zevo::kNoFault;
+        if (section_.view().empty()) {
+            if (const zevo::Fault fault = section_.Compose(szSection_, pHash_)) return fault;
+        }
+        const zevo::Fault fault = newText.Append(section_.view());
+        return newText.size() > zevo::kMaxFileBytes ? zevo::kNoMemory : fault;
+    }
+
+    const char *const szSection_;
+    const VLIB_SZ_HASH *const pHash_;
+    const Mode mode_;
+    SectionText section_;
+};
 
 int ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection,
                                        const VLIB_SZ_HASH *pHash, Mode mode) noexcept
 {
     BW_REQUIRE(szFile != nullptr, "((void *)0) != szFile");
     BW_REQUIRE(szSection != nullptr, "NULL != szSection");
-    SectionText section;
-    zevo::Patience patience;
-    const zevo::RewriteResult rewrite = zevo::RewriteFile(
-        szFile,
-        [&](std::string_view oldText, zevo::Pieces &newText, const struct stat &) {
-            return Compose(oldText, newText, szSection, pHash, mode, section);
-        },
-        patience);
-    if (rewrite.result < 0) return rewrite.code == 0 ? BW_PASS_UNLOGGED : BW_FAIL(rewrite.code);
-    if (rewrite.result == 0) BW_RECORD(ZEVO_BW_ERROR_NOT_THERE);
-    return rewrite.result;
+    SectionRewrite rewrite(szSection, pHash, mode);
+    zevo::TurnWait wait;
+    const zevo::Change change = zevo::ReplaceFile(szFile, rewrite, wait);
+    if (change.fault) return BW_FAIL_WITH(change.fault);
+    if (change.isMade) return 1;
+    BW_RECORD(ZEVO_BW_ERROR_NOT_THERE);
+    return 0;
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Pages keep up with the tree: what they link to is there, and so is every source file that
-# docs/architecture.md names. Prints what is missing, one finding a line.
+# docs/architecture.md names; pictures load nothing from elsewhere. Prints what is wrong, one finding
+# a line.
 set -euo pipefail
 cd "${BASH_SOURCE[0]%/*}/.."
 
@@ -19,7 +20,7 @@ readonly page=docs/architecture.md
 # shellcheck disable=SC2016  # the backquotes are the page's
 {
     grep -oE '(├─|└─|►|─) [a-z]+_[a-z_]+' $page | sed 's/.* //'
-    grep -oE '`[a-z_]+\.[ch]pp`' $page | tr -d '`'
+    grep -oE '`([a-z]+/)?[a-z_]+\.[ch]pp`' $page | tr -d '`'
     grep -oE '`(src|tool|tests|torture|include|platform)/[a-z_/.]*`' $page | tr -d '`'
 } | sort -u | while IFS= read -r name; do
     for path in "$name" {src/bandwidth_,tool/,platform/core/}"$name"{,.cpp}; do
@@ -27,6 +28,9 @@ readonly page=docs/architecture.md
     done
     echo "$page: no such file: $name"
 done >>"$found"
+
+grep -lE '@font-face|(href|url|src)[=(: "]+https?:' docs/*/*.svg | sed 's/$/: loads from elsewhere/' \
+    >>"$found" || true
 
 cat "$found"
 [[ ! -s $found ]]

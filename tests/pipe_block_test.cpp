@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "pipe_block.hpp"
+#include "pipe/block.hpp"
 
 namespace {
 

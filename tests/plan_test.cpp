@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "command.hpp"
-#include "plan.hpp"
+#include "model/plan.hpp"
 
 namespace tool {
 namespace {

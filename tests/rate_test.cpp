@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "command.hpp"
-#include "rate.hpp"
+#include "model/rate.hpp"
 
 namespace tool {
 namespace {

@@ -260,7 +260,7 @@ TEST_F(RuleStore, AFailedWriteSaysWhereItFailedAndLeavesTheFile)
     expectFailure("ZEVOFSMkdirP failed. [/usr/zevo/etc/bandwidth/] [0x0900 directory.cpp:#]");
     etc.Make();
     FailNth(Call::Open, 2, EACCES); // the directory is opened first
-    expectFailure("VLIBCFileTouch [" + file + "] failed. [0x0900 file.cpp:#]");
+    expectFailure("VLIBCFileTouch [" + file + "] failed. [0x0900 bandwidth_conf_set_by_id.cpp:#]");
     FailNext(Call::Rename, EIO);
     expectFailure("Add section [user-1026] to [" + file + "] failed. [0x2800 section_file.cpp:#]");
     EXPECT_EQ(etc.Read("bandwidth.ftp.conf"), "");

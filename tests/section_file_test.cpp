@@ -12,22 +12,24 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/scan.hpp"
 #include "box.hpp"
 #include "hash.hpp"
 #include "stand_ins.hpp"
 #include "zevobandwidth.h"
 #include "zevocore.h"
-#include "zevocore_scan.hpp"
 
 namespace fs = std::filesystem;
 
@@ -463,11 +465,6 @@ constexpr int kOpensOfOneRead = 2; // the directory and the file
 
 class Listing : public SectionFile {
 protected:
-    void SetUp() override
-    {
-        SectionFile::SetUp();
-        Get("any"); // ends what another test has left halfway
-    }
     // The value of the key k in a section, or what became of the read.
     std::string Get(const char *szSection) { return GetFrom(Path(), szSection); }
     static std::string GetFrom(const char *szPath, const char *szSection)
@@ -475,6 +472,14 @@ protected:
         Hash hash;
         const int found = VLIBCFileGetSection(szPath, szSection, hash.address());
         return found == 1 ? hash["k"] : found == 0 ? "(no section)" : "(failed)";
+    }
+    // Runs an action while a list of the names lives.
+    void WithNames(const std::function<void(VLIB_SZ_LIST *&)> &action)
+    {
+        VLIB_SZ_LIST *pNames = VLIBCSzListAlloc(0);
+        EXPECT_EQ(VLIBCFileEnumSection(Path(), &pNames), 3);
+        action(pNames);
+        VLIBCSzListFree(pNames);
     }
     static int Opens() { return standins::Count(Call::Open); }
     static int Descriptors()
@@ -487,31 +492,155 @@ protected:
         etc.Write("next", szText);
         EXPECT_EQ(::rename(etc.Path("next"), Path()), 0);
     }
-    void Append(const char *szText)
-    {
-        std::ofstream(Path(), std::ios::app) << szText << std::flush;
-    }
-    void InAnotherProcess(const std::function<void()> &action)
-    {
-        EXPECT_EQ(Child([&] {
-                      action();
-                      return 0;
-                  }).Wait(),
-                  0);
-    }
 
     static constexpr char kThree[] = "[a]\nk=1\n[b]\nk=2\n[\"c\\n\"]\nk=3\n[a]\nk=4\n";
+    static constexpr char kNew[] = "[a]\nk=5\n[b]\nk=6\n[\"c\\n\"]\nk=7\n";
 };
 
-TEST_F(Listing, OpensItsFileOnceAndLeavesNothingOpen)
+TEST_F(Listing, OpensItsFileOnceAndHoldsNoDescriptor)
 {
     Write(kThree);
     const int descriptors = Descriptors();
     const int opens = Opens();
-    for (const std::string &section : Names())
-        ASSERT_EQ(Get(section.c_str()), section == "a" ? "1" : section == "b" ? "2" : "3");
-    EXPECT_EQ(Opens() - opens, kOpensOfOneRead);
-    EXPECT_EQ(Descriptors(), descriptors);
+    WithNames([&](VLIB_SZ_LIST *&) {
+        for (const char *const szSection : {"a", "b", "c\n"})
+            EXPECT_EQ(Get(szSection), szSection[0] == 'a' ? "1" : szSection[0] == 'b' ? "2" : "3");
+        EXPECT_EQ(Opens() - opens, kOpensOfOneRead);
+        EXPECT_EQ(Descriptors(), descriptors);
+    });
+}
+
+TEST_F(Listing, NamesThatStandSeveralTimesAreListedOnceWhereTheyStandFirst)
+{
+    Write("[b]\nk=1\n[\"\"]\nk=2\n[a]\n[b]\nk=3\n[\"\"]\n[\"a\"]\nk=4\n[c]\nk=5\n[b]\n");
+    EXPECT_THAT(Names(), ElementsAre("b", "", "a", "c"));
+    VLIB_SZ_LIST *pNames = VLIBCSzListAlloc(0);
+    EXPECT_EQ(VLIBCFileEnumSection(Path(), &pNames), 4);
+    for (const char *const szSection : {"b", "", "a", "c"}) {
+        const int opens = Opens();
+        const std::string listed = Get(szSection);
+        EXPECT_EQ(Opens(), opens);
+        std::thread([&] { EXPECT_EQ(Get(szSection), listed) << "read by itself"; }).join();
+    }
+    VLIBCSzListFree(pNames);
+}
+
+TEST_F(Listing, EndsWithWhateverElseTheThreadDoesToSectionFiles)
+{
+    etc.Write("other", "[b]\nk=other\n");
+    const struct {
+        const char *szWhat;
+        std::function<void(VLIB_SZ_LIST *&)> action;
+        const char *szB;
+    } rows[] = {
+        {"nothing else", [](VLIB_SZ_LIST *&) {}, "2"},
+        {"the names freed",
+         [](VLIB_SZ_LIST *&pNames) {
+             VLIBCSzListFree(pNames);
+             pNames = nullptr;
+         },
+         "6"},
+        {"another list freed", [](VLIB_SZ_LIST *&) { VLIBCSzListFree(VLIBCSzListAlloc(0)); }, "2"},
+        {"a question for the file", [&](VLIB_SZ_LIST *&) { VLIBCFileExist(Path()); }, "6"},
+        {"a section out of order", [&](VLIB_SZ_LIST *&) { EXPECT_EQ(Get("c\n"), "7"); }, "6"},
+        {"the same section again", [&](VLIB_SZ_LIST *&) { EXPECT_EQ(Get("a"), "5"); }, "6"},
+        {"a section of another file",
+         [&](VLIB_SZ_LIST *&) { EXPECT_EQ(GetFrom(etc.Path("other"), "b"), "other"); }, "6"},
+        {"a failed enumeration",
+         [](VLIB_SZ_LIST *&pNames) { EXPECT_EQ(VLIBCFileEnumSection("/tmp/none", &pNames), -1); },
+         "6"},
+        {"a write",
+         [&](VLIB_SZ_LIST *&) {
+             EXPECT_EQ(Set("b", {{"k", "8"}}), 1);
+         },
+         "8"},
+        {"a removal", [&](VLIB_SZ_LIST *&) { EXPECT_EQ(VLIBCFileRemoveSection(Path(), "b"), 1); },
+         "(no section)"},
+        {"another thread's reads",
+         [&](VLIB_SZ_LIST *&) { std::thread([&] { EXPECT_EQ(Get("b"), "6"); }).join(); }, "2"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.szWhat);
+        Write(kThree);
+        WithNames([&](VLIB_SZ_LIST *&pNames) {
+            EXPECT_EQ(Get("a"), "1");
+            Replace(kNew);
+            row.action(pNames);
+            EXPECT_EQ(Get("b"), row.szB);
+        });
+    }
+}
+
+TEST_F(Listing, SeesWhatWasChangedBeforeItsFirstRead)
+{
+    const struct {
+        const char *szWhat;
+        std::function<void()> change;
+        const char *szA;
+        const char *szB;
+    } rows[] = {
+        {"replaced by one of the same length",
+         [&] { Replace("[b]\nk=6\n[a]\nk=5\n[\"c\\n\"]\n[a]\nk=\n#\n"); }, "5", "6"},
+        {"appended", [&] { std::ofstream(Path(), std::ios::app) << "k=9\n[d]\n"; }, "1", "2"},
+        {"changed in place, to the same length",
+         [&] {
+             ::usleep(20'000); // time stamps have to be able to show it
+             Write("[a]\nk=5\n[b]\nk=6\n[\"c\\n\"]\nk=3\n[a]\nk=4\n");
+         },
+         "5", "6"},
+        {"a section removed by another process",
+         [&] {
+             Child remover([&] { return VLIBCFileRemoveSection(Path(), "a"); });
+             EXPECT_EQ(remover.Wait(), 1);
+         },
+         "(no section)", "2"},
+        {"deleted", [&] { ::unlink(Path()); }, "(failed)", "(failed)"},
+        {"replaced by a link",
+         [&] {
+             etc.Write("next", kThree);
+             ::unlink(Path());
+             EXPECT_EQ(::symlink("next", Path()), 0);
+         },
+         "(failed)", "(failed)"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.szWhat);
+        etc.Make();
+        Write(kThree);
+        WithNames([&](VLIB_SZ_LIST *&) {
+            row.change();
+            EXPECT_EQ(Get("a"), row.szA);
+            EXPECT_EQ(Get("b"), row.szB);
+        });
+        if (std::string_view(row.szA) == "(failed)") ExpectSlot(0x0900, kThisFile);
+    }
+}
+
+TEST_F(Listing, EndsWithItsThreadAndMayGoOnInAForkedChild)
+{
+    Write(kThree);
+    WithNames([&](VLIB_SZ_LIST *&) {
+        Child child([&] {
+            Replace(kNew);
+            return Get("a") == "5" && Get("b") == "6" ? 0 : 2;
+        });
+        EXPECT_EQ(child.Wait(), 0);
+        EXPECT_EQ(Get("a"), "5");
+    });
+    pthread_attr_t small; // the host's threads may have little stack
+    ::pthread_attr_init(&small);
+    ::pthread_attr_setstacksize(&small, 64 << 10);
+    std::function<void()> body = [&] {
+        Names();
+        EXPECT_EQ(Get("a"), "5");
+    };
+    const auto run = [](void *pBody) -> void * {
+        (*static_cast<std::function<void()> *>(pBody))();
+        return nullptr;
+    };
+    pthread_t thread;
+    ASSERT_EQ(::pthread_create(&thread, &small, run, &body), 0);
+    ::pthread_join(thread, nullptr);
 }
 
 TEST_F(Listing, SectionsOfOtherKeysThanTheLastAreReadAsTheyStand)
@@ -531,74 +660,6 @@ TEST_F(Listing, SectionsOfOtherKeysThanTheLastAreReadAsTheyStand)
     EXPECT_EQ(texts("c"), "5=6|1||" + kNone + "|" + kNone);
     EXPECT_EQ(texts("d"), "2|" + kNone + "|" + kNone + "|1|" + kNone);
     EXPECT_EQ(texts("e"), "3|" + kNone + "|" + kNone + "|" + kNone + "|b=1");
-}
-
-TEST_F(Listing, SectionsMayBeReadInAnyOrderAndEachIsAnsweredOnce)
-{
-    Write(kThree);
-    Names();
-    int opens = Opens();
-    EXPECT_EQ(Get("c\n"), "3");
-    EXPECT_EQ(Get("a"), "1");
-    EXPECT_EQ(Opens(), opens);
-    EXPECT_EQ(Get("a"), "1");
-    EXPECT_EQ(Opens() - opens, kOpensOfOneRead) << "a second read is a later call";
-    opens = Opens();
-    EXPECT_EQ(Get("b"), "2");
-    EXPECT_EQ(Opens() - opens, kOpensOfOneRead) << "which has ended the listing";
-}
-
-TEST_F(Listing, WhatAnotherProcessDoesToTheFileIsSeenByTheNextRead)
-{
-    const struct {
-        const char *szWhat;
-        std::function<void()> change;
-        const char *szA;
-        const char *szB;
-    } rows[] = {
-        {"replaced by one of the same length",
-         [&] { Replace("[b]\nk=6\n[a]\nk=5\n[\"c\\n\"]\nk=3\n[d]\nk=4\n"); }, "5", "6"},
-        {"appended", [&] { Append("k=9\n[d]\n"); }, "1", "2"},
-        {"cut and written anew", [&] { Write("[b]\nk=7\n"); }, "(no section)", "7"},
-        {"changed in place, to the same length",
-         [&] {
-             ::usleep(20'000); // time stamps have to be able to show it
-             Write("[a]\nk=5\n[b]\nk=6\n[\"c\\n\"]\nk=3\n[a]\nk=4\n");
-         },
-         "5", "6"},
-        {"a section removed", [&] { VLIBCFileRemoveSection(Path(), "a"); }, "(no section)", "2"},
-        {"deleted", [&] { ::unlink(Path()); }, "(failed)", "(failed)"},
-        {"replaced by a link",
-         [&] {
-             etc.Write("next", kThree);
-             ::unlink(Path());
-             EXPECT_EQ(::symlink("next", Path()), 0);
-         },
-         "(failed)", "(failed)"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.szWhat);
-        etc.Make();
-        Write(kThree);
-        Names();
-        InAnotherProcess(row.change);
-        EXPECT_EQ(Get("a"), row.szA);
-        EXPECT_EQ(Get("b"), row.szB);
-        if (std::string_view(row.szA) == "(failed)") ExpectSlot(0x0900, kThisFile);
-    }
-}
-
-TEST_F(Listing, AForkedChildSeesTheFileAsItIs)
-{
-    Write(kThree);
-    Names();
-    InAnotherProcess([&] {
-        EXPECT_EQ(Get("a"), "1");
-        Replace("[b]\nk=7\n");
-        EXPECT_EQ(Get("b"), "7");
-    });
-    EXPECT_EQ(Get("b"), "7");
-    EXPECT_EQ(Get("a"), "(no section)");
 }
 
 TEST_F(SectionFile, TheStreamWriterWritesInOrderAndTellsAFullDisk)
@@ -622,7 +683,7 @@ TEST_F(SectionFile, TheStreamWriterWritesInOrderAndTellsAFullDisk)
 }
 
 // A block of bytes at a time must find what one byte after the other would.
-TEST(Scan, FindsTheWordsAndLineEndsThatAreThere)
+TEST(Scan, FindsTheWordsThatAreThere)
 {
     std::mt19937 random(20);
     const auto below = [&](unsigned limit) { return static_cast<std::size_t>(random() % limit); };
@@ -635,13 +696,6 @@ TEST(Scan, FindsTheWordsAndLineEndsThatAreThere)
         std::string word = round % 3 == 0 ? "11-1" : "1-";
         if (round % 5 == 0 && cb > 0) word = text.substr(below(static_cast<unsigned>(cb)), 9);
         EXPECT_EQ(zevo::FindWord(text, word), text.find(word)) << text << " has " << word;
-
-        zevo::LineEnds ends(text);
-        for (std::size_t at = 0; at <= cb;) {
-            const std::size_t end = ends.Next();
-            ASSERT_EQ(end, std::min(text.find('\n', at), cb)) << text;
-            at = end + 1;
-        }
     }
 }
 

@@ -2,17 +2,16 @@
 // other processes write at the same time and strangers have put something in its way.
 #include "library_box.hpp"
 
-#include <chrono>
 #include <cstring>
 #include <functional>
-#include <thread>
+#include <utility>
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include "zevocore_file.hpp"
 
 using standins::Before;
 using standins::Call;
@@ -23,24 +22,37 @@ using standins::TakeLog;
 using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::Ge;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Le;
-using testing::SizeIs;
+using testing::Lt;
+using testing::Not;
+using testing::StartsWith;
 
 namespace {
 
 std::atomic<int> maskChanges{0};
 
+// What writers sleep while they wait for their turn.
+int64_t waitedUs = 0;
+std::function<void()> duringWait; // called once, at the next such sleep
+
 } // namespace
 
-// The creation mask belongs to the host: how often is it touched?
 #pragma GCC visibility push(default)
+// The creation mask belongs to the host: is it touched?
 extern "C" mode_t umask(mode_t mask) noexcept
 {
     static const auto real = reinterpret_cast<decltype(&::umask)>(::dlsym(RTLD_NEXT, "umask"));
     ++maskChanges;
     return real(mask);
+}
+
+extern "C" int clock_nanosleep(clockid_t, int, const struct timespec *pTime, struct timespec *)
+{
+    waitedUs += pTime->tv_nsec / 1000;
+    if (const auto action = std::exchange(duringWait, nullptr)) action();
+    return 0;
 }
 #pragma GCC visibility pop
 
@@ -151,13 +163,13 @@ TEST_F(StatusSave, TheFirstOneMakesEverythingForEverybodyAndLaterOnesLeaveTheMas
 {
     box.Wipe();
     ::umask(077);
+    const int before = maskChanges;
     EXPECT_EQ(Save(), 0);
     EXPECT_EQ(ModeOf("/tmp/bandwidth"), 0777U);
     EXPECT_EQ(ModeOf(box.Path("user-2001")), 0666U);
     EXPECT_EQ(ModeOf(box.Path("group-3001")), 0666U);
     EXPECT_EQ(box.Read("user-2001"), "\n" + transfer.Text());
 
-    const int before = maskChanges;
     status.current_speed = transfer.speed = 9;
     EXPECT_EQ(Save(), 0);
     EXPECT_EQ(box.Read("user-2001"), "\n" + transfer.Text());
@@ -234,6 +246,7 @@ TEST_F(StatusSave, AFailureSaysWhereItFailed)
               "bandwidth_status_save.cpp:# Init hash from status failed. [0x0200 platform:1]");
     platform::FailHashSet("");
 
+    FailNth(Call::Open, 1, EACCES);
     FailNext(Call::Stat, EACCES);
     expectFailure("stat [/tmp/bandwidth/] failed. Permission denied",
                   "0x2700 bandwidth_status_save.cpp:#");
@@ -246,7 +259,6 @@ TEST_F(StatusSave, AFailureSaysWhereItFailed)
     FailNext(Call::Mkdir, EROFS);
     const std::string noDirectory = "0x0900 directory.cpp:#";
     expectFailure("ZEVOFSMkdirP failed. [/tmp/bandwidth/] [" + noDirectory + "]", noDirectory);
-    EXPECT_EQ(::umask(022), 022U) << "back again";
 }
 
 TEST_F(StatusSave, WhatIsNoDirectoryIsNeverWrittenThrough)
@@ -262,29 +274,25 @@ TEST_F(StatusSave, WhatIsNoDirectoryIsNeverWrittenThrough)
             Box("/tmp").Write("bandwidth", "");
         EXPECT_EQ(Save(), -1);
         EXPECT_EQ(FirstLine(), "bandwidth_status_save.cpp:# ZEVOFSMkdirP failed. "
-                               "[/tmp/bandwidth/] [0x0900 directory.cpp:#]");
+                               "[/tmp/bandwidth/] [0x0900 bandwidth_status_save.cpp:#]");
         EXPECT_EQ(elsewhere.FileCount(), 0);
         EXPECT_EQ(::unlink("/tmp/bandwidth"), 0);
     }
     elsewhere.Wipe();
 }
 
-// As a signal handler may fork, or a thread whose other handlers hold what the maker needs.
-TEST_F(StatusSave, AForkInTheMiddleOfMakingAFileGoesOnWithTheHostsMask)
+TEST_F(StatusSave, AFileThatAnotherProcessMakesMeanwhileIsUsed)
 {
-    ::umask(027);
-    int childStatus = -1;
-    Before(Call::Open, 2, [&] { // the directory is opened first
-        EXPECT_EQ(::umask(0), 0U) << "the file is being made";
-        childStatus = Child([] {
-                          EXPECT_EQ(::umask(0), 027U);
-                          return 0;
-                      }).Wait();
+    box.Wipe();
+    Before(Call::Chmod, 1, [&] { // of the directory that is being made
+        box.Make();
+        ASSERT_EQ(::chmod(box.c_str(), 0777), 0);
+        Before(Call::Chmod, 1, [&] { box.Write("user-2001", "[5-2]\nb=2\n"); });
     });
     EXPECT_EQ(ZEVOBandwidthStatusSave(kAlice, nullptr, &status), 0);
-    EXPECT_EQ(childStatus, 0);
-    EXPECT_EQ(::umask(022), 027U);
-    EXPECT_EQ(ModeOf(box.Path("user-2001")), 0666U);
+    EXPECT_THAT(box.Read("user-2001"), HasSubstr("[5-2]\nb=2\n[4711-1]\n"));
+    EXPECT_EQ(box.FileCount(), 1);
+    EXPECT_THAT(Box("/tmp").Files(), Not(Contains(StartsWith("bandwidth."))));
 }
 
 // ---- rewriting ----
@@ -309,16 +317,13 @@ protected:
     const char *Path() { return box.Path("user-2001"); }
     void Write(const std::string &text) { box.Write("user-2001", text); }
     std::string Read() { return box.Read("user-2001"); }
-    // As another process does that is about to put a file with that text in the present one's place.
-    std::string BeginReplacing(const std::string &text)
+    // As another writer does; -1 when the lock is held.
+    int TakeTurn()
     {
-        const zevo::Place place(Path());
-        struct stat status = {};
-        EXPECT_EQ(::stat(Path(), &status), 0);
-        const zevo::TempName name(place, status);
-        (void)::remove(box.Path(name.get()));
-        box.Write(name.get(), text);
-        return name.get();
+        const int fd = ::open(Path(), O_RDONLY | O_CLOEXEC);
+        if (::flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;
+        ::close(fd);
+        return -1;
     }
 
     const Hash hash{{"pid", "4711"}, {"active", "0"}};
@@ -442,8 +447,7 @@ TEST_F(StatusRewrite, AfterFiveDefeatsTheLaterRenameWins)
     EXPECT_EQ(box.FileCount(), 1);
 }
 
-// A rewrite's temporary name belongs to the file that it replaces: nobody else gets it meanwhile.
-TEST_F(StatusRewrite, WhoIsAboutToReplaceTheFileIsWaitedForButNotForever)
+TEST_F(StatusRewrite, AWriterThatHasTheTurnIsWaitedForButNotForever)
 {
     const std::string foreign = "[9-2]\nc=3\n";
     const struct {
@@ -456,51 +460,40 @@ TEST_F(StatusRewrite, WhoIsAboutToReplaceTheFileIsWaitedForButNotForever)
     for (const auto &row : kRows) {
         SCOPED_TRACE(row.before);
         Write(row.before);
-        const std::string alive = BeginReplacing(row.before + foreign);
-        Before(Call::Sleep, 2, [&] { EXPECT_EQ(std::rename(box.Path(alive), Path()), 0); });
+        int turn = TakeTurn();
+        waitedUs = 0;
+        duringWait = [&] {
+            box.Write("new", row.before + foreign);
+            EXPECT_EQ(std::rename(box.Path("new"), Path()), 0);
+            ::close(turn);
+        };
         EXPECT_EQ(row.Change(), 1);
         EXPECT_THAT(Read(), AllOf(HasSubstr(foreign), HasSubstr("pid=4711\n")));
-        EXPECT_THAT(standins::Sleeps(), SizeIs(2));
+        EXPECT_GT(waitedUs, 0);
         EXPECT_EQ(box.FileCount(), 1);
-        standins::Reset();
 
         Write(row.before);
-        const std::string stuck = BeginReplacing("");
+        turn = TakeTurn(); // by a process that hangs
+        waitedUs = 0;
         EXPECT_EQ(row.Change(), 1);
         EXPECT_THAT(Read(), HasSubstr("pid=4711\n"));
-        EXPECT_THAT(standins::Sleeps(), SizeIs(Le(19U))) << "some milliseconds in all";
-        EXPECT_THAT(box.Files(), Contains(stuck)) << "somebody else clears it away";
-        EXPECT_EQ(::remove(box.Path(stuck)), 0);
-        standins::Reset();
-
-        Write(row.before);
-        const std::string dead = BeginReplacing("");
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        EXPECT_EQ(row.Change(), 1);
-        EXPECT_THAT(standins::Sleeps(), IsEmpty()) << "the dead are known by their age";
-        EXPECT_EQ(::remove(box.Path(dead)), 0);
+        EXPECT_THAT(waitedUs, AllOf(Ge(20'000), Lt(27'000)));
+        ::close(turn);
+        EXPECT_THAT(standins::Sleeps(), IsEmpty()) << "the throttle loop's sleep is another one";
     }
 }
 
-TEST_F(StatusRewrite, OnlyItsMakerTakesATemporaryNameAway)
+// A child that is forked while the lock is held has a copy of the descriptor.
+TEST_F(StatusRewrite, TheTurnEndsWithTheRewriteAlsoBesideAForkedChild)
 {
     Write(kTwo);
-    const std::string foreign = BeginReplacing("half");
-    FailNth(Call::Open, 3, EMFILE);
-    EXPECT_EQ(Set(), -1);
-    ExpectSlot(0x0900, kRewrite);
-    EXPECT_EQ(box.Read(foreign), "half");
-    EXPECT_EQ(::remove(box.Path(foreign)), 0);
-    standins::Reset();
-
-    // Who hangs for so long that his file is taken for a leftover must not take the next one's.
-    Before(Call::Fsync, 1, [&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2'100));
-        EXPECT_EQ(BeginReplacing("half"), foreign);
-    });
+    std::unique_ptr<Child> child;
+    Before(Call::Read, 1, [&] { child = std::make_unique<Child>([] { return ::pause(); }); });
     EXPECT_EQ(Set(), 1);
-    EXPECT_THAT(Read(), AllOf(HasSubstr("pid=4711\n"), HasSubstr("[5-2]\n")));
-    EXPECT_EQ(box.Read(foreign), "half");
+    EXPECT_EQ(Add("6-1"), 1);
+    const int turn = TakeTurn();
+    EXPECT_GE(turn, 0) << "the child holds no lock";
+    ::close(turn);
 }
 
 TEST_F(StatusRewrite, WhatComesAtAnyMomentBeforeTheLastLookCounts)

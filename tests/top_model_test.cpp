@@ -8,7 +8,7 @@
 
 #include <zevobandwidth.h>
 
-#include "top_model.hpp"
+#include "top/model.hpp"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <string_view>
 
 #include "command.hpp"
-#include "names.hpp"
+#include "model/names.hpp"
+#include "model/transfer_list.hpp"
 #include "output.hpp"
-#include "transfer_list.hpp"
 
 namespace tool {
 

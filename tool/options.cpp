@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "command.hpp"
-#include "notify.hpp"
+#include "model/notify.hpp"
 #include "output.hpp"
 
 namespace tool {

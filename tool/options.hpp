@@ -10,8 +10,8 @@
 
 #include <zevobandwidth.h>
 
-#include "store.hpp"
-#include "transfer_list.hpp"
+#include "model/store.hpp"
+#include "model/transfer_list.hpp"
 
 namespace tool {
 

@@ -15,7 +15,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "zevocore_frame.hpp"
+#include "base/descriptor.hpp"
+#include "platform/internal/frame.hpp"
 
 // Sanitizers keep books on each thread's stack, and do not know these.
 #define ON_FOREIGN_STACK __attribute__((no_sanitize("address", "thread", "undefined")))
@@ -115,6 +116,6 @@ int VLIBCExec(const char *szProgram, const char *szArg1, const char *szArg2, con
     const zevo::CancelScope cancel;
     const char *const argv[] = {szProgram, szArg1, szArg2, szArg3, szArg4, nullptr};
     zevo::Run run = {.argv = argv, .hostMask = {}, .programStack = nullptr};
-    if (zevo::RunAndWait(run) < 0) return ZEVO_FAIL(zevo::kFileOpen);
+    if (zevo::RunAndWait(run) < 0) return ZEVO_FAIL(zevo::kCannotOpen);
     return WIFSIGNALED(run.status) ? 128 + WTERMSIG(run.status) : WEXITSTATUS(run.status);
 }

@@ -1,8 +1,10 @@
 // Small operations on one file: is it there, make it, and the process id that one holds.
 #include <climits>
 
+#include "base/regular_file.hpp"
+#include "base/write_file.hpp"
+#include "platform/internal/frame.hpp"
 #include "section_listing.hpp"
-#include "zevocore_frame.hpp"
 
 namespace zevo {
 namespace {
@@ -46,7 +48,7 @@ int VLIBCFileExist(const char *szPath) noexcept
     // The most frequent question of all, hence one call: a parent directory that is a link is
     // refused by whoever opens the file next. Where it has no answer the file counts as there:
     // whoever opens it next finds out, while one that is not there has nothing to say to anybody.
-    Listing::EndMoment();
+    Listing::End();
     struct stat found = {};
     return szPath != nullptr && (::lstat(szPath, &found) == 0 || !IsAbsence(errno)) ? 1 : 0;
 }
@@ -56,9 +58,9 @@ int VLIBCFileTouch(const char *szPath) noexcept
     if (szPath == nullptr) return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
     const Place place(szPath);
-    if (!place) return ZEVO_FAIL(kFileOpen);
+    if (const Fault fault = place.fault()) return ZEVO_FAIL(fault);
     if (OpenAt(place.dir(), place.name(), O_WRONLY | O_CREAT | O_EXCL, 0666)) return 0;
-    return errno == EEXIST ? 0 : ZEVO_FAIL(kFileOpen);
+    return errno == EEXIST ? 0 : ZEVO_FAIL(kCannotOpen);
 }
 
 pid_t VLIBCReadPidFile(const char *szPath) noexcept
@@ -66,9 +68,9 @@ pid_t VLIBCReadPidFile(const char *szPath) noexcept
     if (szPath == nullptr) return 0;
     const CancelScope cancel;
     const Place place(szPath);
-    if (!place) return 0;
+    if (place.fault()) return 0;
     const RegularFile file(place, O_RDONLY);
-    if (!file) return 0;
+    if (file.fault()) return 0;
     char text[kPidFileBytes];
     size_t size = 0;
     for (ssize_t cb = 1; cb != 0; size += static_cast<size_t>(cb)) { // half an id is another one

@@ -4,8 +4,9 @@
 #include <new>
 #include <vector>
 
+#include "platform/internal/frame.hpp"
+#include "platform/internal/user_database.hpp"
 #include "sz_list.hpp"
-#include "zevocore_nss.hpp"
 
 namespace zevo {
 namespace {
@@ -87,12 +88,12 @@ try {
     }
     const zevo::CancelScope cancel;
     const auto user = zevo::UserByName(szUserName);
-    if (!user) {
-        ZEVO_FAIL(user.code());
+    if (const zevo::Fault fault = user.fault()) {
+        ZEVO_FAIL(fault);
         return nullptr;
     }
     return zevo::ListOf(zevo::GroupsOf(szUserName, user->pw_gid));
 } catch (const std::bad_alloc &) {
-    ZEVO_FAIL(zevo::kFileNoMemory);
+    ZEVO_FAIL(zevo::kNoMemory);
     return nullptr;
 }

@@ -2,51 +2,50 @@
 // opens it sees the old text or the new one. Enumerating a file and then reading its sections takes
 // one pass, see section_listing.cpp.
 //
-// Two kinds of writers. Settings (set, add) must not lose each other's changes: they hold a write
-// lock on the file itself from before it is read until its successor has taken its place. The lock
+// Two kinds of writers. Settings (set, add) must not lose each other's changes: a writer holds a
+// write lock on the file from before it reads it until the new file has taken its place. The lock
 // belongs to the open file (OFD), so it excludes threads of one process too, and goes when its
-// holder dies. Since every writer leaves another file under the name, a lock counts only if the
-// name still leads to the locked file once it is granted. Removing a section also serves files that
-// are rewritten many times a second without any lock: it takes part in their way, too, see
-// RewriteFile().
+// holder dies. Every writer leaves another file under the name: a lock counts only if the name still
+// leads to the locked file once it is granted. Removing a section also serves files that are
+// rewritten many times a second: there it takes its turn like their writers, see
+// base/replace_file.hpp.
+#include "base/replace_file.hpp"
+#include "platform/internal/frame.hpp"
 #include "section_listing.hpp"
 #include "section_text.hpp"
 #include "sz_list.hpp"
-#include "zevocore_frame.hpp"
 
 namespace zevo {
 namespace {
 
-// The file, open for reading and write-locked. false: code() says why.
+// The file, open for reading and write-locked.
 class LockedFile {
 public:
     explicit LockedFile(const Place &place) noexcept : file_(place, O_RDWR)
     {
-        while (file_ && Lock(F_OFD_SETLKW, F_WRLCK)) {
-            if (NamesSameFile(place, file_.stat(), current_)) return;
+        while (!file_.fault() && Lock(F_OFD_SETLKW, F_WRLCK)) {
+            isLocked_ = place.LeadsTo(file_.stat());
+            if (isLocked_) return;
             Unlock();
             file_ = RegularFile(place, O_RDWR); // its successor, which another writer has made
         }
-        code_ = file_ ? unsigned{kFileOpen} : file_.code();
     }
     ~LockedFile() { Unlock(); }
     LockedFile(const LockedFile &) = delete;
     LockedFile &operator=(const LockedFile &) = delete;
 
-    explicit operator bool() const noexcept { return code_ == 0; }
-    unsigned code() const noexcept { return code_; }
-    const struct stat &stat() const noexcept { return current_; }
-    unsigned ReadWhole(Bytes &bytes) const noexcept
+    Fault fault() const noexcept
     {
-        return file_.ReadWhole(bytes, current_.st_size);
+        return file_.fault() || isLocked_ ? file_.fault() : kCannotOpen;
     }
+    const RegularFile &get() const noexcept { return file_; }
 
 private:
-    // Not left to close: a child forked meanwhile would keep the lock until it runs its program.
+    // Not left to close(): a child that is forked meanwhile holds the lock, too.
     void Unlock() const noexcept
     {
         const KeepErrno keep;
-        if (file_) Lock(F_OFD_SETLK, F_UNLCK);
+        if (!file_.fault()) Lock(F_OFD_SETLK, F_UNLCK);
     }
 
     bool Lock(int command, short type) const noexcept
@@ -58,123 +57,151 @@ private:
     }
 
     RegularFile file_;
-    struct stat current_ = {}; // as of the time the lock was granted
-    unsigned code_ = 0;
+    bool isLocked_ = false;
 };
 
-// The old file's text on its way to the new one. The results: 1 changed, 0 section not there, -1 no
-// memory.
-template <class Text> class Composer {
+// The way of a file's lines to the new text. What lies outside of the section goes over unread, from
+// header to header, for a file of thousands of rules is written once for each.
+class SectionLines {
 public:
-    Composer(std::string_view oldText, const char *szSection, Text &out) noexcept
-        : reader_(oldText), szSection_(szSection), out_(out)
+    SectionLines(std::string_view oldText, const char *szSection) noexcept
+        : reader_(oldText), szSection_(szSection)
     {
     }
 
-    // The new pairs take the place of the old ones, below the comments at the section's head.
-    int Set(const VLIB_SZ_HASH &hash) noexcept
+    // The next header or line of the section; appends what lies before it to the new text.
+    bool Next(Line &line, Pieces &newText) noexcept
     {
-        const VLIB_SZ_HASH *pAwaited = nullptr;
-        for (Line line; Next(line);) {
-            const bool isFirst = Enter(line) && !found_;
-            if (pAwaited != nullptr && line.kind != LineKind::kComment) {
-                if (!WritePairs(out_, *pAwaited)) return -1;
-                pAwaited = nullptr;
-            }
-            const bool isOld = line.kind == LineKind::kHeader || line.kind == LineKind::kPair;
-            if ((!inside_ || !isOld || isFirst) && !out_.Append(line.whole)) return -1;
-            if (!isFirst) continue;
-            found_ = true;
-            pAwaited = &hash;
+        if (isInside_) {
+            if (!reader_.Next(line)) return false;
+        } else {
+            std::string_view before;
+            const bool isThere = reader_.NextHeader(line, before);
+            fault_ = newText.Append(before);
+            if (!isThere || fault_) return false;
         }
-        if (pAwaited != nullptr && !(EndLine(out_) && WritePairs(out_, *pAwaited))) return -1;
-        return Result();
+        isHeader_ = line.kind == LineKind::kHeader;
+        if (isHeader_) isInside_ = IsWord(line.name, szSection_);
+        return true;
     }
+    bool isInside() const noexcept { return isInside_; } // as of the line that was given last
+    bool isOurHeader() const noexcept { return isHeader_ && isInside_; }
+    Fault fault() const noexcept { return fault_; }
 
-    // Of a removed section its comments stay: somebody wrote them by hand.
-    int Remove() noexcept
-    {
-        for (Line line; Next(line);) {
-            found_ |= Enter(line);
-            if (inside_ && line.kind != LineKind::kComment) continue;
-            if (!out_.Append(line.whole)) return -1;
+private:
+    Reader reader_;
+    const char *szSection_;
+    bool isInside_ = false;
+    bool isHeader_ = false;
+    Fault fault_;
+};
+
+// Puts the new pairs in the place of the old ones, below the comments at the section's head. No
+// change: there is no such section.
+Change SetPairs(std::string_view oldText, const char *szSection, std::string_view pairs,
+                Pieces &newText) noexcept
+{
+    SectionLines lines(oldText, szSection);
+    bool isFound = false;
+    bool isAwaited = false; // the pairs, once the comments at the head are over
+    for (Line line; lines.Next(line, newText);) {
+        const bool isFirst = lines.isOurHeader() && !isFound;
+        if (isAwaited && line.kind != LineKind::kComment) {
+            isAwaited = false;
+            if (const Fault fault = newText.Append(pairs)) return {fault};
         }
-        return Result();
+        const bool isOld = line.kind == LineKind::kHeader || line.kind == LineKind::kPair;
+        if (lines.isInside() && isOld && !isFirst) continue;
+        if (const Fault fault = newText.Append(line.whole)) return {fault};
+        isFound = isFound || isFirst;
+        isAwaited = isAwaited || isFirst;
+    }
+    if (lines.fault()) return {lines.fault()};
+    if (!isAwaited) return {kNoFault, isFound};
+    if (!oldText.ends_with('\n')) {
+        if (const Fault fault = newText.Append("\n")) return {fault};
+    }
+    return {newText.Append(pairs), true};
+}
+
+// Drops a section. Its comments stay: somebody wrote them by hand.
+class SectionRemoval final : public Composer {
+public:
+    explicit SectionRemoval(const char *szSection) noexcept : szSection_(szSection) {}
+
+    Change Compose(std::string_view oldText, Pieces &newText) noexcept override
+    {
+        SectionLines lines(oldText, szSection_);
+        bool isFound = false;
+        for (Line line; lines.Next(line, newText);) {
+            isFound = isFound || lines.isOurHeader();
+            if (lines.isInside() && line.kind != LineKind::kComment) continue;
+            if (const Fault fault = newText.Append(line.whole)) return {fault};
+        }
+        return {lines.fault(), isFound};
     }
 
 private:
-    // The next line of the section or the next header; what lies before a header outside of the
-    // section goes over as it is, unread, for a file of thousands of rules is written once for each.
-    bool Next(Line &line) noexcept
-    {
-        if (inside_) return reader_.Next(line);
-        std::string_view before;
-        const bool isThere = reader_.NextHeader(line, before);
-        hasRoom_ = out_.Append(before);
-        return isThere && hasRoom_;
-    }
-
-    int Result() const noexcept { return !hasRoom_ ? -1 : found_ ? 1 : 0; }
-
-    // Notes whether the line lies inside the section; true for a header of it.
-    bool Enter(const Line &line) noexcept
-    {
-        if (line.kind != LineKind::kHeader) return false;
-        return inside_ = IsWord(line.name, szSection_);
-    }
-
-    Reader reader_;
-    const char *szSection_;
-    Text &out_;
-    bool inside_ = false;
-    bool found_ = false;
-    bool hasRoom_ = true; // false once memory has run out
+    const char *const szSection_;
 };
 
-// Adds a section below the text, after a blank line.
-bool AppendSection(Bytes &out, const char *szSection, const VLIB_SZ_HASH &hash) noexcept
-{
-    const bool isApart = out.size() == 0 || out.view().ends_with("\n\n");
-    return EndLine(out) && (isApart || out.Append("\n")) && WriteHeader(out, szSection) &&
-           WritePairs(out, hash);
-}
-
-// Puts a file with the new text in the old one's place; 0, or the error code.
-unsigned Replace(const Place &place, const struct stat &old, std::string_view text) noexcept
+// Puts a file with the new text in the old one's place.
+Fault Replace(const Place &place, const struct stat &old, Pieces &text) noexcept
 {
     TempFile temp(place);
-    if (!temp) return kFileOpen;
-    if (!temp.Write(text)) return kFileWrite;
-    temp.TryOwner(old.st_uid, old.st_gid);
-    if (!temp.SetMode(old.st_mode & kPermissionBits) || !temp.Sync()) return kFileWrite;
-    if (!temp.RenameOver()) return kFileRename;
-    // The new file stands, so there is no failure to tell any more.
-    if (const Fd dir = OpenAt(place.dir(), ".", O_RDONLY | O_DIRECTORY))
-        (void)RetryInterrupted([&] { return ::fsync(dir.get()); });
-    return 0;
+    if (const Fault fault = temp.fault()) return fault;
+    if (const Fault fault = temp.Write(text)) return fault;
+    temp.TrySetOwner(old.st_uid, old.st_gid);
+    if (const Fault fault = temp.SetMode(old.st_mode & kPermissionBits)) return fault;
+    if (const Fault fault = temp.Sync()) return fault;
+    if (const Fault fault = temp.Replace()) return fault;
+    // The new file stands, so there is no failure to report any more.
+    if (const Fd dir = OpenAt(place.dir(), ".", O_RDONLY | O_DIRECTORY)) (void)Sync(dir.get());
+    return kNoFault;
 }
 
 enum class IfAbsent { kLeave, kAdd };
 
-// 1 written, 0 not there and left; -1 failed, with the code.
-RewriteResult WriteSection(const char *szPath, const char *szSection, const VLIB_SZ_HASH &hash,
-                           IfAbsent ifAbsent) noexcept
+// No change: the section is not there and left so.
+Change WriteSection(const char *szPath, const char *szSection, const VLIB_SZ_HASH &hash,
+                    IfAbsent ifAbsent) noexcept
 {
     const CancelScope cancel;
-    Listing::Suspend();
+    Listing::End();
     const Place place(szPath);
-    if (!place) return {-1, kFileOpen};
+    if (place.fault()) return {place.fault()};
     const LockedFile file(place);
-    if (!file) return {-1, file.code()};
+    if (file.fault()) return {file.fault()};
     Bytes oldText;
-    if (const unsigned code = file.ReadWhole(oldText); code != 0) return {-1, code};
-    Bytes newText;
-    const int found = Composer(oldText.view(), szSection, newText).Set(hash);
-    if (found == 0 && ifAbsent == IfAbsent::kLeave) return {0, 0};
-    if (found < 0 || (found == 0 && !AppendSection(newText, szSection, hash)))
-        return {-1, kFileNoMemory};
-    const unsigned code = Replace(place, file.stat(), newText.view());
-    return {code == 0 ? 1 : -1, code};
+    Bytes pairs;
+    if (const Fault fault = file.get().ReadWhole(oldText)) return {fault};
+    if (!WritePairs(pairs, hash)) return {kNoMemory};
+    Pieces newText;
+    const Change set = SetPairs(oldText.view(), szSection, pairs.view(), newText);
+    if (set.fault || (!set.isMade && ifAbsent == IfAbsent::kLeave)) return set;
+    Bytes added; // a section below the text, after a blank line
+    if (!set.isMade) {
+        const std::string_view text = oldText.view();
+        if (!text.empty() && !text.ends_with('\n') && added.Append("\n")) return {kNoMemory};
+        if (!text.empty() && !text.ends_with("\n\n") && added.Append("\n")) return {kNoMemory};
+        if (!WriteHeader(added, szSection) || added.Append(pairs.view())) return {kNoMemory};
+        if (newText.Append(added.view())) return {kNoMemory};
+    }
+    const Fault fault = Replace(place, file.get().stat(), newText);
+    return {fault, !fault};
+}
+
+// The lines of the first section of that name.
+std::optional<std::string_view> LinesOf(std::string_view text, std::string_view section) noexcept
+{
+    Reader reader(text);
+    std::string_view lines;
+    for (Line header; reader.NextHeader(header, lines);) {
+        if (!IsWord(header.name, section)) continue;
+        (void)reader.NextHeader(header, lines);
+        return lines;
+    }
+    return std::nullopt;
 }
 
 // Whoever walks over a file asks about each of its lines: most need no second look, and so not the
@@ -204,10 +231,14 @@ int VLIBCFileGetSection(const char *szPath, const char *szSection, VLIB_SZ_HASH 
 {
     if (szPath == nullptr || szSection == nullptr || ppHash == nullptr || *ppHash == nullptr)
         return ZEVO_FAIL(kBadArgument);
-    const SectionRead section(szPath, szSection);
-    if (section.code() != 0) return ZEVO_FAIL(section.code());
-    if (!section.lines()) return 0;
-    return TakePairs(*section.lines(), **ppHash) ? 1 : ZEVO_FAIL(kFileNoMemory);
+    FileText file; // stays empty when the listing has the lines
+    std::optional<std::string_view> lines = Listing::Take(szPath, szSection);
+    if (!lines) {
+        if (const Fault fault = file.Read(szPath)) return ZEVO_FAIL(fault);
+        lines = LinesOf(file.text.view(), szSection);
+    }
+    if (!lines) return 0;
+    return TakePairs(*lines, **ppHash) ? 1 : ZEVO_FAIL(kNoMemory);
 }
 
 int VLIBCFileSetSection(const char *szPath, const char *szSection, const char *,
@@ -215,8 +246,8 @@ int VLIBCFileSetSection(const char *szPath, const char *szSection, const char *,
 {
     if (szPath == nullptr || szSection == nullptr || pHash == nullptr)
         return ZEVO_FAIL(kBadArgument);
-    const RewriteResult done = WriteSection(szPath, szSection, *pHash, IfAbsent::kLeave);
-    return done.result < 0 ? ZEVO_FAIL(done.code) : done.result;
+    const Change change = WriteSection(szPath, szSection, *pHash, IfAbsent::kLeave);
+    return change.fault ? ZEVO_FAIL(change.fault) : change.isMade ? 1 : 0;
 }
 
 int VLIBCFileAddSection(const char *szPath, const char *szSection, const VLIB_SZ_HASH *pHash,
@@ -224,25 +255,23 @@ int VLIBCFileAddSection(const char *szPath, const char *szSection, const VLIB_SZ
 {
     if (szPath == nullptr || szSection == nullptr || pHash == nullptr)
         return ZEVO_FAIL(kBadArgument);
-    const RewriteResult done = WriteSection(szPath, szSection, *pHash, IfAbsent::kAdd);
-    return done.result < 0 ? ZEVO_FAIL(done.code) : 0;
+    const Change change = WriteSection(szPath, szSection, *pHash, IfAbsent::kAdd);
+    return change.fault ? ZEVO_FAIL(change.fault) : 0;
 }
 
 int VLIBCFileRemoveSection(const char *szPath, const char *szSection) noexcept
 {
     if (szPath == nullptr || szSection == nullptr) return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
-    Listing::Suspend();
+    Listing::End();
     const Place place(szPath);
-    if (!place) return ZEVO_FAIL(kFileOpen);
+    if (const Fault fault = place.fault()) return ZEVO_FAIL(fault);
     const LockedFile file(place);
-    if (!file) return ZEVO_FAIL(file.code());
-    Patience patience;
-    const auto compose = [&](std::string_view oldText, Pieces &newText, const struct stat &) {
-        return Composer(oldText, szSection, newText).Remove();
-    };
-    const RewriteResult done = RewriteFile(szPath, compose, patience);
-    return done.result < 0 ? ZEVO_FAIL(done.code) : done.result;
+    if (const Fault fault = file.fault()) return ZEVO_FAIL(fault);
+    SectionRemoval removal(szSection);
+    TurnWait wait;
+    const Change change = ReplaceFile(szPath, removal, wait);
+    return change.fault ? ZEVO_FAIL(change.fault) : change.isMade ? 1 : 0;
 }
 
 int VLIBCFileEnumSection(const char *szPath, VLIB_SZ_LIST **ppList) noexcept
@@ -251,13 +280,13 @@ int VLIBCFileEnumSection(const char *szPath, VLIB_SZ_LIST **ppList) noexcept
         return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
     Listing::End();
-    Snapshot snapshot;
-    if (const unsigned code = snapshot.Read(szPath); code != 0) return ZEVO_FAIL(code);
+    FileText file;
+    if (const Fault fault = file.Read(szPath)) return ZEVO_FAIL(fault);
     VLIB_SZ_LIST &list = **ppList;
     const int32_t nBefore = list.nItem;
     SectionIndex index;
-    if (!index.Build(snapshot.text()) || !index.AppendNames(list)) return ZEVO_FAIL(kFileNoMemory);
-    Listing::Begin(szPath, std::move(snapshot), std::move(index), list);
+    if (!index.Build(file.text.view()) || !index.AppendNames(list)) return ZEVO_FAIL(kNoMemory);
+    Listing::Begin(szPath, std::move(file), std::move(index), list);
     return list.nItem - nBefore;
 }
 
@@ -267,9 +296,9 @@ int VLIBCFileHash2File(FILE *pFile, const char *szSection, const VLIB_SZ_HASH *p
         return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
     Bytes text;
-    if (!WriteHeader(text, szSection) || !WritePairs(text, *pHash)) return ZEVO_FAIL(kFileNoMemory);
+    if (!WriteHeader(text, szSection) || !WritePairs(text, *pHash)) return ZEVO_FAIL(kNoMemory);
     const size_t cbWritten = std::fwrite(text.view().data(), 1, text.size(), pFile);
-    return cbWritten == text.size() ? 0 : ZEVO_FAIL(kFileWrite);
+    return cbWritten == text.size() ? 0 : ZEVO_FAIL(kCannotWrite);
 }
 
 int VLIBCIFileIsSection(const char *szLine, int cbLine) noexcept

@@ -5,8 +5,6 @@
 // terminal or an editor would mangle.
 #include "section_text.hpp"
 
-#include "zevocore_scan.hpp"
-
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -235,46 +233,46 @@ bool WriteEscape(Bytes &out, char byte) noexcept
 {
     switch (byte) {
     case '\n':
-        return out.Append("\\n");
+        return !out.Append("\\n");
     case '\r':
-        return out.Append("\\r");
+        return !out.Append("\\r");
     case '\t':
-        return out.Append("\\t");
+        return !out.Append("\\t");
     case '"':
-        return out.Append("\\\"");
+        return !out.Append("\\\"");
     case '\\':
-        return out.Append("\\\\");
+        return !out.Append("\\\\");
     default:
         break;
     }
     constexpr char kDigits[] = "0123456789ABCDEF";
     const unsigned value = static_cast<unsigned char>(byte);
     const char escape[] = {'\\', 'x', kDigits[value >> 4], kDigits[value & 15]};
-    return out.Append({escape, sizeof(escape)});
+    return !out.Append({escape, sizeof(escape)});
 }
 
 bool WriteQuoted(Bytes &out, std::string_view text) noexcept
 {
-    if (!out.Append("\"")) return false;
+    if (out.Append("\"")) return false;
     while (!text.empty()) {
         const char first = text.front();
         const size_t cb = first == '"' || first == '\\' ? 0 : ReadableLength(text);
-        const bool written = cb == 0 ? WriteEscape(out, first) : out.Append(text.substr(0, cb));
+        const bool written = cb == 0 ? WriteEscape(out, first) : !out.Append(text.substr(0, cb));
         if (!written) return false;
         text.remove_prefix(cb == 0 ? 1 : cb);
     }
-    return out.Append("\"");
+    return !out.Append("\"");
 }
 
 bool WriteWord(Bytes &out, std::string_view text, bool isPlain) noexcept
 {
-    return isPlain ? out.Append(text) : WriteQuoted(out, text);
+    return isPlain ? !out.Append(text) : WriteQuoted(out, text);
 }
 
 bool WritePair(Bytes &out, std::string_view key, std::string_view value) noexcept
 {
     const size_t cbSimple = key.size() + value.size() + 2;
-    if (!out.Reserve(cbSimple)) return false;
+    if (out.Reserve(cbSimple)) return false;
     char *const pKey = out.end();
     char *const pValue = pKey + key.size() + 1;
     if (HasPlainEnds(key, kNotFirstOfKey) && CopySimple(key, '=', pKey) &&
@@ -286,8 +284,8 @@ bool WritePair(Bytes &out, std::string_view key, std::string_view value) noexcep
         return true;
     }
     const bool plainValue = value.empty() || IsPlain(value, '\0', kNotFirstOfValue);
-    return WriteWord(out, key, IsPlain(key, '=', kNotFirstOfKey)) && out.Append("=") &&
-           WriteWord(out, value, plainValue) && out.Append("\n");
+    return WriteWord(out, key, IsPlain(key, '=', kNotFirstOfKey)) && !out.Append("=") &&
+           WriteWord(out, value, plainValue) && !out.Append("\n");
 }
 
 // Whether a byte at the end of a word is one that neither is trimmed nor begins a quoted text.
@@ -392,8 +390,8 @@ bool IsWord(const Word &word, std::string_view text) noexcept
 
 bool AppendMeaning(Bytes &out, const Word &word) noexcept
 {
-    if (!word.hasEscapes) return out.Append(word.raw);
-    if (!out.Reserve(word.raw.size())) return false;
+    if (!word.hasEscapes) return !out.Append(word.raw);
+    if (out.Reserve(word.raw.size())) return false;
     out.Grow(Decode(word.raw, out.end()));
     return true;
 }
@@ -471,10 +469,9 @@ bool TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept
     const bool isFirst = hash.pairs().empty();
     bool isAlike = isPlain && isFirst;
     const Shape::Key *pNext = hash.shape().begin();
-    LineEnds ends(lines);
     for (size_t at = 0; at < lines.size();) {
         char *const pLine = pLines + at;
-        const size_t cbLine = ends.Next() - at;
+        const size_t cbLine = std::min(lines.find('\n', at), lines.size()) - at;
         at += cbLine + 1;
         if (cbLine == 0) continue;
         isAlike = isAlike && pNext != hash.shape().end() && pNext->Begins(pLine, cbLine) &&
@@ -500,13 +497,13 @@ bool TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept
 
 bool EndLine(Bytes &out) noexcept
 {
-    return out.size() == 0 || out.view().back() == '\n' || out.Append("\n");
+    return out.size() == 0 || out.view().back() == '\n' || !out.Append("\n");
 }
 
 bool WriteHeader(Bytes &out, std::string_view name) noexcept
 {
     constexpr size_t kBrackets = 3; // and the end of the line
-    if (!out.Reserve(name.size() + kBrackets)) return false;
+    if (out.Reserve(name.size() + kBrackets)) return false;
     char *const pName = out.end() + 1;
     if (HasPlainEnds(name, kNotFirstOfValue) && CopySimple(name, ']', pName)) {
         pName[-1] = '[';
@@ -515,8 +512,8 @@ bool WriteHeader(Bytes &out, std::string_view name) noexcept
         out.Grow(name.size() + kBrackets);
         return true;
     }
-    return out.Append("[") && WriteWord(out, name, IsPlain(name, ']', kNotFirstOfValue)) &&
-           out.Append("]\n");
+    return !out.Append("[") && WriteWord(out, name, IsPlain(name, ']', kNotFirstOfValue)) &&
+           !out.Append("]\n");
 }
 
 bool WritePairs(Bytes &out, const VLIB_SZ_HASH &hash) noexcept

@@ -5,8 +5,8 @@
 
 #include <string_view>
 
+#include "base/bytes.hpp"
 #include "sz_hash.hpp"
-#include "zevocore_file.hpp"
 
 namespace zevo {
 

@@ -13,7 +13,8 @@
 
 #include <sys/random.h>
 
-#include "zevocore_frame.hpp"
+#include "base/host.hpp"
+#include "platform/internal/frame.hpp"
 
 namespace zevo {
 namespace {
@@ -272,7 +273,7 @@ VLIB_SZ_HASH *VLIBCSzHashAlloc(int size) noexcept
 try {
     return new VLIB_SZ_HASH(static_cast<size_t>(std::max(size, 0)));
 } catch (const std::bad_alloc &) {
-    ZEVO_FAIL(zevo::kFileNoMemory);
+    ZEVO_FAIL(zevo::kNoMemory);
     return nullptr;
 }
 
@@ -286,7 +287,7 @@ int VLIBCSzHashSetValue(VLIB_SZ_HASH **ppHash, const char *szKey, const char *sz
 {
     if (ppHash == nullptr || *ppHash == nullptr || szKey == nullptr || szValue == nullptr)
         return ZEVO_FAIL(zevo::kBadArgument);
-    return (*ppHash)->Set(szKey, szValue) ? 0 : ZEVO_FAIL(zevo::kFileNoMemory);
+    return (*ppHash)->Set(szKey, szValue) ? 0 : ZEVO_FAIL(zevo::kNoMemory);
 }
 
 const char *VLIBCSzHashGetValue(const VLIB_SZ_HASH *pHash, const char *szKey) noexcept

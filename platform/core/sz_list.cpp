@@ -3,19 +3,16 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <functional>
 #include <limits>
 
-#include "section_listing.hpp"
-#include "zevocore_frame.hpp"
+#include "base/host.hpp"
+#include "platform/internal/frame.hpp"
 
 namespace {
 
-// What stands behind the header: many items' texts may lie in one block.
+// The public header and what stands behind it.
 struct WholeList : VLIB_SZ_LIST {
-    char *pTexts;
-    size_t cbTexts;
+    zevo::FreeHook onFree;
 };
 
 WholeList &WholeOf(VLIB_SZ_LIST &list) noexcept
@@ -23,7 +20,7 @@ WholeList &WholeOf(VLIB_SZ_LIST &list) noexcept
     return static_cast<WholeList &>(list); // every list comes from VLIBCSzListAlloc()
 }
 
-constexpr int32_t kMostItems = std::numeric_limits<int32_t>::max();
+constexpr int32_t kMaxItems = std::numeric_limits<int32_t>::max();
 
 bool Widen(VLIB_SZ_LIST &list, int32_t nCapacity) noexcept
 {
@@ -42,9 +39,9 @@ namespace zevo {
 
 bool ListAppend(VLIB_SZ_LIST &list, std::string_view text) noexcept
 {
-    if (list.nItem == kMostItems) return false;
+    if (list.nItem == kMaxItems) return false;
     if (list.nItem == list.nCapacity) {
-        const int32_t nCapacity = list.nCapacity > kMostItems / 2 ? kMostItems : list.nCapacity * 2;
+        const int32_t nCapacity = list.nCapacity > kMaxItems / 2 ? kMaxItems : list.nCapacity * 2;
         if (!Widen(list, std::max(nCapacity, 16))) return false;
     }
     char *const szItem = static_cast<char *>(std::malloc(text.size() + 1));
@@ -55,37 +52,15 @@ bool ListAppend(VLIB_SZ_LIST &list, std::string_view text) noexcept
     return true;
 }
 
-bool ListAppendAll(VLIB_SZ_LIST &list, std::string_view texts, size_t nTexts) noexcept
-{
-    WholeList &whole = WholeOf(list);
-    if (whole.pTexts != nullptr || nTexts > static_cast<size_t>(kMostItems - list.nItem))
-        return false;
-    if (nTexts == 0) return true;
-    char *const pTexts = static_cast<char *>(std::malloc(texts.size()));
-    if (pTexts == nullptr || !Widen(list, list.nItem + static_cast<int32_t>(nTexts))) {
-        std::free(pTexts);
-        return false;
-    }
-    texts.copy(pTexts, texts.size());
-    whole.pTexts = pTexts;
-    whole.cbTexts = texts.size();
-    for (char *szText = pTexts; nTexts > 0; --nTexts) {
-        list.ppszItem[list.nItem++] = szText;
-        szText += std::strlen(szText) + 1;
-    }
-    return true;
-}
-
 void ListCut(VLIB_SZ_LIST &list, int32_t nItem) noexcept
 {
-    const WholeList &whole = WholeOf(list);
-    const std::less<> isBelow;
-    while (list.nItem > nItem) {
-        char *const szItem = list.ppszItem[--list.nItem];
-        const bool isInBlock = whole.pTexts != nullptr && !isBelow(szItem, whole.pTexts) &&
-                               isBelow(szItem, whole.pTexts + whole.cbTexts);
-        if (!isInBlock) std::free(szItem);
-    }
+    while (list.nItem > nItem)
+        std::free(list.ppszItem[--list.nItem]);
+}
+
+void ListOnFree(VLIB_SZ_LIST &list, FreeHook onFree) noexcept
+{
+    WholeOf(list).onFree = onFree;
 }
 
 } // namespace zevo
@@ -95,7 +70,7 @@ VLIB_SZ_LIST *VLIBCSzListAlloc(int capacity) noexcept
     auto *const pList = static_cast<WholeList *>(std::calloc(1, sizeof(WholeList)));
     if (pList != nullptr && Widen(*pList, capacity)) return pList;
     std::free(pList);
-    ZEVO_FAIL(zevo::kFileNoMemory);
+    ZEVO_FAIL(zevo::kNoMemory);
     return nullptr;
 }
 
@@ -109,9 +84,8 @@ void VLIBCSzListFree(VLIB_SZ_LIST *pList) noexcept
 {
     if (pList == nullptr) return;
     const zevo::KeepErrno keep;
-    zevo::Listing::GiveBack(pList);
+    if (const zevo::FreeHook onFree = WholeOf(*pList).onFree) onFree(pList);
     zevo::ListCut(*pList, 0);
-    std::free(static_cast<WholeList *>(pList)->pTexts);
     std::free(pList->ppszItem);
     std::free(pList);
 }

@@ -11,12 +11,12 @@ namespace zevo {
 // Appends a copy of the text; false, with the list as it was, without memory.
 bool ListAppend(VLIB_SZ_LIST &list, std::string_view text) noexcept;
 
-// Appends copies of texts that stand one behind the other, each with its NUL; false, with the list as
-// it was, without memory.
-bool ListAppendAll(VLIB_SZ_LIST &list, std::string_view texts, size_t nTexts) noexcept;
-
 // Drops the items from nItem on.
 void ListCut(VLIB_SZ_LIST &list, int32_t nItem) noexcept;
+
+// Has onFree called with the list, once, when it is freed.
+using FreeHook = void (*)(const VLIB_SZ_LIST *pList) noexcept;
+void ListOnFree(VLIB_SZ_LIST &list, FreeHook onFree) noexcept;
 
 } // namespace zevo
 

@@ -2,8 +2,10 @@
 // so that nobody can exchange a part of it that has been passed. Links among the parents are the
 // administrator's and followed; at the last component a link is no directory.
 #include <climits>
+#include <cstring>
 
-#include "zevocore_frame.hpp"
+#include "base/descriptor.hpp"
+#include "platform/internal/frame.hpp"
 #include "zevosdk.h"
 
 using namespace zevo;
@@ -97,5 +99,5 @@ int ZEVOFSMkdirP(const char *szPath, int, int, uid_t owner, gid_t group, int mod
     if (szPath == nullptr || *szPath == '\0') return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
     const mode_t wanted = mode == -1 ? kUsualMode : static_cast<mode_t>(mode);
-    return MakeAll(szPath, owner, group, wanted) ? 0 : ZEVO_FAIL(kFileOpen);
+    return MakeAll(szPath, owner, group, wanted) ? 0 : ZEVO_FAIL(kCannotOpen);
 }

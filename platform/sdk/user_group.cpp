@@ -2,7 +2,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "zevocore_nss.hpp"
+#include "platform/internal/frame.hpp"
+#include "platform/internal/user_database.hpp"
 #include "zevosdk.h"
 
 using namespace zevo;
@@ -21,16 +22,15 @@ template <class Record> Record *NewRecord(const char *szName) noexcept
     return pRecord;
 }
 
-// 0 with the record, or the error code.
-unsigned GiveUser(const NssEntry<passwd> &entry, ZEVO_USER **ppUser) noexcept
+Fault GiveUser(const NssEntry<passwd> &entry, ZEVO_USER **ppUser) noexcept
 {
-    if (!entry) return entry.code();
+    if (entry.fault()) return entry.fault();
     auto *const pUser = NewRecord<ZEVO_USER>(entry->pw_name);
-    if (pUser == nullptr) return kFileNoMemory;
+    if (pUser == nullptr) return kNoMemory;
     pUser->uid = entry->pw_uid;
     pUser->gid = entry->pw_gid;
     *ppUser = pUser;
-    return 0;
+    return kNoFault;
 }
 
 } // namespace
@@ -39,16 +39,16 @@ int ZEVOUserGet(const char *szName, ZEVO_USER **ppUser) noexcept
 {
     if (szName == nullptr || ppUser == nullptr) return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
-    const unsigned code = GiveUser(UserByName(szName), ppUser);
-    return code == 0 ? 0 : ZEVO_FAIL(code);
+    const Fault fault = GiveUser(UserByName(szName), ppUser);
+    return fault ? ZEVO_FAIL(fault) : 0;
 }
 
 int ZEVOUserGetByUID(uid_t uid, ZEVO_USER **ppUser) noexcept
 {
     if (ppUser == nullptr) return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
-    const unsigned code = GiveUser(UserById(uid), ppUser);
-    return code == 0 ? 0 : ZEVO_FAIL(code);
+    const Fault fault = GiveUser(UserById(uid), ppUser);
+    return fault ? ZEVO_FAIL(fault) : 0;
 }
 
 int ZEVOUserGetUGID(const char *szName, uid_t *pUid, gid_t *pGid) noexcept
@@ -56,7 +56,7 @@ int ZEVOUserGetUGID(const char *szName, uid_t *pUid, gid_t *pGid) noexcept
     if (szName == nullptr || pUid == nullptr) return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
     const auto entry = UserByName(szName);
-    if (!entry) return ZEVO_FAIL(entry.code());
+    if (const Fault fault = entry.fault()) return ZEVO_FAIL(fault);
     *pUid = entry->pw_uid;
     if (pGid != nullptr) *pGid = entry->pw_gid;
     return 0;
@@ -72,9 +72,9 @@ int ZEVOGroupGetByGID(gid_t gid, ZEVO_GROUP **ppGroup) noexcept
     if (ppGroup == nullptr) return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
     const auto entry = GroupById(gid);
-    if (!entry) return ZEVO_FAIL(entry.code());
+    if (const Fault fault = entry.fault()) return ZEVO_FAIL(fault);
     auto *const pGroup = NewRecord<ZEVO_GROUP>(entry->gr_name);
-    if (pGroup == nullptr) return ZEVO_FAIL(kFileNoMemory);
+    if (pGroup == nullptr) return ZEVO_FAIL(kNoMemory);
     pGroup->gid = entry->gr_gid;
     *ppGroup = pGroup;
     return 0;

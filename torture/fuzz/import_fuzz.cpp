@@ -2,7 +2,7 @@
 // text reads as the same one.
 #include "fuzz.hpp"
 
-#include "config_json.hpp"
+#include "model/config_json.hpp"
 
 using namespace fuzz;
 using namespace tool;

@@ -124,13 +124,15 @@ ZEVOCORE_API int VLIBCFileAddSection(const char *szPath, const char *szSection,
 ZEVOCORE_API int VLIBCFileRemoveSection(const char *szPath,
                                         const char *szSection) ZEVOCORE_NOEXCEPT;
 
-/** Appends the names of a file's sections to *ppList in file order, each once. While the list lives,
- *  for a tenth of a second at most, sections read in that order are those of the file at this moment,
- *  unless the thread has read another one, written, or asked whether a file exists in between. Any
- *  other read of them opens the file again only after it has changed; until the last of them has been
- *  read, the list is freed half-way, or the thread does something else to section files, one
- *  descriptor stays open.
- *  Returns their number, or -1 on failure. */
+/**
+ * Appends the names of a file's sections to *ppList in file order, each once.
+ * Until the list is freed, VLIBCFileGetSection() answers the thread that called this from memory, if
+ * it asks for the same path and for these sections in the order of the list: they count as they were
+ * when the names were listed. A change of the file before the first of these reads is seen. Any other
+ * read, any write to a section file, another enumeration and VLIBCFileExist() end this: later reads
+ * open the file. No descriptor is kept.
+ * Returns their number, or -1 on failure.
+ */
 ZEVOCORE_API int VLIBCFileEnumSection(const char *szPath, VLIB_SZ_LIST **ppList) ZEVOCORE_NOEXCEPT;
 
 /** Writes a section's header and one line per pair at the stream's position. flags is 0.

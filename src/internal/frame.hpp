@@ -1,0 +1,120 @@
+// How a function of this library fails. The only place that knows what a failure looks like: log
+// lines go to the system log at error level and begin with file and line, error codes go to the
+// platform's error slot, once, where the fault was found.
+#ifndef INTERNAL_FRAME_HPP
+#define INTERNAL_FRAME_HPP
+
+#include "base/fault.hpp"
+#include "zevobandwidth.h"
+#include "zevocore.h"
+
+#include <syslog.h>
+
+namespace bandwidth {
+
+// The place that a log line names and the error slot keeps.
+struct Site {
+    const char *szFile; // no directory, static storage
+    int line;
+};
+
+inline void Record(unsigned code, Site site) noexcept
+{
+    ::VLIBCErrSetEx(code, site.szFile, site.line);
+}
+
+inline int Fail(unsigned code, Site site) noexcept
+{
+    Record(code, site);
+    return -1;
+}
+
+inline int FailWith(zevo::Fault fault, Site site) noexcept
+{
+    if (fault.code != zevo::kRecorded.code) Record(fault.code, site);
+    return -1;
+}
+
+// While it lives the calling thread walks over a file that strangers may write: a million sections
+// must neither fill the system log nor cost a million searches of the add-on directory. After 64
+// lines it is said once that the rest is left out, and after 64 searches no other add-on is found.
+// Of scopes within each other the outer one counts.
+class StrangersFileScope {
+public:
+    explicit StrangersFileScope(const char *szFile) noexcept : szFile_(szFile)
+    {
+        if (pCurrent == nullptr) pCurrent = this;
+    }
+    ~StrangersFileScope()
+    {
+        if (pCurrent == this) pCurrent = nullptr;
+    }
+    StrangersFileScope(const StrangersFileScope &) = delete;
+    StrangersFileScope &operator=(const StrangersFileScope &) = delete;
+
+    static bool MayLog(Site site) noexcept
+    {
+        if (pCurrent == nullptr || pCurrent->linesLeft_-- > 0) return true;
+        if (pCurrent->linesLeft_ == -1)
+            ::syslog(LOG_ERR, "%s:%d Too much to log about [%s], the rest is left out", site.szFile,
+                     site.line, pCurrent->szFile_);
+        return false;
+    }
+    static bool MaySearch() noexcept
+    {
+        return pCurrent == nullptr || pCurrent->searchesLeft_-- > 0;
+    }
+
+private:
+    static inline thread_local StrangersFileScope *pCurrent = nullptr; // of the calling thread
+
+    const char *const szFile_;
+    int64_t linesLeft_ = 64; // negative once they are used up
+    int64_t searchesLeft_ = 64;
+};
+
+} // namespace bandwidth
+
+// Macros, because file and line must be the caller's, and formats literals that the compiler
+// checks.
+#define BW_HERE (::bandwidth::Site{__FILE_NAME__, __LINE__})
+
+#define BW_LOG_AT(site, fmt, ...)                                                                  \
+    (::bandwidth::StrangersFileScope::MayLog(site)                                                 \
+         ? ::syslog(LOG_ERR, "%s:%d " fmt, (site).szFile, (site).line __VA_OPT__(, ) __VA_ARGS__)  \
+         : void())
+#define BW_LOG(fmt, ...) BW_LOG_AT(BW_HERE, fmt __VA_OPT__(, ) __VA_ARGS__)
+
+// The line that passes on what the error slot holds.
+#define BW_LOG_SLOT_AT(site, fmt, ...)                                                             \
+    BW_LOG_AT(site, fmt "[0x%04X %s:%d]" __VA_OPT__(, ) __VA_ARGS__, ::VLIBCErrGet(),              \
+              ::VLIBCErrorGetFile(), ::VLIBCErrorGetLine())
+#define BW_LOG_SLOT(fmt, ...) BW_LOG_SLOT_AT(BW_HERE, fmt __VA_OPT__(, ) __VA_ARGS__)
+
+// We found the fault.
+#define BW_FAIL(code) ::bandwidth::Fail((code), BW_HERE)
+// The same for a fault of base/, unless it is in the slot already.
+#define BW_FAIL_WITH(fault) ::bandwidth::FailWith((fault), BW_HERE)
+// The same, where the promised order is to record first and to speak afterwards.
+#define BW_FAIL_AND_LOG(code, fmt, ...)                                                            \
+    (::bandwidth::Record((code), BW_HERE), BW_LOG(fmt __VA_OPT__(, ) __VA_ARGS__), -1)
+// Nothing fails, but the slot should tell.
+#define BW_RECORD(code) ::bandwidth::Record((code), BW_HERE)
+
+// A callee found it.
+#define BW_PASS_AT(site, fmt, ...) (BW_LOG_SLOT_AT(site, fmt __VA_OPT__(, ) __VA_ARGS__), -1)
+#define BW_PASS(fmt, ...) BW_PASS_AT(BW_HERE, fmt __VA_OPT__(, ) __VA_ARGS__)
+// A callee found it, and what was to be said has been said, or nothing is to be.
+#define BW_PASS_UNLOGGED (-1)
+
+// An argument is wrong. The text is interface and therefore not made from the condition.
+#define BW_REQUIRE_AT(site, cond, text)                                                            \
+    do {                                                                                           \
+        if (!(cond)) {                                                                             \
+            BW_LOG_AT(site, "Invaild Argument (%s)=[%d]\n", (text), 0);                            \
+            return ::bandwidth::Fail(ZEVO_BW_ERROR_BAD_ARGUMENT, (site));                          \
+        }                                                                                          \
+    } while (0)
+#define BW_REQUIRE(cond, text) BW_REQUIRE_AT(BW_HERE, cond, text)
+
+#endif // INTERNAL_FRAME_HPP

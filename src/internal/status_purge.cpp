@@ -1,0 +1,101 @@
+// The rewrite that drops stale sections. Since the listing a transfer may have saved its section again,
+// so what is stale is decided once, about the very text that is being rewritten. Only the platform
+// reads sections, and only files: the text is written to a temporary file beside the status file, with
+// numbers for names, so that a name that stands twice is two sections. A file that changes faster than
+// that is left to the next listing.
+
+#include "internal/status_purge.hpp"
+
+#include "internal/frame.hpp"
+#include "internal/status_text.hpp"
+#include "internal/status_walk.hpp"
+
+#include <cstring>
+
+namespace bandwidth {
+
+namespace {
+
+// The text with the sections named 0, 1, 2 ...; returns their number in nSections.
+zevo::Fault NumberSections(std::string_view text, zevo::Bytes &out, int32_t &nSections) noexcept
+{
+    const Hash noPairs;
+    if (!noPairs) return zevo::kNoMemory;
+    nSections = 0;
+    Lines lines(text);
+    for (std::string_view line; lines.Next(line);) {
+        SectionText header;
+        if (IsHeader(line)) {
+            char szNumber[16];
+            (void)std::snprintf(szNumber, sizeof(szNumber), "%d", nSections++);
+            if (const zevo::Fault fault = header.Compose(szNumber, noPairs.get())) return fault;
+            line = header.view();
+        }
+        if (const zevo::Fault fault = out.Append(line)) return fault;
+    }
+    return zevo::kNoFault;
+}
+
+} // namespace
+
+zevo::Fault Purge::DecideByCopy(const char *szCopy) noexcept
+{
+    const Hash hash;
+    isStale_ = AllocateArray<bool>(static_cast<size_t>(nSections_));
+    VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
+    if (!hash || !isStale_ || pNames == nullptr) return zevo::kNoMemory;
+    const int nRead = ::VLIBCFileEnumSection(szCopy, &pNames);
+    const List names(pNames);
+    if (nRead < 0) return zevo::kRecorded;
+    if (nRead != nSections_) return zevo::kCannotRead; // somebody has put another file in its place
+    for (int32_t i = 0; i < nSections_; ++i) {
+        VLIB_SZ_HASH *pHash = hash.get();
+        (void)::VLIBCHashRemoveAll(pHash);
+        if (::VLIBCFileGetSection(szCopy, ::VLIBCSzListGet(names.get(), i), &pHash) < 0)
+            return zevo::kRecorded;
+        ZEVO_BANDWIDTH_STATUS status = {};
+        isStale_[static_cast<size_t>(i)] =
+            StatusFromHash(&status, pHash) == 0 && IsStale(status, now_);
+    }
+    return zevo::kNoFault;
+}
+
+zevo::Fault Purge::Decide(std::string_view oldText) noexcept
+{
+    zevo::Bytes numbered;
+    if (const zevo::Fault fault = NumberSections(oldText, numbered, nSections_)) return fault;
+    const zevo::Place place(szFile_);
+    zevo::TempFile copy(place);
+    if (const zevo::Fault fault = copy.fault()) return fault;
+    if (const zevo::Fault fault = copy.Write(numbered.view())) return fault;
+    char szCopy[zevo::kPathBytes];
+    const int cbDirectory = static_cast<int>(place.name() - szFile_);
+    (void)std::snprintf(szCopy, sizeof(szCopy), "%.*s%s", cbDirectory, szFile_, copy.name());
+    return DecideByCopy(szCopy);
+}
+
+// As with any removal the comments of a dropped section stay.
+zevo::Change Purge::Compose(std::string_view oldText, zevo::Pieces &newText) noexcept
+{
+    if (const zevo::Fault fault = Decide(oldText)) return {fault};
+    bool isChanged = false;
+    bool isDropping = false;
+    size_t nSeen = 0;
+    Lines lines(oldText);
+    for (std::string_view line; lines.Next(line);) {
+        if (IsHeader(line)) isDropping = isStale_[nSeen++];
+        isChanged = isChanged || isDropping;
+        if (isDropping && !IsComment(line)) continue;
+        if (const zevo::Fault fault = newText.Append(line)) return {fault};
+    }
+    return {zevo::kNoFault, isChanged};
+}
+
+int Purge::Run() noexcept
+{
+    zevo::TurnWait wait;
+    const zevo::Change change = zevo::ReplaceFile(szFile_, *this, wait, zevo::IfBeaten::kGiveUp);
+    return change.fault ? BW_FAIL_WITH(change.fault) : 0;
+}
+
+} // namespace bandwidth

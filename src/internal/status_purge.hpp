@@ -1,0 +1,39 @@
+// Clearing a status file of the sections that dead transfers have left behind, all in one rewrite.
+#ifndef INTERNAL_STATUS_PURGE_HPP
+#define INTERNAL_STATUS_PURGE_HPP
+
+#include "internal/guard.hpp"
+
+#include "base/replace_file.hpp"
+
+namespace bandwidth {
+
+inline bool IsStale(const ZEVO_BANDWIDTH_STATUS &status, int64_t now) noexcept
+{
+    return status.timestamp < now - ZEVO_BW_STALE_AFTER_SECONDS;
+}
+
+// Drops what is stale in the file as it stands when it is rewritten.
+class Purge final : public zevo::Composer {
+public:
+    // now: the moment of the listing, seconds since the epoch.
+    Purge(const char *szFile, int64_t now) noexcept : szFile_(szFile), now_(now) {}
+
+    // 0, also when others rewrite the file so often that the next listing must do it; -1 when the
+    // file cannot be rewritten, the code recorded.
+    int Run() noexcept;
+
+private:
+    zevo::Change Compose(std::string_view oldText, zevo::Pieces &newText) noexcept override;
+    zevo::Fault Decide(std::string_view oldText) noexcept;
+    zevo::Fault DecideByCopy(const char *szCopy) noexcept;
+
+    const char *szFile_;
+    const int64_t now_;
+    int32_t nSections_ = 0; // header lines, a name that stands twice counted twice
+    Array<bool> isStale_;   // of each section, in file order
+};
+
+} // namespace bandwidth
+
+#endif // INTERNAL_STATUS_PURGE_HPP

@@ -1,0 +1,44 @@
+// What is wrong with the text of a rule file, the global file or a status file. Judges a text that
+// was read whole and holds no more of it than a line, however large it is.
+#ifndef ZEVOBW_TOOL_CHECK_LINES_HPP
+#define ZEVOBW_TOOL_CHECK_LINES_HPP
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include <zevocore.h>
+
+namespace tool {
+
+// A name of a state or a policy in a section's pairs that nobody knows, and that a reader takes for
+// the default: "\"state\" is no name known here: \"on\""; empty when there is none.
+std::string UnknownNameInRule(const VLIB_SZ_HASH &section);
+std::string UnknownNameInPolicy(const VLIB_SZ_HASH &section);
+
+// Seconds after its last save at which a transfer is taken for dead.
+inline constexpr std::time_t kStaleAfterSeconds = 30;
+
+// line: counted from 1.
+using TellFault = std::function<void(int line, const std::string &what, const std::string &remedy)>;
+
+// The rules of a protocol; returns whether there is any.
+bool CheckRules(std::string_view text, std::int32_t protocol,
+                const std::set<std::string> &protocols, const TellFault &tell);
+
+// protocols: the names of those that can have a policy.
+void CheckPolicies(std::string_view text, const std::set<std::string> &protocols,
+                   const TellFault &tell);
+
+// Sections that are stale at the moment are no faults: they are handed to stale.
+void CheckTransfers(std::string_view text, const std::set<std::string> &protocols, std::time_t now,
+                    const TellFault &tell,
+                    const std::function<void(int line, const std::string &section)> &stale);
+
+} // namespace tool
+
+#endif // ZEVOBW_TOOL_CHECK_LINES_HPP

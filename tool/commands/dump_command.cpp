@@ -1,0 +1,272 @@
+// "dump": the library's own fixed tables, for programs that read them, byte for byte. As JSON the
+// same records are told as the other commands tell them.
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <new>
+#include <vector>
+
+#include "command.hpp"
+#include "model/policy_text.hpp"
+#include "model/rule_text.hpp"
+#include "model/transfer_list.hpp"
+#include "options.hpp"
+#include "output.hpp"
+
+namespace tool {
+
+namespace {
+
+struct DumpArguments {
+    OwnerOption owner;
+    std::string protocol;
+};
+
+using Printer = std::function<int(FILE *)>;
+
+// What the library writes to a stream; empty when it refuses the record.
+std::string Catch(const Printer &print)
+{
+    char *text = nullptr;
+    std::size_t size = 0;
+    FILE *const stream = ::open_memstream(&text, &size);
+    if (stream == nullptr) throw std::bad_alloc();
+    const bool isPrinted = print(stream) == 0;
+    const bool isWhole = std::fclose(stream) == 0;
+    const std::unique_ptr<char, decltype(&std::free)> guard(text, &std::free);
+    if (!isWhole) throw std::bad_alloc();
+    return isPrinted ? std::string(text, size) : std::string();
+}
+
+// One call, one line; the library ends it itself.
+bool Emit(const Printer &print)
+{
+    std::string line = Catch(print);
+    if (line.empty()) return false;
+    line.pop_back();
+    PrintExactLine(line);
+    return true;
+}
+
+void EmitHeader(int (*print)(FILE *))
+{
+    if (!OutputStyle().noLegend) static_cast<void>(Emit(print)); // refuses no stream but none
+}
+
+// The library has no line for an owner that the user database does not know.
+class Omissions {
+public:
+    explicit Omissions(int unread, ExitStatus status = kFailed) : count_(unread), status_(status) {}
+    void Add(const std::string &what)
+    {
+        PrintNote("zevobandwidth: no line for " + what +
+                  ": the user database does not know the owner");
+        ++count_;
+    }
+    void Check() const
+    {
+        if (count_ != 0) throw Failure(status_, "the table is incomplete");
+    }
+
+private:
+    int count_;
+    ExitStatus status_;
+};
+
+// ---- rules ----
+
+std::vector<StoredRule> ChosenRules(const DumpArguments &arguments, int &failures)
+{
+    std::vector<StoredRule> rules = ReadRules(ProtocolsToList(arguments.protocol), failures);
+    if (!arguments.owner.IsGiven()) return rules;
+    const Owner wanted = arguments.owner.Find();
+    std::erase_if(rules, [&wanted](const StoredRule &stored) {
+        return stored.owner.type != wanted.type || stored.owner.account.id != wanted.account.id;
+    });
+    return rules;
+}
+
+// Fills in the rates in force, which the table shows.
+void Evaluate(std::vector<StoredRule> &rules)
+{
+    for (StoredRule &stored : rules) {
+        ZEVO_BANDWIDTH_LIMIT limit = {};
+        limit.conf = stored.rule;
+        ZEVO_BANDWIDTH_CONFIG config = {};
+        config.pLimit = &limit;
+        config.iLimit = 1;
+        static_cast<void>(ZEVOBandwidthInitConfig(&config, 0)); // says whether it is on a schedule
+        stored.rule = limit.conf;
+    }
+}
+
+// With the rates in force, which only the evaluated rule knows.
+Json EvaluatedToJson(const StoredRule &stored)
+{
+    const auto &[owner, rule] = stored;
+    Json json = ToJson(owner, rule);
+    json["in_force"] = rule.currentState == ZEVO_BW_STATE_ENABLED;
+    json["current_upload_kib_per_s"] = LimitJson(rule.currentUploadRate);
+    json["current_download_kib_per_s"] = LimitJson(rule.currentDownloadRate);
+    return json;
+}
+
+void PrintRuleTable(const std::vector<StoredRule> &rules, Omissions &omissions)
+{
+    EmitHeader(ZEVOBandwidthConfDumpHeader);
+    for (const auto &[owner, rule] : rules) {
+        const auto print = [&rule = rule](FILE *fp) { return ZEVOBandwidthConfDump(fp, &rule); };
+        if (!Emit(print))
+            omissions.Add("the rule of " + OwnerText(owner) + " for " +
+                          ProtocolName(rule.protocolType));
+    }
+}
+
+void DumpRules(const DumpArguments &arguments)
+{
+    int failures = 0;
+    std::vector<StoredRule> rules = ChosenRules(arguments, failures);
+    Evaluate(rules);
+    Omissions omissions(failures);
+    if (OutputStyle().json)
+        PrintJson(JsonArray(rules, EvaluatedToJson));
+    else
+        PrintRuleTable(rules, omissions);
+    omissions.Check();
+}
+
+// ---- policies ----
+
+void DumpPolicies(const DumpArguments &arguments)
+{
+    std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies;
+    for (const std::int32_t protocol : ProtocolsToList(arguments.protocol))
+        policies.push_back(ReadPolicy(protocol));
+    if (OutputStyle().json)
+        return PrintJson(JsonArray(policies, [](const auto &policy) { return ToJson(policy); }));
+    EmitHeader(ZEVOBandwidthGlobalConfDumpHeader);
+    for (const ZEVO_BANDWIDTH_GLOBAL_CONF &policy : policies) {
+        const auto print = [&policy](FILE *fp) { return ZEVOBandwidthGlobalConfDump(fp, &policy); };
+        if (!Emit(print))
+            throw Failure(kFailed,
+                          "the policy of " + ProtocolName(policy.protocolType) + " has no line");
+    }
+}
+
+// ---- transfers ----
+
+// The record again, as far as its line shows it.
+std::unique_ptr<ZEVO_BANDWIDTH_STATUS> ToRecord(const RunningTransfer &transfer)
+{
+    auto record = std::make_unique<ZEVO_BANDWIDTH_STATUS>();
+    record->pid = transfer.pid;
+    record->id = transfer.ownerId;
+    record->owner_type = static_cast<std::uint32_t>(transfer.ownerType);
+    record->timestamp = transfer.timestamp;
+    record->current_speed = transfer.speedBps;
+    record->expect_speed = transfer.allowedBps;
+    record->protocol_type = static_cast<std::uint32_t>(transfer.protocol);
+    record->transfer_type = static_cast<std::uint32_t>(transfer.direction);
+    record->progress = transfer.progress;
+    transfer.file.copy(record->filename, sizeof record->filename - 1);
+    return record;
+}
+
+TransferList ChosenTransfers(const DumpArguments &arguments)
+{
+    TransferFilter filter;
+    if (!arguments.protocol.empty()) filter.protocol = FindProtocol(arguments.protocol);
+    TransferList list(filter);
+    if (arguments.owner.IsGiven()) {
+        const Owner owner = arguments.owner.Find();
+        list.Read(owner.type, owner.account.id);
+    } else {
+        list.ReadAll(ZEVO_BW_OWNER_USER);
+    }
+    list.Sort();
+    return list;
+}
+
+void PrintTransferTable(const TransferList &list, Omissions &omissions)
+{
+    for (const RunningTransfer &transfer : list.all()) {
+        const auto record = ToRecord(transfer);
+        if (!Emit([&record](FILE *fp) { return ZEVOBandwidthStatusDump(fp, record.get()); }))
+            omissions.Add("a transfer of process " + std::to_string(transfer.pid));
+    }
+}
+
+void DumpTransfers(const DumpArguments &arguments)
+{
+    const TransferList list = ChosenTransfers(arguments);
+    for (const std::string &complaint : list.complaints())
+        PrintNote("zevobandwidth: " + complaint);
+    Omissions omissions(static_cast<int>(list.complaints().size()), list.status());
+    if (OutputStyle().json)
+        PrintJson(JsonArray(list.all(), [](const auto &transfer) { return ToJson(transfer); }));
+    else
+        PrintTransferTable(list, omissions);
+    omissions.Check();
+}
+
+// ---- the command ----
+
+struct Kind {
+    const char *name;
+    const char *about;
+    const char *columns;
+    bool hasOwner;
+    void (*dump)(const DumpArguments &);
+};
+
+constexpr std::array kKinds = {
+    Kind{"rules", "The rules, with the rates in force now",
+         "State, protocol, kind of owner, owner, upload and download rate in force in KB/s;\n"
+         "0 is unlimited, or a rule that is not in force.",
+         true, DumpRules},
+    Kind{"policies", "The policies of all protocols",
+         "State, protocol, how a user's and his groups' rules combine, how those of groups\n"
+         "combine, to whom transfers are charged, and the plan.",
+         false, DumpPolicies},
+    Kind{"transfers", "The limited transfers that run now",
+         "Owner, protocol, direction, process, last save in seconds since the epoch,\n"
+         "allowed and measured speed in KB/s, percent done, file; no headline. Without -u\n"
+         "and -g: those of all users. With -g: the part of each that the group bears.",
+         true, DumpTransfers},
+};
+
+void AddKind(CLI::App &parent, const Kind &kind)
+{
+    const auto arguments = std::make_shared<DumpArguments>();
+    CLI::App *command = parent.add_subcommand(kind.name, kind.about);
+    if (kind.hasOwner) AddOwnerOption(*command, arguments->owner);
+    AddProtocolOption(*command, arguments->protocol);
+    AddOutputOptions(*command);
+    command->footer(std::string(kind.columns) + "\n\nExample:\n  zevobandwidth dump " + kind.name +
+                    " -p ftp\n");
+    command->callback([arguments, &kind] {
+        if (kind.hasOwner && OutputStyle().numeric && !OutputStyle().json)
+            throw Failure(kWrongUsage, "the library's tables name the owners: -n goes with --json");
+        kind.dump(*arguments);
+    });
+}
+
+} // namespace
+
+void AddDumpCommand(CLI::App &app)
+{
+    CLI::App *command = app.add_subcommand("dump", "Print the library's fixed tables");
+    command->require_subcommand(1);
+    command->footer(
+        "Columns of fixed width, for programs that read them. A terminal gets control\n"
+        "characters escaped, anything else the table byte for byte. With --json: the\n"
+        "records as the commands rule, policy and transfers write them, rules with the\n"
+        "rates in force now; -n goes with it.\n\n"
+        "Example:\n  zevobandwidth dump rules\n");
+    for (const Kind &kind : kKinds)
+        AddKind(*command, kind);
+}
+
+} // namespace tool

@@ -1,0 +1,120 @@
+// "export": all rules and policies as one JSON text, which import takes: what it would refuse, and
+// what would become something else on the way, is told now, while it can still be mended.
+#include <memory>
+#include <set>
+
+#include <zevocore.h>
+
+#include "check/lines.hpp"
+#include "command.hpp"
+#include "model/config_json.hpp"
+#include "model/whole_file.hpp"
+#include "options.hpp"
+#include "output.hpp"
+
+namespace tool {
+
+namespace {
+
+using Faults = std::vector<std::string>;
+
+using Hash = std::unique_ptr<VLIB_SZ_HASH, decltype(&VLIBCSzHashFree)>;
+
+// The pairs of a section; none when it has gone meanwhile.
+Hash ReadPairs(const std::string &path, const std::string &section)
+{
+    VLIB_SZ_HASH *hash = VLIBCSzHashAlloc(0);
+    if (hash == nullptr) throw std::bad_alloc();
+    static_cast<void>(VLIBCFileGetSection(path.c_str(), section.c_str(), &hash));
+    return {hash, &VLIBCSzHashFree};
+}
+
+// The record of such a section holds a default, which the copy would turn into what was meant.
+void AddUnknownNames(const std::vector<std::int32_t> &protocols, Faults &faults)
+{
+    std::set<std::string> names;
+    const auto add = [&faults](const std::string &place, const std::string &fault) {
+        if (!fault.empty()) faults.push_back(place + ": " + fault);
+    };
+    for (const std::int32_t protocol : protocols) {
+        const std::string path = ConfPath(protocol);
+        names.insert(ProtocolName(protocol));
+        for (const std::string &section : SectionNames(path, "rules of " + ProtocolName(protocol)))
+            if (const auto owner = ParseOwner(section))
+                add(PlaceOfRule(*owner, protocol), UnknownNameInRule(*ReadPairs(path, section)));
+    }
+    const std::string path = ConfPath(ZEVO_BW_PROTOCOL_ALL);
+    for (const std::string &section : SectionNames(path, "policies"))
+        if (names.contains(section))
+            add(PlaceOfPolicy(FindProtocol(section)),
+                UnknownNameInPolicy(*ReadPairs(path, section)));
+}
+
+// JSON is UTF-8 and nothing else.
+void AddUnfitNames(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies,
+                   const std::vector<StoredRule> &rules, Faults &faults)
+{
+    const auto check = [&faults](std::int32_t protocol, const std::string &place) {
+        if (!IsUtf8(ProtocolName(protocol)))
+            faults.push_back(place +
+                             ": the name of the add-on is no UTF-8; rename its file, and with "
+                             "it this file or section");
+    };
+    for (const auto &policy : policies)
+        if (policy.state != ZEVO_BW_STATE_NOT_EXISTED)
+            check(policy.protocolType, PlaceOfPolicy(policy.protocolType));
+    for (const auto &[owner, rule] : rules) {
+        const std::string place = PlaceOfRule(owner, rule.protocolType);
+        check(rule.protocolType, place);
+        if (!IsUtf8(owner.account.name))
+            faults.push_back(place + ": the name of the owner is no UTF-8; export ids with "
+                                     "--numeric");
+    }
+}
+
+void Export(const std::string &file)
+{
+    const std::vector<std::int32_t> protocols = ProtocolsToList("");
+    int failures = 0;
+    const std::vector<StoredRule> rules = ReadRules(protocols, failures);
+    const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies = ReadPolicies();
+    Faults faults;
+    AddUnknownNames(protocols, faults);
+    AddUnfitNames(policies, rules, faults);
+    const ConfigText config = ConfigToText(policies, rules);
+    if (faults.empty())
+        for (const auto &[line, text] : ConfigFromText(config.text).faults)
+            faults.push_back(config.sources.at(line) + ": " + text);
+    PrintNotes("zevobandwidth: ", faults);
+    failures += static_cast<int>(faults.size());
+    // An incomplete copy would be found out when it is needed.
+    if (failures != 0)
+        throw Failure(kFailed, "nothing was exported: mend the " + std::to_string(failures) +
+                                   (failures == 1 ? " fault" : " faults") +
+                                   " first, in an editor or by setting the rule or policy anew");
+    if (file == "-") return PrintLine(config.text);
+    WriteWholeFile(file, config.text + "\n");
+}
+
+} // namespace
+
+void AddExportCommand(CLI::App &app)
+{
+    const auto file = std::make_shared<std::string>("-");
+    CLI::App *command = app.add_subcommand("export", "Write all rules and policies as JSON");
+    command->add_option("file", *file, "Where to; without it, or with -, to standard output")
+        ->type_name("FILE")
+        ->check(kNotEmpty);
+    AddOutputOptions(*command);
+    command->footer(
+        "One line for each policy and each rule: protocols in the order of 'policy list', users\n"
+        "before groups, each by name. Owners are written with name and id; with -n, and where the\n"
+        "user database does not know them, with the id alone. An existing file is replaced whole.\n"
+        "What import would refuse is told with its file and section, and nothing is written.\n"
+        "\nExamples:\n"
+        "  zevobandwidth export limits.json\n"
+        "  zevobandwidth export | ssh other zevobandwidth import\n");
+    command->callback([file] { Export(*file); });
+}
+
+} // namespace tool

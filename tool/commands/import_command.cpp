@@ -1,0 +1,340 @@
+// "import": takes the rules and policies of an exported file over. Everything is checked before
+// anything is written, and what has been written is put back when a later step fails.
+#include <signal.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <tuple>
+
+#include "base/descriptor.hpp"
+
+#include "command.hpp"
+#include "model/config_json.hpp"
+#include "model/file_backup.hpp"
+#include "model/policy_text.hpp"
+#include "model/rate.hpp"
+#include "model/rule_text.hpp"
+#include "options.hpp"
+#include "output.hpp"
+
+namespace tool {
+
+namespace {
+
+struct ImportArguments {
+    std::string file = "-";
+    ChangeOptions change;
+};
+
+// ---- reading and checking ----
+
+std::string ReadAll(const std::string &file)
+{
+    const bool isInput = file == "-";
+    const zevo::Fd opened(isInput ? -1 : ::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    const auto fail = [&](const std::string &why) {
+        throw Failure(kFailed, "cannot read " + (isInput ? "standard input" : file) + ": " + why);
+    };
+    if (!isInput && !opened) fail(std::strerror(errno));
+    const int fd = isInput ? STDIN_FILENO : opened.get();
+    std::string text;
+    std::string piece(std::size_t{1} << 16, '\0');
+    for (;;) {
+        const ssize_t count =
+            zevo::RetryInterrupted([&] { return ::read(fd, piece.data(), piece.size()); });
+        if (count < 0) fail(std::strerror(errno));
+        if (count == 0) return text;
+        text.append(piece, 0, static_cast<std::size_t>(count));
+        if (text.size() > zevo::kMaxFileBytes) fail("it is too large to be a configuration");
+    }
+}
+
+void PrintRemarks(const std::string &prefix, const std::vector<Remark> &remarks)
+{
+    std::vector<std::string> lines;
+    lines.reserve(remarks.size());
+    for (const Remark &remark : remarks)
+        lines.push_back("line " + std::to_string(remark.line) + ": " + remark.text);
+    PrintNotes(prefix, lines);
+}
+
+Configuration ReadConfiguration(const std::string &file)
+{
+    Configuration configuration = ConfigFromText(ReadAll(file));
+    const std::size_t faults = configuration.faults.size();
+    PrintRemarks("zevobandwidth: " + (file == "-" ? "" : file + ", "), configuration.faults);
+    if (faults != 0)
+        throw Failure(kFailed, "nothing was imported: mend the " + std::to_string(faults) +
+                                   (faults == 1 ? " fault" : " faults") + " first");
+    PrintRemarks("note: ", configuration.notes);
+    return configuration;
+}
+
+// ---- what would change ----
+
+// A field in words; two that differ may read alike, such as two plans.
+struct FieldText {
+    std::string label;
+    std::string text;
+    std::string exact;
+};
+
+std::vector<FieldText> Fields(const ZEVO_BANDWIDTH_CONF &rule)
+{
+    std::vector<FieldText> fields = {{"state", StateText(rule), StateText(rule)}};
+    for (const RateOption &rate : kRates)
+        fields.push_back(
+            {rate.label, FormatRate(rule.*rate.field), std::to_string(rule.*rate.field)});
+    fields.push_back({"plan", PlanText(rule.szSchedulePlan), rule.szSchedulePlan});
+    return fields;
+}
+
+std::vector<FieldText> Fields(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
+{
+    std::vector<FieldText> fields;
+    fields.reserve(kChoices.size() + 1);
+    for (const PolicyChoice &choice : kChoices)
+        fields.push_back({choice.label, ChoiceText(choice, policy), ChoiceText(choice, policy)});
+    fields.push_back({"plan", PlanText(policy.szSchedulePlan), policy.szSchedulePlan});
+    return fields;
+}
+
+// "upload 1 MiB/s → 2 MiB/s, plan another"; empty when nothing differs.
+template <typename Record> std::string Differences(const Record &old, const Record &now)
+{
+    const std::vector<FieldText> before = Fields(old);
+    const std::vector<FieldText> after = Fields(now);
+    std::string text;
+    for (std::size_t i = 0; i < before.size(); ++i) {
+        if (before[i].exact == after[i].exact) continue;
+        text += (text.empty() ? "" : ", ") + before[i].label + " ";
+        text +=
+            before[i].text == after[i].text ? "another" : before[i].text + " → " + after[i].text;
+    }
+    return text;
+}
+
+// What an import would do, and in words what that changes.
+class Changes {
+public:
+    void AddPolicies(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies);
+    void AddRules(const std::vector<StoredRule> &rules);
+    void Print(bool isDryRun) const;
+    const auto &policies() const { return policies_; }
+    const auto &rules() const { return rules_; }
+
+private:
+    // True when there is something to write. old is null for what is not stored yet.
+    template <typename Record>
+    bool Compare(const std::string &name, const Record *old, const Record &now, const Json &oldJson,
+                 const Json &nowJson, const std::string &nowLine);
+
+    std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies_; // those to be written
+    std::vector<ZEVO_BANDWIDTH_CONF> rules_;
+    int added_ = 0;
+    int changed_ = 0;
+    int unchanged_ = 0;
+    int kept_ = 0; // stored, and not in the file
+    Json differences_ = Json::array();
+    std::vector<std::string> lines_;
+};
+
+template <typename Record>
+bool Changes::Compare(const std::string &name, const Record *old, const Record &now,
+                      const Json &oldJson, const Json &nowJson, const std::string &nowLine)
+{
+    const std::string difference = old == nullptr ? "" : Differences(*old, now);
+    if (old != nullptr && difference.empty()) {
+        ++unchanged_;
+        return false;
+    }
+    ++(old == nullptr ? added_ : changed_);
+    const char *const change = old == nullptr ? "added" : "changed";
+    lines_.push_back(std::string(change) + ": " +
+                     (old == nullptr ? nowLine : name + ": " + difference));
+    differences_.push_back({{"change", change}, {"from", oldJson}, {"to", nowJson}});
+    return true;
+}
+
+void Changes::AddPolicies(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies)
+{
+    for (const auto &stored : ReadPolicies()) // one that is in the file takes itself off again
+        kept_ += stored.state == ZEVO_BW_STATE_NOT_EXISTED ? 0 : 1;
+    for (const auto &policy : policies) {
+        const ZEVO_BANDWIDTH_GLOBAL_CONF old = ReadPolicy(policy.protocolType);
+        const bool isStored = old.state != ZEVO_BW_STATE_NOT_EXISTED;
+        kept_ -= isStored ? 1 : 0;
+        if (Compare("policy of " + ProtocolName(policy.protocolType), isStored ? &old : nullptr,
+                    policy, isStored ? ToJson(old) : Json(nullptr), ToJson(policy),
+                    "policy of " + OneLine(policy)))
+            policies_.push_back(policy);
+    }
+}
+
+void Changes::AddRules(const std::vector<StoredRule> &rules)
+{
+    const auto key = [](const ZEVO_BANDWIDTH_CONF &rule) {
+        return std::tuple(rule.protocolType, rule.ownerType, rule.id);
+    };
+    int failures = 0; // told by ReadRules(); such a rule is replaced like one that is not there
+    std::map<std::tuple<std::int32_t, std::int32_t, std::uint32_t>, ZEVO_BANDWIDTH_CONF> stored;
+    for (const auto &[owner, rule] : ReadRules(ProtocolsToList(""), failures))
+        stored.emplace(key(rule), rule);
+    kept_ += static_cast<int>(stored.size()) + failures;
+    for (const auto &[owner, rule] : rules) {
+        const auto found = stored.find(key(rule));
+        const ZEVO_BANDWIDTH_CONF *const old = found == stored.end() ? nullptr : &found->second;
+        kept_ -= old == nullptr ? 0 : 1;
+        const std::string name = OwnerText(owner) + ", " + ProtocolName(rule.protocolType);
+        if (Compare(name, old, rule, old == nullptr ? Json(nullptr) : ToJson(owner, *old),
+                    ToJson(owner, rule), OneLine(owner, rule)))
+            rules_.push_back(rule);
+    }
+}
+
+void Changes::Print(bool isDryRun) const
+{
+    if (OutputStyle().json)
+        return PrintJson({{"added", added_},
+                          {"changed", changed_},
+                          {"unchanged", unchanged_},
+                          {"kept", kept_},
+                          {"differences", differences_}});
+    for (const std::string &line : lines_)
+        PrintLine(Printable(line));
+    if (OutputStyle().noLegend) return;
+    PrintLine(std::to_string(added_) + (isDryRun ? " would be added, " : " added, ") +
+              std::to_string(changed_) + " changed; " + std::to_string(unchanged_) +
+              " unchanged; " + std::to_string(kept_) + " stored ones are not in the file and stay");
+}
+
+// ---- writing ----
+
+// An interrupt waits until the rules are whole: asked for between two writes, obeyed at the end of
+// this object's life.
+class HeldInterrupts {
+public:
+    HeldInterrupts()
+    {
+        ::sigemptyset(&held_);
+        for (const int signal : kInterrupts) {
+            struct sigaction action {};
+            ::sigaction(signal, nullptr, &action);
+            if (action.sa_handler != SIG_IGN) ::sigaddset(&held_, signal);
+        }
+        ::sigprocmask(SIG_BLOCK, &held_, &before_);
+    }
+    ~HeldInterrupts() { ::sigprocmask(SIG_SETMASK, &before_, nullptr); }
+    HeldInterrupts(const HeldInterrupts &) = delete;
+    HeldInterrupts &operator=(const HeldInterrupts &) = delete;
+
+    void ThrowIfPending() const
+    {
+        sigset_t pending;
+        ::sigpending(&pending);
+        for (const int signal : kInterrupts)
+            if (::sigismember(&held_, signal) == 1 && ::sigismember(&pending, signal) == 1)
+                throw Failure(kFailed, "interrupted");
+    }
+
+private:
+    static constexpr std::array kInterrupts = {SIGINT, SIGTERM, SIGQUIT};
+
+    sigset_t held_;
+    sigset_t before_;
+};
+
+using Backups = std::vector<std::unique_ptr<FileBackup>>;
+
+Backups BackUp(const Changes &changes)
+{
+    std::set<std::string> files;
+    if (!changes.policies().empty()) files.insert(ConfPath(ZEVO_BW_PROTOCOL_ALL));
+    for (const auto &rule : changes.rules())
+        files.insert(ConfPath(rule.protocolType));
+    Backups backups;
+    for (const std::string &file : files)
+        backups.push_back(std::make_unique<FileBackup>(file));
+    return backups;
+}
+
+// Tells it at once: with an interrupt waiting there is no later.
+void PutBack(const Backups &backups, const std::string &why)
+{
+    std::string lost;
+    for (const auto &backup : backups)
+        if (!backup->PutBack())
+            lost += (lost.empty() ? "" : ", ") + backup->path() + ": " + std::strerror(errno);
+    PrintNote("zevobandwidth: " + why);
+    if (!lost.empty())
+        throw Failure(kFailed, "the import has failed midway and these files could not be put "
+                               "back: " +
+                                   lost);
+    PrintNote("zevobandwidth: the import has failed midway; what was there has been put back, and "
+              "nothing is changed");
+}
+
+void Write(const Changes &changes)
+{
+    const HeldInterrupts interrupts;
+    const Backups backups = BackUp(changes);
+    try {
+        for (const auto &policy : changes.policies()) {
+            interrupts.ThrowIfPending();
+            WritePolicy(policy);
+        }
+        for (const auto &rule : changes.rules()) {
+            interrupts.ThrowIfPending();
+            WriteRule(rule);
+        }
+    } catch (const Failure &failure) {
+        PutBack(backups, failure.what());
+        throw Failure(failure.status(), "nothing was imported");
+    }
+}
+
+void Import(const ImportArguments &arguments)
+{
+    const Configuration configuration = ReadConfiguration(arguments.file);
+    Changes changes;
+    changes.AddPolicies(configuration.policies);
+    changes.AddRules(configuration.rules);
+    CarryOut(arguments.change, [&changes] { Write(changes); });
+    changes.Print(arguments.change.isDryRun);
+}
+
+} // namespace
+
+void AddImportCommand(CLI::App &app)
+{
+    const auto arguments = std::make_shared<ImportArguments>();
+    CLI::App *command =
+        app.add_subcommand("import", "Take over the rules and policies of an exported file");
+    command
+        ->add_option("file", arguments->file,
+                     "Where from; without it, or with -, from standard input")
+        ->type_name("FILE")
+        ->check(kNotEmpty);
+    AddChangeOptions(*command, arguments->change);
+    AddOutputOptions(*command);
+    command->footer(
+        "Rules and policies of the file are added or replace what is stored; what is stored and\n"
+        "not in the file stays. Owners go by their names, so that ids may differ between "
+        "machines;\n"
+        "one whom this machine does not know keeps his id, unless it is somebody else's here.\n"
+        "The whole file is checked first: with any fault in it nothing is imported and each is\n"
+        "told with its line. When a step fails, what was there before is put back.\n"
+        "\nExamples:\n"
+        "  zevobandwidth import limits.json --dry-run\n"
+        "  zevobandwidth import limits.json\n"
+        "  ssh other zevobandwidth export | zevobandwidth import\n");
+    command->callback([arguments] { Import(*arguments); });
+}
+
+} // namespace tool

@@ -1,0 +1,128 @@
+// "notify": tells running services that limits have changed, as every changing command does, and
+// says what came of it.
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <zevobandwidth.h>
+
+#include "command.hpp"
+#include "model/notify.hpp"
+#include "options.hpp"
+#include "output.hpp"
+
+namespace tool {
+
+namespace {
+
+struct Notice {
+    std::string service;
+    Json result;      // what the sender returned; null when it returns nothing
+    std::string text; // the same in words
+    bool failed = false;
+};
+
+Notice NotifyDocuhall()
+{
+    ZEVOBandwidthHupDocuhall();
+    return {"docuhall", nullptr, "sent to all its workers; they report nothing"};
+}
+
+Notice NotifyWebDAV()
+{
+    const int result = ZEVOBandwidthHupWebDAV();
+    const int error = errno;
+    if (result < 0)
+        return {"webdav", result,
+                std::string("not told: ") + std::strerror(error) +
+                    (error == EPERM ? "; run this command as an administrator (root)"
+                                    : "; is the pid file of a server that is gone left behind?"),
+                true};
+    // No server and a sent signal return the same.
+    return {"webdav", result, "sent, unless no server is running"};
+}
+
+// The system's own program does not reach everybody on every system, so they are told directly too.
+Notice NotifySimulator()
+{
+    const int result = ZEVOBandwidthHupSimulator();
+    const int told = NotifyTransfers();
+    std::string text = std::to_string(told) + (told == 1 ? " process" : " processes") + " told";
+    return {"simulator", result, text};
+}
+
+using Sender = Notice (*)();
+
+struct Service {
+    const char *name;
+    Sender send;
+};
+
+constexpr std::array kServices = {Service{"docuhall", NotifyDocuhall},
+                                  Service{"webdav", NotifyWebDAV},
+                                  Service{"simulator", NotifySimulator}};
+constexpr const char *kAll = "all";
+
+void Print(const std::vector<Notice> &notices)
+{
+    Json json = Json::array();
+    Table table({"SERVICE", "NOTICE"});
+    for (const Notice &notice : notices) {
+        json.push_back({{"service", notice.service},
+                        {"result", notice.result},
+                        {"failed", notice.failed},
+                        {"text", notice.text}});
+        table.AddRow({notice.service, notice.text});
+    }
+    if (OutputStyle().json)
+        PrintJson(json);
+    else
+        table.Print();
+}
+
+void Notify(const std::string &name)
+{
+    std::vector<Notice> notices;
+    bool failed = false;
+    for (const Service &service : kServices) {
+        if (name != kAll && name != service.name) continue;
+        notices.push_back(service.send());
+        failed = failed || notices.back().failed;
+    }
+    Print(notices);
+    if (failed) throw Failure(kFailed, "a service has not been told");
+}
+
+} // namespace
+
+void AddNotifyCommand(CLI::App &app)
+{
+    const auto name = std::make_shared<std::string>();
+    std::vector<std::string> names;
+    names.reserve(kServices.size() + 1);
+    for (const Service &service : kServices)
+        names.emplace_back(service.name);
+    names.emplace_back(kAll);
+    CLI::App *command = app.add_subcommand("notify", "Tell running services to read limits anew");
+    command->add_option("service", *name, "Whom to tell")
+        ->required()
+        ->type_name("SERVICE")
+        ->check(CLI::IsMember(names));
+    AddOutputOptions(*command);
+    command->footer(
+        "docuhall: the web file manager's workers. webdav: the WebDAV server. simulator: "
+        "transfers\n"
+        "run by zevobandwidth itself, and services that have taken its name. Changing commands\n"
+        "tell all of them on their own; other services, as of FTP and rsync, read the limits with\n"
+        "their next transfer, or when they look of themselves.\n"
+        "Exit status 1: a service that runs could not be told.\n"
+        "\nExamples:\n"
+        "  zevobandwidth notify all\n"
+        "  zevobandwidth notify webdav --json\n");
+    command->callback([name] { Notify(*name); });
+}
+
+} // namespace tool

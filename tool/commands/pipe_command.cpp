@@ -1,0 +1,129 @@
+// "zevobandwidth pipe": standard input to standard output as one registered transfer, so that any
+// program can join in.
+//
+// However it ends, the transfer is off the list by then: at the end of the input with 0; after
+// SIGINT, SIGTERM and when its reader has gone it dies of the signal (SIGPIPE for the reader), as
+// any filter does; stopped by an administrator, or unable to go on, with 1 and a message.
+#include <csignal>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "command.hpp"
+#include "model/names.hpp"
+#include "model/rate.hpp"
+#include "options.hpp"
+#include "output.hpp"
+#include "pipe/loop.hpp"
+#include "pipe/mover.hpp"
+#include "pipe/progress.hpp"
+#include "pipe/signal.hpp"
+#include "pipe/transfer.hpp"
+
+namespace tool {
+
+namespace {
+
+struct PipeArguments {
+    std::string user;
+    std::string protocol;
+    std::string direction;
+    std::string name;
+    std::string size;
+    bool isQuiet = false;
+};
+
+// What the list of transfers shows for a transfer without a name.
+std::string NameOfInput()
+{
+    struct stat info = {};
+    char path[ZEVO_BW_FILENAME_SIZE];
+    if (::fstat(STDIN_FILENO, &info) == 0 && S_ISREG(info.st_mode)) {
+        const ssize_t length = ::readlink("/proc/self/fd/0", path, sizeof path);
+        if (length > 0) return std::string(path, static_cast<std::size_t>(length));
+    }
+    return "standard input";
+}
+
+std::uint64_t SizeOfInput(const PipeArguments &arguments)
+{
+    if (!arguments.size.empty()) return ParseSize(arguments.size);
+    struct stat info = {};
+    if (::fstat(STDIN_FILENO, &info) < 0 || !S_ISREG(info.st_mode)) return 0;
+    const off_t at = ::lseek(STDIN_FILENO, 0, SEEK_CUR);
+    return at >= 0 && at < info.st_size ? static_cast<std::uint64_t>(info.st_size - at) : 0;
+}
+
+void SayIfUnlimited(const Transfer &transfer, const PipeArguments &arguments)
+{
+    if (arguments.isQuiet || transfer.ProtocolLimited()) return;
+    PrintNote("zevobandwidth: " + arguments.protocol +
+              " has no policy in force, so nothing limits this transfer; to switch limits on: "
+              "zevobandwidth policy set -p " +
+              arguments.protocol + " --state enabled");
+}
+
+MoveEnd Copy(const PipeArguments &arguments, std::uint32_t uid, std::int32_t protocol,
+             std::uint64_t size)
+{
+    const std::string name = arguments.name.empty() ? NameOfInput() : arguments.name;
+    const std::int32_t direction = ValueOf(ZEVO_BW_TRANSFER_TYPE_LIST, arguments.direction);
+    Mover mover(STDIN_FILENO, STDOUT_FILENO);
+    Transfer transfer(uid, protocol, direction, name);
+    SayIfUnlimited(transfer, arguments);
+    Progress progress(arguments.isQuiet, name);
+    return PipeLoop(transfer, mover, progress, size).Run();
+}
+
+void RunPipe(const PipeArguments &arguments)
+{
+    const std::uint32_t uid =
+        (arguments.user.empty() ? CallingUser() : FindUser(arguments.user)).id;
+    const std::int32_t protocol = FindProtocol(arguments.protocol);
+    const std::uint64_t size = SizeOfInput(arguments);
+    // Before the limits are read, lest a change slip in between.
+    CatchSignals();
+    const MoveEnd end = Copy(arguments, uid, protocol, size);
+    if (end == MoveEnd::kSignal) DieOf(EndingSignal());
+    if (end != MoveEnd::kReaderGone) return;
+    DieOf(SIGPIPE);
+    throw Failure(kFailed, "whoever reads the data has gone away before its end");
+}
+
+} // namespace
+
+void AddPipeCommand(CLI::App &app)
+{
+    const auto arguments = std::make_shared<PipeArguments>();
+    CLI::App *command =
+        app.add_subcommand("pipe", "Copy input to output as one transfer, held to the limits");
+    command->add_option("-u,--user", arguments->user, "Whose transfer it is; else your own")
+        ->type_name("USER");
+    AddProtocolOption(*command, arguments->protocol)->required();
+    AddChoice(*command, "-d,--direction", arguments->direction, "DIRECTION",
+              ZEVO_BW_TRANSFER_TYPE_LIST, "upload or download, as the client sees it");
+    command->get_option("--direction")->required();
+    command->add_option("--name", arguments->name, "What the list of transfers shows")
+        ->type_name("NAME");
+    command->add_option("--size", arguments->size, "Bytes expected, such as 1500000 or 1.5G")
+        ->type_name("SIZE");
+    command->add_flag("-q,--quiet", arguments->isQuiet, "No progress line and no notes");
+    constexpr const char *kIsData = "standard output carries the data";
+    AddOutputOptions(*command, {.json = "standard output carries the data; another process can ask "
+                                        "'zevobandwidth transfers --json' meanwhile",
+                                .numeric = kIsData,
+                                .legend = kIsData});
+    command->footer(
+        "Copies standard input to standard output as one transfer of a user, held to the limits\n"
+        "that fall to it beside all others, listed by 'transfers' and stopped by an administrator\n"
+        "like any other. Upload is from the client to this server, download from this server to\n"
+        "the client.\n\n"
+        "Example:\n"
+        "  tar c dir | zevobandwidth pipe -u alice -p rsync -d upload | ssh host tar x\n");
+    command->callback([arguments] { RunPipe(*arguments); });
+}
+
+} // namespace tool

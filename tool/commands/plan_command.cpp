@@ -1,0 +1,372 @@
+// "plan": the week of a rule or of a protocol's policy as a picture, and what it changes next. Plans
+// are written with "rule set" and "policy set".
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "command.hpp"
+#include "model/moment.hpp"
+#include "model/plan.hpp"
+#include "model/rate.hpp"
+#include "model/rule_text.hpp"
+#include "model/store.hpp"
+#include "options.hpp"
+#include "output.hpp"
+
+namespace tool {
+
+namespace {
+
+constexpr std::size_t kFewChanges = 10;
+constexpr std::size_t kMostChanges = 1000;
+
+struct PlanArguments {
+    OwnerOption owner;
+    std::string protocol;
+    std::size_t count = kFewChanges;
+};
+
+// ---- whose plan ----
+
+struct Subject {
+    PlanOf of = PlanOf::kPolicy;
+    std::string name;   // "the rule of user alice for ftp"
+    std::string setter; // the command that changes it
+    std::int32_t state = ZEVO_BW_STATE_NOT_EXISTED;
+    std::string plan;
+    ZEVO_BANDWIDTH_CONF rule{}; // of a rule's plan only
+    ZEVO_BANDWIDTH_GLOBAL_CONF policy{};
+    Json json; // the record
+    bool Bears() const { return state == ZEVO_BW_STATE_SCHEDULE; }
+};
+
+Subject PolicySubject(std::int32_t protocol)
+{
+    const ZEVO_BANDWIDTH_GLOBAL_CONF policy = ReadPolicy(protocol);
+    const std::string name = ProtocolName(protocol);
+    Subject subject{PlanOf::kPolicy, "the policy of " + name, "zevobandwidth policy set -p " + name,
+                    policy.state,    policy.szSchedulePlan,   {},
+                    policy,          {{"protocol", name}}};
+    subject.json["state"] = ValueName(ZEVO_BW_STATE_LIST, policy.state);
+    subject.json["plan"] = policy.szSchedulePlan;
+    return subject;
+}
+
+Subject RuleSubject(const OwnerOption &option, std::int32_t protocol)
+{
+    const Owner owner = option.FindOfRule(protocol);
+    const ZEVO_BANDWIDTH_CONF rule = ReadRule(owner, protocol);
+    const std::string name = ProtocolName(protocol);
+    return {PlanOf::kRule,
+            "the rule of " + OwnerText(owner) + " for " + name,
+            "zevobandwidth rule set " + RuleOptions(owner, protocol),
+            rule.state,
+            rule.szSchedulePlan,
+            rule,
+            ReadPolicy(protocol),
+            ToJson(owner, rule)};
+}
+
+Subject FindSubject(const PlanArguments &arguments)
+{
+    const std::int32_t protocol = FindProtocol(arguments.protocol);
+    return arguments.owner.IsGiven() ? RuleSubject(arguments.owner, protocol)
+                                     : PolicySubject(protocol);
+}
+
+// What holds in such an hour, written out.
+std::string Meaning(const Subject &subject, HourState state)
+{
+    const std::string name = HourStateName(subject.of, state) + ": ";
+    const bool isOff = state == HourState::kOff;
+    if (subject.of == PlanOf::kPolicy)
+        return name + (isOff ? "no limit applies to " : "limits apply to ") +
+               ProtocolName(subject.policy.protocolType);
+    if (isOff) return name + "this rule does not bear";
+    const std::size_t first = state == HourState::kCustom ? 2 : 0;
+    return name + kRates[0].label + " " + FormatRate(subject.rule.*kRates[first].field) + ", " +
+           kRates[1].label + " " + FormatRate(subject.rule.*kRates[first + 1].field);
+}
+
+// ---- what should be known beside the plan ----
+
+// What holds at all hours instead of a plan that does not bear.
+std::string HoldsAlways(const Subject &subject)
+{
+    const bool isRule = subject.of == PlanOf::kRule;
+    if (subject.state == ZEVO_BW_STATE_ENABLED)
+        return isRule ? "its normal rates hold at all hours" : "limits apply at all hours";
+    return isRule ? "it bears at no hour" : "no limit applies at any hour";
+}
+
+// The state of the hours that the plan lacks.
+std::string WhatIsMissing(const Subject &subject)
+{
+    return HourStateName(subject.of, StateOfHour(subject.of, "", 0));
+}
+
+void NoteWholeness(const Subject &subject)
+{
+    if (HasWholePlan(subject.plan)) return;
+    const bool isShort = subject.plan.size() < kHoursOfWeek;
+    PrintNote("warning: the plan has " + std::to_string(subject.plan.size()) + " instead of " +
+              std::to_string(kHoursOfWeek) + " characters: " +
+              (isShort ? "the hours that it lacks count as " + WhatIsMissing(subject)
+                       : "those beyond count for nothing"));
+}
+
+void NoteState(const Subject &subject)
+{
+    const bool isRule = subject.of == PlanOf::kRule;
+    if (!subject.Bears()) {
+        const bool exists = subject.state != ZEVO_BW_STATE_NOT_EXISTED;
+        PrintNote("note: the plan does not bear now: " + subject.name + " is " +
+                  (exists ? ValueName(ZEVO_BW_STATE_LIST, subject.state) : "not in force") +
+                  ", so " + HoldsAlways(subject) +
+                  ". Let it follow the plan with: " + subject.setter + " --state schedule");
+    }
+    const std::string why = isRule ? WhyNothingIsLimited(subject.policy) : "";
+    if (!why.empty()) PrintNote("note: " + why);
+}
+
+// False when there is no plan, which is told.
+bool TellAbout(const Subject &subject)
+{
+    if (subject.plan.empty()) {
+        PrintNote("note: " + subject.name + " has no plan. Give it one with: " + subject.setter +
+                  " --plan 'weekdays 08:00-18:00 off'");
+        return false;
+    }
+    NoteWholeness(subject);
+    NoteState(subject);
+    return true;
+}
+
+// ---- moments ----
+
+Json ToJson(const Subject &subject, const PlanChange &change)
+{
+    return {{"at", IsoText(change.moment)}, {"state", HourStateName(subject.of, change.state)}};
+}
+
+std::optional<PlanChange> NextChange(const Subject &subject, std::time_t now)
+{
+    const auto changes = ComingChanges(subject.of, subject.plan, now, 1);
+    return changes.empty() ? std::nullopt : std::optional(changes.front());
+}
+
+PlanChange Present(const Subject &subject, std::time_t now)
+{
+    return {now, StateOfHour(subject.of, subject.plan, HourOfWeek(LocalTime(now)))};
+}
+
+// ---- show ----
+
+struct Mark {
+    char character; // tells the states apart without colors
+    Color color;
+};
+
+Mark MarkOf(HourState state)
+{
+    switch (state) {
+    case HourState::kNormal:
+        return {'#', Color::kOnGreen};
+    case HourState::kCustom:
+        return {'+', Color::kOnYellow};
+    default:
+        return {'.', Color::kDim};
+    }
+}
+
+constexpr Mark kMissing = {'?', Color::kRed};
+
+std::string CellOf(const Mark &mark)
+{
+    return Paint(mark.color, std::string(" ") + mark.character + " ");
+}
+
+std::string PresentCell(char character)
+{
+    return Paint(Color::kInverse, std::string("[") + character + "]");
+}
+
+std::string Cell(const Subject &subject, std::size_t hourOfWeek, std::size_t present)
+{
+    const bool isMissing = hourOfWeek >= subject.plan.size();
+    const Mark mark =
+        isMissing ? kMissing : MarkOf(StateOfHour(subject.of, subject.plan, hourOfWeek));
+    return hourOfWeek == present ? PresentCell(mark.character) : CellOf(mark);
+}
+
+std::string DayLabel(std::size_t weekday)
+{
+    std::string label(kWeekdays[weekday]);
+    label.front() = static_cast<char>(label.front() - 'a' + 'A');
+    return label;
+}
+
+void PrintGrid(const Subject &subject, std::size_t present)
+{
+    std::string hours = "    ";
+    for (std::size_t hour = 0; hour < kHoursOfDay; ++hour)
+        hours += std::string(hour < 10 ? " 0" : " ") + std::to_string(hour);
+    if (!OutputStyle().noLegend) PrintLine(hours);
+    for (std::size_t row = 0; row < kDaysOfWeek; ++row) {
+        const std::size_t weekday = (row + 1) % kDaysOfWeek; // Monday first
+        std::string line = DayLabel(weekday) + " ";
+        for (std::size_t hour = 0; hour < kHoursOfDay; ++hour)
+            line += Cell(subject, weekday * kHoursOfDay + hour, present);
+        PrintLine(line);
+    }
+}
+
+void PrintLegend(const Subject &subject)
+{
+    const auto print = [](const std::string &cell, const std::string &meaning) {
+        PrintLine("    " + cell + " " + Printable(meaning));
+    };
+    for (const HourState state : {HourState::kNormal, HourState::kCustom, HourState::kOff})
+        if (subject.of == PlanOf::kRule || state != HourState::kCustom)
+            print(CellOf(MarkOf(state)), Meaning(subject, state));
+    if (subject.plan.size() < kHoursOfWeek)
+        print(CellOf(kMissing), "not in the plan, counts as " + WhatIsMissing(subject));
+    print(PresentCell(' '), "the present hour");
+}
+
+void PrintMoments(const Subject &subject, std::time_t now)
+{
+    const auto text = [&](const PlanChange &change) {
+        return MomentText(change.moment) + "  " + HourStateName(subject.of, change.state);
+    };
+    const std::tm local = LocalTime(now);
+    const auto next = NextChange(subject, now);
+    PrintLine("time zone    " + FormatTime(local, "%Z") + ", UTC" + OffsetText(local));
+    PrintLine("now          " + text(Present(subject, now)));
+    PrintLine("next change  " + (next ? text(*next) : "none: every hour is the same"));
+}
+
+Json WeekJson(const Subject &subject)
+{
+    Json week = Json::object();
+    for (std::size_t row = 0; row < kDaysOfWeek; ++row) {
+        const std::size_t weekday = (row + 1) % kDaysOfWeek;
+        Json &day = week[std::string(kWeekdays[weekday])] = Json::array();
+        for (std::size_t hour = 0; hour < kHoursOfDay; ++hour) {
+            const std::size_t index = weekday * kHoursOfDay + hour;
+            const bool isMissing = index >= subject.plan.size();
+            day.push_back(isMissing
+                              ? Json(nullptr)
+                              : Json(HourStateName(subject.of,
+                                                   StateOfHour(subject.of, subject.plan, index))));
+        }
+    }
+    return week;
+}
+
+void PrintPlanJson(const Subject &subject, std::time_t now)
+{
+    const std::tm local = LocalTime(now);
+    const auto next = NextChange(subject, now);
+    const bool isThere = !subject.plan.empty();
+    Json json = subject.json;
+    json["plan_is_whole"] = HasWholePlan(subject.plan);
+    json["plan_bears"] = subject.Bears();
+    json["time_zone"] = {{"name", FormatTime(local, "%Z")}, {"utc_offset", OffsetText(local)}};
+    json["week"] = isThere ? WeekJson(subject) : Json(nullptr);
+    json["now"] = isThere ? ToJson(subject, Present(subject, now)) : Json(nullptr);
+    json["next_change"] = isThere && next ? ToJson(subject, *next) : Json(nullptr);
+    PrintJson(json);
+}
+
+void ShowPlan(const PlanArguments &arguments)
+{
+    const Subject subject = FindSubject(arguments);
+    const std::time_t now = std::time(nullptr);
+    if (OutputStyle().json) return PrintPlanJson(subject, now);
+    if (!TellAbout(subject)) return;
+    const bool withLegend = !OutputStyle().noLegend;
+    if (withLegend) {
+        PrintLine(Paint(Color::kBold, Printable(subject.name + ": " +
+                                                ValueName(ZEVO_BW_STATE_LIST, subject.state))));
+        PrintLine("");
+    }
+    PrintGrid(subject, HourOfWeek(LocalTime(now)));
+    if (!withLegend) return;
+    PrintLine("");
+    PrintLegend(subject);
+    PrintLine("");
+    PrintMoments(subject, now);
+}
+
+// ---- next ----
+
+void ListChanges(const PlanArguments &arguments)
+{
+    const Subject subject = FindSubject(arguments);
+    if (!OutputStyle().json && !TellAbout(subject)) return;
+    const auto changes =
+        ComingChanges(subject.of, subject.plan, std::time(nullptr), arguments.count);
+    Json json = Json::array();
+    Table table({"WHEN", "FROM THEN ON"});
+    for (const PlanChange &change : changes) {
+        json.push_back(ToJson(subject, change));
+        table.AddRow({MomentText(change.moment), Meaning(subject, change.state)});
+    }
+    if (OutputStyle().json) return PrintJson(json);
+    if (!changes.empty()) return table.Print();
+    PrintNote("The plan never changes: at every hour " +
+              Meaning(subject, StateOfHour(subject.of, subject.plan, 0)));
+}
+
+CLI::App *AddPlanSubcommand(CLI::App &parent, const std::string &name, const std::string &help,
+                            PlanArguments &arguments)
+{
+    CLI::App *command = parent.add_subcommand(name, help);
+    AddOwnerOption(*command, arguments.owner);
+    AddProtocolOption(*command, arguments.protocol)->required();
+    AddOutputOptions(*command);
+    return command;
+}
+
+void AddShow(CLI::App &parent)
+{
+    const auto arguments = std::make_shared<PlanArguments>();
+    CLI::App *show = AddPlanSubcommand(parent, "show", "Draw the week of a plan", *arguments);
+    show->footer(
+        "Without -u and -g the plan of the protocol's policy is drawn. Hours are those of\n"
+        "the local time zone. Each state has its character, so that nothing is lost\n"
+        "without colors; the present hour stands in brackets.\n\nExamples:\n"
+        "  zevobandwidth plan show -u alice -p ftp\n"
+        "  zevobandwidth plan show -p rsync --no-color\n");
+    show->callback([arguments] { ShowPlan(*arguments); });
+}
+
+void AddNext(CLI::App &parent)
+{
+    const auto arguments = std::make_shared<PlanArguments>();
+    CLI::App *next = AddPlanSubcommand(parent, "next", "List the coming changes", *arguments);
+    next->add_option("N", arguments->count, "How many changes to list")
+        ->check(CLI::Range(std::size_t{1}, kMostChanges))
+        ->capture_default_str();
+    next->footer("Times are local, with the zone that holds then: where daylight saving skips an\n"
+                 "hour or repeats it, so does the plan.\n\nExamples:\n"
+                 "  zevobandwidth plan next -g staff -p rsync\n"
+                 "  zevobandwidth plan next 3 -p ftp --json\n");
+    next->callback([arguments] { ListChanges(*arguments); });
+}
+
+} // namespace
+
+void AddPlanCommand(CLI::App &app)
+{
+    CLI::App *plan = app.add_subcommand("plan", "The week of a rule or of a protocol's policy");
+    plan->require_subcommand(1);
+    plan->footer("Plans are written with 'rule set --plan' and 'policy set --plan'.\n\nExample:\n"
+                 "  zevobandwidth plan show -u alice -p ftp\n");
+    AddShow(*plan);
+    AddNext(*plan);
+}
+
+} // namespace tool

@@ -1,0 +1,446 @@
+// "preview": the speeds at which a user's transfers would be held, and how the rules come to them.
+// Every figure is the library's: a step of the combination is shown by asking it about the same
+// rules under the policy that stops at that step.
+#include <array>
+#include <ctime>
+#include <memory>
+#include <optional>
+
+#include <zevocore.h>
+
+#include "command.hpp"
+#include "model/evaluation.hpp"
+#include "model/moment.hpp"
+#include "model/rate.hpp"
+#include "options.hpp"
+#include "output.hpp"
+
+namespace tool {
+
+namespace {
+
+constexpr std::array<std::int32_t, 2> kDirections = {ZEVO_BW_TRANSFER_UPLOAD,
+                                                     ZEVO_BW_TRANSFER_DOWNLOAD};
+
+struct PreviewArguments {
+    std::string user;
+    std::string protocol;
+    std::optional<std::string> at;
+    bool isExplained = false;
+};
+
+// Upload and download.
+using Speeds = std::array<std::uint64_t, kDirections.size()>; // bytes per second, 0 unlimited
+using Cells = std::array<std::string, kDirections.size()>;
+
+const Cells kNone = {"-", "-"};
+
+// ---- one protocol ----
+
+struct Preview {
+    Account user;
+    std::int32_t protocol = 0;
+    bool isNow = true;
+    std::time_t moment = 0;
+    std::unique_ptr<Evaluation> evaluation;
+    Speeds byRules{}; // what holds while the protocol's limits are in force
+    std::string whyOff;
+};
+
+Speeds Ask(const Evaluation &evaluation, std::int32_t userGroupPolicy, Beside beside)
+{
+    Speeds speeds{};
+    for (std::size_t i = 0; i < kDirections.size(); ++i)
+        speeds[i] = evaluation.AskUnder(userGroupPolicy, kDirections[i], beside).bps;
+    return speeds;
+}
+
+Speeds SpeedsNow(const Preview &preview)
+{
+    std::array<std::uint64_t, ZEVO_BW_TRANSFER_ALL> speeds{};
+    if (ZEVOBandwidthPreview(preview.user.id, preview.protocol, speeds.data()) < 0)
+        throw Failure(kFailed, "the limits of user " + ShownName(preview.user) + " on " +
+                                   ProtocolName(preview.protocol) +
+                                   " cannot be worked out; the system log says why");
+    return {speeds[ZEVO_BW_TRANSFER_UPLOAD], speeds[ZEVO_BW_TRANSFER_DOWNLOAD]};
+}
+
+Preview MakePreview(const Account &user, std::int32_t protocol, std::optional<std::time_t> at)
+{
+    Preview preview;
+    preview.user = user;
+    preview.protocol = protocol;
+    preview.isNow = !at;
+    preview.moment = at.value_or(std::time(nullptr));
+    preview.evaluation = std::make_unique<Evaluation>(user.id, protocol, at.value_or(0));
+    preview.byRules = preview.isNow
+                          ? SpeedsNow(preview)
+                          : Ask(*preview.evaluation, preview.evaluation->policy().userGroupPolicy,
+                                Beside::kNobody);
+    preview.whyOff = preview.evaluation->WhyOff();
+    return preview;
+}
+
+// A figure that running transfers have no part in is a whole number of KB/s.
+Cells RateCells(const Speeds &speeds)
+{
+    return {FormatRate(speeds[0] / kBytesPerKB), FormatRate(speeds[1] / kBytesPerKB)};
+}
+
+Cells SpeedCells(const Speeds &speeds)
+{
+    return {FormatAllowedSpeed(speeds[0]), FormatAllowedSpeed(speeds[1])};
+}
+
+Json SpeedsJson(const Speeds &speeds)
+{
+    return {{"upload_bytes_per_s", LimitJson(speeds[0])},
+            {"download_bytes_per_s", LimitJson(speeds[1])}};
+}
+
+// ---- the table of protocols ----
+
+std::string LimitsText(const Preview &preview)
+{
+    if (!preview.whyOff.empty()) return preview.whyOff + ": nothing is limited";
+    const Evaluation &evaluation = *preview.evaluation;
+    const bool bears =
+        evaluation.HasInForce(ZEVO_BW_OWNER_USER) || evaluation.HasInForce(ZEVO_BW_OWNER_GROUP);
+    return bears ? "in force" : "no rule bears on this user";
+}
+
+void PrintTable(const std::vector<Preview> &previews)
+{
+    Table table({"PROTOCOL", "UPLOAD", "DOWNLOAD", "LIMITS"});
+    table.AlignRight(1);
+    table.AlignRight(2);
+    bool hasIdle = false;
+    for (const Preview &preview : previews) {
+        const Cells byRules = RateCells(preview.byRules);
+        const bool idle = !preview.whyOff.empty() && preview.byRules != Speeds{};
+        hasIdle = hasIdle || idle;
+        const auto cell = [idle](const std::string &text) {
+            return idle ? "(" + text + ")" : text;
+        };
+        table.AddRow({ProtocolName(preview.protocol), cell(byRules[0]), cell(byRules[1]),
+                      LimitsText(preview)});
+    }
+    table.Print();
+    if (hasIdle && !OutputStyle().noLegend)
+        PrintLine("In parentheses: what the rules would give if the policy put them in force.");
+}
+
+// ---- the derivation ----
+
+// A rule of the user or one of his groups, whether or not it is among those evaluated.
+struct RuleView {
+    Owner owner;
+    std::string state;
+    bool isInForce = false;
+    Speeds rates{};
+};
+
+std::vector<std::uint32_t> GroupsOf(const Account &user)
+{
+    const std::unique_ptr<VLIB_SZ_LIST, decltype(&VLIBCSzListFree)> list(
+        VLIBGroupInfoListGet(user.name.c_str(), 0), &VLIBCSzListFree);
+    if (!list)
+        throw Failure(kFailed, "the groups of user " + ShownName(user) + " cannot be looked up");
+    std::vector<std::uint32_t> gids;
+    gids.reserve(static_cast<std::size_t>(list->nItem));
+    for (int i = 0; i < list->nItem; ++i)
+        gids.push_back(static_cast<std::uint32_t>(std::stoul(VLIBCSzListGet(list.get(), i))));
+    return gids;
+}
+
+std::vector<Owner> OwnersThatCount(const Account &user)
+{
+    std::vector<Owner> owners = {{ZEVO_BW_OWNER_USER, {user.id, UserName(user.id)}}};
+    for (const std::uint32_t gid : GroupsOf(user))
+        owners.push_back({ZEVO_BW_OWNER_GROUP, {gid, GroupName(gid)}});
+    return owners;
+}
+
+RuleView ViewEvaluated(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
+{
+    RuleView view{owner, ValueName(ZEVO_BW_STATE_LIST, rule.state)};
+    view.isInForce = rule.currentState != ZEVO_BW_STATE_DISABLED;
+    if (rule.state == ZEVO_BW_STATE_SCHEDULE) view.state += view.isInForce ? ", on" : ", off";
+    if (view.isInForce)
+        view.rates = {rule.currentUploadRate * kBytesPerKB, rule.currentDownloadRate * kBytesPerKB};
+    return view;
+}
+
+RuleView ViewStored(const Owner &owner, std::int32_t protocol)
+{
+    const ZEVO_BANDWIDTH_CONF rule = ReadRule(owner, protocol);
+    const bool isLeftOut =
+        rule.state == ZEVO_BW_STATE_ENABLED || rule.state == ZEVO_BW_STATE_SCHEDULE;
+    if (rule.state == ZEVO_BW_STATE_NOT_EXISTED) return {owner, "no rule"};
+    return {owner, ValueName(ZEVO_BW_STATE_LIST, rule.state) + (isLeftOut ? ", not asked" : "")};
+}
+
+std::vector<RuleView> ViewRules(const Preview &preview)
+{
+    std::vector<RuleView> views;
+    for (const Owner &owner : OwnersThatCount(preview.user)) {
+        const ZEVO_BANDWIDTH_CONF *evaluated = nullptr;
+        for (const ZEVO_BANDWIDTH_LIMIT &limit : preview.evaluation->limits())
+            if (limit.conf.ownerType == owner.type && limit.conf.id == owner.account.id)
+                evaluated = &limit.conf;
+        views.push_back(evaluated != nullptr ? ViewEvaluated(owner, *evaluated)
+                                             : ViewStored(owner, preview.protocol));
+    }
+    return views;
+}
+
+// A group that a transfer is charged to, in ten-thousandths of the transfer.
+struct Charge {
+    std::uint32_t gid = 0;
+    std::array<std::uint64_t, kDirections.size()> weights{};
+};
+
+struct Explanation {
+    std::vector<RuleView> rules;
+    std::optional<Speeds> own;    // without them nothing of the kind bears
+    std::optional<Speeds> groups; // together
+    Speeds alone{};
+    std::optional<Speeds> now; // beside those that run; only the present knows them
+    std::vector<Charge> charges;
+};
+
+// An unlimited transfer is not listed, and so charged to nobody.
+std::vector<Charge> ChargesOf(const std::array<Allowance, kDirections.size()> &answers)
+{
+    std::vector<Charge> charges;
+    for (std::size_t i = 0; i < answers[0].limits.size(); ++i) {
+        Charge charge{answers[0].limits[i].conf.id};
+        if (answers[0].limits[i].conf.ownerType != ZEVO_BW_OWNER_GROUP) continue;
+        for (std::size_t d = 0; d < kDirections.size(); ++d)
+            if (answers[d].bps != 0) charge.weights[d] = answers[d].limits[i].occupyWeight;
+        if (charge.weights[0] != 0 || charge.weights[1] != 0) charges.push_back(charge);
+    }
+    return charges;
+}
+
+Explanation Explain(const Preview &preview)
+{
+    const Evaluation &evaluation = *preview.evaluation;
+    Explanation explanation;
+    explanation.rules = ViewRules(preview);
+    if (evaluation.HasInForce(ZEVO_BW_OWNER_USER))
+        explanation.own = Ask(evaluation, ZEVO_BW_USER_GROUP_POLICY_USER_ONLY, Beside::kNobody);
+    if (evaluation.HasInForce(ZEVO_BW_OWNER_GROUP))
+        explanation.groups = Ask(evaluation, ZEVO_BW_USER_GROUP_POLICY_GROUP_ONLY, Beside::kNobody);
+    if (!preview.whyOff.empty()) {
+        if (preview.isNow) explanation.now.emplace();
+        return explanation;
+    }
+    explanation.alone = preview.byRules;
+    const Beside beside = preview.isNow ? Beside::kRunning : Beside::kNobody;
+    const std::array answers = {evaluation.Ask(kDirections[0], beside),
+                                evaluation.Ask(kDirections[1], beside)};
+    explanation.charges = ChargesOf(answers);
+    if (preview.isNow) explanation.now = {answers[0].bps, answers[1].bps};
+    return explanation;
+}
+
+// ---- the derivation, printed ----
+
+std::string PolicyText(const char *kind, const ZEVO_BW_ENUM_ENTRY *table, std::int32_t value)
+{
+    return std::string(kind) + " " + ValueName(table, value);
+}
+
+void AddLine(Table &table, const std::string &label, const std::string &how, const Cells &cells)
+{
+    table.AddRow({"  " + label, how, cells[0], cells[1]});
+}
+
+void AddRules(Table &table, const Explanation &explanation)
+{
+    table.AddTitle("Rules");
+    std::size_t without = 0;
+    for (const RuleView &view : explanation.rules) {
+        if (view.owner.type == ZEVO_BW_OWNER_GROUP && view.state == "no rule")
+            ++without;
+        else
+            AddLine(table, OwnerText(view.owner), view.state,
+                    view.isInForce ? RateCells(view.rates) : kNone);
+    }
+    if (without != 0)
+        AddLine(table, std::to_string(without) + (without == 1 ? " other group" : " other groups"),
+                "no rule", kNone);
+}
+
+void AddSteps(Table &table, const Preview &preview, const Explanation &explanation)
+{
+    const ZEVO_BANDWIDTH_GLOBAL_CONF &policy = preview.evaluation->policy();
+    const auto cells = [](const std::optional<Speeds> &speeds) {
+        return speeds ? RateCells(*speeds) : kNone;
+    };
+    table.AddTitle("Combined");
+    AddLine(table, "the user's own", "", cells(explanation.own));
+    AddLine(table, "the groups together",
+            PolicyText("inter-group", ZEVO_BW_INTER_GROUP_POLICY_LIST, policy.interGroupPolicy),
+            cells(explanation.groups));
+    AddLine(table, "user and groups",
+            PolicyText("user-group", ZEVO_BW_USER_GROUP_POLICY_LIST, policy.userGroupPolicy),
+            RateCells(preview.byRules));
+}
+
+void AddCharges(Table &table, const Preview &preview, const Explanation &explanation)
+{
+    const std::string how =
+        PolicyText("occupy", ZEVO_BW_OCCUPY_POLICY_LIST, preview.evaluation->policy().occupyPolicy);
+    table.AddTitle("Charged to");
+    if (explanation.charges.empty()) AddLine(table, "no group", how, kNone);
+    for (const Charge &charge : explanation.charges) {
+        Cells cells;
+        for (std::size_t i = 0; i < cells.size(); ++i)
+            cells[i] = FormatProgress(static_cast<std::uint32_t>(charge.weights[i]));
+        AddLine(table, "group " + GroupName(charge.gid), how, cells);
+    }
+}
+
+void AddResult(Table &table, const Preview &preview, const Explanation &explanation)
+{
+    table.AddTitle("Result");
+    AddLine(table, "a transfer alone", preview.whyOff, RateCells(explanation.alone));
+    if (explanation.now)
+        AddLine(table, "a new one beside those running", "", SpeedCells(*explanation.now));
+}
+
+std::string Headline(const Preview &preview)
+{
+    const std::string what = "User " + UserName(preview.user.id) + " on " +
+                             ProtocolName(preview.protocol) + ", " + MomentText(preview.moment) +
+                             ": ";
+    return Paint(Color::kBold, Printable(what)) +
+           Paint(preview.whyOff.empty() ? Color::kGreen : Color::kYellow, LimitsText(preview));
+}
+
+void PrintExplanation(const Preview &preview)
+{
+    const Explanation explanation = Explain(preview);
+    Table table({"", "HOW", "UPLOAD", "DOWNLOAD"});
+    table.AlignRight(2);
+    table.AlignRight(3);
+    AddRules(table, explanation);
+    AddSteps(table, preview, explanation);
+    AddCharges(table, preview, explanation);
+    AddResult(table, preview, explanation);
+    if (!OutputStyle().noLegend) PrintLine(Headline(preview));
+    table.Print();
+}
+
+// ---- JSON ----
+
+Json RuleJson(const RuleView &view)
+{
+    Json json = {{"owner", ValueName(ZEVO_BW_OWNER_TYPE_LIST, view.owner.type)},
+                 {"name", ShownName(view.owner.account)},
+                 {"id", view.owner.account.id},
+                 {"state", view.state},
+                 {"in_force", view.isInForce}};
+    if (view.isInForce) json.update(SpeedsJson(view.rates));
+    return json;
+}
+
+Json ChargeJson(const Charge &charge)
+{
+    return {{"group", GroupName(charge.gid)},
+            {"gid", charge.gid},
+            {"upload_percent", static_cast<double>(charge.weights[0]) / 100},
+            {"download_percent", static_cast<double>(charge.weights[1]) / 100}};
+}
+
+Json ExplanationJson(const Preview &preview)
+{
+    const Explanation explanation = Explain(preview);
+    const ZEVO_BANDWIDTH_GLOBAL_CONF &policy = preview.evaluation->policy();
+    Json json;
+    json["policy"] = {
+        {"state", ValueName(ZEVO_BW_STATE_LIST, policy.state)},
+        {"user_group", ValueName(ZEVO_BW_USER_GROUP_POLICY_LIST, policy.userGroupPolicy)},
+        {"inter_group", ValueName(ZEVO_BW_INTER_GROUP_POLICY_LIST, policy.interGroupPolicy)},
+        {"occupy", ValueName(ZEVO_BW_OCCUPY_POLICY_LIST, policy.occupyPolicy)}};
+    json["rules"] = JsonArray(explanation.rules, RuleJson);
+    if (explanation.own) json["own"] = SpeedsJson(*explanation.own);
+    if (explanation.groups) json["groups"] = SpeedsJson(*explanation.groups);
+    json["combined"] = SpeedsJson(preview.byRules);
+    json["charged"] = JsonArray(explanation.charges, ChargeJson);
+    if (explanation.now) json["new_transfer"] = SpeedsJson(*explanation.now);
+    return json;
+}
+
+Json ToJson(const Preview &preview, bool isExplained)
+{
+    Json json = {{"user", UserName(preview.user.id)},
+                 {"uid", preview.user.id},
+                 {"protocol", ProtocolName(preview.protocol)},
+                 {"at", IsoText(preview.moment)},
+                 {"limits", LimitsText(preview)}};
+    json.update(SpeedsJson(preview.whyOff.empty() ? preview.byRules : Speeds{}));
+    json["by_rules"] = SpeedsJson(preview.byRules);
+    if (isExplained) json["explanation"] = ExplanationJson(preview);
+    return json;
+}
+
+// ---- the command ----
+
+void Print(const std::vector<Preview> &previews, bool isExplained)
+{
+    if (OutputStyle().json)
+        return PrintJson(JsonArray(previews, [isExplained](const Preview &preview) {
+            return ToJson(preview, isExplained);
+        }));
+    if (!isExplained) return PrintTable(previews);
+    for (const Preview &preview : previews) {
+        if (&preview != &previews.front()) PrintLine("");
+        PrintExplanation(preview);
+    }
+}
+
+void RunPreview(const PreviewArguments &arguments)
+{
+    std::optional<std::time_t> at;
+    if (arguments.at) at = ParseComingMoment(*arguments.at, std::time(nullptr));
+    const Account user = FindUser(arguments.user);
+    std::vector<Preview> previews;
+    for (const std::int32_t protocol : ProtocolsToList(arguments.protocol))
+        previews.push_back(MakePreview(user, protocol, at));
+    Print(previews, arguments.isExplained);
+    if (arguments.protocol.empty()) return;
+    const std::string why = WhyNothingIsLimited(previews.front().evaluation->policy());
+    if (!why.empty()) PrintNote("note: " + why);
+}
+
+} // namespace
+
+void AddPreviewCommand(CLI::App &app)
+{
+    const auto arguments = std::make_shared<PreviewArguments>();
+    CLI::App *command =
+        app.add_subcommand("preview", "Show at which speed a user's transfers would be held");
+    AddUserOption(*command, arguments->user, "The user, by name or uid");
+    AddProtocolOption(*command, arguments->protocol);
+    command->add_flag("--explain", arguments->isExplained,
+                      "Show the rules, how they combine, whom a transfer is charged to, and what a "
+                      "new transfer would get right now");
+    command
+        ->add_option("--at", arguments->at, "The coming 'DAY HH:MM' instead of now, in local time")
+        ->type_name("TIME");
+    AddOutputOptions(*command);
+    command->footer(
+        "Without -p: all protocols. Running transfers count only for the last line of\n"
+        "--explain, which --at leaves out: nobody knows what will be running then.\n"
+        "In parentheses stands what the rules would give where the policy limits nothing.\n\n"
+        "Examples:\n"
+        "  zevobandwidth preview -u alice\n"
+        "  zevobandwidth preview -u alice -p ftp --explain\n"
+        "  zevobandwidth preview -u alice -p ftp --at 'sun 02:30'\n");
+    command->callback([arguments] { RunPreview(*arguments); });
+}
+
+} // namespace tool

@@ -1,0 +1,21 @@
+// What the commands that change a single rule have in common.
+#ifndef ZEVOBW_TOOL_COMMANDS_RULE_COMMAND_HPP
+#define ZEVOBW_TOOL_COMMANDS_RULE_COMMAND_HPP
+
+#include <CLI/CLI.hpp>
+
+#include "model/store.hpp"
+#include "options.hpp"
+
+namespace tool {
+
+// Stores the rule unless it is a dry run, tells the services unless that is not wanted, prints what
+// holds then, and says when the rule would not bear.
+void StoreRule(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule, const ChangeOptions &change);
+
+// Each adds its command to "rule".
+void AddRuleEdit(CLI::App &rule);
+
+} // namespace tool
+
+#endif // ZEVOBW_TOOL_COMMANDS_RULE_COMMAND_HPP

@@ -1,0 +1,225 @@
+// "top": the running transfers, full screen and live.
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <string>
+#include <tuple>
+
+#include "command.hpp"
+#include "model/limit_book.hpp"
+#include "model/stopping.hpp"
+#include "model/transfer_list.hpp"
+#include "options.hpp"
+#include "output.hpp"
+#include "pipe/signal.hpp"
+#include "top/model.hpp"
+#include "top/screen.hpp"
+
+namespace tool {
+
+namespace {
+
+// How much of a refresh may go into limits that are not known yet.
+constexpr std::int64_t kLimitBudgetUs = 10'000;
+constexpr std::chrono::seconds kStopPatience{10};
+
+std::string TimeOfDay()
+{
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    std::array<char, 16> text{};
+    ::localtime_r(&now, &local);
+    std::strftime(text.data(), text.size(), "%H:%M:%S", &local);
+    return text.data();
+}
+
+std::vector<TopTransfer> ToTransfers(const TransferList &list, LimitBook &limits)
+{
+    std::vector<TopTransfer> transfers;
+    for (const RunningTransfer &running : list.all())
+        transfers.push_back({.uid = running.uid,
+                             .pid = running.pid,
+                             .direction = running.direction,
+                             .user = UserName(running.uid),
+                             .protocol = ProtocolOf(running),
+                             .file = running.file,
+                             .speedBps = running.speedBps,
+                             .allowedBps = running.allowedBps,
+                             .limitBps = limits.Of(ZEVO_BW_OWNER_USER, running.uid,
+                                                   running.protocol, running.direction),
+                             .progress = running.progress,
+                             .active = running.active});
+    return transfers;
+}
+
+// One for each protocol and direction of a group; they follow each other in the sorted list.
+std::vector<TopGroup> ToGroups(const TransferList &list, LimitBook &limits)
+{
+    std::vector<TopGroup> groups;
+    const RunningTransfer *last = nullptr;
+    for (const RunningTransfer &copy : list.all()) {
+        const auto place = [](const RunningTransfer &t) {
+            return std::tie(t.ownerId, t.protocol, t.direction);
+        };
+        if (last == nullptr || place(*last) != place(copy))
+            groups.push_back({.group = OwnerName(copy),
+                              .protocol = ProtocolOf(copy),
+                              .direction = copy.direction,
+                              .limitBps = limits.Of(ZEVO_BW_OWNER_GROUP, copy.ownerId,
+                                                    copy.protocol, copy.direction)});
+        groups.back().transfers += 1;
+        groups.back().speedBps += copy.speedBps;
+        last = &copy;
+    }
+    return groups;
+}
+
+TopFigures ReadFigures(LimitBook &limits)
+{
+    TransferList users;
+    users.ReadAll(ZEVO_BW_OWNER_USER);
+    users.Sort();
+    TransferList groups;
+    groups.ReadAll(ZEVO_BW_OWNER_GROUP);
+    groups.Sort();
+    limits.BeginRound(kLimitBudgetUs);
+    TopFigures figures;
+    figures.nowUs = NowUs();
+    figures.time = TimeOfDay();
+    figures.groups = ToGroups(groups, limits);
+    figures.transfers = ToTransfers(users, limits);
+    for (const TransferList *list : {&groups, &users})
+        if (!list->complaints().empty()) figures.complaint = list->complaints().front();
+    return figures;
+}
+
+// The transfer that is being stopped, while the screen goes on.
+class StopInTheBackground {
+public:
+    bool IsBusy() const noexcept { return stopping_.has_value(); }
+    void GiveUp() noexcept { stopping_.reset(); }
+
+    // Returns what there is to say.
+    std::string Start(const TopTransfer &transfer)
+    {
+        const std::string id = std::to_string(transfer.uid);
+        const Account user = FindUser(id);
+        if (user.id != transfer.uid) throw Failure(kNotFound, "no such user: " + id);
+        TransferFilter which;
+        which.pid = transfer.pid;
+        which.directions = static_cast<std::uint32_t>(transfer.direction);
+        stopping_.emplace(user, which);
+        if (!stopping_->found().empty()) return Step();
+        GiveUp();
+        return "That transfer has ended by itself.";
+    }
+
+    std::string Step()
+    {
+        const std::string who = "Process " + std::to_string(stopping_->found().front().pid) + ": ";
+        stopping_->Step();
+        const std::string ms = std::to_string(stopping_->Took().count()) + " ms";
+        const bool isOver = stopping_->left().empty();
+        const bool isLate = stopping_->Took() > kStopPatience;
+        if (isOver || isLate) GiveUp();
+        if (isOver) return who + "stopped after " + ms;
+        return who + (isLate ? "marked; it will end with its next block" : "stopping ...");
+    }
+
+private:
+    std::optional<Stopping> stopping_;
+};
+
+class Top {
+public:
+    explicit Top(double seconds)
+        : periodUs_(static_cast<std::int64_t>(seconds * 1e6)),
+          model_(screen_.ShowsUtf8(), !OutputStyle().noLegend)
+    {
+    }
+
+    void Run()
+    {
+        while (EndingSignal() == 0) {
+            Refresh();
+            screen_.Draw(model_.Compose(screen_.Rows(), screen_.Columns()));
+            screen_.Wait(WakeUs());
+            while (const auto key = screen_.NextKey())
+                if (!Obey(model_.Press(*key))) return;
+            if (stop_.IsBusy()) Tell([&] { return stop_.Step(); });
+        }
+    }
+
+private:
+    void Refresh()
+    {
+        if (NowUs() < nextUs_) return;
+        model_.Update(ReadFigures(limits_));
+        nextUs_ = NowUs() + periodUs_;
+    }
+
+    std::int64_t WakeUs() const
+    {
+        constexpr std::int64_t kStepUs = std::chrono::microseconds(Stopping::kLookAgain).count();
+        return stop_.IsBusy() ? std::min(nextUs_, NowUs() + kStepUs) : nextUs_;
+    }
+
+    // False for the end.
+    bool Obey(TopAction action)
+    {
+        if (action == TopAction::kStop && model_.Selected() != nullptr) {
+            Tell([&] { return stop_.Start(*model_.Selected()); });
+            nextUs_ = 0; // shows the mark
+        }
+        return action != TopAction::kQuit;
+    }
+
+    // A failure to stop something is no reason to end.
+    template <typename Step> void Tell(Step step)
+    {
+        try {
+            model_.Say(step());
+        } catch (const Failure &failure) {
+            stop_.GiveUp();
+            model_.Say(failure.what());
+        }
+    }
+
+    TopScreen screen_;
+    const std::int64_t periodUs_;
+    TopModel model_;
+    LimitBook limits_;
+    StopInTheBackground stop_;
+    std::int64_t nextUs_ = 0;
+};
+
+void ShowTop(double seconds)
+{
+    CatchEnding();
+    Top(seconds).Run();
+}
+
+} // namespace
+
+void AddTopCommand(CLI::App &app)
+{
+    const auto seconds = std::make_shared<double>(1);
+    CLI::App *command = app.add_subcommand("top", "Watch the running transfers, full screen");
+    AddSecondsOption(*command, "-d,--delay", *seconds, "Look again every so many seconds")
+        ->capture_default_str();
+    AddOutputOptions(*command, {.json = "use 'zevobandwidth transfers --watch --json'"});
+    command->footer(
+        "Shows per transfer its speed, the speed it is allowed now, what part that is of what the\n"
+        "user's limits allow one transfer alone, progress, time left and the last speeds; above\n"
+        "it what the groups bear of their limits. Keys: arrows select, s sorts by another column,\n"
+        "r reverses, / filters, x stops the selected transfer after a question, ? helps, q quits.\n"
+        "The time left is worked out from the progress that the service reports.\n\nExamples:\n"
+        "  zevobandwidth top\n"
+        "  zevobandwidth top -n -d 5\n");
+    command->callback([seconds] { ShowTop(*seconds); });
+}
+
+} // namespace tool

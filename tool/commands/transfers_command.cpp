@@ -1,0 +1,242 @@
+// "transfers": what is running now, once or again and again.
+#include <poll.h>
+#include <stdio_ext.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "command.hpp"
+#include "model/rate.hpp"
+#include "model/transfer_list.hpp"
+#include "options.hpp"
+#include "output.hpp"
+#include "pipe/signal.hpp"
+
+namespace tool {
+
+namespace {
+
+struct TransfersArguments {
+    OwnerOption owner;
+    TransferSelection selection;
+    bool merge = false;
+    CLI::Option *watch = nullptr;
+    double watchSeconds = 1;
+};
+
+// What one run looks for, with every name looked up: nonsense is refused before anything is shown.
+struct Request {
+    std::optional<Owner> owner;
+    TransferFilter filter;
+};
+
+Request Resolve(const TransfersArguments &arguments)
+{
+    Request request;
+    if (arguments.owner.IsGiven()) request.owner = arguments.owner.Find();
+    request.filter = arguments.selection.Filter();
+    request.filter.merge = arguments.merge;
+    return request;
+}
+
+TransferList Read(const Request &request)
+{
+    TransferList list(request.filter);
+    if (request.owner) {
+        list.Read(request.owner->type, request.owner->account.id);
+    } else {
+        list.ReadAll(ZEVO_BW_OWNER_USER);
+        // Sums are asked for per owner; single transfers would only stand there twice.
+        if (request.filter.merge) list.ReadAll(ZEVO_BW_OWNER_GROUP);
+    }
+    list.Sort();
+    return list;
+}
+
+// ---- as a table ----
+
+Table SumsTable(const TransferList &list)
+{
+    Table table({"OWNER", "NAME", "PROTOCOL", "DIRECTION", "SPEED", "ALLOWED"});
+    table.AlignRight(4);
+    table.AlignRight(5);
+    for (const RunningTransfer &sum : list.all())
+        table.AddRow({ValueName(ZEVO_BW_OWNER_TYPE_LIST, sum.ownerType), OwnerName(sum),
+                      ProtocolOf(sum), DirectionOf(sum), FormatSpeed(sum.speedBps),
+                      FormatAllowedSpeed(sum.allowedBps)});
+    return table;
+}
+
+Table TransfersTable(const TransferList &list)
+{
+    Table table({"USER", "PROTOCOL", "DIRECTION", "PID", "SPEED", "ALLOWED", "PROGRESS", "FILE"});
+    for (std::size_t column = 3; column < 7; ++column)
+        table.AlignRight(column);
+    for (const RunningTransfer &transfer : list.all())
+        table.AddRow({UserName(transfer.uid), ProtocolOf(transfer), DirectionOf(transfer),
+                      std::to_string(transfer.pid), FormatSpeed(transfer.speedBps),
+                      FormatAllowedSpeed(transfer.allowedBps), FormatProgress(transfer.progress),
+                      transfer.file});
+    return table;
+}
+
+Table ToTable(const TransferList &list, const Request &request)
+{
+    return request.filter.merge ? SumsTable(list) : TransfersTable(list);
+}
+
+// ---- as JSON ----
+
+Json SumToJson(const RunningTransfer &sum)
+{
+    return {{"owner", ValueName(ZEVO_BW_OWNER_TYPE_LIST, sum.ownerType)},
+            {"name", OwnerName(sum)},
+            {"id", sum.ownerId},
+            {"protocol", ProtocolOf(sum)},
+            {"direction", DirectionOf(sum)},
+            {"speed_bytes_per_s", sum.speedBps},
+            {"allowed_bytes_per_s", LimitJson(sum.allowedBps)}};
+}
+
+Json ToJson(const TransferList &list, const Request &request)
+{
+    return JsonArray(list.all(), [&request](const RunningTransfer &transfer) {
+        return request.filter.merge ? SumToJson(transfer) : ToJson(transfer);
+    });
+}
+
+// ---- once ----
+
+void ListOnce(const Request &request)
+{
+    const TransferList list = Read(request);
+    for (const std::string &complaint : list.complaints())
+        PrintNote("zevobandwidth: " + complaint);
+    if (OutputStyle().json)
+        PrintJson(ToJson(list, request));
+    else if (list.all().empty())
+        PrintNote("No limited transfers are running.");
+    else
+        ToTable(list, request).Print();
+    if (!list.complaints().empty()) throw Failure(list.status(), "the list is incomplete");
+}
+
+// ---- again and again ----
+
+// The screen is the command's own while it watches; what stood there before comes back.
+class WatchScreen {
+public:
+    WatchScreen() { Write("\033[?1049h\033[?25l\033[?7l"); }
+    ~WatchScreen() { Write("\033[?7h\033[?25h\033[?1049l"); }
+    WatchScreen(const WatchScreen &) = delete;
+    WatchScreen &operator=(const WatchScreen &) = delete;
+
+    // The lines that fit, drawn over the last ones: clearing first would flicker.
+    void Draw(const std::vector<std::string> &lines) const
+    {
+        winsize size = {};
+        const bool known = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0;
+        const std::size_t rows = known ? size.ws_row : 24;
+        std::string text = "\033[H";
+        for (std::size_t i = 0; i < lines.size() && i < rows; ++i)
+            text += (i == 0 ? "" : "\r\n") + lines[i] + "\033[K";
+        Write(text + "\033[J");
+    }
+
+private:
+    static void Write(const std::string &text)
+    {
+        PrintText(text);
+        static_cast<void>(std::fflush(stdout)); // FlushOutput() tells what failed
+    }
+};
+
+std::vector<std::string> ScreenLines(const TransferList &list, const Request &request)
+{
+    std::vector<std::string> lines;
+    for (const std::string &complaint : list.complaints())
+        lines.push_back(Printable(complaint));
+    if (list.all().empty()) lines.emplace_back("No limited transfers are running.");
+    for (std::string &line : ToTable(list, request).Lines())
+        if (!list.all().empty()) lines.push_back(std::move(line));
+    return lines;
+}
+
+void PrintBlock(const TransferList &list, const Request &request, bool isFirst)
+{
+    for (const std::string &complaint : list.complaints())
+        PrintNote("zevobandwidth: " + complaint);
+    if (OutputStyle().json) return PrintLine(JsonText(ToJson(list, request)));
+    if (!isFirst) PrintLine("");
+    ToTable(list, request).Print();
+}
+
+void Watch(const Request &request, double seconds)
+{
+    CatchEnding();
+    std::optional<WatchScreen> screen;
+    if (!OutputStyle().json && ControlsTerminal()) screen.emplace();
+    const auto pauseUs = static_cast<std::int64_t>(seconds * 1e6);
+    std::int64_t nextUs = NowUs();
+    for (bool isFirst = true; EndingSignal() == 0; isFirst = false) {
+        const TransferList list = Read(request);
+        {
+            const SignalsLetIn scope; // whoever does not read on must not keep us from ending
+            if (screen)
+                screen->Draw(ScreenLines(list, request));
+            else
+                PrintBlock(list, request, isFirst);
+            static_cast<void>(std::fflush(stdout));
+        }
+        if (EndingSignal() == 0) FlushOutput();
+        nextUs = std::max(nextUs + pauseUs, NowUs());
+        while (EndingSignal() == 0 && NowUs() < nextUs)
+            WaitReady(nullptr, 0, nextUs);
+    }
+    // A block that nobody took is not waited for a second time.
+    ::__fpurge(stdout);
+    std::clearerr(stdout);
+}
+
+} // namespace
+
+void AddTransfersCommand(CLI::App &app)
+{
+    const auto arguments = std::make_shared<TransfersArguments>();
+    CLI::App *command = app.add_subcommand("transfers", "List the limited transfers that run now");
+    AddOwnerOption(*command, arguments->owner);
+    AddTransferSelection(*command, arguments->selection);
+    command->add_flag("--merge", arguments->merge,
+                      "One line for each protocol and direction of an owner, with the sums of the "
+                      "speeds; groups too");
+    arguments->watch =
+        AddSecondsOption(*command, "--watch", arguments->watchSeconds,
+                         "Again and again, every so many seconds (1), until interrupted")
+            ->expected(0, 1)
+            ->type_name("[SECONDS]");
+    AddOutputOptions(*command);
+    command->footer(
+        "Upload is from the client to this server, download from this server to the client.\n"
+        "With -g: the transfers charged to the group, with the part of the speed that it bears.\n"
+        "A sum is unlimited as soon as one of its transfers is. Transfers that no limit bears on\n"
+        "are not listed. --watch redraws in place on a terminal; elsewhere blocks are set apart\n"
+        "by a blank line, JSON documents stand on one line each. Its exit status is 0 when it is\n"
+        "interrupted.\n\nExamples:\n"
+        "  zevobandwidth transfers\n"
+        "  zevobandwidth transfers -u alice --json\n"
+        "  zevobandwidth transfers -g staff -p rsync -d upload --watch 5\n"
+        "  zevobandwidth transfers --merge\n");
+    command->callback([arguments] {
+        const Request request = Resolve(*arguments);
+        if (arguments->watch->count() != 0)
+            Watch(request, arguments->watchSeconds > 0 ? arguments->watchSeconds : 1);
+        else
+            ListOnce(request);
+    });
+}
+
+} // namespace tool

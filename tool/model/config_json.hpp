@@ -1,0 +1,44 @@
+// The whole configuration as one JSON text, to be kept or moved to another machine, and back. The
+// text has a line for each policy and each rule; equal configurations give equal bytes.
+#ifndef ZEVOBW_TOOL_MODEL_CONFIG_JSON_HPP
+#define ZEVOBW_TOOL_MODEL_CONFIG_JSON_HPP
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "model/store.hpp"
+
+namespace tool {
+
+struct ConfigText {
+    std::string text;                   // without its last line end
+    std::map<int, std::string> sources; // where the entry of a line is stored
+};
+
+// In the order given; policies that are not stored are left out. An owner whom the user database
+// does not know is written without a name.
+ConfigText ConfigToText(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies,
+                        const std::vector<StoredRule> &rules);
+
+// Something to say about a line of the text, counted from 1.
+struct Remark {
+    int line = 0;
+    std::string text;
+};
+
+struct Configuration {
+    std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies;
+    std::vector<StoredRule> rules;
+    std::vector<Remark> faults; // by line; with any, the entries are not to be used
+    std::vector<Remark> notes;  // owners that are not who they were on the other machine
+};
+
+// Reads such a text and checks all of it. An owner is found by name where the user database knows
+// it, else by id, unless that belongs to somebody else here.
+Configuration ConfigFromText(std::string_view text);
+
+} // namespace tool
+
+#endif // ZEVOBW_TOOL_MODEL_CONFIG_JSON_HPP

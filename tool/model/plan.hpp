@@ -1,0 +1,76 @@
+// Weekly plans: a character for each hour of the week, how an administrator writes them down, and
+// when they next change. Knows nothing of files; the time zone is the process's own.
+#ifndef ZEVOBW_TOOL_MODEL_PLAN_HPP
+#define ZEVOBW_TOOL_MODEL_PLAN_HPP
+
+#include <array>
+#include <cstddef>
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tool {
+
+inline constexpr std::size_t kHoursOfDay = 24;
+inline constexpr std::size_t kDaysOfWeek = 7;
+
+// A plan's character of a weekday's hour stands at weekday * kHoursOfDay + hour, Sunday first.
+inline constexpr std::size_t kHoursOfWeek = kDaysOfWeek * kHoursOfDay;
+inline constexpr std::array<std::string_view, kDaysOfWeek> kWeekdays = {"sun", "mon", "tue", "wed",
+                                                                        "thu", "fri", "sat"};
+
+// The same character means different things in a rule's plan and in that of a protocol's policy.
+enum class PlanOf { kRule, kPolicy };
+
+enum class HourState : char {
+    kOff = '0',    // the rule does not bear; no limit applies to the policy's protocol
+    kNormal = '1', // the normal rates; in a policy: limits apply
+    kCustom = '2', // the custom rates; in no policy
+};
+
+// "off", "normal", "custom"; a policy's are "off" and "on".
+std::string HourStateName(PlanOf of, HourState state);
+
+// Reads that name; "normal" is another word for a policy's "on". Throws Failure with kWrongUsage.
+HourState ParseHourState(PlanOf of, const std::string &name);
+
+// Reads "DAYS TIMES STATE; ...", later rules over earlier ones; hours that none names get the base
+// state. Throws Failure with kWrongUsage that names the piece and the right form.
+std::string ParsePlan(PlanOf of, const std::string &rules, HourState base);
+
+// Hands back a plan of 168 characters, each of them one that HourState has; for what lies in files
+// others are possible. Throws Failure with kWrongUsage that says what is wrong with it.
+const std::string &CheckPlan(PlanOf of, const std::string &plan);
+
+// The help text of every command that takes a plan.
+std::string PlanHelp(PlanOf of);
+
+// Whether it has a character for each hour of the week.
+bool HasWholePlan(std::string_view plan);
+
+// "168 hours", "none", "167 of 168 hours": how much of a plan there is.
+std::string PlanText(std::string_view plan);
+
+// What holds in that hour of the week, as the library takes it: a character that the plan lacks or
+// that nobody knows means custom in a rule and off in a policy.
+HourState StateOfHour(PlanOf of, std::string_view plan, std::size_t hourOfWeek);
+
+// The local calendar's view of a moment. Throws Failure for one beyond all calendars.
+std::tm LocalTime(std::time_t moment);
+
+std::size_t HourOfWeek(const std::tm &local);
+
+struct PlanChange {
+    std::time_t moment;
+    HourState state; // from then on
+};
+
+// The moments after the given one at which another state begins to hold, at most so many. Hours
+// that daylight saving skips do not come, those that it repeats come twice.
+std::vector<PlanChange> ComingChanges(PlanOf of, std::string_view plan, std::time_t after,
+                                      std::size_t most);
+
+} // namespace tool
+
+#endif // ZEVOBW_TOOL_MODEL_PLAN_HPP

@@ -1,0 +1,275 @@
+// Rates, sizes and speeds as text. A number with its decimals is kept as an integer mantissa and a
+// power of ten, so that 1.5M is exactly 1536 KB/s and no rounding is left to chance.
+#include "model/rate.hpp"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <limits>
+#include <string_view>
+
+#include "failure.hpp"
+
+namespace tool {
+
+const char *const kRateHelp =
+    "A RATE is a number with a unit: 512K, 10M, 1.5M, 2G (or KiB, MiB, GiB) count\n"
+    "1024 bytes per second; 500KB, 10MB, 1GB count 1000 bytes; 800kbit, 10mbit, 1gbit\n"
+    "count 1000 bits; 'unlimited' is no limit. Rates are kept in whole KiB/s: what does\n"
+    "not divide is rounded down.\n"
+    "Upload always means from the client to this server, download from this server to\n"
+    "the client.";
+
+namespace {
+
+using Wide = unsigned __int128;
+
+constexpr std::uint64_t kBitsPerByte = 8;
+constexpr std::size_t kMostDecimals = 18; // 10^18 still fits 64 bits
+// Speeds pass through signed 64-bit arithmetic on their way to a sleep.
+constexpr std::uint64_t kMostBytes = std::numeric_limits<std::int64_t>::max();
+
+struct Unit {
+    std::string_view name; // compared without regard to case
+    std::uint64_t bits;
+    bool countsBits = false; // makes no size
+};
+
+// clang-format off
+constexpr std::array kUnits = {
+    Unit{"K",  kBitsPerByte << 10},   Unit{"KiB", kBitsPerByte << 10},
+    Unit{"M",  kBitsPerByte << 20},   Unit{"MiB", kBitsPerByte << 20},
+    Unit{"G",  kBitsPerByte << 30},   Unit{"GiB", kBitsPerByte << 30},
+    Unit{"T",  kBitsPerByte << 40},   Unit{"TiB", kBitsPerByte << 40},
+    Unit{"KB", kBitsPerByte * 1000},  Unit{"kbit", 1000, true},
+    Unit{"MB", kBitsPerByte * 1000 * 1000},               Unit{"mbit", 1000 * 1000, true},
+    Unit{"GB", kBitsPerByte * 1000 * 1000 * 1000},        Unit{"gbit", 1000 * 1000 * 1000, true},
+    Unit{"TB", kBitsPerByte * 1000 * 1000 * 1000 * 1000},
+};
+// clang-format on
+
+// mantissa / 10^decimals of the unit.
+struct Quantity {
+    std::uint64_t mantissa = 0;
+    std::uint64_t scale = 1;
+    std::string_view unit;
+};
+
+enum class Fault { kForm, kTooLarge };
+
+char Lower(char c)
+{
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+bool SameWord(std::string_view a, std::string_view b)
+{
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i)
+        if (Lower(a[i]) != Lower(b[i])) return false;
+    return true;
+}
+
+std::string_view TakeDigits(std::string_view &text)
+{
+    const std::size_t length = std::min(text.find_first_not_of("0123456789"), text.size());
+    const std::string_view digits = text.substr(0, length);
+    text.remove_prefix(length);
+    return digits;
+}
+
+Quantity ReadQuantity(std::string_view text)
+{
+    const std::string_view whole = TakeDigits(text);
+    if (whole.empty()) throw Fault::kForm;
+    std::string digits(whole);
+    Quantity quantity;
+    if (text.starts_with('.')) {
+        text.remove_prefix(1);
+        std::string_view decimals = TakeDigits(text);
+        if (decimals.empty()) throw Fault::kForm;
+        while (decimals.ends_with('0'))
+            decimals.remove_suffix(1);
+        if (decimals.size() > kMostDecimals) throw Fault::kForm;
+        digits += decimals;
+        for (std::size_t i = 0; i < decimals.size(); ++i)
+            quantity.scale *= 10;
+    }
+    const auto end = digits.data() + digits.size();
+    if (std::from_chars(digits.data(), end, quantity.mantissa).ec != std::errc())
+        throw Fault::kTooLarge;
+    if (text.starts_with(' ')) text.remove_prefix(1);
+    quantity.unit = text;
+    return quantity;
+}
+
+const Unit *FindUnit(std::string_view name)
+{
+    for (const Unit &unit : kUnits)
+        if (SameWord(name, unit.name)) return &unit;
+    return nullptr;
+}
+
+// "Mb" is a megabit to some and a megabyte to others: eight times apart, so nobody gets to guess.
+bool IsAmbiguous(std::string_view unit)
+{
+    return unit.size() == 2 && unit[1] == 'b' && FindUnit(unit) != nullptr;
+}
+
+[[noreturn]] void Refuse(const std::string &text, const std::string &why, const char *right)
+{
+    throw Failure(kWrongUsage, "\"" + text + "\" " + why + ": " + right);
+}
+
+constexpr const char *kRightRate = "write a number and a unit, such as 512K, 1.5M, 2G (multiples "
+                                   "of 1024 bytes/s), 10MB, 10mbit, or 'unlimited'";
+constexpr const char *kRightSize = "write bytes, or a number and a unit, such as 512K, 1.5M, 10MB";
+
+// The quantity in units of unitBits, rounded down; exact says whether nothing was cut off.
+std::uint64_t Convert(const Quantity &quantity, std::uint64_t bits, std::uint64_t unitBits,
+                      bool &exact)
+{
+    const Wide dividend = Wide{quantity.mantissa} * bits;
+    const Wide divisor = Wide{quantity.scale} * unitBits;
+    const Wide most = Wide{kMostBytes} * kBitsPerByte / unitBits;
+    if (dividend / divisor > most) throw Fault::kTooLarge;
+    exact = dividend % divisor == 0;
+    return static_cast<std::uint64_t>(dividend / divisor);
+}
+
+Rate ReadRate(const std::string &text)
+{
+    if (SameWord(text, "unlimited")) return {};
+    std::string_view rest = text;
+    if (rest.ends_with("/s")) rest.remove_suffix(2);
+    const Quantity quantity = ReadQuantity(rest);
+    if (quantity.unit.empty()) Refuse(text, "has no unit", kRightRate);
+    if (IsAmbiguous(quantity.unit)) Refuse(text, "can mean bits or bytes", kRightRate);
+    const Unit *unit = FindUnit(quantity.unit);
+    if (unit == nullptr) throw Fault::kForm;
+
+    Rate rate;
+    bool exact = true;
+    rate.kBps = Convert(quantity, unit->bits, kBytesPerKB * kBitsPerByte, exact);
+    if (rate.kBps == 0)
+        Refuse(text, "is below 1 KiB/s, the smallest rate ('unlimited' is no limit)", kRightRate);
+    if (!exact)
+        rate.note = text + " is not a whole number of KiB/s: rounded down to " +
+                    std::to_string(rate.kBps) + " KiB/s";
+    return rate;
+}
+
+std::uint64_t ReadSize(const std::string &text)
+{
+    constexpr Unit kBytes{"B", kBitsPerByte};
+    const Quantity quantity = ReadQuantity(text);
+    if (IsAmbiguous(quantity.unit)) Refuse(text, "can mean bits or bytes", kRightSize);
+    const bool bare = quantity.unit.empty() || SameWord(quantity.unit, kBytes.name);
+    const Unit *unit = bare ? &kBytes : FindUnit(quantity.unit);
+    if (unit == nullptr || unit->countsBits || (bare && quantity.scale != 1)) throw Fault::kForm;
+    bool exact = true; // bytes are never split: what is left over counts for nothing
+    return Convert(quantity, unit->bits, kBitsPerByte, exact);
+}
+
+// The number with the given decimals after the point, of which hundredths are kept.
+std::string Decimal(std::uint64_t hundredths, int decimals)
+{
+    std::string text = std::to_string(hundredths / 100);
+    if (decimals == 0) return text;
+    const std::string rest = std::to_string(100 + hundredths % 100).substr(1);
+    return text + "." + rest.substr(0, static_cast<std::size_t>(decimals));
+}
+
+// Three digits or so: 9.87, 98.7, 987; rounded to nearest.
+std::string ThreeDigits(Wide value, std::uint64_t unit)
+{
+    const auto rounded = [&](std::uint64_t steps) {
+        return static_cast<std::uint64_t>((value * steps + unit / 2) / unit);
+    };
+    if (rounded(100) < 1000) return Decimal(rounded(100), 2);
+    if (rounded(10) < 1000) return Decimal(rounded(10) * 10, 1);
+    return Decimal(rounded(1) * 100, 0);
+}
+
+constexpr std::array<const char *, 7> kByteUnits = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+
+} // namespace
+
+Rate ParseRate(const std::string &text)
+{
+    try {
+        return ReadRate(text);
+    } catch (Fault fault) {
+        Refuse(text, fault == Fault::kTooLarge ? "is too large for a rate" : "is not a rate",
+               kRightRate);
+    }
+}
+
+std::uint64_t ParseSize(const std::string &text)
+{
+    try {
+        return ReadSize(text);
+    } catch (Fault fault) {
+        Refuse(text, fault == Fault::kTooLarge ? "is too large for a size" : "is not a size",
+               kRightSize);
+    }
+}
+
+std::string FormatRate(std::uint64_t kBps)
+{
+    if (kBps == 0) return "unlimited";
+    if (kBps > UINT64_MAX / 100) return std::to_string(kBps) + " KiB/s"; // has no hundredths here
+    // The largest unit of which it is a whole number of quarters: two decimals then say it exactly.
+    std::size_t unit = 1;
+    std::uint64_t size = 1;
+    while (unit + 1 < kByteUnits.size() && kBps >= size * 1024 && kBps % (size * 256) == 0) {
+        size *= 1024;
+        ++unit;
+    }
+    const auto hundredths = static_cast<std::uint64_t>(Wide{kBps} * 100 / size);
+    const int decimals = hundredths % 100 == 0 ? 0 : hundredths % 10 == 0 ? 1 : 2;
+    return Decimal(hundredths, decimals) + " " + kByteUnits[unit] + "/s";
+}
+
+std::string FormatBytes(std::uint64_t bytes)
+{
+    if (bytes < 1024) return std::to_string(bytes) + " B";
+    std::size_t unit = 1;
+    std::uint64_t size = 1024;
+    // What would round to 1024 of a unit is one of the next.
+    while (unit + 1 < kByteUnits.size() && (Wide{bytes} + size / 2) / size >= 1024) {
+        size *= 1024;
+        ++unit;
+    }
+    return ThreeDigits(bytes, size) + " " + kByteUnits[unit];
+}
+
+std::string FormatSpeed(std::uint64_t bytesPerSecond)
+{
+    return FormatBytes(bytesPerSecond) + "/s";
+}
+
+std::string FormatAllowedSpeed(std::uint64_t bytesPerSecond)
+{
+    return bytesPerSecond == 0 ? "unlimited" : FormatSpeed(bytesPerSecond);
+}
+
+std::string FormatDuration(std::uint64_t seconds)
+{
+    std::array<char, 64> text{};
+    const auto hours = static_cast<unsigned long long>(seconds / 3600);
+    const auto minutes = static_cast<unsigned>(seconds / 60 % 60);
+    const auto rest = static_cast<unsigned>(seconds % 60);
+    if (hours != 0)
+        std::snprintf(text.data(), text.size(), "%llu:%02u:%02u", hours, minutes, rest);
+    else
+        std::snprintf(text.data(), text.size(), "%u:%02u", minutes, rest);
+    return text.data();
+}
+
+std::string FormatProgress(std::uint32_t tenThousandths)
+{
+    return Decimal(tenThousandths, 1) + " %";
+}
+
+} // namespace tool

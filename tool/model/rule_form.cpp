@@ -1,0 +1,190 @@
+#include "model/rule_form.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <optional>
+#include <sstream>
+
+#include "failure.hpp"
+#include "model/rate.hpp"
+#include "model/rule_text.hpp"
+
+namespace tool {
+
+namespace {
+
+constexpr const char *kState = "state";
+constexpr const char *kPlan = "plan";
+constexpr const char *kNone = "none";
+
+// A plan begins with Sunday, the text with Monday.
+std::size_t DayOfRow(std::size_t row)
+{
+    return (row + 1) % kDaysOfWeek;
+}
+
+std::string RowName(std::size_t row)
+{
+    return std::string(kWeekdays[DayOfRow(row)]);
+}
+
+// Every mark but two means the custom rates.
+std::string RowText(const char *plan, std::size_t row)
+{
+    std::string hours(plan + DayOfRow(row) * kHoursOfDay, kHoursOfDay);
+    for (char &mark : hours)
+        mark = mark == '0' || mark == '1' ? mark : '2';
+    return hours;
+}
+
+std::string PlanRows(const char *plan)
+{
+    std::string text = "#     0     6     12    18\n";
+    for (std::size_t row = 0; row < kDaysOfWeek; ++row)
+        text += RowName(row) + " = " + RowText(plan, row) + "\n";
+    return text;
+}
+
+// ---- from text ----
+
+struct Value {
+    std::string text;
+    int line = 0;
+};
+
+[[noreturn]] void Refuse(int line, const std::string &why)
+{
+    throw Failure(kFailed, "line " + std::to_string(line) + ": " + why);
+}
+
+std::string Trim(const std::string &text)
+{
+    const std::size_t first = text.find_first_not_of(" \t\r");
+    if (first == text.npos) return "";
+    return text.substr(first, text.find_last_not_of(" \t\r") + 1 - first);
+}
+
+using Values = std::map<std::string, Value>;
+
+Values ReadValues(const std::string &text)
+{
+    Values values;
+    std::istringstream lines(text);
+    int number = 0;
+    for (std::string line; std::getline(lines, line);) {
+        ++number;
+        line = Trim(line);
+        if (line.empty() || line.front() == '#') continue;
+        const std::size_t equals = line.find('=');
+        if (equals == line.npos) Refuse(number, "\"" + line + "\" is no \"name = value\"");
+        const std::string name = Trim(line.substr(0, equals));
+        if (!values.emplace(name, Value{Trim(line.substr(equals + 1)), number}).second)
+            Refuse(number, "\"" + name + "\" stands there twice");
+    }
+    return values;
+}
+
+// Takes it out, so that what is left in the end is unknown.
+std::optional<Value> Take(Values &values, const std::string &name)
+{
+    const auto node = values.extract(name);
+    return node.empty() ? std::nullopt : std::optional(node.mapped());
+}
+
+Value TakeRequired(Values &values, const std::string &name)
+{
+    if (auto value = Take(values, name)) return *value;
+    throw Failure(kFailed, "the line \"" + name + " = ...\" is missing");
+}
+
+std::int32_t ReadState(const Value &value)
+{
+    for (const std::string &name : ValueNames(ZEVO_BW_STATE_LIST))
+        if (value.text == name && ValueOf(ZEVO_BW_STATE_LIST, name) != ZEVO_BW_STATE_NOT_EXISTED)
+            return ValueOf(ZEVO_BW_STATE_LIST, name);
+    Refuse(value.line, "\"" + value.text + "\" is no state: write enabled, disabled or schedule");
+}
+
+std::uint64_t ReadRate(const Value &value)
+{
+    try {
+        return ParseRate(value.text).kBps;
+    } catch (const Failure &failure) {
+        Refuse(value.line, failure.what());
+    }
+}
+
+void ReadRow(const Value &value, std::size_t row, char *plan)
+{
+    const std::string &hours = value.text;
+    if (hours.size() != kHoursOfDay || hours.find_first_not_of("012") != hours.npos)
+        Refuse(
+            value.line,
+            "the row of " + RowName(row) + " must be 24 times 0, 1 or 2" +
+                (hours.size() == kHoursOfDay ? "" : ", and has " + std::to_string(hours.size())));
+    std::copy(hours.begin(), hours.end(), plan + DayOfRow(row) * kHoursOfDay);
+}
+
+// All seven rows, or "plan = none" in their place.
+void ReadPlan(Values &values, char (&plan)[ZEVO_BW_PLAN_SIZE])
+{
+    std::memset(plan, 0, sizeof(plan));
+    if (const auto none = Take(values, kPlan)) {
+        if (none->text != kNone) Refuse(none->line, "write \"plan = none\" or seven rows of hours");
+        return;
+    }
+    for (std::size_t row = 0; row < kDaysOfWeek; ++row)
+        ReadRow(TakeRequired(values, RowName(row)), row, plan);
+}
+
+} // namespace
+
+std::string RuleToForm(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
+{
+    const bool isStored = rule.state != ZEVO_BW_STATE_NOT_EXISTED;
+    const bool hasPlan = HasWholePlan(rule.szSchedulePlan);
+    std::ostringstream text;
+    text << "# The rule of " << Printable(OwnerText(owner)) << " for "
+         << Printable(ProtocolName(rule.protocolType)) << ".\n"
+         << (isStored ? "# Left as it is, or not saved, nothing changes.\n"
+                      : "# There is none yet: it is made when this text is saved changed.\n")
+         << "\n# enabled, disabled, or schedule: then the plan below decides hour by hour.\n"
+         << kState << " = "
+         << ValueName(ZEVO_BW_STATE_LIST, isStored ? rule.state : ZEVO_BW_STATE_ENABLED)
+         << "\n\n# 512K, 1.5M, 2G (multiples of 1024 bytes per second), 10MB, 10mbit, or unlimited."
+         << "\n# Upload is from the client to this server, download from this server to the client."
+         << "\n# The custom rates bear in the hours that a plan marks with 2.\n";
+    for (const RateOption &rate : kRates)
+        text << rate.label << " = " << FormatRate(rule.*rate.field) << '\n';
+    text << "\n# The plan, an hour a mark: 0 this rule does not bear, 1 it bears with its rates,\n"
+            "# 2 with its custom rates. It counts with \"state = schedule\".\n";
+    if (hasPlan) {
+        text << "# Write \"plan = none\" in place of the rows to do without.\n"
+             << PlanRows(rule.szSchedulePlan);
+    } else {
+        if (rule.szSchedulePlan[0] != '\0')
+            text << "# The stored one does not have 168 hours and goes when this is saved "
+                    "changed.\n";
+        text << "# Write seven rows like these in place of \"plan = none\" to have one:\n"
+             << kPlan << " = " << kNone << '\n';
+        std::istringstream rows(PlanRows(std::string(kHoursOfWeek, '1').c_str()));
+        for (std::string row; std::getline(rows, row);)
+            text << (row.starts_with('#') ? "" : "#") << row << '\n';
+    }
+    return text.str();
+}
+
+ZEVO_BANDWIDTH_CONF RuleFromForm(const std::string &text, ZEVO_BANDWIDTH_CONF rule)
+{
+    Values values = ReadValues(text);
+    rule.state = ReadState(TakeRequired(values, kState));
+    for (const RateOption &rate : kRates)
+        rule.*rate.field = ReadRate(TakeRequired(values, rate.label));
+    ReadPlan(values, rule.szSchedulePlan);
+    if (!values.empty())
+        Refuse(values.begin()->second.line, "unknown name \"" + values.begin()->first + "\"");
+    return rule;
+}
+
+} // namespace tool

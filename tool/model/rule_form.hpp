@@ -1,0 +1,21 @@
+// One rule as a text that an administrator edits: a line for each field, explained by comments, and
+// the plan as seven rows of hours, Monday first.
+#ifndef ZEVOBW_TOOL_MODEL_RULE_FORM_HPP
+#define ZEVOBW_TOOL_MODEL_RULE_FORM_HPP
+
+#include <string>
+
+#include "model/store.hpp"
+
+namespace tool {
+
+// A rule that is not stored is written as an enabled one.
+std::string RuleToForm(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule);
+
+// The fields of the text in place of those of the rule. Throws Failure with kFailed that names the
+// line and what is wrong with it.
+ZEVO_BANDWIDTH_CONF RuleFromForm(const std::string &text, ZEVO_BANDWIDTH_CONF rule);
+
+} // namespace tool
+
+#endif // ZEVOBW_TOOL_MODEL_RULE_FORM_HPP

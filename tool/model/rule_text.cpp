@@ -1,0 +1,46 @@
+// A rule in words and as JSON.
+#include "model/rule_text.hpp"
+
+#include "model/rate.hpp"
+
+namespace tool {
+
+std::string StateText(const ZEVO_BANDWIDTH_CONF &rule)
+{
+    return ValueName(ZEVO_BW_STATE_LIST, rule.state);
+}
+
+bool HasCustomRates(const ZEVO_BANDWIDTH_CONF &rule)
+{
+    return rule.uploadRateCustom != 0 || rule.downloadRateCustom != 0 ||
+           rule.state == ZEVO_BW_STATE_SCHEDULE;
+}
+
+std::string OneLine(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
+{
+    const std::string subject = OwnerText(owner) + ", " + ProtocolName(rule.protocolType) + ": ";
+    // A cleared rule has nothing left to tell.
+    if (rule.state == ZEVO_BW_STATE_NOT_EXISTED) return subject + StateText(rule);
+    const bool onSchedule = rule.state == ZEVO_BW_STATE_SCHEDULE;
+    std::string line = subject + StateText(rule);
+    for (std::size_t i = 0; i < (HasCustomRates(rule) ? kRates.size() : 2); ++i)
+        line += std::string(", ") + kRates[i].label + " " + FormatRate(rule.*kRates[i].field);
+    if (onSchedule || rule.szSchedulePlan[0] != '\0')
+        line += ", plan " + PlanText(rule.szSchedulePlan);
+    return line;
+}
+
+Json ToJson(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
+{
+    Json json = {{"owner", ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type)},
+                 {"name", ShownName(owner.account)},
+                 {"id", owner.account.id},
+                 {"protocol", ProtocolName(rule.protocolType)},
+                 {"state", StateText(rule)}};
+    for (const RateOption &rate : kRates)
+        json[rate.key] = LimitJson(rule.*rate.field);
+    json["plan"] = rule.szSchedulePlan;
+    return json;
+}
+
+} // namespace tool

@@ -1,0 +1,321 @@
+// The way to the rule files and the global file. The library tells what failed by a code in the
+// error slot and nothing about permissions, so those are looked up here, on the file itself.
+#include "model/store.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string_view>
+#include <tuple>
+
+#include <zevocore.h>
+
+#include "failure.hpp"
+#include "output.hpp"
+
+namespace tool {
+
+std::string ConfPath(std::int32_t protocol)
+{
+    constexpr std::size_t kPathSize = 4096;
+    std::array<char, kPathSize> path{};
+    if (ZEVOBandwidthConfPath(protocol, path.data(), path.size()) != 0)
+        throw Failure(kNotFound, "protocol number " + std::to_string(protocol) +
+                                     " has no name: its add-on file is gone or ambiguous");
+    return path.data();
+}
+
+namespace {
+
+std::string ParentOf(const std::string &path)
+{
+    const std::size_t slash = path.rfind('/');
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// 0, or why this user may not: what would be missing is judged by where it would be made.
+int Refusal(const std::string &path, int mode)
+{
+    if (::faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0) return 0;
+    const int error = errno;
+    if (error == ENOENT && mode == W_OK && path != "/") return Refusal(ParentOf(path), mode);
+    return error == ENOENT ? 0 : error;
+}
+
+void RequirePermission(const std::string &path, int mode)
+{
+    const int error = Refusal(path, mode);
+    if (error == 0) return;
+    if (error == ENOTDIR || error == ELOOP)
+        throw Failure(kFailed, path + " cannot be reached: " + std::strerror(error) +
+                                   "; 'zevobandwidth check' says what should be there");
+    const std::string remedy = error == EROFS ? "mount the file system for writing"
+                                              : "run this command as an administrator (root)";
+    throw Failure(kNotPermitted, "not permitted to " +
+                                     std::string(mode == W_OK ? "write" : "read") + " " + path +
+                                     ": " + std::strerror(error) + "; " + remedy);
+}
+
+std::string PlaceText(const std::string &file, const std::string &section)
+{
+    return "section [" + section + "] of " + file;
+}
+
+// The error slot in words that go on "the rule of ... cannot be read: ".
+std::string Reason(const std::string &file, const std::string &section)
+{
+    const unsigned code = VLIBCErrGet();
+    const std::string place = PlaceText(file, section);
+    switch (code) {
+    case ZEVO_BW_ERROR_NO_MEMORY:
+        return "out of memory";
+    case ZEVO_BW_ERROR_OPEN:
+        return file + " cannot be opened or made; it must be a regular file in a directory that "
+                      "this user may write. 'zevobandwidth check' says what is there instead: "
+                      "move that away";
+    case ZEVO_BW_ERROR_READ:
+    case ZEVO_BW_ERROR_STAT:
+        return file + " cannot be read; check the disk";
+    case ZEVO_BW_ERROR_WRITE:
+    case ZEVO_BW_ERROR_RENAME:
+        return file + " cannot be written; is the disk full? Nothing was changed";
+    case ZEVO_BW_ERROR_BAD_NUMBER:
+        return "a rate or id in " + place + " is no number; mend or remove that section";
+    default: {
+        std::array<char, 32> text{};
+        std::snprintf(text.data(), text.size(), "error 0x%04X", code);
+        return std::string(text.data()) + " at " + place + "; the system log says more";
+    }
+    }
+}
+
+std::string SectionOf(const Owner &owner)
+{
+    return ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type) + "-" + std::to_string(owner.account.id);
+}
+
+} // namespace
+
+std::string OwnerText(const Owner &owner)
+{
+    return ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type) + " " + ShownName(owner.account);
+}
+
+std::string RuleOptions(const Owner &owner, std::int32_t protocol)
+{
+    return (owner.type == ZEVO_BW_OWNER_USER ? "-u " : "-g ") + ShownName(owner.account) + " -p " +
+           ProtocolName(protocol);
+}
+
+std::string PlaceOfRule(const Owner &owner, std::int32_t protocol)
+{
+    return PlaceText(ConfPath(protocol), SectionOf(owner));
+}
+
+std::string PlaceOfPolicy(std::int32_t protocol)
+{
+    return PlaceText(ConfPath(ZEVO_BW_PROTOCOL_ALL), ProtocolName(protocol));
+}
+
+Owner OwnerById(std::int32_t type, std::uint32_t id)
+{
+    return {type, {id, type == ZEVO_BW_OWNER_USER ? UserName(id) : GroupName(id)}};
+}
+
+bool IsKnown(const Owner &owner)
+{
+    return owner.type == ZEVO_BW_OWNER_USER ? IsKnownUser(owner.account.id)
+                                            : IsKnownGroup(owner.account.id);
+}
+
+std::optional<Account> FindByName(std::int32_t type, const std::string &name)
+{
+    try {
+        const Account account = type == ZEVO_BW_OWNER_USER ? FindUser(name) : FindGroup(name);
+        return account.name == name ? std::optional(account) : std::nullopt;
+    } catch (const Failure &failure) {
+        if (failure.status() != kNotFound) throw;
+        return std::nullopt;
+    }
+}
+
+std::optional<Owner> ParseOwner(std::string_view section)
+{
+    for (const std::int32_t type : {ZEVO_BW_OWNER_USER, ZEVO_BW_OWNER_GROUP}) {
+        const std::string prefix = ValueName(ZEVO_BW_OWNER_TYPE_LIST, type) + "-";
+        unsigned id = 0;
+        if (!section.starts_with(prefix) ||
+            std::sscanf(std::string(section.substr(prefix.size())).c_str(), "%u", &id) != 1)
+            continue;
+        const Owner owner{type, {id, ""}};
+        if (SectionOf(owner) == section) return owner;
+    }
+    return std::nullopt;
+}
+
+ZEVO_BANDWIDTH_CONF ReadRule(const Owner &owner, std::int32_t protocol)
+{
+    const std::string path = ConfPath(protocol);
+    // A file that cannot be reached would read as one without rules.
+    RequirePermission(path, R_OK);
+    ZEVO_BANDWIDTH_CONF rule{};
+    if (ZEVOBandwidthConfGetByID(owner.type, owner.account.id, protocol, &rule) != 0)
+        throw Failure(kFailed, "the rule of " + OwnerText(owner) + " for " +
+                                   ProtocolName(protocol) +
+                                   " cannot be read: " + Reason(path, SectionOf(owner)));
+    // Keys of the section may contradict its name; what is written back must go where it was read.
+    rule.ownerType = owner.type;
+    rule.id = owner.account.id;
+    rule.protocolType = protocol;
+    return rule;
+}
+
+void WriteRule(const ZEVO_BANDWIDTH_CONF &rule)
+{
+    if (ZEVOBandwidthConfSetByID(&rule) == 0) return;
+    const std::string path = ConfPath(rule.protocolType);
+    const std::string section = SectionOf({rule.ownerType, {rule.id, ""}});
+    const std::string reason = Reason(path, section);
+    RequirePermission(path, W_OK);
+    RequirePermission(ParentOf(path), W_OK);
+    throw Failure(kFailed, "the rule cannot be stored: " + reason);
+}
+
+bool IsStored(const Owner &owner, std::int32_t protocol)
+{
+    try {
+        return ReadRule(owner, protocol).state != ZEVO_BW_STATE_NOT_EXISTED;
+    } catch (const Failure &failure) {
+        if (failure.status() != kFailed) throw;
+        return true;
+    }
+}
+
+void CopyPlan(const std::string &plan, char (&field)[ZEVO_BW_PLAN_SIZE])
+{
+    std::snprintf(field, sizeof field, "%s", plan.c_str());
+}
+
+ZEVO_BANDWIDTH_GLOBAL_CONF ReadPolicy(std::int32_t protocol)
+{
+    const std::string path = ConfPath(ZEVO_BW_PROTOCOL_ALL);
+    RequirePermission(path, R_OK);
+    ZEVO_BANDWIDTH_GLOBAL_CONF policy{};
+    if (ZEVOBandwidthGlobalConfGet(protocol, &policy) != 0) {
+        const std::string name = ProtocolName(protocol);
+        throw Failure(kFailed, "the policy of " + name + " cannot be read: " + Reason(path, name));
+    }
+    return policy;
+}
+
+void WritePolicy(ZEVO_BANDWIDTH_GLOBAL_CONF policy)
+{
+    if (ZEVOBandwidthGlobalConfSet(&policy) == 0) return;
+    const std::string path = ConfPath(ZEVO_BW_PROTOCOL_ALL);
+    const std::string reason = Reason(path, ProtocolName(policy.protocolType));
+    RequirePermission(path, W_OK);
+    RequirePermission(ParentOf(path), W_OK);
+    throw Failure(kFailed, "the policy cannot be stored: " + reason);
+}
+
+std::vector<std::string> SectionNames(const std::string &path, const std::string &what)
+{
+    RequirePermission(path, R_OK);
+    std::vector<std::string> names;
+    if (VLIBCFileExist(path.c_str()) == 0) return names;
+
+    VLIB_SZ_LIST *list = VLIBCSzListAlloc(0);
+    const int count = list == nullptr ? -1 : VLIBCFileEnumSection(path.c_str(), &list);
+    const std::unique_ptr<VLIB_SZ_LIST, decltype(&VLIBCSzListFree)> guard(list, &VLIBCSzListFree);
+    if (count < 0)
+        throw Failure(kFailed, "the " + what + " cannot be listed: " + Reason(path, "*"));
+    for (int i = 0; i < count; ++i)
+        names.emplace_back(VLIBCSzListGet(list, i));
+    return names;
+}
+
+namespace {
+
+std::vector<Owner> OwnersOfRules(std::int32_t protocol)
+{
+    std::vector<Owner> owners;
+    for (const std::string &section :
+         SectionNames(ConfPath(protocol), "rules of " + ProtocolName(protocol)))
+        if (const auto owner = ParseOwner(section))
+            owners.push_back(OwnerById(owner->type, owner->account.id));
+    std::sort(owners.begin(), owners.end(), [](const Owner &a, const Owner &b) {
+        return std::tie(a.type, a.account.name, a.account.id) <
+               std::tie(b.type, b.account.name, b.account.id);
+    });
+    return owners;
+}
+
+} // namespace
+
+std::vector<StoredRule> ReadRules(const std::vector<std::int32_t> &protocols, int &failures)
+{
+    std::vector<StoredRule> rules;
+    for (const std::int32_t protocol : protocols) {
+        for (const Owner &owner : OwnersOfRules(protocol)) {
+            try {
+                rules.push_back({owner, ReadRule(owner, protocol)});
+            } catch (const Failure &failure) {
+                if (failure.status() != kFailed) throw;
+                PrintNote(std::string("zevobandwidth: ") + failure.what());
+                ++failures;
+            }
+        }
+    }
+    return rules;
+}
+
+std::vector<std::int32_t> ProtocolsToList(const std::string &name)
+{
+    if (!name.empty()) return {FindProtocol(name)};
+    std::vector<std::int32_t> numbers;
+    for (const Protocol &protocol : KnownProtocols())
+        numbers.push_back(protocol.number);
+    return numbers;
+}
+
+std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> ReadPolicies()
+{
+    std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies;
+    for (const std::int32_t protocol : ProtocolsToList(""))
+        policies.push_back(ReadPolicy(protocol));
+    return policies;
+}
+
+std::string WhyNothingIsLimited(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
+{
+    const std::string name = ProtocolName(policy.protocolType);
+    const std::string command = "zevobandwidth policy set -p " + name;
+    switch (policy.state) {
+    case ZEVO_BW_STATE_NOT_EXISTED:
+        return name +
+               " has no policy yet, so nothing is limited on it, whatever its rules say. "
+               "Switch its limits on with: " +
+               command;
+    case ZEVO_BW_STATE_DISABLED:
+        return "the policy of " + name +
+               " is disabled, so nothing is limited on it, whatever its rules say. Switch its "
+               "limits on with: " +
+               command + " --state enabled";
+    case ZEVO_BW_STATE_SCHEDULE:
+        if (HasWholePlan(policy.szSchedulePlan)) return "";
+        return "the policy of " + name +
+               " follows a schedule, but has no plan of 168 hours: in hours without a mark "
+               "nothing is limited. Limit at all hours with: " +
+               command + " --state enabled";
+    default:
+        return "";
+    }
+}
+
+} // namespace tool

@@ -1,0 +1,86 @@
+// Rules and policies as the commands read and write them: through the library, with its failures
+// turned into what an administrator can act on.
+#ifndef ZEVOBW_TOOL_MODEL_STORE_HPP
+#define ZEVOBW_TOOL_MODEL_STORE_HPP
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <zevobandwidth.h>
+
+#include "model/names.hpp"
+#include "model/plan.hpp"
+
+namespace tool {
+
+struct Owner {
+    std::int32_t type = ZEVO_BW_OWNER_USER;
+    Account account;
+};
+
+// "user alice".
+std::string OwnerText(const Owner &owner);
+
+// "-u alice -p ftp": by what the command line names a rule.
+std::string RuleOptions(const Owner &owner, std::int32_t protocol);
+
+// The owner of that id, who bears it as name when the user database does not know it.
+Owner OwnerById(std::int32_t type, std::uint32_t id);
+bool IsKnown(const Owner &owner);
+
+// The account of exactly that name; an id is none.
+std::optional<Account> FindByName(std::int32_t type, const std::string &name);
+
+// "user-2001" as the library writes it for sections and status files, without a look-up of the
+// name; nothing for any other text.
+std::optional<Owner> ParseOwner(std::string_view section);
+
+// The rule file of a protocol, or the global file. Throws Failure for a protocol without a name.
+std::string ConfPath(std::int32_t protocol);
+
+// "section [user-2001] of FILE": where a rule or a policy stands.
+std::string PlaceOfRule(const Owner &owner, std::int32_t protocol);
+std::string PlaceOfPolicy(std::int32_t protocol);
+
+// The sections of a section file, none of one that is not there. what: "rules of ftp". Throws
+// Failure as ReadRule().
+std::vector<std::string> SectionNames(const std::string &path, const std::string &what);
+
+// A rule that is not stored has the state NotExisted. All throw Failure: kNotPermitted where the
+// file system refuses this user, else kFailed with the file and the remedy.
+ZEVO_BANDWIDTH_CONF ReadRule(const Owner &owner, std::int32_t protocol);
+void WriteRule(const ZEVO_BANDWIDTH_CONF &rule);
+ZEVO_BANDWIDTH_GLOBAL_CONF ReadPolicy(std::int32_t protocol);
+void WritePolicy(ZEVO_BANDWIDTH_GLOBAL_CONF policy);
+
+// False for a rule that was cleared, too; true for one that cannot be read, for something is there.
+// Throws Failure with kNotPermitted.
+bool IsStored(const Owner &owner, std::int32_t protocol);
+
+// Puts a plan into the field of a rule or a policy.
+void CopyPlan(const std::string &plan, char (&field)[ZEVO_BW_PLAN_SIZE]);
+
+struct StoredRule {
+    Owner owner; // bears its id as name when the user database does not know it
+    ZEVO_BANDWIDTH_CONF rule;
+};
+
+// All rules of these protocols: by protocol as given, users before groups, each by name. One that
+// cannot be read is told on standard error and counted in failures.
+std::vector<StoredRule> ReadRules(const std::vector<std::int32_t> &protocols, int &failures);
+
+// The protocol of that name, or all known ones when it is empty. Throws Failure as FindProtocol().
+std::vector<std::int32_t> ProtocolsToList(const std::string &name);
+
+// The policies of all known protocols, those not stored included.
+std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> ReadPolicies();
+
+// Why rules do not bear under this policy and how to change that; empty when they bear.
+std::string WhyNothingIsLimited(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy);
+
+} // namespace tool
+
+#endif // ZEVOBW_TOOL_MODEL_STORE_HPP

@@ -1,0 +1,170 @@
+// Text for a screen of fixed columns.
+#include "top/text.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cwchar>
+#include <utility>
+
+namespace tool {
+
+namespace {
+
+constexpr std::size_t kLeastLast = 8; // columns without which the last one says nothing
+constexpr std::size_t kGap = 1;
+constexpr std::size_t kLeftOut = 0; // a column's width
+
+struct Glyph {
+    std::size_t bytes;
+    int columns; // -1: the locale cannot show it
+};
+
+Glyph FirstGlyph(std::string_view text)
+{
+    std::mbstate_t state{};
+    wchar_t character = 0;
+    const std::size_t bytes = std::mbrtowc(&character, text.data(), text.size(), &state);
+    // Longer than the text means that it ends in the middle of a character.
+    if (bytes == 0 || bytes > text.size()) return {1, -1};
+    return {bytes, ::wcwidth(character)};
+}
+
+std::size_t ColumnsOf(std::string_view text)
+{
+    std::size_t columns = 0;
+    while (!text.empty()) {
+        const Glyph glyph = FirstGlyph(text);
+        columns += static_cast<std::size_t>(glyph.columns < 0 ? 1 : glyph.columns);
+        text.remove_prefix(glyph.bytes);
+    }
+    return columns;
+}
+
+// The steps of a bar of one column, the lowest first.
+constexpr std::array kBlocks = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+constexpr std::array kSigns = {"_", ".", "-", ":", "=", "+", "*", "#"};
+
+} // namespace
+
+std::string Fit(std::string_view text, std::size_t columns, bool right)
+{
+    std::string fitting;
+    std::size_t used = 0;
+    while (!text.empty()) {
+        const Glyph glyph = FirstGlyph(text);
+        const auto wanted = static_cast<std::size_t>(glyph.columns < 0 ? 1 : glyph.columns);
+        if (used + wanted > columns) break;
+        fitting += glyph.columns < 0 ? std::string_view("?") : text.substr(0, glyph.bytes);
+        used += wanted;
+        text.remove_prefix(glyph.bytes);
+    }
+    const std::string blanks(columns - used, ' ');
+    return right ? blanks + fitting : fitting + blanks;
+}
+
+std::string FitEnd(std::string_view text, std::size_t columns)
+{
+    constexpr std::string_view kDots = "..";
+    std::size_t width = ColumnsOf(text);
+    if (width <= columns || columns <= kDots.size()) return Fit(text, columns);
+    while (width > columns - kDots.size()) {
+        const std::string_view first = text.substr(0, FirstGlyph(text).bytes);
+        width -= ColumnsOf(first);
+        text.remove_prefix(first.size());
+    }
+    return Fit(std::string(kDots) + std::string(text), columns);
+}
+
+std::string HistoryGraph(const std::deque<std::uint64_t> &speeds, std::uint64_t fullBps,
+                         std::size_t columns, bool utf8)
+{
+    const std::size_t shown = std::min(columns, speeds.size());
+    for (const std::uint64_t speed : speeds)
+        fullBps = std::max(fullBps, speed);
+    std::string graph(columns - shown, ' ');
+    for (auto speed = speeds.end() - static_cast<std::ptrdiff_t>(shown); speed != speeds.end();
+         ++speed) {
+        const double part =
+            fullBps == 0 ? 0 : static_cast<double>(*speed) / static_cast<double>(fullBps);
+        const auto step = static_cast<std::size_t>(std::lround(part * (kBlocks.size() - 1)));
+        graph += utf8 ? kBlocks[step] : kSigns[step];
+    }
+    return graph;
+}
+
+std::string PartBar(std::uint64_t part, std::size_t columns, bool utf8)
+{
+    constexpr std::uint64_t kWhole = 10'000;
+    const std::size_t full = std::min<std::uint64_t>(part, kWhole) * columns / kWhole;
+    std::string bar;
+    for (std::size_t i = 0; i < columns; ++i)
+        bar += i < full ? (utf8 ? "█" : "#") : (utf8 ? "·" : ".");
+    return bar;
+}
+
+std::string Percent(std::uint64_t tenThousandths)
+{
+    constexpr std::uint64_t kMost = 999;
+    const std::uint64_t percent = tenThousandths / 100 + (tenThousandths % 100 + 50) / 100;
+    return percent > kMost ? ">999%" : std::to_string(percent) + "%";
+}
+
+void Grid::AddRow(std::vector<std::string> cells, std::vector<Color> look)
+{
+    rows_.push_back({std::move(cells), std::move(look)});
+}
+
+std::vector<std::size_t> Grid::Widths(std::size_t columns) const
+{
+    std::vector<std::size_t> widths;
+    std::size_t sum = kLeastLast;
+    for (std::size_t i = 0; i + 1 < columns_.size(); ++i) {
+        std::size_t width = ColumnsOf(columns_[i].title);
+        for (const Row &row : rows_)
+            width = std::max(width, ColumnsOf(row.cells[i]));
+        widths.push_back(width);
+        sum += width + kGap;
+    }
+    while (sum > columns) {
+        std::size_t out = columns_.size();
+        for (std::size_t i = 0; i < widths.size(); ++i)
+            if (widths[i] != kLeftOut &&
+                (out == columns_.size() || columns_[i].rank > columns_[out].rank))
+                out = i;
+        if (out == columns_.size()) break;
+        sum -= widths[out] + kGap;
+        widths[out] = kLeftOut;
+    }
+    widths.push_back(columns - std::min(columns, sum - kLeastLast));
+    return widths;
+}
+
+std::vector<TopLine> Grid::Lines(std::size_t columns, std::string_view marked) const
+{
+    const std::vector<std::size_t> widths = Widths(columns);
+    std::vector<TopLine> lines(rows_.size() + 1);
+    for (std::size_t i = 0; i < columns_.size(); ++i) {
+        if (widths[i] == kLeftOut) continue;
+        const GridColumn &column = columns_[i];
+        const bool isLast = i + 1 == columns_.size();
+        const std::vector<Color> look = !marked.empty() && marked == column.title
+                                            ? std::vector{Color::kBold, Color::kInverse}
+                                            : std::vector{Color::kBold};
+        lines[0].push_back({Fit(column.title, widths[i], column.right), look});
+        for (std::size_t row = 0; row < rows_.size(); ++row) {
+            const std::string &cell = rows_[row].cells[i];
+            const std::vector<Color> &own = rows_[row].look;
+            lines[row + 1].push_back(
+                {column.endCounts ? FitEnd(cell, widths[i]) : Fit(cell, widths[i], column.right),
+                 own.empty() ? column.colors : own});
+        }
+        if (isLast) break;
+        for (std::size_t line = 0; line < lines.size(); ++line)
+            lines[line].push_back(
+                {std::string(kGap, ' '), line == 0 ? std::vector<Color>{} : rows_[line - 1].look});
+    }
+    return lines;
+}
+
+} // namespace tool
