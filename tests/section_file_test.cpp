@@ -25,10 +25,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/scan.hpp"
 #include "box.hpp"
 #include "stand_ins.hpp"
 #include "zevocore.h"
-#include "base/scan.hpp"
 
 namespace fs = std::filesystem;
 
@@ -261,9 +261,10 @@ TEST_F(SectionFile, ASectionThatIsNotThereIsToldAndNothingIsTouched)
 
 TEST_F(SectionFile, RemovingKeepsOnlyTheCommentsOfTheSection)
 {
-    Write("[a]\nk=1\n\n[b]\n# note\nk=2\njunk\n\n[c]\nk=3\n[b]\nk=4");
+    const std::string note("# note\0\n", 8);
+    Write("[a]\nk=1\n\n[b]\n" + note + "k=2\njunk\n\n[c]\nk=3\n[b]\nk=4");
     EXPECT_EQ(VLIBCFileRemoveSection(Path(), "b"), 1);
-    EXPECT_EQ(Read(), "[a]\nk=1\n\n# note\n[c]\nk=3\n");
+    EXPECT_EQ(Read(), "[a]\nk=1\n\n" + note + "[c]\nk=3\n");
 }
 
 TEST_F(SectionFile, RemovingStartsOverWhenAnotherProcessWasFaster)
