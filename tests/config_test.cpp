@@ -1,9 +1,6 @@
 // Which rules bear on a user, and which of them are in force at a moment.
 #include "library_box.hpp"
 
-#include <cstdlib>
-#include <ctime>
-
 #include <gmock/gmock.h>
 
 using standins::Call;
@@ -25,12 +22,6 @@ protected:
         LibraryTest::TearDown();
     }
 
-    void SetPolicy(const std::string &userGroup, const std::string &state = "enabled")
-    {
-        etc.Write("bandwidth.global.conf",
-                  "[ftp]\nstate=" + state + "\nuser-group policy=" + userGroup + "\n");
-    }
-    void SetRules(const std::string &text) { etc.Write("bandwidth.ftp.conf", text); }
     int Get(uint32_t uid = kAlice) { return ZEVOBandwidthConfigGet(uid, 4, &config); }
 
     // The owners of the entries, in their order: "u2001 g3001".
@@ -75,7 +66,7 @@ TEST_F(EffectiveConfig, OnlyRulesThatMayComeIntoForceAreInIt)
     };
     for (const auto &row : kRows) {
         SCOPED_TRACE(row.szPolicy + ("\n" + row.rules));
-        SetPolicy(row.szPolicy);
+        SetPolicy("enabled", row.szPolicy);
         SetRules(row.rules);
         config.blUserConfExist = config.blGroupConfExist = 9;
         EXPECT_EQ(Get(), 0);
@@ -91,14 +82,14 @@ TEST_F(EffectiveConfig, OnlyRulesThatMayComeIntoForceAreInIt)
 
 TEST_F(EffectiveConfig, ADisabledProtocolReadsNoRuleAndUserOnlyNoGroup)
 {
-    SetPolicy("user-first", "disabled");
+    SetPolicy("disabled");
     SetRules("[user-2001]\nupload rate=not a number\n");
     EXPECT_EQ(Get(), 0);
     EXPECT_EQ(config.iLimit, 0);
     EXPECT_EQ(config.globalConf.currentState, ZEVO_BW_STATE_DISABLED);
     EXPECT_EQ(ZEVOBandwidthConfCheckEnabled(&config), 0);
 
-    SetPolicy("user-only");
+    SetPolicy("enabled", "user-only");
     SetRules("[user-4444]\n" + std::string(kEnabled));
     EXPECT_EQ(Get(4444), 0) << "a user that the database does not know";
     EXPECT_EQ(Owners(), "u4444");
@@ -110,7 +101,7 @@ TEST_F(EffectiveConfig, AFailureSaysWhereItFailedAndLeavesNoList)
 {
     const std::string get = "bandwidth_config_get.cpp:# ";
     const std::string init = "bandwidth_limit_init.cpp:# ";
-    SetPolicy("user-first");
+    SetPolicy("enabled", "user-first");
     FailNth(Call::Read, 1, EIO);
     EXPECT_EQ(Get(), -1);
     EXPECT_EQ(LastLine(), get + "ZEVOBandwidthGlobalConfGet failed. uid:[2001] type:[4] "
@@ -165,40 +156,6 @@ protected:
     ZEVO_BANDWIDTH_LIMIT limit = {};
     ZEVO_BANDWIDTH_CONFIG config = {};
 };
-
-TEST_F(Moment, TheHourOfTheLocalWeekDecides)
-{
-    ::setenv("TZ", "EST5", 1); // five hours behind
-    ::tzset();
-    const int64_t kLocalMidnight = kSundayMidnight + 5 * 3600;
-    const struct {
-        int64_t seconds;
-        size_t index;
-    } kRows[] = {
-        {kLocalMidnight, 0},
-        {kLocalMidnight + 3599, 0},
-        {kLocalMidnight - 1, 167},
-        {kLocalMidnight - 3600, 167},
-        {kLocalMidnight + 3600, 1},
-        {kLocalMidnight + 86400, 24},
-        {kLocalMidnight + 3 * 86400 + 13 * 3600, 85},
-    };
-    config.globalConf.state = limit.conf.state = ZEVO_BW_STATE_SCHEDULE;
-    for (const auto &row : kRows) {
-        SCOPED_TRACE(row.seconds - kLocalMidnight);
-        for (char *const szPlan : {config.globalConf.szSchedulePlan, limit.conf.szSchedulePlan}) {
-            std::fill_n(szPlan, 168, '0');
-            szPlan[row.index] = '1';
-        }
-        EXPECT_EQ(ZEVOBandwidthInitConfig(&config, row.seconds * kUsPerSecond + 999'999), 1);
-        EXPECT_EQ(config.globalConf.currentState, ZEVO_BW_STATE_ENABLED);
-        EXPECT_EQ(limit.conf.currentState, ZEVO_BW_STATE_ENABLED);
-        standins::SetClock(row.seconds * kUsPerSecond);
-        limit.conf.currentState = 0;
-        EXPECT_EQ(ZEVOBandwidthInitConfig(&config, 0), 1) << "0 is now";
-        EXPECT_EQ(limit.conf.currentState, ZEVO_BW_STATE_ENABLED);
-    }
-}
 
 TEST_F(Moment, TheCharacterOfThePlanSaysWhetherAndHowFast)
 {

@@ -41,20 +41,9 @@ protected:
         SetPolicy("enabled");
         SetRates(100, 100);
     }
-    void SetPolicy(const std::string &state, const std::string &plan = std::string(168, '1'),
-                   const std::string &userGroup = "min")
-    {
-        etc.Write("bandwidth.global.conf",
-                  "[ftp]\nstate=" + state + "\nuser-group policy=" + userGroup +
-                      "\ninter-group policy=max\noccupy policy=max\nschedule plan=" + plan + "\n");
-    }
     void SetRates(uint64_t user, uint64_t group)
     {
-        const auto rule = [](const std::string &owner, uint64_t rateKBps) {
-            return "[" + owner + "]\nstate=enabled\nupload rate=" + std::to_string(rateKBps) + "\n";
-        };
-        etc.Write("bandwidth.ftp.conf",
-                  rule("user-2001", user) + (group == 0 ? "" : rule("group-3001", group)));
+        SetRules(RuleText("user-2001", user) + (group == 0 ? "" : RuleText("group-3001", group)));
     }
     Result<Upload> Begin(uint32_t uid = kAlice)
     {
@@ -241,7 +230,7 @@ TEST_F(CppLayer, AFailureThatRecordsNothingIsNotTakenForAnEarlierStop)
 {
     Box("/usr/zevo/etc/bandwidth/addon").Make();
     etc.Write("addon/odd_9.json", ""); // a policy by that name reads as 9, which nobody knows
-    SetPolicy("enabled", std::string(168, '1'), "odd");
+    SetPolicy("enabled", "odd");
     VLIBCErrSetEx(ZEVO_BW_ERROR_STOPPED, "earlier.cpp", 1);
     const Result<Upload> begun = Begin();
     ASSERT_FALSE(begun);
@@ -358,7 +347,7 @@ TEST_F(CppLayer, EachTransferOfAProcessFollowsThePlanOfTheWeek)
 {
     std::string plan(168, '1');
     plan[13] = '0'; // Sunday from 13 to 14
-    SetPolicy("schedule", plan);
+    SetPolicy("schedule", "min", plan);
     Upload first = Begin().ValueOrThrow();
     Upload second = Begin(kBob).ValueOrThrow();
     EXPECT_TRUE(first.Moved(1, 0));
@@ -387,22 +376,6 @@ TEST_F(CppLayer, ABlockIsFiveSecondsOfWhatIsAllowedBesideTheOthers)
     EXPECT_TRUE(upload.Moved(1, 0));
     EXPECT_EQ(upload.AllowedBps(), kBps / 2);
     EXPECT_EQ(upload.BlockSize(UINT64_MAX), 5 * kBps / 2);
-}
-
-// Why a process has one object for all that share a section.
-TEST_F(CppLayer, TransfersThatShareASectionDoNotSeeEachOther)
-{
-    Upload first = Begin().ValueOrThrow();
-    Upload second = Begin().ValueOrThrow();
-    Upload bobs = Begin(kBob).ValueOrThrow(); // in the file of their group
-    for (Upload *upload : {&first, &second, &bobs}) {
-        EXPECT_TRUE(upload->Moved(1, 0));
-        EXPECT_EQ(upload->AllowedBps(), kBps);
-    }
-    EXPECT_TRUE(first.End());
-    EXPECT_EQ(Listed(), "user-2002");
-    EXPECT_TRUE(second.Moved(1, 0));
-    EXPECT_EQ(Listed(), "group-3001 user-2001 user-2002");
 }
 
 TEST_F(CppLayer, AHostMayKeepItsOwnTime)

@@ -3,12 +3,9 @@
 // own.
 #include "library_box.hpp"
 
-#include <atomic>
 #include <filesystem>
-#include <thread>
 
 #include <gmock/gmock.h>
-#include <unistd.h>
 
 using standins::TakeLog;
 using testing::IsEmpty;
@@ -144,38 +141,6 @@ TEST_F(Names, ANameThatLeadsOutOfTheDirectoryMatchesNothing)
         ExpectSlot(0x0600, kFile);
         EXPECT_EQ(TakeLog(), Told(kFile, {std::string("glob failed, protocol=") + szName}));
     }
-}
-
-// The child inherits the memory of found names as the other thread holds it, most of the time
-// taken: a search among many files is slow.
-TEST_F(Names, TheChildOfAForkNeverWaitsForAThreadItDoesNotHave)
-{
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "this sanitizer's own memory lock is not taken over by the child of a fork";
-#endif
-    for (int number = 1000; number < 1500; ++number)
-        addon.Write("many_" + std::to_string(number) + ".json", "");
-    addon.Write("forked_40.json", "");
-    std::atomic<bool> done{false};
-    std::thread searcher([&] {
-        while (!done) {
-            (void)NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, 41);
-            (void)ValueOf("nobody");
-        }
-    });
-    for (int i = 0; i < 30; ++i) {
-        EXPECT_EQ(NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, 40), "forked");
-        EXPECT_EQ(ValueOf("forked"), 40);
-        Child child([&] {
-            ::alarm(20); // a child that waits dies of it
-            EXPECT_EQ(NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, 40), "forked");
-            EXPECT_EQ(ValueOf("forked"), 40);
-            return 0;
-        });
-        EXPECT_EQ(child.Wait(), 0);
-    }
-    done = true;
-    searcher.join();
 }
 
 class ConfPath : public Names {

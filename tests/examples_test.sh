@@ -7,9 +7,6 @@ source "${BASH_SOURCE[0]%/*}/support/tool.sh"
 # With EXAMPLES set: those that were built elsewhere, as against an installed package.
 readonly examples=${EXAMPLES:-${ZEVOBW_TOOL%/bin/*}/examples}
 
-now_ms() { date +%s%3N; }
-listed() { cat $running/* 2>/dev/null | grep -c '^\['; }
-nobody_listed() { same "$(listed)" 0; }
 # shellcheck disable=SC2317  # called by wait_for
 has_listed() { [[ $(listed) -eq $1 ]]; }
 # took_at_least MS SINCE WHAT
@@ -18,17 +15,12 @@ took_at_least() {
     ((took >= $1)) || fail "$3: took only $took ms"
 }
 
-quietly() {
-    zevo "$@"
-    exits 0
-}
-
 head -c 4M /dev/urandom >/tmp/data
 
 # ---- throttled_copy, running_transfers ----
 
-quietly rule set -u root -p ftp --up 2M
-quietly policy set -p ftp --state enabled
+does rule set -u root -p ftp --up 2M
+does policy set -p ftp --state enabled
 began=$(now_ms)
 "$examples/throttled_copy" </tmp/data >/tmp/copy &
 copier=$!
@@ -48,11 +40,11 @@ grep -q 'No space' /tmp/copier.err || fail 'a full disk was not told'
 nobody_listed
 
 # Slow enough to take a minute: a notice frees it, a stop ends it.
-quietly rule set -u root -p ftp --up 64K
+does rule set -u root -p ftp --up 64K
 "$examples/throttled_copy" </tmp/data >/tmp/copy &
 copier=$!
 wait_for has_listed 1
-quietly rule set -u root -p ftp --up unlimited
+does rule set -u root -p ftp --up unlimited
 began=$(now_ms)
 kill -HUP $copier
 wait $copier || fail "the copy ended with $?"
@@ -60,11 +52,11 @@ wait $copier || fail "the copy ended with $?"
 cmp /tmp/data /tmp/copy || fail 'other bytes'
 nobody_listed
 
-quietly rule set -u root -p ftp --up 64K
+does rule set -u root -p ftp --up 64K
 "$examples/throttled_copy" </tmp/data >/tmp/copy 2>/tmp/copier.err &
 copier=$!
 wait_for has_listed 1
-quietly stop -u root
+does stop -u root
 wait $copier
 same $? 1
 grep -q stopped /tmp/copier.err || fail 'the stop was not told'
@@ -78,21 +70,21 @@ export LD_LIBRARY_PATH=${ZEVOBW_TOOL%/bin/*}/lib
 for language in c cpp; do
     service=/tmp/zevobandwidth
     cp "$examples/integrating_$language" $service
-    quietly rule set -u bob -p ftp --up 2M
-    quietly policy set -p ftp --state enabled
+    does rule set -u bob -p ftp --up 2M
+    does policy set -p ftp --state enabled
     began=$(now_ms)
     $service bob </tmp/data >/tmp/copy || fail "$language: ended with $?"
     took_at_least 1500 "$began" "$language: 4 MiB at 2 MiB/s"
     cmp /tmp/data /tmp/copy || fail "$language: other bytes"
     nobody_listed
 
-    quietly rule set -u bob -p ftp --up 64K
+    does rule set -u bob -p ftp --up 64K
     $service bob </dev/zero 2>/tmp/service.err >/tmp/copy &
     pid=$!
     wait_for has_listed 1
-    quietly rule set -u bob -p ftp --up 96K
+    does rule set -u bob -p ftp --up 96K
     wait_for grep -qx 'expect speed=98304' $running/user-2002
-    quietly stop -u bob
+    does stop -u bob
     wait $pid
     same $? 1
     grep -q 'stopped by an administrator' /tmp/service.err || fail "$language: the stop was not told"
@@ -113,7 +105,7 @@ for language in c cpp; do
     nobody_listed
     rm /tmp/silent
 
-    quietly policy set -p ftp --state disabled
+    does policy set -p ftp --state disabled
     # shellcheck disable=SC2094  # nothing is written
     $service bob </tmp/data | cmp - /tmp/data || fail "$language: other bytes without a limit"
     wipe
@@ -124,8 +116,8 @@ done
 mkdir /tmp/files
 head -c 2M /tmp/data >/tmp/files/whole
 head -c 1M /tmp/data >/tmp/files/half
-quietly policy set -p ftp --user-group group-only --inter-group max --occupy all
-quietly rule set -g staff -p ftp --down 2M --up 2M
+does policy set -p ftp --user-group group-only --inter-group max --occupy all
+does rule set -g staff -p ftp --down 2M --up 2M
 
 declare -A port
 servers=()
@@ -180,14 +172,14 @@ getters=($!)
 (get alice whole /tmp/alice2 2>/dev/null) &
 getters+=($!)
 (get bob whole /tmp/bob 2>/dev/null) &
-quietly rule set -g staff -p ftp --down 2M --up 32K
+does rule set -g staff -p ftp --down 2M --up 32K
 exec 3<>"/dev/tcp/127.0.0.1/${port[alice]}"
 { printf 'put whole\n' && cat /tmp/data; } >&3 2>/dev/null &
 wait_for has_listed 6 # Alice's upload, too
-quietly rule set -g staff -p ftp --down 32K
+does rule set -g staff -p ftp --down 32K
 kill -HUP "${servers[@]}"
 wait_for grep -q '^expect speed=16384' $running/group-3001
-quietly stop -u alice --yes
+does stop -u alice --yes
 wait "${getters[@]}" && fail 'a stopped download ends as if it were whole'
 (($(stat -c %s /tmp/alice1) < 2097152)) || fail 'a stopped download is whole'
 wait_for has_listed 2

@@ -161,19 +161,9 @@ protected:
         LibraryTest::TearDown();
     }
 
-    void SetPolicy(const std::string &state, const std::string &userGroup = "min")
-    {
-        etc.Write("bandwidth.global.conf",
-                  "[ftp]\nstate=" + state + "\nuser-group policy=" + userGroup +
-                      "\ninter-group policy=max\noccupy policy=max\nschedule plan=" +
-                      std::string(168, '0') + "\n");
-    }
     void SetRates(uint64_t user, uint64_t group, const std::string &state = "enabled")
     {
-        etc.Write("bandwidth.ftp.conf", "[user-2001]\nstate=" + state +
-                                            "\nupload rate=" + std::to_string(user) +
-                                            "\n[group-3001]\nstate=" + state +
-                                            "\nupload rate=" + std::to_string(group) + "\n");
+        SetRules(RuleText("user-2001", user, 0, state) + RuleText("group-3001", group, 0, state));
     }
     int Recv() { return ZEVOBandwidthHupRecv(&config, &status, &timeLast); }
 
@@ -216,7 +206,7 @@ TEST_F(Reload, ATransferThatIsNoLongerLimitedIsTakenAway)
         int32_t currentState, entries;
     } kRows[] = {
         {"disabled", [&] { SetPolicy("disabled"); }, 2, 0},
-        {"not in this hour", [&] { SetPolicy("schedule"); }, 2, 2},
+        {"not in this hour", [&] { SetPolicy("schedule", "min", std::string(168, '0')); }, 2, 2},
         {"no rule", [&] { SetRates(1, 1, "disabled"); }, 1, 0},
         {"no rule in force", [&] { SetRates(0, 0, "NotExisted"); }, 1, 0},
         {"no rate", [&] { SetRates(0, 0); }, 1, 2},

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <mutex>
 #include <optional>
+#include <utility>
 
 #include <dlfcn.h>
 
@@ -66,6 +67,21 @@ void LibraryTest::TearDown()
 {
     Locked([](Platform &all) { all = {}; });
     BoxTest::TearDown();
+}
+
+void LibraryTest::SetPolicy(const std::string &state, const std::string &userGroup,
+                            const std::string &plan)
+{
+    etc.Write("bandwidth.global.conf",
+              "[ftp]\nstate=" + state + "\nuser-group policy=" + userGroup +
+                  "\ninter-group policy=max\noccupy policy=max\nschedule plan=" + plan + "\n");
+}
+
+std::string LibraryTest::RuleText(const std::string &owner, uint64_t uploadKBps,
+                                  uint64_t downloadKBps, const std::string &state)
+{
+    return "[" + owner + "]\nstate=" + state + "\nupload rate=" + std::to_string(uploadKBps) +
+           "\ndownload rate=" + std::to_string(downloadKBps) + "\n";
 }
 
 namespace platform {
@@ -170,30 +186,6 @@ int VLIBCExec(const char *szProgram, const char *szArg1, const char *szArg2, con
     }
     Locked([&](Platform &all) { all.executed.push_back(words); });
     return 7;
-}
-
-Hash::Hash(std::initializer_list<Pair> pairs) : pHash_(VLIBCSzHashAlloc(1024))
-{
-    for (const auto &[szKey, value] : pairs)
-        EXPECT_EQ(VLIBCSzHashSetValue(&pHash_, szKey, value.c_str()), 0);
-}
-
-std::string Hash::operator[](const std::string &key) const
-{
-    const char *const szValue = VLIBCSzHashGetValue(pHash_, key.c_str());
-    return szValue == nullptr ? "(absent)" : szValue;
-}
-
-std::string Hash::Text() const
-{
-    char *pText = nullptr;
-    size_t cbText = 0;
-    FILE *const pStream = ::open_memstream(&pText, &cbText);
-    EXPECT_EQ(VLIBCFileHash2File(pStream, "s", pHash_, 0), 0);
-    std::fclose(pStream);
-    std::string text(pText, cbText);
-    std::free(pText);
-    return text;
 }
 
 std::string Transfer::Name() const

@@ -6,12 +6,11 @@
 
 #include <cstdint>
 #include <functional>
-#include <initializer_list>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "box.hpp"
+#include "hash.hpp"
 #include "stand_ins.hpp"
 #include "zevobandwidth.h"
 #include "zevocore.h"
@@ -28,6 +27,14 @@ class LibraryTest : public BoxTest {
 protected:
     void SetUp() override;
     void TearDown() override;
+
+    // The stored policy of ftp, with "max" for what is not said, and the stored rules of ftp.
+    void SetPolicy(const std::string &state, const std::string &userGroup = "min",
+                   const std::string &plan = std::string(168, '1'));
+    void SetRules(const std::string &text) { etc.Write("bandwidth.ftp.conf", text); }
+    // One of them, of "user-2001" or the like.
+    static std::string RuleText(const std::string &owner, uint64_t uploadKBps,
+                                uint64_t downloadKBps = 0, const std::string &state = "enabled");
 };
 
 // The platform's operations, by which the library's failing exits are reached.
@@ -46,23 +53,6 @@ void ReadSectionsApart(std::vector<std::function<void()>> actions);
 Lines Executed();
 
 } // namespace platform
-
-class Hash {
-public:
-    using Pair = std::pair<const char *, std::string>;
-    Hash(std::initializer_list<Pair> pairs = {});
-    ~Hash() { VLIBCSzHashFree(pHash_); }
-    Hash(const Hash &) = delete;
-    Hash &operator=(const Hash &) = delete;
-
-    VLIB_SZ_HASH *get() const { return pHash_; }
-    VLIB_SZ_HASH **address() { return &pHash_; }
-    std::string operator[](const std::string &key) const; // "(absent)" without it
-    std::string Text() const;                             // as section "s" of a file
-
-private:
-    VLIB_SZ_HASH *pHash_;
-};
 
 // A running transfer, as it stands in a status file.
 struct Transfer {

@@ -1,23 +1,9 @@
 #!/usr/bin/env bash
 # "zevobandwidth pipe" as programs around it meet it: the bytes, the speed, the list of transfers,
 # the signals, the ends. Measures real time. Runs in the sandbox; the tool's path is in ZEVOBW_TOOL.
-set -u
+# shellcheck disable=SC2317  # much is called by wait_for and in_the_end
+source "${BASH_SOURCE[0]%/*}/support/tool.sh"
 
-if [[ ${ZEVOBW_SANDBOX-} != 1 || ! -x ${ZEVOBW_TOOL-} ]]; then
-    echo 'run me through tests/support/sandbox, with ZEVOBW_TOOL set' >&2
-    exit 77
-fi
-
-readonly running=/tmp/bandwidth
-failed=0
-status=0
-
-fail() {
-    printf 'line %s: %s\n' "${BASH_LINENO[1]}" "$1"
-    failed=$((failed + 1))
-}
-
-same() { [[ $1 == "$2" ]] || fail "'$1' instead of '$2'"; }
 has() { grep -qF -- "$2" "$1" || fail "missing in $1: $2"; }
 # A speed is looked at up to five times: a machine that is busy elsewhere spoils one look, a fault all.
 between() { (($2 <= $1 && $1 <= $3)) || ! echo "$1 is not between $2 and $3" >&2; }
@@ -25,23 +11,8 @@ in_the_end() {
     for _ in {1..5}; do "$@" && return; done
     fail "not once: $*"
 }
-listed() { cat "$running"/* 2>/dev/null | grep -c '^\['; }
-nobody_listed() { same "$(listed)" 0; }
-
-now_ms() { date +%s%3N; }
-
-# wait_for COMMAND...: up to five seconds.
-wait_for() {
-    for _ in {1..100}; do
-        "$@" && return
-        sleep 0.05
-    done
-    fail "in vain: $*"
-}
-
 is_listed() { [[ $(listed) -ge ${1:-1} ]]; }
 
-zevo() { "$ZEVOBW_TOOL" "$@" >/dev/null 2>/tmp/err || fail "$*: $(cat /tmp/err)"; }
 pipe() { exec "$ZEVOBW_TOOL" pipe -u "$1" -p rsync -d upload "${@:2}"; }
 
 # ends STATUS PID
@@ -62,8 +33,8 @@ cmp /tmp/data /tmp/copy || fail 'other bytes'
 "$ZEVOBW_TOOL" pipe -q -p ftp -d download </tmp/data >/tmp/copy 2>/tmp/err || fail 'pipe failed'
 [[ ! -s /tmp/err ]] || fail '-q is not quiet'
 
-zevo rule set -u alice -p rsync --up 20M
-zevo policy set -p rsync --user-group min --inter-group max --occupy all
+does rule set -u alice -p rsync --up 20M
+does policy set -p rsync --user-group min --inter-group max --occupy all
 for _ in unlimited limited; do
     # shellcheck disable=SC2094  # nothing is written
     pipe alice </tmp/data | cmp - /tmp/data || fail 'file to pipe'
@@ -76,14 +47,14 @@ for _ in unlimited limited; do
     cat /tmp/data | pipe alice >>/tmp/copy
     { echo first && cat /tmp/data; } | cmp - /tmp/copy || fail 'appended to a file'
     nobody_listed
-    zevo rule set -u alice -p rsync --up unlimited
+    does rule set -u alice -p rsync --up unlimited
 done
 
 # ---- what is wrong is said ----
 
 "$ZEVOBW_TOOL" pipe -u zed -p rsync -d upload </dev/null 2>/tmp/err
 same $? 4
-zevo rule set -u alice -p rsync --up 1M
+does rule set -u alice -p rsync --up 1M
 touch $running.file && rm -rf $running && ln -s $running.file $running
 (pipe alice </dev/zero >/dev/null 2>/tmp/err)
 same $? 1
@@ -106,12 +77,12 @@ kill -INT $!
 ends 130 $!
 
 # Its reader goes away: while bytes flow, and while none come.
-mkfifo /tmp/in /tmp/out
-pipe alice </dev/zero >/tmp/out &
-head -c 1000 /tmp/out >/dev/null
+mkfifo /tmp/from /tmp/to
+pipe alice </dev/zero >/tmp/to &
+head -c 1000 /tmp/to >/dev/null
 ends 141 $!
-pipe alice </tmp/in >/tmp/out &
-exec 4>/tmp/in 5</tmp/out
+pipe alice </tmp/from >/tmp/to &
+exec 4>/tmp/from 5</tmp/to
 wait_for is_listed
 exec 5<&-
 ends 141 $!
@@ -119,11 +90,11 @@ exec 4>&-
 
 # An administrator stops it: while bytes flow, and while none come. A save may undo one attempt.
 stopped() {
-    sed -i 's/^active=1/active=0/' $running/user-2001
+    sed -i 's/^active=1/active=0/' "$running"/user-2001
     ! kill -0 "$1" 2>/dev/null
 }
-for input in /dev/zero /tmp/in; do
-    exec 4<>/tmp/in
+for input in /dev/zero /tmp/from; do
+    exec 4<>/tmp/from
     pipe alice <$input >/dev/null 2>/tmp/err &
     wait_for is_listed
     wait_for stopped $!
@@ -135,7 +106,7 @@ done
 # ---- the speed ----
 
 # A reload storm neither ends the transfer nor makes it faster or slower.
-zevo rule set -u alice -p rsync --up 2M
+does rule set -u alice -p rsync --up 2M
 lasts_as_long_in_a_storm() {
     local began start took
     began=$(now_ms)
@@ -162,15 +133,15 @@ moved() {
 }
 
 # A change is obeyed in both directions, without a burst.
-pipe alice </dev/zero >/tmp/out &
-exec 5</tmp/out
+pipe alice </dev/zero >/tmp/to &
+exec 5</tmp/to
 moved 1 >/dev/null
 moves_at() {
     moved 0.5 >/dev/null
     between "$(moved 1)" $(($1 * 93 / 100)) $(($1 * 107 / 100))
 }
 for rate in 512 8192 512; do
-    zevo rule set -u alice -p rsync --up ${rate}K
+    does rule set -u alice -p rsync --up ${rate}K
     in_the_end moves_at $rate
 done
 kill -TERM $!
@@ -179,9 +150,9 @@ wait $!
 nobody_listed
 
 # Three of two users share a group's rate by users; when one leaves, the others take its part.
-zevo rule set -u alice -p rsync --up unlimited
-zevo rule set -g staff -p rsync --up 4M
-zevo policy set -p rsync --user-group group-only
+does rule set -u alice -p rsync --up unlimited
+does rule set -g staff -p rsync --up 4M
+does policy set -p rsync --user-group group-only
 pids=()
 for user in alice alice bob; do
     pipe "$user" </dev/zero > >(cat >>"/tmp/of-$user") &
@@ -210,8 +181,8 @@ nobody_listed
 
 # ---- on a terminal ----
 
-zevo policy set -p rsync --user-group user-only
-zevo rule set -u alice -p rsync --up 2M
+does policy set -p rsync --user-group user-only
+does rule set -u alice -p rsync --up 2M
 if command -v script >/dev/null; then
     COLUMNS=80 script -qec "head -c 4M /dev/zero | '$ZEVOBW_TOOL' pipe -u alice -p rsync -d upload \
         --size 4M --name \$'x\\033[2Jy' >/dev/null" /dev/null >/tmp/screen </dev/null
@@ -222,4 +193,4 @@ if command -v script >/dev/null; then
         fail 'a line is too long'
 fi
 
-[[ $failed == 0 ]] || { echo "$failed failed" && exit 1; }
+finish

@@ -21,14 +21,15 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "box.hpp"
-#include "stand_ins.hpp"
-#include "zevocore.h"
 #include "base/scan.hpp"
+#include "box.hpp"
+#include "hash.hpp"
+#include "stand_ins.hpp"
+#include "zevobandwidth.h"
+#include "zevocore.h"
 
 namespace fs = std::filesystem;
 
@@ -37,34 +38,9 @@ using testing::ElementsAre;
 
 namespace {
 
-using Pairs = std::vector<std::pair<std::string, std::string>>;
-
 constexpr char kThisFile[] = "section_file.cpp";
 constexpr char kTwoSections[] =
     "# hand-made\n[user-1]\nstate=enabled\n\n[user-2]\nstate=disabled\n";
-
-class Hash {
-public:
-    explicit Hash(const Pairs &pairs = {}) : pHash_(VLIBCSzHashAlloc(1024))
-    {
-        for (const auto &[key, value] : pairs)
-            EXPECT_EQ(VLIBCSzHashSetValue(&pHash_, key.c_str(), value.c_str()), 0);
-    }
-    ~Hash() { VLIBCSzHashFree(pHash_); }
-    Hash(const Hash &) = delete;
-    Hash &operator=(const Hash &) = delete;
-
-    VLIB_SZ_HASH *get() const { return pHash_; }
-    VLIB_SZ_HASH **address() { return &pHash_; }
-    std::string operator[](const std::string &key) const
-    {
-        const char *const szValue = VLIBCSzHashGetValue(pHash_, key.c_str());
-        return szValue == nullptr ? "(absent)" : szValue;
-    }
-
-private:
-    VLIB_SZ_HASH *pHash_;
-};
 
 class SectionFile : public BoxTest {
 protected:
@@ -93,37 +69,85 @@ protected:
     }
 };
 
-// What the syntax is made of, and what is no text at all.
+// What the syntax is made of, what is no text at all, and what is read eight bytes at a time.
 std::vector<std::string> AwkwardTexts()
 {
-    const std::vector<std::string> texts = {"",         "  ",           "=",
-                                            "a = b",    "[a]",          "]",
-                                            "[",        "a]b",          "\"",
-                                            "\"a\"",    "\\",           "a\\",
-                                            "\\n",      "\\x41",        "\"\\",
-                                            "; c",      "# c",          "[a]\n[b]\nk=v\n",
-                                            "\r\n",     "a\"b",         "a\\b",
-                                            "\xC3\xA4", "\xC3",         "\xA4\xC3",
-                                            "\xC0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80",
-                                            "\xE2\x82"};
+    std::vector<std::string> texts = {"",
+                                      "  ",
+                                      "a ",
+                                      "a\t",
+                                      " a",
+                                      "a = b",
+                                      "[a]",
+                                      "a]b",
+                                      "\"a\"",
+                                      "a\"b",
+                                      "a\\",
+                                      "\\n",
+                                      "\\x41",
+                                      "\"\\",
+                                      "; c",
+                                      "# c",
+                                      "[a]\n[b]\nk=v\n",
+                                      "\r\n",
+                                      "\xC3\xA4",
+                                      "\xC3",
+                                      "\xA4\xC3",
+                                      "\xC0\x80",
+                                      "\xED\xA0\x80",
+                                      "\xF4\x90\x80\x80",
+                                      "\xE2\x82"};
+    texts.emplace_back(4095, '\n');
+    for (int byte = 1; byte < 256; ++byte) {
+        const std::string it(1, static_cast<char>(byte));
+        texts.insert(texts.end(), {it, "1234567" + it, "1234" + it + "5678", it + "12345678"});
+    }
     return texts;
 }
 
+struct Writer {
+    const char *szFile; // which failures are recorded with
+    int (*add)(const char *, const char *, const VLIB_SZ_HASH *);
+    int (*set)(const char *, const char *, const VLIB_SZ_HASH *);
+    int (*remove)(const char *, const char *);
+};
+
+constexpr Writer kWriters[] = {
+    {kThisFile,
+     [](const char *szPath, const char *szSection, const VLIB_SZ_HASH *pHash) {
+         return VLIBCFileAddSection(szPath, szSection, pHash, 0) == 0 ? 1 : -1;
+     },
+     [](const char *szPath, const char *szSection, const VLIB_SZ_HASH *pHash) {
+         return VLIBCFileSetSection(szPath, szSection, nullptr, pHash, 0);
+     },
+     VLIBCFileRemoveSection},
+    {"bandwidth_status_set_section.cpp", ZEVOBandwidthStatusAddSection,
+     ZEVOBandwidthStatusSetSection, ZEVOBandwidthStatusRemoveSection},
+};
+
 TEST_F(SectionFile, AnyTextComesBackEqualAsNameKeyAndValue)
 {
-    for (const std::string &text : AwkwardTexts()) {
-        SCOPED_TRACE(testing::PrintToString(text.substr(0, 20)) + " of " +
-                     std::to_string(text.size()));
-        Write("[before]\nk=v\n");
-        ASSERT_EQ(Add(text.c_str(), {{text, text}, {"last", "1"}}), 0);
-        ASSERT_EQ(Set(text.c_str(), {{text, text}, {"last", "2"}}), 1);
-        ASSERT_THAT(Names(), ElementsAre("before", text));
-        Hash hash;
-        ASSERT_EQ(VLIBCFileGetSection(Path(), text.c_str(), hash.address()), 1);
-        ASSERT_EQ(hash[text], text);
-        ASSERT_EQ(hash["last"], "2");
-        const std::string file = Read();
-        ASSERT_EQ(std::count(file.begin(), file.end(), '\n'), 6);
+    const std::string before = "# by hand\n[before]\nk=v\n";
+    for (const Writer &writer : kWriters) {
+        for (const std::string &text : AwkwardTexts()) {
+            SCOPED_TRACE(testing::PrintToString(text.substr(0, 20)) + " of " +
+                         std::to_string(text.size()) + ", " + writer.szFile);
+            Write(before);
+            const Hash set({{text, text}, {text + "a", text}});
+            ASSERT_EQ(writer.add(Path(), text.c_str(), Hash({{text, "1"}}).get()), 1);
+            ASSERT_EQ(writer.set(Path(), text.c_str(), set.get()), 1);
+            ASSERT_THAT(Names(), ElementsAre("before", text));
+            Hash hash;
+            ASSERT_EQ(VLIBCFileGetSection(Path(), text.c_str(), hash.address()), 1);
+            ASSERT_EQ(hash[text], text);
+            ASSERT_EQ(hash[text + "a"], text);
+            const std::string file = Read();
+            ASSERT_EQ(file.rfind(before, 0), 0u);
+            const std::string own = file.substr(file.find('[', before.size()));
+            ASSERT_EQ(std::count(own.begin(), own.end(), '\n'), 3);
+            ASSERT_EQ(writer.remove(Path(), text.c_str()), 1);
+            ASSERT_THAT(Names(), ElementsAre("before"));
+        }
     }
 }
 
@@ -200,11 +224,12 @@ TEST_F(SectionFile, AHeaderIsKnownByItsLineAlone)
     }
 }
 
-TEST_F(SectionFile, SettingReplacesThePairsAndNothingElse)
+TEST_F(SectionFile, SettingAndAddingReplaceThePairsAndNothingElse)
 {
     const struct {
         const char *szOld;
         const char *szNew;
+        bool isAdded = false;
     } rows[] = {
         {"[a]\nk=1\n", "[a]\nx=9\n"},
         {"[a]", "[a]\nx=9\n"},
@@ -213,32 +238,18 @@ TEST_F(SectionFile, SettingReplacesThePairsAndNothingElse)
         {"top\n[z]\r\n k = 1\r\n\n[ a ] \r\n# why\nk=1\n;later\njunk\nl=2\n\n[b]\nk=\"1\"",
          "top\n[z]\r\n k = 1\r\n\n[ a ] \r\n# why\nx=9\n;later\njunk\n\n[b]\nk=\"1\""},
         {"[a]\nk=1\n\n[b]\nk=2\n[a]\n#note\nk=3\n[c]\n", "[a]\nx=9\n\n[b]\nk=2\n#note\n[c]\n"},
+        {"[a]\nk=1\n[b]\n", "[a]\nx=9\n[b]\n", true},
+        // What is not there yet begins on a line of its own.
+        {"", "[a]\nx=9\n", true},
+        {"[b]\nk=1\n", "[b]\nk=1\n\n[a]\nx=9\n", true},
+        {"[b]\nk=1\n\n", "[b]\nk=1\n\n[a]\nx=9\n", true},
+        {"[b]\nk=\"1", "[b]\nk=\"1\n\n[a]\nx=9\n", true},
+        {"[b]\n[a", "[b]\n[a\n\n[a]\nx=9\n", true},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(testing::PrintToString(row.szOld));
         Write(row.szOld);
-        EXPECT_EQ(Set("a", {{"x", "9"}}), 1);
-        EXPECT_EQ(Read(), row.szNew);
-    }
-}
-
-TEST_F(SectionFile, AddingEndsATornLineAndReplacesASectionThatIsThere)
-{
-    const struct {
-        const char *szOld;
-        const char *szNew;
-    } rows[] = {
-        {"", "[a]\nx=9\n"},
-        {"[b]\nk=1\n", "[b]\nk=1\n\n[a]\nx=9\n"},
-        {"[b]\nk=1\n\n", "[b]\nk=1\n\n[a]\nx=9\n"},
-        {"[b]\nk=\"1", "[b]\nk=\"1\n\n[a]\nx=9\n"},
-        {"[b]\n[a", "[b]\n[a\n\n[a]\nx=9\n"},
-        {"[a]\nk=1\n[b]\n", "[a]\nx=9\n[b]\n"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(testing::PrintToString(row.szOld));
-        Write(row.szOld);
-        EXPECT_EQ(Add("a", {{"x", "9"}}), 0);
+        EXPECT_EQ(row.isAdded ? Add("a", {{"x", "9"}}) + 1 : Set("a", {{"x", "9"}}), 1);
         EXPECT_EQ(Read(), row.szNew);
     }
 }
@@ -300,47 +311,25 @@ TEST_F(SectionFile, AFailedWriteLeavesTheOldFileAndNoTemporaryOne)
         {Call::Open, 0x0900},  {Call::Read, 0x0A00},  {Call::Write, 0x0B00},
         {Call::Chmod, 0x0B00}, {Call::Fsync, 0x0B00}, {Call::Rename, 0x2800},
     };
+    const Pairs pairs = {{"x", "9"}};
+    const std::function<int()> operations[] = {
+        [&] { return Set("user-1", pairs); },
+        [&] { return Add("user-3", pairs); },
+        [&] { return VLIBCFileRemoveSection(Path(), "user-1"); },
+    };
+    Write(kTwoSections);
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.code);
-        Write(kTwoSections);
-        const struct {
-            const char *szName;
-            std::function<int()> run;
-        } operations[] = {
-            {"set",
-             [&] {
-                 return Set("user-1", {{"x", "9"}});
-             }},
-            {"add",
-             [&] {
-                 return Add("user-3", {{"x", "9"}});
-             }},
-            {"remove", [&] { return VLIBCFileRemoveSection(Path(), "user-1"); }},
-        };
         for (const auto &operation : operations) {
-            SCOPED_TRACE(operation.szName);
+            SCOPED_TRACE(row.code);
             standins::FailNext(row.call, EIO);
             errno = 0;
-            EXPECT_EQ(operation.run(), -1);
+            EXPECT_EQ(operation(), -1);
             EXPECT_EQ(errno, EIO);
             ExpectSlot(row.code, kThisFile);
             EXPECT_EQ(Read(), kTwoSections);
             EXPECT_EQ(etc.FileCount(), 1);
         }
     }
-}
-
-TEST_F(SectionFile, AFileSizeLimitFailsTheWriteAndDoesNotEndTheHost)
-{
-    Write(kTwoSections);
-    Child child([&] {
-        const struct rlimit limit = {10, RLIM_INFINITY};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-        return Set("user-1", {{"x", "9"}}) == -1 && VLIBCErrGet() == 0x0B00 ? 0 : 2;
-    });
-    EXPECT_EQ(child.Wait(), 0);
-    EXPECT_EQ(Read(), kTwoSections);
-    EXPECT_EQ(etc.FileCount(), 1);
 }
 
 TEST_F(SectionFile, OnlyRegularFilesOfModerateSizeInRealDirectoriesAreTaken)
@@ -361,33 +350,19 @@ TEST_F(SectionFile, OnlyRegularFilesOfModerateSizeInRealDirectoriesAreTaken)
         Hash hash;
         EXPECT_EQ(VLIBCFileGetSection(path.c_str(), "user-1", hash.address()), -1);
         ExpectSlot(0x0900, kThisFile);
-        EXPECT_EQ(VLIBCFileSetSection(path.c_str(), "user-1", nullptr, hash.get(), 0), -1);
-        ExpectSlot(0x0900, kThisFile);
-        EXPECT_EQ(VLIBCFileRemoveSection(path.c_str(), "user-1"), -1);
-        ExpectSlot(0x0900, kThisFile);
+        for (const Writer &writer : kWriters) {
+            EXPECT_EQ(writer.set(path.c_str(), "user-1", hash.get()), -1);
+            ExpectSlot(0x0900, writer.szFile);
+            EXPECT_EQ(writer.remove(path.c_str(), "user-1"), -1);
+            ExpectSlot(0x0900, writer.szFile);
+        }
     }
     EXPECT_EQ(Read(), kTwoSections);
 }
 
-TEST_F(SectionFile, AHostWithoutStandardStreamsFindsNothingInTheirPlace)
+TEST_F(SectionFile, ManyWritersAtOnceLoseNothingAndAddNothingTwiceThoughSomeAreKilled)
 {
-    Write(kTwoSections);
-    Child child([&] {
-        for (int fd = 0; fd <= 2; ++fd)
-            ::close(fd);
-        const bool done = Set("user-1", {{"x", "9"}}) == 1 && Add("user-3", {}) == 0;
-        bool closed = true;
-        for (int fd = 0; fd <= 2; ++fd)
-            closed &= ::fcntl(fd, F_GETFD) == -1;
-        return done && closed ? 0 : 2;
-    });
-    EXPECT_EQ(child.Wait(), 0);
-    EXPECT_THAT(Names(), ElementsAre("user-1", "user-2", "user-3"));
-}
-
-TEST_F(SectionFile, ManyWritersAtOnceLoseNothingAndAddNothingTwice)
-{
-    constexpr int kWriters = 8;
+    constexpr int kProcesses = 8;
     constexpr int kRounds = 50;
     Write("# foreign\n[foreign]\nk=v\n");
     const auto store = [&](const std::string &name, int value) {
@@ -396,7 +371,7 @@ TEST_F(SectionFile, ManyWritersAtOnceLoseNothingAndAddNothingTwice)
         return set == 0 ? Add(name.c_str(), pairs) >= 0 : set == 1;
     };
     std::vector<std::unique_ptr<Child>> writers;
-    for (int writer = 0; writer < kWriters; ++writer) {
+    for (int writer = 0; writer < kProcesses; ++writer) {
         writers.push_back(std::make_unique<Child>([&, writer] {
             for (int round = 0; round < kRounds; ++round) {
                 const std::string own = std::to_string(writer) + "-" + std::to_string(round % 5);
@@ -405,14 +380,24 @@ TEST_F(SectionFile, ManyWritersAtOnceLoseNothingAndAddNothingTwice)
             return 0;
         }));
     }
+    std::mt19937 random(20);
+    for (int kill = 0; kill < 40; ++kill) {
+        Child victim([&] {
+            for (int round = 0; store("shared", round); ++round) {
+            }
+            return 2;
+        });
+        ::usleep(static_cast<useconds_t>(random() % 4'000));
+        victim.Signal(SIGKILL);
+        EXPECT_EQ(victim.Wait(), 128 + SIGKILL);
+    }
     for (const auto &writer : writers)
         EXPECT_EQ(writer->Wait(), 0);
 
     const std::string file = Read();
-    EXPECT_EQ(std::count(file.begin(), file.end(), '['), kWriters * 5 + 2);
+    EXPECT_EQ(std::count(file.begin(), file.end(), '['), kProcesses * 5 + 2);
     EXPECT_EQ(file.find("# foreign\n[foreign]\nk=v\n"), 0u);
-    EXPECT_EQ(etc.FileCount(), 1);
-    for (int section = 0; section < kWriters * 5; ++section) {
+    for (int section = 0; section < kProcesses * 5; ++section) {
         const std::string name = std::to_string(section / 5) + "-" + std::to_string(section % 5);
         SCOPED_TRACE(name);
         Hash hash;

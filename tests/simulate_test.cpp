@@ -25,20 +25,12 @@ protected:
     void SetUp() override
     {
         LibraryTest::SetUp();
-        SetPolicy("enabled");
+        SetPolicy("enabled", "user-only");
         SetRates(8, 16);
-    }
-    void SetPolicy(const std::string &state, const std::string &userGroup = "user-only")
-    {
-        etc.Write("bandwidth.global.conf", "[ftp]\nstate=" + state +
-                                               "\nuser-group policy=" + userGroup +
-                                               "\ninter-group policy=max\noccupy policy=max\n");
     }
     void SetRates(uint64_t upload, uint64_t download)
     {
-        etc.Write("bandwidth.ftp.conf",
-                  "[user-2001]\nstate=enabled\nupload rate=" + std::to_string(upload) +
-                      "\ndownload rate=" + std::to_string(download) + "\n");
+        SetRules(RuleText("user-2001", upload, download));
     }
     uint64_t speeds[3] = {1, 2, 3};
 };

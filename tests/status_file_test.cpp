@@ -135,18 +135,6 @@ TEST_F(StatusConversion, TheSignedNumbersIgnoreWhatFollowsAndTheUnsignedOnesFail
     }
 }
 
-TEST_F(StatusConversion, AFileNameIsCutToItsField)
-{
-    const std::string name(5000, 'n');
-    ZEVO_BANDWIDTH_STATUS status = Record({});
-    EXPECT_EQ(ZEVOBandwidthInitStatusFromHash(&status, Hash{{"filename", name}}.get()), 0);
-    EXPECT_EQ(status.filename, name.substr(0, 4095));
-    EXPECT_EQ(status.owner_type, 1U) << "the next field";
-    Hash hash;
-    EXPECT_EQ(ZEVOBandwidthInitHashFromStatus(hash.address(), &status), 0);
-    EXPECT_EQ(hash["filename"], name.substr(0, 4095));
-}
-
 // ---- saving ----
 
 class StatusSave : public LibraryTest {
@@ -406,41 +394,6 @@ TEST_F(StatusRewrite, AFailureLeavesTheOldFileAndNoTemporaryOne)
         }
     }
     EXPECT_THAT(TakeLog(), IsEmpty()) << "the caller tells";
-}
-
-TEST_F(StatusRewrite, OnlyRegularFilesOfSomeSizeAreTouched)
-{
-    Write(kTwo);
-    const char *const szOdd = box.Path("odd");
-    const struct {
-        const char *szWhat;
-        std::function<int()> Make;
-    } kRows[] = {
-        {"missing", [] { return 0; }},
-        {"link", [&] { return ::symlink(Path(), szOdd); }},
-        {"fifo", [&] { return ::mkfifo(szOdd, 0666); }},
-        {"directory", [&] { return ::mkdir(szOdd, 0755); }},
-        {"too large",
-         [&] {
-             box.Write("odd", "[4711-1]\n");
-             return ::truncate(szOdd, (off_t{64} << 20) + 1);
-         }},
-    };
-    for (const auto &row : kRows) {
-        SCOPED_TRACE(row.szWhat);
-        ASSERT_EQ(row.Make(), 0);
-        EXPECT_EQ(ZEVOBandwidthStatusSetSection(szOdd, "4711-1", hash.get()), -1);
-        ExpectSlot(0x0900, kRewrite);
-        EXPECT_EQ(ZEVOBandwidthStatusRemoveSection(szOdd, "4711-1"), -1);
-        ExpectSlot(0x0900, kRewrite);
-        if (row.szWhat != std::string("missing")) {
-            EXPECT_EQ(ZEVOBandwidthStatusAddSection(szOdd, "4711-1", hash.get()), -1);
-            ExpectSlot(0x0900, kAppend);
-        }
-        EXPECT_EQ(Read(), kTwo) << "nothing followed the link";
-        ::remove(szOdd);
-    }
-    EXPECT_THAT(box.Files(), ElementsAre("user-2001"));
 }
 
 TEST_F(StatusRewrite, AFileWithASecondNameIsReplacedAndNeverChangedInPlace)

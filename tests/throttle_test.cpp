@@ -1,12 +1,11 @@
 // The life of a transfer: registering it, the size of its blocks, and the throttle loop, on a clock
-// that the tests move; at the end with real processes and real time.
+// that the tests move.
 #include "library_box.hpp"
 
-#include <atomic>
-#include <thread>
+#include <cstdlib>
+#include <ctime>
 
 #include <gmock/gmock.h>
-#include <pthread.h>
 #include <unistd.h>
 
 using standins::Before;
@@ -194,6 +193,43 @@ TEST_F(Throttle, ABlockThatWasTooFastSleepsOffTheDifferenceAndOneThatWasNotDoesN
         EXPECT_EQ(status.progress, 4321U);
         EXPECT_EQ(status.timestamp, standins::ClockUs() / kUsPerSecond);
         EXPECT_EQ(timeLast, static_cast<uint64_t>(standins::ClockUs()));
+        EXPECT_EQ(box.Read("user-2001"), "\n" + Saved());
+        EXPECT_THAT(TakeLog(), IsEmpty());
+    }
+}
+
+// Whatever the clock was before, from the second block on all is as if it had always been so.
+TEST_F(Throttle, AClockThatIsSetIsForgottenWithTheNextBlock)
+{
+    constexpr int64_t kDay = 24 * 3600;
+    constexpr int64_t kPast2038 = 0x80000000LL + kDay;
+    const struct {
+        int64_t from, to;
+    } kRows[] = {
+        {kNow, kNow + 3600}, {kNow, kNow - 3600}, {kNow, kNow + kDay}, {kNow, kNow - kDay},
+        {kNow, kNow - 1},    {kNow, kNow + 31},   {kNow, 100},         {100, kNow},
+        {kNow, 0x7FFFFFFE},  {kNow, kPast2038},   {kPast2038, kNow},   {kNow, 0x100000000LL + kDay},
+    };
+    for (const auto &row : kRows) {
+        SCOPED_TRACE(std::to_string(row.from) + " to " + std::to_string(row.to));
+        const auto loop = [&] {
+            standins::AdvanceClock(200'000);
+            return Loop();
+        };
+        box.Make();
+        standins::Reset();
+        standins::SetClock(row.from * kUsPerSecond);
+        ASSERT_EQ(Init(), 0);
+        EXPECT_EQ(loop(), 0);
+        standins::SetClock(row.to * kUsPerSecond);
+        EXPECT_EQ(loop(), 0);
+        (void)TakeLog(); // a step forth has made the own section stale
+        ASSERT_LE(standins::Sleeps().size(), 2U);
+        EXPECT_LE(standins::Sleeps().back(), kUsPerSecond) << "no longer than the block alone";
+        EXPECT_EQ(loop(), 0);
+        EXPECT_EQ(standins::Sleeps().back(), 800'000);
+        EXPECT_EQ(status.current_speed, kSpeed);
+        EXPECT_EQ(status.timestamp, standins::ClockUs() / kUsPerSecond);
         EXPECT_EQ(box.Read("user-2001"), "\n" + Saved());
         EXPECT_THAT(TakeLog(), IsEmpty());
     }
@@ -449,75 +485,57 @@ TEST_F(Schedule, ALookOfAnyTransferOfTheProcessCountsForAll)
     EXPECT_TRUE(Listed());
 }
 
-// ---- real time ----
-
-class RealTime : public Throttle {
-protected:
-    void SetUp() override
-    {
-        Throttle::SetUp();
-        standins::Reset();
-        timeLast = ZEVOBandwidthCurrTimeGet();
-    }
+// Zones are spelled out, since not every machine has their files; times are seconds.
+struct Zone {
+    const char *szTz;
+    int64_t changes[2];
+    int64_t offsets[3]; // from UTC: before, between and after the changes
 };
 
-TEST_F(RealTime, ACancelledThreadIsEndedOnlyAfterTheCall)
-{
-    std::atomic<bool> began{false};
-    std::atomic<bool> returned{false};
-    std::thread thread([&] {
-        began = true;
-        (void)Loop(kSpeed / 4);
-        returned = true;
-        ::pthread_testcancel();
-        ADD_FAILURE() << "not cancelled";
-    });
-    while (!began)
-        ::usleep(1000);
-    ::usleep(20'000);
-    EXPECT_EQ(::pthread_cancel(thread.native_handle()), 0);
-    thread.join();
-    EXPECT_TRUE(returned);
-}
+constexpr Zone kZones[] = {
+    {"IST-5:30", {1'711'846'800, 1'729'990'800}, {19'800, 19'800, 19'800}}, // none, by half an hour
+    {"CET-1CEST,M3.5.0,M10.5.0/3", {1'711'846'800, 1'729'990'800}, {3'600, 7'200, 3'600}},
+    {"EST5EDT,M3.2.0,M11.1.0", {1'710'054'000, 1'730'613'600}, {-18'000, -14'400, -18'000}},
+    {"<+1030>-10:30<+11>-11,M10.1.0,M4.1.0",
+     {1'712'415'600, 1'728'142'200},
+     {39'600, 37'800, 39'600}},
+};
 
-// Two processes of two users under one group's rule, each as fast as it may be.
-TEST_F(RealTime, TwoProcessesShareOneRule)
+// The zone is the one that the process began with, whatever TZ says later.
+TEST_F(Schedule, APlanIsFollowedByTheLocalHourThroughDaylightSaving)
 {
-    constexpr uint64_t kGroupBps = 4'096'000;
-    constexpr uint64_t kBlock = 40'960; // 20 ms at half the rate
-    constexpr uint64_t kFromUs = 1'000'000;
-    constexpr uint64_t kToUs = 2'500'000;
-    etc.Write("bandwidth.global.conf", "[ftp]\nstate=enabled\nuser-group policy=group-only\n"
-                                       "inter-group policy=max\noccupy policy=all\n");
-    etc.Write("bandwidth.ftp.conf", "[group-3001]\nstate=enabled\nupload rate=4000\n");
-    const uint64_t beginUs = ZEVOBandwidthCurrTimeGet();
-    const auto transfer = [&](uint32_t uid) {
-        ZEVO_BANDWIDTH_CONFIG own = {};
-        EXPECT_EQ(ZEVOBandwidthConfigGet(uid, 4, &own), 0);
-        EXPECT_EQ(ZEVOBandwidthStatusInit(&own, 1, "/f", &timeLast, &status), 0);
-        uint64_t sum = 0;
-        while (timeLast < beginUs + kToUs) {
-            EXPECT_EQ(ZEVOBandwidthSleepInLoop(&own, kBlock, 0, &timeLast, &status), 0);
-            if (timeLast >= beginUs + kFromUs) sum += kBlock;
+    std::string plan(168, '0');
+    for (size_t hour = 0; hour < plan.size(); hour += hour % 5 == 0 ? 3 : 2)
+        plan[hour] = '1';
+    SetPlan(plan);
+    plan.copy(limits[0].conf.szSchedulePlan, plan.size());
+    limits[0].conf.state = ZEVO_BW_STATE_SCHEDULE;
+    for (const Zone &zone : kZones) {
+        for (const int64_t change : zone.changes) {
+            ::setenv("TZ", zone.szTz, 1);
+            ::tzset();
+            ::setenv("TZ", "XYZ+7:15", 1);
+            CheckAt((change - kSundayMidnight) / 3600 - 6); // so that the first look is a new one
+            for (int64_t t = change - 4 * 3600; t < change + 4 * 3600; t += 600) {
+                SCOPED_TRACE(zone.szTz + (" at " + std::to_string(t)));
+                const size_t part = t < zone.changes[0] ? 0 : t < zone.changes[1] ? 1 : 2;
+                const int64_t local = t + zone.offsets[part];
+                const int64_t hour = (local / 86'400 + 4) % 7 * 24 + local % 86'400 / 3'600;
+                const int32_t wanted = plan[static_cast<size_t>(hour)] == '1'
+                                           ? ZEVO_BW_STATE_ENABLED
+                                           : ZEVO_BW_STATE_DISABLED;
+                standins::SetClock(t * kUsPerSecond);
+                EXPECT_EQ(Loop(0), 0);
+                EXPECT_EQ(config.globalConf.currentState, wanted) << "of a running transfer";
+                for (const int64_t timeUs : {int64_t{0}, (t + 599) * kUsPerSecond + 999'999}) {
+                    EXPECT_EQ(ZEVOBandwidthInitConfig(&config, timeUs), 1);
+                    EXPECT_EQ(config.globalConf.currentState, wanted) << "of one that begins";
+                    EXPECT_EQ(limits[0].conf.currentState, wanted);
+                }
+            }
         }
-        EXPECT_EQ(ZEVOBandwidthStatusRemove(&own, 1), 0);
-        ZEVOBandwidthConfigFree(&own);
-        etc.Write(std::to_string(uid), std::to_string(sum));
-        return 0;
-    };
-    Child alice([&] { return transfer(kAlice); });
-    Child bob([&] { return transfer(kBob); });
-    EXPECT_EQ(alice.Wait(), 0);
-    EXPECT_EQ(bob.Wait(), 0);
-    const double whole = static_cast<double>(kGroupBps) * (kToUs - kFromUs) / kUsPerSecond;
-    const double alices = std::stod(etc.Read(std::to_string(kAlice))) / whole;
-    const double bobs = std::stod(etc.Read(std::to_string(kBob))) / whole;
-    // Wide, since the machine may be busy with other tests: it is for the benchmarks to be exact.
-    EXPECT_GT(alices, 0.3);
-    EXPECT_GT(bobs, 0.3);
-    EXPECT_GT(alices + bobs, 0.7);
-    EXPECT_LT(alices + bobs, 1.2);
-    EXPECT_EQ(box.Read("group-3001").find('['), std::string::npos) << "both have gone";
+    }
+    (void)TakeLog();
 }
 
 } // namespace

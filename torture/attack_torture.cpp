@@ -1,12 +1,14 @@
 // What a hostile local user can put in the place of status files, of the directory they lie in and
-// of the temporary files of a rewrite, against every function that opens one, called by root and by
+// of temporary files, against every function that opens one, called by root and by
 // an ordinary user. Nothing outside the directory may be made or changed, no file may gain a set-id
 // bit with another owner, nothing private may become readable, and every call must return.
-#include "calls.hpp"
+#include "operations.hpp"
 #include "row.hpp"
+#include "stand_ins.hpp"
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -29,16 +31,15 @@ namespace {
 
 constexpr unsigned kHangSeconds = 20;
 constexpr char kPrivate[] = "a private text"; // in files that only their owner may read
-constexpr std::int64_t kLongAgo = 1'000'000'000;
+constexpr std::uint32_t kStranger = 2002;
 
 const std::string kDirectory = kStatusDirectory;
 const std::string kOutside = "/tmp/outside";
-const std::string kFile = kUserFile;
 
 // A file as a stranger would write it: a running transfer, one that looks dead, and something else.
-const std::string kText = "[4711-1]\npid=4711\nuid=2001\nid=2001\nactive=1\ntimestamp=9999999999\n"
+const std::string kText = "[100-1]\npid=100\nuid=2001\nid=2001\nactive=1\ntimestamp=9999999999\n"
                           "owner type=user\nprotocol type=ftp\ntransfer type=upload\n"
-                          "[4712-1]\ntimestamp=1\n# a note\n";
+                          "[101-1]\ntimestamp=1\n# a note\n";
 
 void Insist(bool done, const char *szWhat)
 {
@@ -205,7 +206,7 @@ std::vector<Plant> FilePlants()
     std::vector<Plant> all;
     for (const mode_t mode : {00000u, 00111u, 00444u, 00600u, 00644u, 00666u, 00777u, 01777u,
                               02755u, 04755u, 06755u, 06777u, 07777u, 02000u, 04000u})
-        for (const uid_t owner : {uid_t{0}, uid_t{kUser}, uid_t{kStranger}}) {
+        for (const uid_t owner : {uid_t{0}, uid_t{kAlice}, uid_t{kStranger}}) {
             char szName[64];
             std::snprintf(szName, sizeof(szName), "a file of mode %04o of user %u", mode, owner);
             all.push_back(
@@ -307,16 +308,20 @@ struct Rows {
     Row &ends;
 };
 
-void Compare(const Inventory &before, const Owners &owners, const std::string &what, Rows rows)
+void CompareOutside(const Inventory &before, const std::string &what, Row &row)
 {
     const Inventory after = TakeInventory();
-    rows.outside.Try();
+    row.Try();
     for (const auto &[path, text] : before)
         if (const auto found = after.find(path); found == after.end() || found->second != text)
-            rows.outside.Violate("%s: %s has changed", what.c_str(), path.c_str());
+            row.Violate("%s: %s has changed", what.c_str(), path.c_str());
     for (const auto &[path, text] : after)
-        if (!before.contains(path))
-            rows.outside.Violate("%s: %s was made", what.c_str(), path.c_str());
+        if (!before.contains(path)) row.Violate("%s: %s was made", what.c_str(), path.c_str());
+}
+
+void Compare(const Inventory &before, const Owners &owners, const std::string &what, Rows rows)
+{
+    CompareOutside(before, what, rows.outside);
     rows.setId.Try();
     rows.secret.Try();
     Walk([&](const fs::path &path, const struct stat &s) {
@@ -334,13 +339,15 @@ void Compare(const Inventory &before, const Owners &owners, const std::string &w
     });
 }
 
-pid_t Start(const PathCall &call, uid_t uid)
+// Results are not asked for: whatever an attacker has planted, a failure is an answer.
+pid_t Start(const Operation &operation, uid_t uid)
 {
-    return Fork([&call, uid] {
+    return Fork([&operation, uid] {
         ::alarm(kHangSeconds);
         Become(uid);
-        Service service;
-        call.call(service, kUserFile);
+        standins::SetClock(std::time(nullptr) * 1'000'000); // sleeps take no time
+        Scratch scratch(getpid(), std::time(nullptr));
+        (void)operation.run(scratch);
         return 0;
     });
 }
@@ -365,20 +372,20 @@ void TryPlant(const Plant &plant, bool inPlaceOfDirectory, const Options &option
     // In short each plant meets a few of the calls, the next one others.
     const std::size_t step = options.amount == Amount::kShort ? 6 : 1;
     static std::size_t next = 0;
-    for (const uid_t uid : {uid_t{0}, uid_t{kUser}}) {
-        for (const PathCall &call : kPathCalls) {
+    for (const uid_t uid : {uid_t{0}, uid_t{kAlice}}) {
+        for (const Operation *const pOperation : OpeningOperations()) {
             if (next++ % step != 0) continue;
-            const std::string what =
-                std::string(call.szName) + " by user " + std::to_string(uid) + " on " + plant.name;
+            const std::string what = std::string(pOperation->name) + " by user " +
+                                     std::to_string(uid) + " on " + plant.name;
             Clear();
             MakeOutside();
             Accomplices accomplices;
             if (!inPlaceOfDirectory) MakeDirectory(0777, 0);
-            plant.make(kUserFile, accomplices);
-            if (!inPlaceOfDirectory) plant.make(kGroupFile, accomplices);
+            plant.make(kAlicesFile, accomplices);
+            if (!inPlaceOfDirectory) plant.make(kStaffFile, accomplices);
             const Inventory before = TakeInventory();
             const Owners owners = TakeOwners();
-            CheckEnd(Start(call, uid), what, rows.ends);
+            CheckEnd(Start(*pOperation, uid), what, rows.ends);
             Compare(before, owners, what, rows);
         }
     }
@@ -391,51 +398,17 @@ void TryUse(const Plant &plant, bool inPlaceOfDirectory, Row &row)
     MakeOutside();
     Accomplices accomplices;
     if (!inPlaceOfDirectory) MakeDirectory(0777, 0);
-    plant.make(kUserFile, accomplices);
+    plant.make(kAlicesFile, accomplices);
     const pid_t pid = Fork([] {
-        Service service;
+        Scratch scratch(getpid(), std::time(nullptr));
         ZEVO_BANDWIDTH_STATUS *pList = nullptr;
-        if (ZEVOBandwidthStatusSave(kUser, nullptr, &service.status) < 0) return 1;
+        if (ZEVOBandwidthStatusSave(kAlice, nullptr, &scratch.status) < 0) return 1;
         const int count =
-            ZEVOBandwidthIStatusGetAll(kUserFile, -1, ZEVO_BW_TRANSFER_ALL, &pList, 0);
+            ZEVOBandwidthIStatusGetAll(kAlicesFile, -1, ZEVO_BW_TRANSFER_ALL, &pList, 0);
         return count >= 1 && pList->pid == getpid() ? 0 : 1;
     });
     row.Try();
     if (WaitFor(pid) != 0) row.Violate("a save by root fails on %s", plant.name.c_str());
-}
-
-// A leftover goes when it is old and asked about; what it may lead to stays.
-void TryLeftovers(Rows rows)
-{
-    std::vector<Plant> plants = FilePlants();
-    for (const uid_t uid : {uid_t{0}, uid_t{kUser}}) {
-        for (const Plant &plant : plants) {
-            const std::string path = kFile + ".a1B2c3";
-            const std::string what =
-                "a leftover that is " + plant.name + ", by user " + std::to_string(uid);
-            Clear();
-            MakeOutside();
-            MakeDirectory(0777, 0);
-            Accomplices accomplices;
-            plant.make(path, accomplices);
-            const struct timespec then[2] = {{kLongAgo, 0}, {kLongAgo, 0}};
-            const bool isThere =
-                ::utimensat(AT_FDCWD, path.c_str(), then, AT_SYMLINK_NOFOLLOW) == 0;
-            const Inventory before = TakeInventory();
-            const Owners owners = TakeOwners();
-            CheckEnd(Fork([&] {
-                         ::alarm(kHangSeconds);
-                         Become(uid);
-                         ZEVO_BANDWIDTH_STATUS *pList = nullptr;
-                         return ZEVOBandwidthIStatusGetAll(path.c_str(), -1, 3, &pList, 0);
-                     }),
-                     what, rows.ends);
-            Compare(before, owners, what, rows);
-            struct stat s = {};
-            if (isThere && ::lstat(path.c_str(), &s) == 0 && !S_ISDIR(s.st_mode))
-                rows.ends.Violate("%s: it is still there", what.c_str());
-        }
-    }
 }
 
 // ---- swapping while the calls run ----
@@ -499,16 +472,14 @@ void TrySwaps(const Options &options, Rows rows)
     for (std::uint64_t stream = 1; stream <= 2; ++stream)
         accomplices.Add(Fork([&]() -> int { Swap(options.seed, stream); }));
     Random random(options.seed, 0);
+    const std::vector<const Operation *> operations = OpeningOperations();
     for (std::uint64_t done = 0; budget.Allows(done); ++done) {
-        const PathCall &call = kPathCalls[random.Below(kPathCalls.size())];
-        const uid_t uid = random.Below(2) == 0 ? 0 : kUser;
-        CheckEnd(Start(call, uid), std::string(call.szName) + " while all is swapped", rows.ends);
+        const Operation &operation = *operations[random.Below(operations.size())];
+        const uid_t uid = random.Below(2) == 0 ? 0 : kAlice;
+        CheckEnd(Start(operation, uid), std::string(operation.name) + " while all is swapped",
+                 rows.ends);
         if (done % 64 != 0) continue;
-        const Inventory after = TakeInventory();
-        rows.outside.Try();
-        for (const auto &[path, text] : after)
-            if (const auto old = before.find(path); old == before.end() || old->second != text)
-                rows.outside.Violate("%s was made or changed while all is swapped", path.c_str());
+        CompareOutside(before, "while all is swapped", rows.outside);
         rows.setId.Try();
         std::error_code ignored;
         for (fs::directory_iterator i(kDirectory, ignored), end; !ignored && i != end;
@@ -529,8 +500,7 @@ int main(int argc, char **argv)
     const Options options = ParseOptions(argc, argv);
     Insist(::chdir("/tmp") == 0, "chdir"); // where relative names would lead, watched like the rest
     ::umask(022);
-    fs::create_directories("/usr/zevo/etc/bandwidth/addon");
-    StoreRules();
+    StageScene(std::time(nullptr), getpid());
 
     Table table(options.seed);
     const std::string devices = MayMakeDevices() ? "" : " (no devices: mknod is not permitted)";
@@ -545,7 +515,6 @@ int main(int argc, char **argv)
             TryPlant(plant, inPlaceOfDirectory, options, rows);
             if (plant.mustWork) TryUse(plant, inPlaceOfDirectory, use);
         }
-    TryLeftovers(rows);
     TrySwaps(options, rows);
     Clear();
     return table.Print();

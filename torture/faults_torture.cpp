@@ -327,28 +327,27 @@ private:
 
 using Trials = std::vector<Trial>;
 
-Trials EachError(const Trial &trial, const Reference &reference)
+// The faults of a kind that an operation can meet, by what it does without one.
+using Faults = std::vector<Fault>;
+
+Faults EachError(const Reference &reference)
 {
-    Trials trials;
+    Faults faults;
     for (int at = 1; at <= reference.calls; ++at)
         for (const int error : kErrors)
-            trials.push_back({trial.pOperation,
-                              trial.pReference,
-                              {.kind = Fault::Kind::kError, .at = at, .error = error}});
-    return trials;
+            faults.push_back({.kind = Fault::Kind::kError, .at = at, .error = error});
+    return faults;
 }
 
-Trials EachLastingError(const Trial &trial, const Reference &reference)
+Faults EachLastingError(const Reference &reference)
 {
-    Trials trials;
+    Faults faults;
     const auto add = [&](int at, int error, bool isOfChanges) {
-        trials.push_back({trial.pOperation,
-                          trial.pReference,
-                          {.kind = Fault::Kind::kError,
-                           .at = at,
-                           .isLasting = true,
-                           .error = error,
-                           .isOfChanges = isOfChanges}});
+        faults.push_back({.kind = Fault::Kind::kError,
+                          .at = at,
+                          .isLasting = true,
+                          .error = error,
+                          .isOfChanges = isOfChanges});
     };
     for (int at = 1; at <= reference.calls; ++at) {
         for (const int error : kLastingErrors)
@@ -356,39 +355,35 @@ Trials EachLastingError(const Trial &trial, const Reference &reference)
         for (const int error : kLastingErrorsOfChanges)
             add(at, error, true);
     }
-    return trials;
+    return faults;
 }
 
-Trials EachShort(const Trial &trial, const Reference &reference)
+Faults EachShort(const Reference &reference)
 {
-    Trials trials;
+    Faults faults;
     for (int at = 1; at <= reference.calls; ++at)
         for (const bool isTiny : {false, true})
             for (const bool isLasting : {false, true})
-                trials.push_back({trial.pOperation,
-                                  trial.pReference,
-                                  {.kind = Fault::Kind::kShort,
-                                   .at = at,
-                                   .isLasting = isLasting,
-                                   .isTiny = isTiny}});
-    return trials;
+                faults.push_back({.kind = Fault::Kind::kShort,
+                                  .at = at,
+                                  .isLasting = isLasting,
+                                  .isTiny = isTiny});
+    return faults;
 }
 
-template <bool isLasting> Trials EachAllocation(const Trial &trial, const Reference &reference)
+template <bool isLasting> Faults EachAllocation(const Reference &reference)
 {
-    Trials trials;
+    Faults faults;
     for (int at = 1; at <= reference.allocations; ++at)
-        trials.push_back({trial.pOperation,
-                          trial.pReference,
-                          {.kind = Fault::Kind::kAllocation, .at = at, .isLasting = isLasting}});
-    return trials;
+        faults.push_back({.kind = Fault::Kind::kAllocation, .at = at, .isLasting = isLasting});
+    return faults;
 }
 
 constexpr std::uint64_t kSlowness = kCountsAllocations ? 1 : 4; // of forks under a sanitizer
 
 struct Kind {
     const char *szRow;
-    Trials (*each)(const Trial &, const Reference &);
+    Faults (*each)(const Reference &);
     std::uint64_t shortCount;
     double share;
     bool wantsAllocations;
@@ -454,10 +449,9 @@ int main(int argc, char **argv)
             continue;
         }
         Trials trials;
-        for (std::size_t i = 0; i < references.size(); ++i) {
-            const Trials some = kind.each({&kOperations[i], &references[i], {}}, references[i]);
-            trials.insert(trials.end(), some.begin(), some.end());
-        }
+        for (std::size_t i = 0; i < references.size(); ++i)
+            for (const Fault &fault : kind.each(references[i]))
+                trials.push_back({&kOperations[i], &references[i], fault});
         Shuffle(trials, random);
         TryAll(table.Add(kind.szRow), trials,
                Budget(options, kind.share, kind.shortCount / kSlowness, trials.size()), *pReport);

@@ -2,14 +2,15 @@
 // function that opens one. Each function's work is compared with that of reading the lines of the
 // same files and writing them out again, as processor time, measured in turns in the same process; and
 // its log lines and searches for add-ons are counted.
-#include "calls.hpp"
+#include "operations.hpp"
 #include "row.hpp"
+#include "stand_ins.hpp"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
+#include <ctime>
 #include <functional>
 #include <string>
 #include <vector>
@@ -20,7 +21,6 @@
 #include <unistd.h>
 
 using namespace torture;
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -72,7 +72,7 @@ const std::vector<Shape> kShapes = {
     {"one endless header", [](Number n) { return std::string(n == 0 ? "[" : "x"); }},
     {"one endless quoted name", [](Number n) { return std::string(n == 0 ? "[\"" : "\\x41"); }},
     {"one endless value",
-     [](Number n) { return n == 0 ? "[4711-1]\nprotocol type=" : std::string("*x"); }},
+     [](Number n) { return n == 0 ? "[100-1]\nprotocol type=" : std::string("*x"); }},
     {"only NUL", [](Number) { return std::string(4096, '\0'); }},
     {"only [", [](Number) { return std::string(4096, '['); }},
     {"only quotes", [](Number) { return std::string(4096, '"'); }},
@@ -83,20 +83,20 @@ const std::vector<Shape> kShapes = {
     {"brackets on lines", [](Number) { return std::string("[\n"); }},
     {"empty headers", [](Number) { return std::string("[]\n[\"\"]\n"); }},
     {"headers", [](Number n) { return "[" + std::to_string(n) + "]\n"; }},
-    {"one header again and again", [](Number) { return std::string("[4711-1]\n"); }},
-    {"two headers in turns", [](Number) { return std::string("[4711-1]\n[4712-1]\n"); }},
+    {"one header again and again", [](Number) { return std::string("[100-1]\n"); }},
+    {"two headers in turns", [](Number) { return std::string("[100-1]\n[101-1]\n"); }},
     {"long headers",
      [](Number n) { return "[" + std::string(4000, 'x') + std::to_string(n) + "]\n"; }},
     {"keys of one section",
-     [](Number n) { return n == 0 ? "[4711-1]\n" : "k" + std::to_string(n) + "=\n"; }},
+     [](Number n) { return n == 0 ? "[100-1]\n" : "k" + std::to_string(n) + "=\n"; }},
     {"one key again and again",
-     [](Number n) { return n == 0 ? "[4711-1]\n" : "timestamp=" + std::to_string(n) + "\n"; }},
-    {"colliding keys", [](Number n) { return n == 0 ? "[4711-1]\n" : Colliding(n) + "=1\n"; }},
+     [](Number n) { return n == 0 ? "[100-1]\n" : "timestamp=" + std::to_string(n) + "\n"; }},
+    {"colliding keys", [](Number n) { return n == 0 ? "[100-1]\n" : Colliding(n) + "=1\n"; }},
     {"colliding headers", [](Number n) { return "[" + Colliding(n) + "]\n"; }},
     {"a section of keys, then headers",
      [](Number n) {
          const std::string number = std::to_string(n);
-         return n == 0 ? "[4711-1]\n" : n < 30'000 ? "k" + number + "=\n" : "[" + number + "]\n";
+         return n == 0 ? "[100-1]\n" : n < 30'000 ? "k" + number + "=\n" : "[" + number + "]\n";
      }},
     {"dead transfers", [](Number n) { return "[" + std::to_string(n) + "-1]\ntimestamp=1\n"; }},
     {"running transfers of many users", [](Number n) { return Live(n); }},
@@ -123,7 +123,7 @@ const std::vector<Shape> kShapes = {
      [](Number n) { return "[" + std::to_string(n) + "-1]\ncurrent speed=x\n"; }},
     {"escapes",
      [](Number n) {
-         return "[\"\\x34711-" + std::to_string(n) + "\"]\n\"\\x70id\"=\"\\x41\\n\"\n";
+         return "[\"\\x3100-" + std::to_string(n) + "\"]\n\"\\x70id\"=\"\\x41\\n\"\n";
      }},
     {"carriage returns", [](Number n) { return "[" + std::to_string(n) + "]\r\n \r\n"; }},
 };
@@ -171,7 +171,7 @@ void RewriteBare(const char *szPath)
 
 void Plant(const std::string &text)
 {
-    for (const char *const szPath : {kUserFile, kGroupFile}) {
+    for (const char *const szPath : {kAlicesFile, kStaffFile}) {
         ::unlink(szPath);
         WriteFile(szPath, text);
     }
@@ -192,8 +192,8 @@ struct Rows {
 };
 
 // Measures one function on one text, in a process of its own.
-void Try(const PathCall &call, const Shape &shape, const std::string &text, int rounds, Rows rows,
-         double &most)
+void Try(const Operation &operation, const Shape &shape, const std::string &text, int rounds,
+         Rows rows, double &most)
 {
     Outcome *const pOutcome = Share<Outcome>(); // a page, as long as the program lives
     const pid_t pid = Fork([&] {
@@ -204,17 +204,20 @@ void Try(const PathCall &call, const Shape &shape, const std::string &text, int 
         for (int round = 0; round < rounds; ++round) {
             Plant(text);
             double before = CpuSeconds();
-            RewriteBare(kUserFile);
-            if (call.opensBoth) RewriteBare(kGroupFile);
+            RewriteBare(kAlicesFile);
+            if ((operation.waivers & kOpensBoth) != 0) RewriteBare(kStaffFile);
             bare.push_back(CpuSeconds() - before);
-            Service service;
-            const std::uint64_t linesBefore = LogLines();
-            const std::uint64_t searchesBefore = Searches();
+            Scratch scratch(getpid(), std::time(nullptr));
+            standins::Reset();
+            standins::SetClock(std::time(nullptr) * 1'000'000); // sleeps take no time
             before = CpuSeconds();
-            call.call(service, kUserFile);
+            (void)operation.run(scratch);
             times.push_back(CpuSeconds() - before);
-            pOutcome->logLines = std::max(pOutcome->logLines, LogLines() - linesBefore);
-            pOutcome->searches = std::max(pOutcome->searches, Searches() - searchesBefore);
+            pOutcome->logLines =
+                std::max(pOutcome->logLines, std::uint64_t{standins::Log().size()});
+            pOutcome->searches =
+                std::max(pOutcome->searches,
+                         static_cast<std::uint64_t>(standins::Count(standins::Call::Search)));
             if (times.front() < bare.front() * rows.mostTimes * kWellBelow) break;
         }
         pOutcome->bare = Median(bare);
@@ -224,26 +227,27 @@ void Try(const PathCall &call, const Shape &shape, const std::string &text, int 
     rows.work.Try();
     rows.log.Try();
     if (const int status = WaitFor(pid); status != 0) {
-        rows.work.Violate("%s on %s, %zu bytes: ended with %d%s", call.szName, shape.szName,
+        rows.work.Violate("%s on %s, %zu bytes: ended with %d%s", operation.name, shape.szName,
                           text.size(), status, status == 128 + SIGALRM ? " (hung)" : "");
         return;
     }
     const double ratio = pOutcome->call / pOutcome->bare;
     most = std::max(most, ratio);
     if (ratio > rows.mostTimes)
-        rows.work.Violate("%s on %s, %zu bytes: %.0f ms, %.1f times the bare %.1f ms", call.szName,
-                          shape.szName, text.size(), pOutcome->call * 1e3, ratio,
+        rows.work.Violate("%s on %s, %zu bytes: %.0f ms, %.1f times the bare %.1f ms",
+                          operation.name, shape.szName, text.size(), pOutcome->call * 1e3, ratio,
                           pOutcome->bare * 1e3);
     if (pOutcome->logLines > kMostLogLines * kMostListings + kOtherLogLines ||
         pOutcome->searches > kMostSearches * kMostListings)
-        rows.log.Violate("%s on %s: %llu lines, %llu searches", call.szName, shape.szName,
+        rows.log.Violate("%s on %s: %llu lines, %llu searches", operation.name, shape.szName,
                          static_cast<Number>(pOutcome->logLines),
                          static_cast<Number>(pOutcome->searches));
 }
 
 void TryAll(const Options &options, std::size_t cb, double share, Rows rows)
 {
-    const std::uint64_t count = kShapes.size() * kPathCalls.size();
+    const std::vector<const Operation *> operations = OpeningOperations();
+    const std::uint64_t count = kShapes.size() * operations.size();
     const Budget budget(options, share, count, count);
     const int rounds = options.amount == Amount::kShort ? 1 : 3;
     double most = 0;
@@ -252,9 +256,9 @@ void TryAll(const Options &options, std::size_t cb, double share, Rows rows)
     const std::uint64_t first = options.amount == Amount::kTimed ? random.Below(count) : 0;
     for (std::uint64_t done = 0; budget.Allows(done); ++done) {
         const std::uint64_t pair = (first + done) % count;
-        const Shape &shape = kShapes[pair / kPathCalls.size()];
-        const PathCall &call = kPathCalls[pair % kPathCalls.size()];
-        Try(call, shape, Text(shape, cb), rounds, rows, most);
+        const Shape &shape = kShapes[pair / operations.size()];
+        const Operation &operation = *operations[pair % operations.size()];
+        Try(operation, shape, Text(shape, cb), rounds, rows, most);
     }
     char szMost[64];
     std::snprintf(szMost, sizeof(szMost), ", at most %.1f times that", most);
@@ -266,10 +270,8 @@ void TryAll(const Options &options, std::size_t cb, double share, Rows rows)
 int main(int argc, char **argv)
 {
     const Options options = ParseOptions(argc, argv);
-    fs::create_directories("/usr/zevo/etc/bandwidth/addon");
+    StageScene(std::time(nullptr), getpid());
     WriteFile("/usr/zevo/etc/bandwidth/addon/vault_20.json", "");
-    fs::create_directories(kStatusDirectory);
-    StoreRules();
 
     Table table(options.seed);
     const bool isShort = options.amount == Amount::kShort;

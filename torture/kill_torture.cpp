@@ -243,39 +243,6 @@ std::string JudgeAppend(const Scene &scene, const Progress &progress, const std:
                   "not the sections appended so far and a part of the one cut short");
 }
 
-// ---- removal: own sections go, one after the other ----
-
-constexpr std::uint64_t kRemoved = 40;
-
-std::string OwnSections(const Scene &scene, std::uint64_t from)
-{
-    std::string text;
-    for (std::uint64_t number = from; number <= kRemoved; ++number)
-        text += TextOf(Record(kOwnPid + static_cast<int>(number), number * 2, scene.now()));
-    return text;
-}
-
-void PrepareRemoval(const Scene &scene)
-{
-    WriteFile(kFile, scene.TextWith(OwnSections(scene, 1)));
-}
-
-void Remove(const Scene &, Progress &progress)
-{
-    Count(progress, [](std::uint64_t number) {
-        if (number > kRemoved) ::pause();
-        const std::string name = NameOf(kOwnPid + static_cast<int>(number));
-        return ZEVOBandwidthStatusRemoveSection(kFile, name.c_str()) == 1;
-    });
-}
-
-std::string JudgeRemoval(const Scene &scene, const Progress &progress, const std::string &text)
-{
-    return Unless(text == scene.TextWith(OwnSections(scene, progress.done + 1)) ||
-                      text == scene.TextWith(OwnSections(scene, progress.begun + 1)),
-                  "not the sections that are left after so many removals");
-}
-
 // ---- purge: a listing drops what is stale ----
 
 std::string StaleSection(int number)
@@ -359,7 +326,6 @@ std::string JudgeCreation(const Scene &scene, const Progress &progress, const st
 constexpr Operation kOperations[] = {
     {"a section is rewritten", PrepareRewrite, Rewrite, JudgeRewrite},
     {"a section is appended", PrepareAppend, Append, JudgeAppend},
-    {"a section is removed", PrepareRemoval, Remove, JudgeRemoval},
     {"stale sections are purged", PreparePurge, Purge, JudgePurge},
     {"the first section is saved", PrepareCreation, Create, JudgeCreation},
 };

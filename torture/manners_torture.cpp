@@ -1,7 +1,8 @@
 // The manners of a guest in other people's processes: every exported function is called where the
-// host cancels threads, forks beside them, has closed its standard streams, ignores SIGCHLD, limits
-// the size of files, gives its threads small stacks and is showered with signals; and nothing of the
-// host's own is another afterwards.
+// host calls them from many threads, cancels threads, forks beside them, has closed its standard
+// streams, limits the size of files, gives its threads small stacks and is showered with signals; and
+// nothing of the host's own is another afterwards. Built with the thread sanitizer there are only the
+// many threads, and the sanitizer watches.
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -334,6 +335,40 @@ int ForkBesideThreads(std::uint64_t count, Row &row,
     return ::umask(kHostMask) == kHostMask ? 0 : 12;
 }
 
+// ---- many threads at once ----
+
+std::atomic<int> g_reports{0}; // of the thread sanitizer
+
+// Every function in every thread but those that go one at a time in a process, which are the first's.
+void TryThreads(Row &row, const Options &options, double share)
+{
+    constexpr int kThreads = 16;
+    const double seconds = options.amount == Amount::kShort  ? 3
+                           : options.amount == Amount::kFull ? 60
+                                                             : options.seconds * share;
+    StageScene(Now(), ::getpid());
+    ::alarm(static_cast<unsigned>(seconds) * 2 + kMostSeconds); // a deadlock ends by this signal
+    const std::int64_t endUs = NowUs() + static_cast<std::int64_t>(seconds * 1e6);
+    std::vector<std::unique_ptr<Thread>> threads;
+    for (int i = 0; i < kThreads; ++i)
+        threads.push_back(std::make_unique<Thread>([&, i] {
+            Random random(options.seed, static_cast<std::uint64_t>(i));
+            while (NowUs() < endUs) {
+                const Operation &operation = Any(random);
+                if ((operation.waivers & kAlone) != 0 && i != 0) continue;
+                Scratch scratch(::getpid(), Now());
+                (void)operation.run(scratch);
+                row.Try();
+            }
+        }));
+    for (const auto &thread : threads)
+        (void)thread->WasCancelled();
+    ::alarm(0);
+    if (g_reports != 0) row.Violate("the sanitizer has reported %d races", g_reports.load());
+}
+
+// ---- one host after the other ----
+
 // The operation in a host without standard streams. What it opens meanwhile is watched by a second
 // thread; that the three are closed again afterwards shows the rest.
 int RunWithoutStreams(const Operation &operation)
@@ -366,16 +401,6 @@ int RunWithoutStreams(const Operation &operation)
         if (::fstat(fd, &file) == 0 && !S_ISSOCK(file.st_mode)) low = 30 + fd;
     }
     return low;
-}
-
-// The host ignores the ends of its children, and has one that another part of it waits for.
-int RunIgnoringChildren(const Operation &operation)
-{
-    Scratch scratch(::getpid(), Now());
-    ::signal(SIGCHLD, SIG_IGN);
-    const int result = operation.run(scratch);
-    if (std::strcmp(operation.name, "VLIBCExec") == 0 && result != 0) return 13;
-    return ::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD ? 0 : 14;
 }
 
 // No SIGXFSZ, neither at once nor later, and every file as it was or as it should be.
@@ -421,7 +446,7 @@ int RunUnderSignals(const Operation &operation)
     ::_exit(isSame ? 0 : 17);
 }
 
-int RunAndLook(const Operation &operation, std::string (*told)(const std::string &), int channel)
+int RunAndLook(const Operation &operation, int channel)
 {
     Scratch scratch(::getpid(), Now());
     struct sigaction action = {};
@@ -431,31 +456,63 @@ int RunAndLook(const Operation &operation, std::string (*told)(const std::string
     ::umask(kHostMask);
     const HostState before = Look();
     (void)operation.run(scratch);
-    const std::string changes = told(Changes(before, Look()));
-    if (changes.empty()) return 0;
+    const std::string changes = Changes(before, Look());
+    // Playing a transfer out takes over SIGHUP, and says so.
+    const bool isTold = (operation.waivers & kAlone) != 0 && changes == "signal handlers";
+    if (changes.empty() || isTold) return 0;
     if (::write(channel, changes.data(), changes.size()) < 0) return 18;
     return 19;
 }
 
-void EachOperation(Row &row, const Budget &budget, int (*run)(const Operation &))
+// One operation after the other, from the first one again where the budget allows more.
+void TryEach(Row &row, const Budget &budget, const std::function<int(const Operation &)> &run)
 {
-    for (std::uint64_t done = 0; done < kOperations.size() && budget.Allows(done); ++done) {
-        Expect(row, kOperations[done], [&] { return run(kOperations[done]); });
+    for (std::uint64_t done = 0; budget.Allows(done); ++done) {
+        const Operation &operation = kOperations[done % kOperations.size()];
+        Expect(row, operation, [&] { return run(operation); });
     }
 }
 
 } // namespace
+
+#ifdef __SANITIZE_THREAD__
+constexpr bool kIsWatched = true;
+
+// The sanitizer calls this with each of its reports.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the sanitizer's name
+extern "C" __attribute__((visibility("default"))) void __tsan_on_report(const void *);
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+void __tsan_on_report(const void *)
+{
+    ++g_reports;
+}
+
+// Takes the place of the platform's, whose children share our memory: the sanitizer takes them for
+// forks, and believes from the first one on that all other threads are gone.
+int VLIBCExec(const char *, const char *, const char *, const char *, const char *) noexcept
+{
+    return 0;
+}
+#else
+constexpr bool kIsWatched = false;
+#endif
 
 int main(int argc, char **argv)
 {
     const Options options = ParseOptions(argc, argv);
     ::umask(022); // for the scene
     Table table(options.seed);
+    if (kIsWatched) {
+        TryThreads(table.Add("Calls of 16 threads at once under the thread sanitizer"), options, 1);
+        return table.Print();
+    }
+    TryThreads(table.Add("Calls of 16 threads at once"), options, 0.1);
     Random random(options.seed, 0);
     const std::uint64_t all = kOperations.size();
 
     TryCancels(table.Add("Functions in threads cancelled at random"),
-               Budget(options, 0.3, 100, 20'000), random);
+               Budget(options, 0.2, 100, 20'000), random);
     if (kIsSanitized) {
         std::fprintf(stderr, "left out, for a sanitizer's locks do not survive it: forks in a "
                              "threaded host\n");
@@ -471,39 +528,16 @@ int main(int argc, char **argv)
             row.Violate("the creation mask is another afterwards");
         ::umask(022);
     }
-    EachOperation(table.Add("Functions in a host without standard streams"),
-                  Budget(options, 0.1, all, all), RunWithoutStreams);
-    EachOperation(table.Add("Functions in a host that ignores SIGCHLD"),
-                  Budget(options, 0.1, all, all), RunIgnoringChildren);
-    {
-        Row &row = table.Add("Functions under a limit of the file size");
-        const Budget budget(options, 0.1, all, 20 * all);
-        for (std::uint64_t done = 0; budget.Allows(done); ++done) {
-            const Operation &operation = kOperations[done % all];
-            const auto cbMost = static_cast<rlim_t>(random.Below(1'500));
-            Expect(row, operation, [&] { return RunWithSmallFiles(operation, cbMost); });
-        }
-    }
-    {
-        Row &row = table.Add("Functions under a signal every 50 us");
-        const Budget budget(options, 0.2, all, 50 * all);
-        for (std::uint64_t done = 0; budget.Allows(done); ++done) {
-            const Operation &operation = kOperations[done % all];
-            Expect(row, operation, [&] { return RunUnderSignals(operation); });
-        }
-    }
-    {
-        Row &row = table.Add("Functions that leave the host's own alone");
-        for (const Operation &operation : kOperations) {
-            // Playing a transfer out takes over SIGHUP, and says so.
-            const auto told =
-                (operation.waivers & kAlone) != 0
-                    ? [](const std::string
-                             &changes) { return changes == "signal handlers" ? "" : changes; }
-                    : [](const std::string &changes) { return changes; };
-            Expect(row, operation, [&] { return RunAndLook(operation, told, STDERR_FILENO); });
-        }
-    }
+    TryEach(table.Add("Functions in a host without standard streams"),
+            Budget(options, 0.1, all, all), RunWithoutStreams);
+    TryEach(table.Add("Functions under a limit of the file size"),
+            Budget(options, 0.1, all, 20 * all), [&](const Operation &operation) {
+                return RunWithSmallFiles(operation, static_cast<rlim_t>(random.Below(1'500)));
+            });
+    TryEach(table.Add("Functions under a signal every 50 us"), Budget(options, 0.2, all, 50 * all),
+            RunUnderSignals);
+    TryEach(table.Add("Functions that leave the host's own alone"), Budget(options, 1, all, all),
+            [](const Operation &operation) { return RunAndLook(operation, STDERR_FILENO); });
     if (kIsSanitized) {
         std::fprintf(stderr, "left out, for a sanitizer's frames are larger: stacks of 64 KiB\n");
     } else {

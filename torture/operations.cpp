@@ -15,10 +15,7 @@ namespace torture {
 
 namespace {
 
-constexpr char kStatusDirectory[] = "/tmp/bandwidth";
 constexpr char kRuleDirectory[] = "/usr/zevo/etc/bandwidth";
-constexpr char kAlicesFile[] = "/tmp/bandwidth/user-2001";
-constexpr char kStaffFile[] = "/tmp/bandwidth/group-3001";
 constexpr char kFtpFile[] = "/usr/zevo/etc/bandwidth/bandwidth.ftp.conf";
 constexpr char kLeftover[] = "/tmp/bandwidth/user-2001.AbCdEf";
 constexpr char kPidFile[] = "/run/httpd/httpd-webdav.pid";
@@ -254,7 +251,7 @@ std::string TextOf(const VLIB_SZ_HASH *pHash)
 Scratch::Scratch(int pidOfSections, std::int64_t now)
     : pid(pidOfSections), config(Config()), otherConfig(Config()),
       pHash(VLIBCSzHashAlloc(kHashSize)), pOtherHash(VLIBCSzHashAlloc(kHashSize)),
-      pNames(VLIBCSzListAlloc(4)), pStream(std::fopen("/tmp/stream", "w"))
+      pNames(VLIBCSzListAlloc(4)), pStream(std::fopen("/dev/null", "w"))
 {
     rule = config.pLimit[0].conf;
     rule.uploadRate = 4321;
@@ -318,66 +315,65 @@ std::string Scratch::Given() const
 
 // ---- the operations ----
 
+// A single call, of the scratch s.
+#define RUN(...) []([[maybe_unused]] Scratch &s) { return __VA_ARGS__; }
+
 const std::vector<Operation> kOperations = {
     // names, add-ons and paths
     {"EnumToName",
-     [](Scratch &s) {
-         return ZEVOBandwidthEnumToName(ZEVO_BW_PROTOCOL_TYPE_LIST, kAddon, s.text, sizeof(s.text));
-     },
+     RUN(ZEVOBandwidthEnumToName(ZEVO_BW_PROTOCOL_TYPE_LIST, kAddon, s.text, sizeof(s.text))),
      kRemembers},
     {"EnumToValue",
-     [](Scratch &) { return ZEVOBandwidthEnumToValue(ZEVO_BW_PROTOCOL_TYPE_LIST, kAddonName); },
+     RUN(ZEVOBandwidthEnumToValue(ZEVO_BW_PROTOCOL_TYPE_LIST, kAddonName)),
      kRemembers},
     {"EnumToNameAddon",
-     [](Scratch &s) { return ZEVOBandwidthEnumToNameAddon(kAddon, s.text, sizeof(s.text)); },
+     RUN(ZEVOBandwidthEnumToNameAddon(kAddon, s.text, sizeof(s.text))),
      kRemembers},
-    {"EnumToValueAddon", [](Scratch &) { return ZEVOBandwidthEnumToValueAddon(kAddonName); },
+    {"EnumToValueAddon", RUN(ZEVOBandwidthEnumToValueAddon(kAddonName)),
      kRemembers},
     {"GetAddonConfigPath",
-     [](Scratch &s) { return ZEVOBandwidthGetAddonConfigPath(kAddon, s.text, sizeof(s.text)); },
+     RUN(ZEVOBandwidthGetAddonConfigPath(kAddon, s.text, sizeof(s.text))),
      kRemembers},
-    {"ConfPath", [](Scratch &s) { return ZEVOBandwidthConfPath(kAddon, s.text, sizeof(s.text)); },
+    {"ConfPath", RUN(ZEVOBandwidthConfPath(kAddon, s.text, sizeof(s.text))),
      kRemembers},
     // records and hashes
     {"InitHashFromConf",
-     [](Scratch &s) { return ZEVOBandwidthInitHashFromConf(&s.pOtherHash, &s.rule); }, kSilent},
+     RUN(ZEVOBandwidthInitHashFromConf(&s.pOtherHash, &s.rule)), kSilent},
     {"InitConfFromHash",
-     [](Scratch &s) { return ZEVOBandwidthInitConfFromHash(&s.rule, s.pHash); }},
+     RUN(ZEVOBandwidthInitConfFromHash(&s.rule, s.pHash))},
     {"InitHashFromGlobalConf",
-     [](Scratch &s) { return ZEVOBandwidthInitHashFromGlobalConf(&s.pOtherHash, &s.policy); },
+     RUN(ZEVOBandwidthInitHashFromGlobalConf(&s.pOtherHash, &s.policy)),
      kSilent},
     {"InitGlobalConfFromHash",
-     [](Scratch &s) { return ZEVOBandwidthInitGlobalConfFromHash(&s.policy, s.pHash); }},
+     RUN(ZEVOBandwidthInitGlobalConfFromHash(&s.policy, s.pHash))},
     {"InitHashFromStatus",
-     [](Scratch &s) { return ZEVOBandwidthInitHashFromStatus(&s.pOtherHash, &s.status); }, kSilent},
+     RUN(ZEVOBandwidthInitHashFromStatus(&s.pOtherHash, &s.status)), kSilent},
     {"InitStatusFromHash",
-     [](Scratch &s) { return ZEVOBandwidthInitStatusFromHash(&s.otherStatus, s.pHash); }},
+     RUN(ZEVOBandwidthInitStatusFromHash(&s.otherStatus, s.pHash))},
     // rules and policies
     {"ConfGetByID",
-     [](Scratch &s) {
-         return ZEVOBandwidthConfGetByID(ZEVO_BW_OWNER_USER, kAlice, kFtp, &s.rule);
-     }},
-    {"ConfSetByID", [](Scratch &s) { return ZEVOBandwidthConfSetByID(&s.rule); }},
+     RUN(ZEVOBandwidthConfGetByID(ZEVO_BW_OWNER_USER, kAlice, kFtp, &s.rule))},
+    {"ConfSetByID", RUN(ZEVOBandwidthConfSetByID(&s.rule))},
     {"ConfSetByID, a new section",
      [](Scratch &s) {
          s.rule.id = kBob;
          return ZEVOBandwidthConfSetByID(&s.rule);
      }},
-    {"ConfSetByID, a new file", [](Scratch &s) { return ZEVOBandwidthConfSetByID(&s.rule); }, 0,
+    {"ConfSetByID, a new file", RUN(ZEVOBandwidthConfSetByID(&s.rule)), 0,
      StageNoFiles},
-    {"GlobalConfGet", [](Scratch &s) { return ZEVOBandwidthGlobalConfGet(kFtp, &s.policy); },
+    {"GlobalConfGet", RUN(ZEVOBandwidthGlobalConfGet(kFtp, &s.policy)),
      kSilent},
-    {"GlobalConfSet", [](Scratch &s) { return ZEVOBandwidthGlobalConfSet(&s.policy); }},
-    {"GlobalConfSet, a new file", [](Scratch &s) { return ZEVOBandwidthGlobalConfSet(&s.policy); },
+    {"GlobalConfSet", RUN(ZEVOBandwidthGlobalConfSet(&s.policy))},
+    {"GlobalConfSet, a new file", RUN(ZEVOBandwidthGlobalConfSet(&s.policy)),
      0, StageNoFiles},
-    {"ConfDumpHeader", [](Scratch &s) { return ZEVOBandwidthConfDumpHeader(s.pStream); }},
-    {"ConfDump", [](Scratch &s) { return ZEVOBandwidthConfDump(s.pStream, &s.rule); }},
+    {"ConfDumpHeader", RUN(ZEVOBandwidthConfDumpHeader(s.pStream))},
+    {"ConfDump", RUN(ZEVOBandwidthConfDump(s.pStream, &s.rule))},
     {"ConfDump of a group",
-     [](Scratch &s) { return ZEVOBandwidthConfDump(s.pStream, &s.config.pLimit[1].conf); }},
+     RUN(ZEVOBandwidthConfDump(s.pStream, &s.config.pLimit[1].conf))},
     {"GlobalConfDumpHeader",
-     [](Scratch &s) { return ZEVOBandwidthGlobalConfDumpHeader(s.pStream); }},
+     RUN(ZEVOBandwidthGlobalConfDumpHeader(s.pStream))},
     {"GlobalConfDump",
-     [](Scratch &s) { return ZEVOBandwidthGlobalConfDump(s.pStream, &s.policy); }},
+     RUN(ZEVOBandwidthGlobalConfDump(s.pStream, &s.policy))},
     // effective configuration
     {"ConfigGet",
      [](Scratch &s) {
@@ -385,10 +381,7 @@ const std::vector<Operation> kOperations = {
          return ZEVOBandwidthConfigGet(kAlice, kFtp, &s.config);
      }},
     {"LimitInit",
-     [](Scratch &s) {
-         return ZEVOBandwidthLimitInit(kAlice, &s.config.globalConf, &s.pLimits, &s.flags[0],
-                                       &s.flags[1]);
-     }},
+     RUN(ZEVOBandwidthLimitInit(kAlice, &s.config.globalConf, &s.pLimits, &s.flags[0], &s.flags[1]))},
     {"InitConfig",
      [](Scratch &s) {
          s.config.pLimit[0].conf.state = ZEVO_BW_STATE_SCHEDULE;
@@ -396,86 +389,62 @@ const std::vector<Operation> kOperations = {
      },
      kBlind},
     {"IsUserGroupLimitEnable",
-     [](Scratch &s) { return ZEVOBandwidthIsUserGroupLimitEnable(&s.config); }},
-    {"ConfCheckEnabled", [](Scratch &s) { return ZEVOBandwidthConfCheckEnabled(&s.config); }},
+     RUN(ZEVOBandwidthIsUserGroupLimitEnable(&s.config))},
+    {"ConfCheckEnabled", RUN(ZEVOBandwidthConfCheckEnabled(&s.config))},
     {"OccGroupsGet",
-     [](Scratch &s) { return ZEVOBandwidthOccGroupsGet(s.groups, &s.groupCount, &s.config); }},
+     RUN(ZEVOBandwidthOccGroupsGet(s.groups, &s.groupCount, &s.config))},
     {"ExpectSpeedEstimate",
-     [](Scratch &s) {
-         return ZEVOBandwidthExpectSpeedEstimate(kAlice, &s.rule, kUp, s.speeds, s.pid);
-     },
-     kTells},
+     RUN(ZEVOBandwidthExpectSpeedEstimate(kAlice, &s.rule, kUp, s.speeds, s.pid)),
+     kOpens | kTells},
     {"ExpectSpeedEstimateByPolicy",
-     [](Scratch &s) {
-         return ZEVOBandwidthExpectSpeedEstimateByPolicy(kUp, &s.config, s.speeds, 1);
-     },
-     kTells},
+     RUN(ZEVOBandwidthExpectSpeedEstimateByPolicy(kUp, &s.config, s.speeds, 1)),
+     kOpensBoth | kTells},
     // status files
-    {"StatusSave", [](Scratch &s) { return ZEVOBandwidthStatusSave(kAlice, &s.config, &s.status); },
-     kTorn},
+    {"StatusSave", RUN(ZEVOBandwidthStatusSave(kAlice, &s.config, &s.status)),
+     kOpensBoth | kTorn},
     {"StatusSave, new files",
-     [](Scratch &s) { return ZEVOBandwidthStatusSave(kAlice, &s.config, &s.status); }, kTorn,
+     RUN(ZEVOBandwidthStatusSave(kAlice, &s.config, &s.status)), kTorn,
      StageNoFiles},
     {"StatusSetSection",
-     [](Scratch &s) { return ZEVOBandwidthStatusSetSection(kAlicesFile, "100-1", s.pHash); },
-     kSilent},
+     RUN(ZEVOBandwidthStatusSetSection(kAlicesFile, "100-1", s.pHash)),
+     kOpens | kSilent},
     {"StatusSetSection, absent",
-     [](Scratch &s) { return ZEVOBandwidthStatusSetSection(kAlicesFile, "1-1", s.pHash); },
+     RUN(ZEVOBandwidthStatusSetSection(kAlicesFile, "1-1", s.pHash)),
      kSilent},
     {"StatusRemoveSection",
-     [](Scratch &) { return ZEVOBandwidthStatusRemoveSection(kAlicesFile, "100-1"); }, kSilent},
+     RUN(ZEVOBandwidthStatusRemoveSection(kAlicesFile, "100-1")),
+     kOpens | kSilent},
     {"StatusAddSection",
-     [](Scratch &s) { return ZEVOBandwidthStatusAddSection(kAlicesFile, "1-1", s.pHash); },
-     kMute | kTorn},
+     RUN(ZEVOBandwidthStatusAddSection(kAlicesFile, "1-1", s.pHash)),
+     kOpens | kMute | kTorn},
     {"StatusAddSection, a torn tail",
-     [](Scratch &s) { return ZEVOBandwidthStatusAddSection(kStaffFile, "1-1", s.pHash); },
+     RUN(ZEVOBandwidthStatusAddSection(kStaffFile, "1-1", s.pHash)),
      kMute | kTorn, StageTornTail},
     {"StatusAddSection, a new file",
-     [](Scratch &s) {
-         return ZEVOBandwidthStatusAddSection("/tmp/bandwidth/user-2004", "1-1", s.pHash);
-     },
+     RUN(ZEVOBandwidthStatusAddSection("/tmp/bandwidth/user-2004", "1-1", s.pHash)),
      kMute | kTorn},
     {"IStatusGetAll",
-     [](Scratch &s) {
-         return ZEVOBandwidthIStatusGetAll(kAlicesFile, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL,
-                                           &s.pList, 0);
-     },
-     kSilent | kTells},
+     RUN(ZEVOBandwidthIStatusGetAll(kAlicesFile, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL, &s.pList, 0)),
+     kOpens | kSilent | kTells},
     {"IStatusGetAll, merged",
-     [](Scratch &s) {
-         return ZEVOBandwidthIStatusGetAll(kAlicesFile, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL,
-                                           &s.pList, 1);
-     },
-     kSilent | kTells},
+     RUN(ZEVOBandwidthIStatusGetAll(kAlicesFile, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL, &s.pList, 1)),
+     kOpens | kSilent | kTells},
     {"IStatusGetAll, stale ones",
-     [](Scratch &s) {
-         return ZEVOBandwidthIStatusGetAll(kAlicesFile, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL,
-                                           &s.pList, 0);
-     },
+     RUN(ZEVOBandwidthIStatusGetAll(kAlicesFile, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL, &s.pList, 0)),
      kSilent | kTells, StageStale},
     {"IStatusGetAll, a leftover",
-     [](Scratch &s) {
-         return ZEVOBandwidthIStatusGetAll(kLeftover, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL,
-                                           &s.pList, 0);
-     },
+     RUN(ZEVOBandwidthIStatusGetAll(kLeftover, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL, &s.pList, 0)),
      kBlind, StageLeftover},
     {"StatusGetAll",
-     [](Scratch &s) {
-         return ZEVOBandwidthStatusGetAll(ZEVO_BW_OWNER_GROUP, kStaff, ZEVO_BW_PROTOCOL_ALL,
-                                          ZEVO_BW_TRANSFER_ALL, &s.pList);
-     },
-     kSilent | kTells},
+     RUN(ZEVOBandwidthStatusGetAll(ZEVO_BW_OWNER_GROUP, kStaff, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL, &s.pList)),
+     kOpens | kSilent | kTells},
     {"IStatusGet",
-     [](Scratch &s) {
-         return ZEVOBandwidthIStatusGet(ZEVO_BW_OWNER_USER, kAlice, 100, kUp, &s.otherStatus);
-     },
-     kSilent},
+     RUN(ZEVOBandwidthIStatusGet(ZEVO_BW_OWNER_USER, kAlice, 100, kUp, &s.otherStatus)),
+     kOpens | kSilent},
     {"StatusGet",
-     [](Scratch &s) {
-         return ZEVOBandwidthStatusGet(ZEVO_BW_OWNER_USER, kAlice, kUp, &s.otherStatus);
-     },
-     kSilent},
-    {"StatusDump", [](Scratch &s) { return ZEVOBandwidthStatusDump(s.pStream, &s.status); }},
+     RUN(ZEVOBandwidthStatusGet(ZEVO_BW_OWNER_USER, kAlice, kUp, &s.otherStatus)),
+     kOpens | kSilent},
+    {"StatusDump", RUN(ZEVOBandwidthStatusDump(s.pStream, &s.status))},
     {"StatusDump of a group's",
      [](Scratch &s) {
          s.status.owner_type = ZEVO_BW_OWNER_GROUP;
@@ -483,47 +452,40 @@ const std::vector<Operation> kOperations = {
          return ZEVOBandwidthStatusDump(s.pStream, &s.status);
      }},
     {"StatusRemove",
-     [](Scratch &s) { return ZEVOBandwidthStatusRemove(&s.config, ZEVO_BW_TRANSFER_ALL); }},
+     RUN(ZEVOBandwidthStatusRemove(&s.config, ZEVO_BW_TRANSFER_ALL)),
+     kOpensBoth},
     {"StatusRemoveByOccGroups",
      [](Scratch &) {
          constexpr std::uint32_t kGroups[] = {kStaff, kGuests};
          return ZEVOBandwidthStatusRemoveByOccGroups(kGroups, 2, ZEVO_BW_TRANSFER_ALL);
-     }},
+     },
+     kOpens},
     {"StatusForceRemoveAllByUserName",
-     [](Scratch &s) {
-         return ZEVOBandwidthStatusForceRemoveAllByUserName("alice", ZEVO_BW_TRANSFER_ALL, s.pid);
-     }},
+     RUN(ZEVOBandwidthStatusForceRemoveAllByUserName("alice", ZEVO_BW_TRANSFER_ALL, s.pid)),
+     kOpensBoth},
     {"StatusForceRemoveAllByUID",
-     [](Scratch &) {
-         return ZEVOBandwidthStatusForceRemoveAllByUID(kAlice, ZEVO_BW_TRANSFER_ALL);
-     }},
+     RUN(ZEVOBandwidthStatusForceRemoveAllByUID(kAlice, ZEVO_BW_TRANSFER_ALL)),
+     kOpensBoth},
     {"StatusSetActiveByUserName",
-     [](Scratch &) { return ZEVOBandwidthStatusSetActiveByUserName("alice", kUp, 100, 0); }, kTorn},
+     RUN(ZEVOBandwidthStatusSetActiveByUserName("alice", kUp, 100, 0)),
+     kOpens | kTorn},
     // the life of a transfer
     {"StatusInit",
-     [](Scratch &s) {
-         return ZEVOBandwidthStatusInit(&s.config, kUp, "/some/file", &s.timeUs, &s.status);
-     },
-     kTells | kTorn},
+     RUN(ZEVOBandwidthStatusInit(&s.config, kUp, "/some/file", &s.timeUs, &s.status)),
+     kOpensBoth | kTells | kTorn},
     {"TransferSizeEstimate",
-     [](Scratch &s) {
-         return ZEVOBandwidthTransferSizeEstimate(&s.config, kUp, kBlockBytes, s.speeds);
-     }},
+     RUN(ZEVOBandwidthTransferSizeEstimate(&s.config, kUp, kBlockBytes, s.speeds))},
     {"SleepInLoop",
      [](Scratch &s) {
          s.timeUs += static_cast<std::uint64_t>(10 * kUsPerSecond - 100);
          return ZEVOBandwidthSleepInLoop(&s.config, kBlockBytes, 88, &s.timeUs, &s.status);
      },
-     kTells | kTorn},
+     kOpensBoth | kTells | kTorn},
     {"SleepInLoop, new files",
-     [](Scratch &s) {
-         return ZEVOBandwidthSleepInLoop(&s.config, kBlockBytes, 88, &s.timeUs, &s.status);
-     },
+     RUN(ZEVOBandwidthSleepInLoop(&s.config, kBlockBytes, 88, &s.timeUs, &s.status)),
      kTells | kTorn, StageNoFiles},
     {"SleepInLoop, stopped",
-     [](Scratch &s) {
-         return ZEVOBandwidthSleepInLoop(&s.config, kBlockBytes, 88, &s.timeUs, &s.status);
-     },
+     RUN(ZEVOBandwidthSleepInLoop(&s.config, kBlockBytes, 88, &s.timeUs, &s.status)),
      kTells | kTorn | kSilent | kGoesOn, StageStopped},
     {"SleepInLoop, no longer limited",
      [](Scratch &s) {
@@ -549,21 +511,20 @@ const std::vector<Operation> kOperations = {
          return 0;
      },
      kBlind},
-    {"HupWebDAV", [](Scratch &) { return ZEVOBandwidthHupWebDAV(); }, kBlind},
-    {"HupSimulator", [](Scratch &) { return ZEVOBandwidthHupSimulator(); }, kSilent},
-    {"HupRecv", [](Scratch &s) { return ZEVOBandwidthHupRecv(&s.config, &s.status, &s.timeUs); }},
+    {"HupWebDAV", RUN(ZEVOBandwidthHupWebDAV()), kBlind},
+    {"HupSimulator", RUN(ZEVOBandwidthHupSimulator()), kSilent},
+    {"HupRecv", RUN(ZEVOBandwidthHupRecv(&s.config, &s.status, &s.timeUs)),
+     kOpensBoth},
     {"HupRecv, no longer limited",
-     [](Scratch &s) { return ZEVOBandwidthHupRecv(&s.config, &s.status, &s.timeUs); },
+     RUN(ZEVOBandwidthHupRecv(&s.config, &s.status, &s.timeUs)),
      kTells | kSilent, StagePolicyOff},
     // preview and simulation
-    {"Preview", [](Scratch &s) { return ZEVOBandwidthPreview(kAlice, kFtp, s.speeds); }},
-    {"Simulate", [](Scratch &) { return ZEVOBandwidthSimulate("alice", kFtp, kUp, 64); },
-     kTells | kTorn | kAlone},
+    {"Preview", RUN(ZEVOBandwidthPreview(kAlice, kFtp, s.speeds))},
+    {"Simulate", RUN(ZEVOBandwidthSimulate("alice", kFtp, kUp, 64)),
+     kOpensBoth | kTells | kTorn | kAlone},
     // the platform's
     {"VLIBCSzHashSetValue",
-     [](Scratch &s) {
-         return VLIBCSzHashSetValue(&s.pOtherHash, "a key", "a value that is not so short");
-     },
+     RUN(VLIBCSzHashSetValue(&s.pOtherHash, "a key", "a value that is not so short")),
      kSilent},
     {"VLIBCSzHashAlloc",
      [](Scratch &) {
@@ -580,24 +541,24 @@ const std::vector<Operation> kOperations = {
      },
      kSilent},
     {"VLIBCFileGetSection",
-     [](Scratch &s) { return VLIBCFileGetSection(kFtpFile, "user-2001", &s.pOtherHash); }, kSilent},
+     RUN(VLIBCFileGetSection(kFtpFile, "user-2001", &s.pOtherHash)), kSilent},
     {"VLIBCFileSetSection",
-     [](Scratch &s) { return VLIBCFileSetSection(kFtpFile, "user-2001", nullptr, s.pHash, 0); },
+     RUN(VLIBCFileSetSection(kFtpFile, "user-2001", nullptr, s.pHash, 0)),
      kSilent},
     {"VLIBCFileAddSection",
-     [](Scratch &s) { return VLIBCFileAddSection(kFtpFile, "user-2002", s.pHash, 0); }, kSilent},
+     RUN(VLIBCFileAddSection(kFtpFile, "user-2002", s.pHash, 0)), kSilent},
     {"VLIBCFileRemoveSection",
-     [](Scratch &) { return VLIBCFileRemoveSection(kAlicesFile, "100-1"); }, kSilent},
+     RUN(VLIBCFileRemoveSection(kAlicesFile, "100-1")), kSilent},
     {"VLIBCFileEnumSection",
-     [](Scratch &s) { return VLIBCFileEnumSection(kAlicesFile, &s.pNames); }, kSilent | kRemembers},
+     RUN(VLIBCFileEnumSection(kAlicesFile, &s.pNames)), kSilent | kRemembers},
     {"VLIBCFileHash2File",
-     [](Scratch &s) { return VLIBCFileHash2File(s.pStream, "a section", s.pHash, 0); }, kSilent},
-    {"VLIBCFileExist", [](Scratch &) { return VLIBCFileExist(kAlicesFile); }},
-    {"VLIBCFileTouch", [](Scratch &) { return VLIBCFileTouch("/tmp/bandwidth/new"); }, kSilent},
-    {"ZEVOFSMkdirP", [](Scratch &) { return ZEVOFSMkdirP("/tmp/bandwidth/a/b/c", 0, 1, 0, 0, -1); },
+     RUN(VLIBCFileHash2File(s.pStream, "a section", s.pHash, 0)), kSilent},
+    {"VLIBCFileExist", RUN(VLIBCFileExist(kAlicesFile))},
+    {"VLIBCFileTouch", RUN(VLIBCFileTouch("/tmp/bandwidth/new")), kSilent},
+    {"ZEVOFSMkdirP", RUN(ZEVOFSMkdirP("/tmp/bandwidth/a/b/c", 0, 1, 0, 0, -1)),
      kSilent},
     {"VLIBCExec",
-     [](Scratch &) { return VLIBCExec("/bin/true", "an argument", nullptr, nullptr, nullptr); },
+     RUN(VLIBCExec("/bin/true", "an argument", nullptr, nullptr, nullptr)),
      kSilent},
     {"VLIBCReadPidFile",
      [](Scratch &) {
@@ -611,11 +572,19 @@ const std::vector<Operation> kOperations = {
          return s.pGids == nullptr ? -1 : 0;
      },
      kSilent},
-    {"ZEVOUserGet", [](Scratch &s) { return ZEVOUserGet("alice", &s.pUser); }, kSilent},
-    {"ZEVOUserGetByUID", [](Scratch &s) { return ZEVOUserGetByUID(kAlice, &s.pUser); }, kSilent},
+    {"ZEVOUserGet", RUN(ZEVOUserGet("alice", &s.pUser)), kSilent},
+    {"ZEVOUserGetByUID", RUN(ZEVOUserGetByUID(kAlice, &s.pUser)), kSilent},
     {"ZEVOUserGetUGID",
-     [](Scratch &s) { return ZEVOUserGetUGID("alice", &s.flags[0], &s.flags[1]); }, kSilent},
-    {"ZEVOGroupGetByGID", [](Scratch &s) { return ZEVOGroupGetByGID(kStaff, &s.pGroup); }, kSilent},
+     RUN(ZEVOUserGetUGID("alice", &s.flags[0], &s.flags[1])), kSilent},
+    {"ZEVOGroupGetByGID", RUN(ZEVOGroupGetByGID(kStaff, &s.pGroup)), kSilent},
 };
+
+std::vector<const Operation *> OpeningOperations()
+{
+    std::vector<const Operation *> opening;
+    for (const Operation &operation : kOperations)
+        if ((operation.waivers & (kOpens | kOpensBoth)) != 0) opening.push_back(&operation);
+    return opening;
+}
 
 } // namespace torture

@@ -18,6 +18,9 @@
 
 namespace torture {
 
+constexpr char kStatusDirectory[] = "/tmp/bandwidth";
+constexpr char kAlicesFile[] = "/tmp/bandwidth/user-2001";
+constexpr char kStaffFile[] = "/tmp/bandwidth/group-3001";
 constexpr std::uint32_t kAlice = 2001;
 constexpr std::uint32_t kStaff = 3001;
 constexpr int kAddon = 16;
@@ -61,7 +64,7 @@ struct Scratch {
     char streamBuffer[16384] = {};
 };
 
-// What an operation does not promise.
+// What an operation does not promise, and what else is to be known of it.
 enum Waiver : unsigned {
     kSilent = 1,     // a failure is told by the error slot, not by the log
     kMute = 2,       // a failure may be told by the result alone
@@ -71,6 +74,9 @@ enum Waiver : unsigned {
     kTorn = 32,      // a failure may leave a part of what was to be appended
     kAlone = 64,     // one at a time in a process
     kGoesOn = 128,   // what cannot be read of its own counts as absent
+    // And what it opens of the files that strangers may write, with nothing staged.
+    kOpens = 256,     // alice's status file, or that of a group
+    kOpensBoth = 512, // both
 };
 
 struct Operation {
@@ -83,6 +89,9 @@ struct Operation {
 // Every exported function of the library, and those of the platform's that touch files, processes,
 // the user database or memory. The functions that only calculate have nothing that could fail.
 extern const std::vector<Operation> kOperations;
+
+// Those that open status files.
+std::vector<const Operation *> OpeningOperations();
 
 // The files of the scene, fresh; kNow is the time at which its transfers were last saved.
 void StageScene(std::int64_t now, int pid);

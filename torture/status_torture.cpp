@@ -1,5 +1,5 @@
-// Status files under many writers: how many updates another writer undoes, how long a group's copy
-// is missing, whether a fresh save is ever purged, and whether a stop holds.
+// Status files under many writers: how many updates another writer undoes, whether a fresh save is
+// ever purged, and whether a stop holds.
 #include "row.hpp"
 
 #include <atomic>
@@ -28,10 +28,8 @@ namespace {
 
 constexpr char kDirectory[] = "/tmp/bandwidth";
 constexpr char kUserFile[] = "/tmp/bandwidth/user-2001";
-constexpr char kGroupFile[] = "/tmp/bandwidth/group-3001";
 constexpr char kUserName[] = "alice";
 constexpr std::uint32_t kUid = 2001;
-constexpr std::uint32_t kGid = 3001;
 constexpr std::int64_t kUsPerSecond = 1'000'000;
 constexpr std::int64_t kSaveEveryUs = 100'000;
 
@@ -161,134 +159,6 @@ void MeasureLosses(const Losses &losses, const Options &options, Table &table, d
         });
     });
     Judge(row, options, static_cast<double>(lost), static_cast<double>(row.tried()), losses.bound);
-}
-
-// ---- group copies ----
-
-void MakeRules()
-{
-    ZEVO_BANDWIDTH_CONF rule = {};
-    rule.id = kGid;
-    rule.ownerType = ZEVO_BW_OWNER_GROUP;
-    rule.protocolType = ZEVO_BW_PROTOCOL_FTP;
-    rule.state = ZEVO_BW_STATE_ENABLED;
-    rule.uploadRate = rule.downloadRate = 1'000;
-    ZEVO_BANDWIDTH_GLOBAL_CONF policy = {};
-    policy.protocolType = ZEVO_BW_PROTOCOL_FTP;
-    policy.state = ZEVO_BW_STATE_ENABLED;
-    policy.userGroupPolicy = ZEVO_BW_USER_GROUP_POLICY_GROUP_ONLY;
-    policy.interGroupPolicy = ZEVO_BW_INTER_GROUP_POLICY_MAX;
-    policy.occupyPolicy = ZEVO_BW_OCCUPY_POLICY_ALL;
-    if (ZEVOBandwidthConfSetByID(&rule) < 0 || ZEVOBandwidthGlobalConfSet(&policy) < 0)
-        Die("cannot make rules");
-}
-
-// A limited transfer that moves a block every 100 ms, until it is ended.
-[[noreturn]] void Transfer()
-{
-    ZEVO_BANDWIDTH_CONFIG config = {};
-    ZEVO_BANDWIDTH_STATUS status = {};
-    std::uint64_t lastUs = 0;
-    if (ZEVOBandwidthConfigGet(kUid, ZEVO_BW_PROTOCOL_FTP, &config) < 0 ||
-        ZEVOBandwidthStatusInit(&config, ZEVO_BW_TRANSFER_UPLOAD, "a file", &lastUs, &status) < 0)
-        Die("cannot begin a transfer");
-    if (status.expect_speed == 0) Die("the transfer is not limited");
-    for (;;) {
-        const std::uint64_t bytes = status.expect_speed * kSaveEveryUs / kUsPerSecond;
-        if (ZEVOBandwidthSleepInLoop(&config, bytes, 0, &lastUs, &status) < 0) ::_exit(1);
-    }
-}
-
-// ---- the same by plain read and rename, to compare with ----
-
-void PlainRewrite(const std::string &path, const std::string &section, const std::string &text)
-{
-    std::string all = ReadFile(path);
-    const std::size_t at = all.find("[" + section + "]\n");
-    if (at != all.npos) {
-        const std::size_t end = all.find("\n[", at);
-        all.replace(at, end == all.npos ? all.npos : end + 1 - at, text);
-    }
-    std::string temporary = path + ".XXXXXX";
-    const int fd = ::mkstemp(temporary.data());
-    if (fd < 0 || ::write(fd, all.data(), all.size()) != static_cast<ssize_t>(all.size()) ||
-        ::fsync(fd) < 0 || ::rename(temporary.c_str(), path.c_str()) < 0)
-        Die("cannot rewrite %s", path.c_str());
-    ::close(fd);
-}
-
-void PlainSave(const std::string &path, const std::string &section, const std::string &text)
-{
-    PlainRewrite(path, section, text);
-    if (ReadFile(path).find("[" + section + "]\n") != std::string::npos) return;
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
-    if (fd < 0 || ::write(fd, text.data(), text.size()) < 0 || ::fsync(fd) < 0)
-        Die("cannot append to %s", path.c_str());
-    ::close(fd);
-}
-
-[[noreturn]] void PlainTransfer()
-{
-    const std::string section = SectionOf(getpid());
-    const std::string text = "[" + section + "]\nfilename=" + std::string(150, 'x') + "\n";
-    PlainSave(kUserFile, section, text);
-    PlainSave(kGroupFile, section, text);
-    for (;;) {
-        SleepUs(kSaveEveryUs);
-        PlainRewrite(kGroupFile, section, "");
-        PlainSave(kUserFile, section, text);
-        PlainSave(kGroupFile, section, text);
-    }
-}
-
-// The part of the time in which a reader finds no copy, of at least one transfer's.
-double AbsentRate(Row &row, const Budget &budget, void (*Body)())
-{
-    fs::remove(kUserFile);
-    WriteFile(kGroupFile, "\n");
-    const pid_t pid = Fork([&] {
-        Body();
-        return 0;
-    });
-    const std::string header = "[" + SectionOf(pid) + "]\n";
-    const auto isThere = [&] { return ReadFile(kGroupFile).find(header) != std::string::npos; };
-    for (const std::int64_t endUs = NowUs() + 10 * kUsPerSecond; !isThere();)
-        if (NowUs() > endUs) Die("there is no copy for the group at all");
-    std::int64_t absentUs = 0;
-    const std::int64_t beganUs = NowUs();
-    std::int64_t lastUs = beganUs;
-    for (std::uint64_t looks = 0; budget.Allows(looks); ++looks, row.Try()) {
-        SleepUs(20);
-        const bool there = isThere();
-        const std::int64_t nowUs = NowUs();
-        if (!there) absentUs += nowUs - lastUs;
-        lastUs = nowUs;
-    }
-    ::kill(pid, SIGKILL);
-    if (WaitFor(pid) != 128 + SIGKILL) Die("the transfer has ended by itself");
-    return static_cast<double>(absentUs) / static_cast<double>(lastUs - beganUs);
-}
-
-void MeasureCopies(Place place, const Options &options, Table &table, double share)
-{
-    const bool onDisk = place == Place::kDisk;
-    Row &row = table.Add(std::string("looks at a group's copy, ") + (onDisk ? "disk" : "tmpfs") +
-                         ", absent");
-    auto &rates = *Share<double[2]>();
-    RunAt(place, options, [&] {
-        const Budget ours(options, onDisk ? share / 2 : share, 1'000, 200'000);
-        rates[0] = AbsentRate(row, ours, Transfer);
-        if (!onDisk) return;
-        const Budget plain(options, share / 2, 1'000, 200'000);
-        rates[1] = AbsentRate(row, plain, PlainTransfer);
-    });
-    char text[100];
-    const double bound = onDisk ? rates[1] / 5 : 0.005;
-    (void)std::snprintf(text, sizeof(text), ": %.3f %% of the time, at most %.3f %%%s",
-                        rates[0] * 100, bound * 100, onDisk ? " (a fifth of plain)" : "");
-    row.Add(text);
-    if (rates[0] > bound + (options.amount == Amount::kShort ? 0.01 : 0))
-        row.Violate("%.4f %%", rates[0] * 100);
 }
 
 // ---- purges ----
@@ -421,15 +291,12 @@ int main(int argc, char **argv)
 {
     const Options options = ParseOptions(argc, argv);
     Table table(options.seed);
-    const double share = 1.0 / (options.disk.empty() ? 7 : 12);
+    const double share = 1.0 / (options.disk.empty() ? 6 : 10);
     for (const Losses &losses : kLosses) {
         if (losses.place == Place::kDisk && options.disk.empty()) continue;
         if (losses.bound == kOnlyPrinted && options.amount == Amount::kShort) continue;
         MeasureLosses(losses, options, table, share);
     }
-    MakeRules();
-    MeasureCopies(Place::kMemory, options, table, share);
-    if (!options.disk.empty()) MeasureCopies(Place::kDisk, options, table, share);
     TryPurges(options, table, share);
     TryStops(options, table, share);
     return table.Print();

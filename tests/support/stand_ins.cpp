@@ -19,6 +19,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <glob.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/stat.h>
@@ -359,6 +360,12 @@ int mkdir(const char *szPath, mode_t mode) noexcept
 int mkdirat(int dirFd, const char *szPath, mode_t mode) noexcept
 {
     return Enter(Call::Mkdir) ? -1 : REAL(mkdirat)(dirFd, szPath, mode);
+}
+
+int glob(const char *__restrict szPattern, int flags, int (*onError)(const char *, int),
+         glob_t *__restrict pFound)
+{
+    return Enter(Call::Search) ? GLOB_ABORTED : REAL(glob)(szPattern, flags, onError, pFound);
 }
 
 void vsyslog(int priority, const char *szFormat, va_list args)

@@ -27,6 +27,7 @@ enum class Call {
     Rename, // rename, renameat
     Mkdir,  // mkdir, mkdirat
     Sleep,  // usleep
+    Search, // glob
     kCount
 };
 

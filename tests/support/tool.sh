@@ -59,6 +59,15 @@ refused() {
     same "$(cat $conf/* 2>&1)" "$before"
 }
 
+# does ARG...: runs the tool, which must succeed.
+does() { zevo "$@" && exits 0; }
+
+# The sections of running transfers.
+listed() { cat $running/* 2>/dev/null | grep -c '^\['; }
+nobody_listed() { same "$(listed)" 0; }
+
+now_ms() { date +%s%3N; }
+
 wipe() {
     rm -rf /usr/zevo $running
 }
