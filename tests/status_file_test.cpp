@@ -165,7 +165,7 @@ protected:
     }
     int Save() { return ZEVOBandwidthStatusSave(kAlice, &config, &status); }
 
-    Transfer transfer{4711, kAlice, 1001};
+    FiledTransfer transfer{4711, kAlice, 1001};
     ZEVO_BANDWIDTH_STATUS status = Record(transfer);
     ZEVO_BANDWIDTH_LIMIT limits[3] = {};
     ZEVO_BANDWIDTH_CONFIG config = {};
@@ -196,7 +196,7 @@ TEST_F(StatusSave, TheFirstOneMakesEverythingForEverybodyAndLaterOnesLeaveTheMas
 TEST_F(StatusSave, EachOccupiedGroupGetsItsShareAndTheRecordIsGivenBack)
 {
     EXPECT_EQ(Save(), 0);
-    Transfer copy = transfer;
+    FiledTransfer copy = transfer;
     copy.owner = "group";
     copy.id = kStaff;
     copy.speed = 500;

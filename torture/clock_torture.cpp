@@ -122,18 +122,18 @@ std::string FilesOf(const std::string &directory)
 
 // ---- one transfer among others ----
 
-class Transfer {
+class ClockedTransfer {
 public:
-    Transfer()
+    ClockedTransfer()
     {
         result_ = ZEVOBandwidthConfigGet(kAlice, ZEVO_BW_PROTOCOL_FTP, &config);
         if (result_ == 0)
             result_ = ZEVOBandwidthStatusInit(&config, ZEVO_BW_TRANSFER_UPLOAD, "/ıİ a file",
                                               &timeLast_, &status);
     }
-    ~Transfer() { ZEVOBandwidthConfigFree(&config); }
-    Transfer(const Transfer &) = delete;
-    Transfer &operator=(const Transfer &) = delete;
+    ~ClockedTransfer() { ZEVOBandwidthConfigFree(&config); }
+    ClockedTransfer(const ClockedTransfer &) = delete;
+    ClockedTransfer &operator=(const ClockedTransfer &) = delete;
 
     void Block()
     {
@@ -188,7 +188,7 @@ void SavePeer()
     if (ZEVOBandwidthStatusSave(kBob, &config, &peer) < 0) Die("cannot save the other transfer");
 }
 
-std::string Tables(const Transfer &transfer)
+std::string Tables(const ClockedTransfer &transfer)
 {
     std::string all = Printed(ZEVOBandwidthConfDumpHeader) +
                       Printed(ZEVOBandwidthGlobalConfDumpHeader) +
@@ -215,7 +215,7 @@ std::string Play(const std::function<void()> &atThird, bool onlyAfter)
 {
     StoreAll(std::string(168, '1'));
     SavePeer();
-    Transfer transfer;
+    ClockedTransfer transfer;
     std::string all = transfer.Tell();
     for (int block = 1; block <= 6; ++block) {
         if (block == 3) atThird();
@@ -306,7 +306,7 @@ void TrySteps(Row &row)
         [] {
             SetClock(kUsual);
             StoreAll(std::string(168, '1'));
-            Transfer transfer;
+            ClockedTransfer transfer;
             std::string bad = "-";
             for (int block = 0; block < 48; ++block) {
                 SetClock(kUsual + (block % 2 == 0 ? 1 : -1) * (block % 3 == 0 ? kHour : kDay));
@@ -385,7 +385,7 @@ void TryZone(Row &row, const Zone &zone, std::int64_t change, const std::string 
             UseZone(zone.szTz);
             SetClock(change - 4 * kHour);
             StoreAll(plan);
-            Transfer running;
+            ClockedTransfer running;
             for (std::int64_t t = change - 4 * kHour; t < change + 4 * kHour; t += 600) {
                 SetClock(t);
                 running.Block();
@@ -393,7 +393,7 @@ void TryZone(Row &row, const Zone &zone, std::int64_t change, const std::string 
                 if (!Obeys(running.config, hour))
                     return "running, " + std::to_string(t) + ", hour " + hour;
                 SetClock(t);
-                const Transfer fresh;
+                const ClockedTransfer fresh;
                 if (!Obeys(fresh.config, hour))
                     return "begun, " + std::to_string(t) + ", hour " + hour;
             }
@@ -429,13 +429,13 @@ void TryOtherZone(const Options &options, Row &row)
                 const std::int64_t start = zone.changes[1] + 30 * kDay;
                 SetClock(start);
                 StoreAll(plan);
-                Transfer running;
+                ClockedTransfer running;
                 ::setenv("TZ", other.szTz, 1);
                 if (isNew) ::tzset(); // as the first call of a new process does
                 const Zone &expected = isNew ? other : zone;
                 for (std::int64_t t = start; t < start + kDay; t += kHour) {
                     SetClock(t);
-                    Transfer fresh;
+                    ClockedTransfer fresh;
                     if (!Obeys(fresh.config, HourOf(plan, expected, t)))
                         return std::to_string(t) + " begun";
                     SetClock(t);
