@@ -2,9 +2,7 @@
 // file in the add-on directory whose name carries all that counts here: NAME_NUMBER.json. The file
 // is never opened.
 //
-// What a search found is remembered for the life of the process, one memory for each direction. A
-// memory is guarded by a flag that nobody waits for: a thread that finds it taken, or the child of
-// a fork that inherited it taken, searches the directory instead.
+// What a search found is remembered for the life of the process, one memory for each direction.
 
 #include "internal/enum.hpp"
 
@@ -17,65 +15,62 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 using namespace bandwidth;
 
 namespace {
 
-constexpr int kAddonCacheSize = 64;
 constexpr size_t kNumberBytes = 16; // holds every 32-bit integer
 constexpr char kAddonDirectory[] = ZEVO_BW_ADDON_DIRECTORY "/";
 
-struct AddonCache {
-    std::atomic_flag busy = ATOMIC_FLAG_INIT; // taken and given back by CacheScope alone
-    VLIB_SZ_HASH *pHash = nullptr;            // made by the first hit, read and changed while taken
-};
-
-AddonCache addonNameCache;  // number as text -> name
-AddonCache addonValueCache; // name -> number as text
-
-// Takes a cache unless somebody has it; false then, and the caller goes without.
-class CacheScope {
+// What searches in one direction have found. Entries are added in front, never change and are never
+// freed: a reader waits for nobody, and the child of a fork inherits no lock.
+class AddonMemory {
 public:
-    explicit CacheScope(AddonCache &cache) noexcept
-        : cache_(cache), taken_(!cache.busy.test_and_set(std::memory_order_acquire))
-    {
-    }
-    ~CacheScope()
-    {
-        if (taken_) cache_.busy.clear(std::memory_order_release);
-    }
-    CacheScope(const CacheScope &) = delete;
-    CacheScope &operator=(const CacheScope &) = delete;
-
+    // The value; nullptr when the key has not been found yet.
     const char *Find(const char *szKey) const noexcept
     {
-        return taken_ && cache_.pHash != nullptr ? ::VLIBCSzHashGetValue(cache_.pHash, szKey)
-                                                 : nullptr;
+        for (const Entry *p = pFirst_.load(std::memory_order_acquire); p != nullptr; p = p->pNext)
+            if (std::strcmp(p->szKey, szKey) == 0) return p->szValue;
+        return nullptr;
     }
-    // false when the cache cannot be made; a value that cannot be stored is searched again, no
-    // more.
+    // false without memory. Two threads that find the same at once leave two entries.
     bool Keep(const char *szKey, const char *szValue) noexcept
     {
-        if (!taken_) return true;
-        if (cache_.pHash == nullptr) cache_.pHash = ::VLIBCSzHashAlloc(kAddonCacheSize);
-        if (cache_.pHash == nullptr) return false;
-        (void)::VLIBCSzHashSetValue(&cache_.pHash, szKey, szValue);
+        const size_t cbKey = std::strlen(szKey) + 1;
+        const size_t cbValue = std::strlen(szValue) + 1;
+        void *const pBlock = std::malloc(sizeof(Entry) + cbKey + cbValue);
+        if (pBlock == nullptr) return false;
+        auto *const szTexts = static_cast<char *>(pBlock) + sizeof(Entry);
+        std::memcpy(szTexts, szKey, cbKey);
+        std::memcpy(szTexts + cbKey, szValue, cbValue);
+        auto *const pEntry = new (pBlock) Entry{pFirst_.load(), szTexts, szTexts + cbKey};
+        while (!pFirst_.compare_exchange_weak(pEntry->pNext, pEntry)) {
+        }
         return true;
     }
 
 private:
-    AddonCache &cache_;
-    const bool taken_;
+    struct Entry {
+        Entry *pNext;
+        const char *szKey;
+        const char *szValue;
+    };
+    std::atomic<Entry *> pFirst_{nullptr};
 };
+
+AddonMemory addonNames;  // number as text -> name
+AddonMemory addonValues; // name -> number as text
 
 // The files that match a pattern.
 class Matches {
 public:
     explicit Matches(const char *szPattern) noexcept
-        : result_(StrangersFileScope::MaySearch() ? ::glob(szPattern, 0, nullptr, &glob_)
-                                                  : GLOB_NOMATCH)
+        : result_(StrangersFileScope::MaySearch(szPattern) ? ::glob(szPattern, 0, nullptr, &glob_)
+                                                           : GLOB_NOMATCH)
     {
+        if (result_ != 0) StrangersFileScope::NoteMissed(szPattern);
     }
     ~Matches()
     {
@@ -160,9 +155,8 @@ int ZEVOBandwidthEnumToNameAddon(int32_t iProtocol, char *szProtocol, size_t cbP
 
     char szNumber[kNumberBytes];
     NumberText(iProtocol, szNumber);
-    CacheScope cache(addonNameCache);
-    if (const char *const szCached = cache.Find(szNumber); szCached != nullptr) {
-        (void)std::snprintf(szProtocol, cbProtocol, "%s", szCached);
+    if (const char *const szKnown = addonNames.Find(szNumber); szKnown != nullptr) {
+        (void)std::snprintf(szProtocol, cbProtocol, "%s", szKnown);
         return 1;
     }
 
@@ -182,7 +176,7 @@ int ZEVOBandwidthEnumToNameAddon(int32_t iProtocol, char *szProtocol, size_t cbP
                                matches.path());
     (void)std::snprintf(szProtocol, cbProtocol, "%.*s",
                         static_cast<int>(szUnderscore - szSlash - 1), szSlash + 1);
-    if (!cache.Keep(szNumber, szProtocol)) BW_LOG("malloc failed");
+    if (!addonNames.Keep(szNumber, szProtocol)) BW_LOG("malloc failed");
     return 1;
 }
 
@@ -192,9 +186,8 @@ int ZEVOBandwidthEnumToValueAddon(const char *szName) noexcept
     if (szName == nullptr || szName[0] == '\0')
         return BW_FAIL_AND_LOG(ZEVO_BW_ERROR_BAD_ARGUMENT, "Bad parameter");
 
-    CacheScope cache(addonValueCache);
-    if (const char *const szCached = cache.Find(szName); szCached != nullptr)
-        return TextNumber(szCached);
+    if (const char *const szKnown = addonValues.Find(szName); szKnown != nullptr)
+        return TextNumber(szKnown);
 
     // A name with a '/' would lead the search out of the add-on directory.
     char szPattern[zevo::kPathBytes];
@@ -215,7 +208,8 @@ int ZEVOBandwidthEnumToValueAddon(const char *szName) noexcept
     const int32_t number = TextNumber(szUnderscore + 1); // stops at the dot
     char szNumber[kNumberBytes];
     NumberText(number, szNumber);
-    if (IsLiteral(szName, matches.path()) && !cache.Keep(szName, szNumber)) BW_LOG("malloc failed");
+    if (IsLiteral(szName, matches.path()) && !addonValues.Keep(szName, szNumber))
+        BW_LOG("malloc failed");
     return number;
 }
 

@@ -1,5 +1,6 @@
-// What one rule leaves one transfer: what the others under the rule do not use of its rate, and
-// never less than an equal share. The others are counted as their file is walked over; none is kept.
+// What one rule leaves one transfer: what the other transfers under the rule do not use of its rate,
+// and never less than an equal share. The others are counted in one walk over their status file; none
+// is kept.
 
 #include "internal/frame.hpp"
 #include "internal/guard.hpp"
@@ -14,37 +15,38 @@ using namespace bandwidth;
 
 namespace {
 
-// The users that a walk meets, one number for each of his records or runs of records: the uid above,
-// the order of the walk in the middle, whether he counts by that record below.
+// The users whose transfers a walk has seen. Each run of one user's records is one number: the uid in
+// the upper half, then the place in the walk, and in the lowest bit whether the run's last record
+// counts.
 class Users {
 public:
     ~Users()
     {
         const zevo::KeepErrno keep;
-        std::free(pMet_);
+        std::free(pRuns_);
     }
     Users() noexcept = default;
     Users(const Users &) = delete;
     Users &operator=(const Users &) = delete;
 
     // false without memory.
-    bool Meet(uint32_t uid, bool counts) noexcept
+    bool Note(uint32_t uid, bool counts) noexcept
     {
-        const bool isSameAgain = nMet_ > 0 && pMet_[nMet_ - 1] >> kUidShift == uid;
-        if (!isSameAgain && nMet_ == nRoom_ && !Widen()) return false;
-        if (!isSameAgain) ++nMet_;
-        pMet_[nMet_ - 1] = uint64_t{uid} << kUidShift | uint64_t{nMet_} << 1 | (counts ? 1 : 0);
+        const bool isSameAgain = nRuns_ > 0 && pRuns_[nRuns_ - 1] >> kUidShift == uid;
+        if (!isSameAgain && nRuns_ == nRoom_ && !Widen()) return false;
+        if (!isSameAgain) ++nRuns_;
+        pRuns_[nRuns_ - 1] = uint64_t{uid} << kUidShift | uint64_t{nRuns_} << 1 | (counts ? 1 : 0);
         return true;
     }
-    // A user counts by his last record alone: the list of the transfers, the last of the file first,
-    // has it before his others.
+    // A user counts if the last of its records does: in the list of the transfers, which begins with
+    // the last of the file, that one is the user's first.
     uint64_t Count() noexcept
     {
-        std::sort(pMet_, pMet_ + nMet_);
+        std::sort(pRuns_, pRuns_ + nRuns_);
         uint64_t count = 0;
-        for (size_t i = 0; i < nMet_; ++i)
-            if (i + 1 == nMet_ || pMet_[i] >> kUidShift != pMet_[i + 1] >> kUidShift)
-                count += pMet_[i] & 1;
+        for (size_t i = 0; i < nRuns_; ++i)
+            if (i + 1 == nRuns_ || pRuns_[i] >> kUidShift != pRuns_[i + 1] >> kUidShift)
+                count += pRuns_[i] & 1;
         return count;
     }
 
@@ -54,44 +56,46 @@ private:
     bool Widen() noexcept
     {
         const size_t nRoom = nRoom_ == 0 ? 256 : nRoom_ * 2;
-        void *const pWider = std::realloc(pMet_, nRoom * sizeof(pMet_[0]));
+        void *const pWider = std::realloc(pRuns_, nRoom * sizeof(pRuns_[0]));
         if (pWider == nullptr) return false;
-        pMet_ = static_cast<uint64_t *>(pWider);
+        pRuns_ = static_cast<uint64_t *>(pWider);
         nRoom_ = nRoom;
         return true;
     }
 
-    uint64_t *pMet_ = nullptr;
-    size_t nMet_ = 0;
+    uint64_t *pRuns_ = nullptr;
+    size_t nRuns_ = 0;
     size_t nRoom_ = 0;
 };
 
-// What a transfer finds beside itself.
-class Others final : public StatusTaker {
+// The other transfers under the rule.
+class Others final : public StatusVisitor {
 public:
     Others(uint32_t uid, pid_t pid, uint64_t rateBps) noexcept
         : uid_(uid), pid_(pid), rateBps_(rateBps), remainingBps_(rateBps)
     {
     }
 
-    // The one record in turn, whose file name nobody looks at.
-    ZEVO_BANDWIDTH_STATUS *Room() noexcept override
+    // The same record for all. Nobody looks at its file name, which is most of it.
+    ZEVO_BANDWIDTH_STATUS *NextRecord() noexcept override
     {
         ClearButName(record_);
         return &record_;
     }
-    bool Take() noexcept override
+    bool Visit() noexcept override
     {
         const bool counts = record_.active != 0 && record_.pid != pid_;
-        if (record_.uid != uid_ && !users_.Meet(record_.uid, counts)) return false;
+        if (record_.uid != uid_ && !users_.Note(record_.uid, counts)) return false;
         if (!counts) return true;
         if (record_.uid == uid_) ++sameUser_;
         remainingBps_ -= std::min(record_.current_speed, remainingBps_);
         return true;
     }
+    // At least 1: a share that is rounded down to 0 would be unlimited.
     uint64_t Share() noexcept
     {
-        return std::max(remainingBps_, rateBps_ / (sameUser_ * (1 + users_.Count())));
+        const uint64_t equalBps = rateBps_ / (sameUser_ * (1 + users_.Count()));
+        return std::max({remainingBps_, equalBps, uint64_t{1}});
     }
 
 private:

@@ -1,7 +1,7 @@
 // What all rules and the policies together leave one transfer, and to which groups it is charged.
-// Each rule in force gives an answer; the groups' answers combine by the inter-group policy, that
-// with the user's own by the user-group policy. 0 is unlimited throughout: answers are compared and
-// added with the three functions made for it.
+// Each rule that applies gives an answer. The inter-group policy combines the answers of the groups,
+// the user-group policy combines the result with the user's own. 0 is unlimited throughout: answers
+// are compared and added with the three functions made for it.
 
 #include "internal/frame.hpp"
 #include "internal/guard.hpp"
@@ -21,8 +21,8 @@ struct Answers {
     uint64_t groupBps = 0; // combined by the inter-group policy
     uint64_t sumBps = 0;   // of all groups
     uint64_t unlimitedGroups = 0;
-    ZEVO_BANDWIDTH_LIMIT *pMin = nullptr; // the groups of the smallest and the largest answer, the
-    ZEVO_BANDWIDTH_LIMIT *pMax = nullptr; // earliest among equals
+    ZEVO_BANDWIDTH_LIMIT *pMin = nullptr; // the group of the smallest answer, the first of equals
+    ZEVO_BANDWIDTH_LIMIT *pMax = nullptr; // that of the largest
 };
 
 int AddGroup(Answers &answers, ZEVO_BANDWIDTH_LIMIT &entry, int32_t interGroupPolicy) noexcept
@@ -77,7 +77,7 @@ uint64_t CombineBoth(const Answers &answers, int32_t userGroupPolicy) noexcept
     }
 }
 
-// An answer that is not there is 0, which is also what nobody's answer comes to.
+// A missing answer is 0: without any rule the transfer is unlimited.
 int Combine(const Answers &answers, int32_t userGroupPolicy, uint64_t *pSpeedBps) noexcept
 {
     if (userGroupPolicy < ZEVO_BW_USER_GROUP_POLICY_USER_ONLY ||
@@ -96,8 +96,8 @@ int Combine(const Answers &answers, int32_t userGroupPolicy, uint64_t *pSpeedBps
     return 0;
 }
 
-// Runs over every group entry, those out of force included, which keep what they had last.
-void Weigh(ZEVO_BANDWIDTH_CONFIG &config, const Answers &answers) noexcept
+// Shares by answer. Entries that do not apply now count with the answer that they had last.
+void SetShares(ZEVO_BANDWIDTH_CONFIG &config, const Answers &answers) noexcept
 {
     const uint64_t unlimitedShare =
         answers.unlimitedGroups == 0 ? 0 : kWholeWeight / answers.unlimitedGroups;
@@ -124,7 +124,7 @@ void Occupy(ZEVO_BANDWIDTH_CONFIG &config, const Answers &answers) noexcept
         answers.pMax->occupyWeight = kWholeWeight;
         return;
     default:
-        Weigh(config, answers);
+        SetShares(config, answers);
     }
 }
 

@@ -1,5 +1,5 @@
-// Gathering the rules that bear on a user: his own, and, unless the policy looks at the user alone,
-// those of every group that he belongs to.
+// Gathering the rules that apply to a user: the user's own and, unless the policy is user-only, those
+// of every group that the user belongs to.
 
 #include "internal/frame.hpp"
 #include "internal/group.hpp"
@@ -11,7 +11,7 @@ using namespace bandwidth;
 
 namespace {
 
-bool MayBear(const ZEVO_BANDWIDTH_CONF &rule) noexcept
+bool MayApply(const ZEVO_BANDWIDTH_CONF &rule) noexcept
 {
     return rule.state == ZEVO_BW_STATE_ENABLED || rule.state == ZEVO_BW_STATE_SCHEDULE;
 }
@@ -26,7 +26,7 @@ Array<ZEVO_BANDWIDTH_LIMIT> AllocateLimits(size_t count, Site site) noexcept
     return limits;
 }
 
-// The rules that may bear: the user's own, where it does, and then those of all his groups.
+// The rules that may apply: the user's own, if it does, and then those of all the user's groups.
 struct Candidates {
     Array<ZEVO_BANDWIDTH_LIMIT> limits;
     size_t count = 0;
@@ -73,7 +73,7 @@ int ZEVOBandwidthLimitInit(uint32_t uid, const ZEVO_BANDWIDTH_GLOBAL_CONF *pGlob
     ZEVO_BANDWIDTH_CONF userRule;
     if (::ZEVOBandwidthConfGetByID(ZEVO_BW_OWNER_USER, uid, protocolType, &userRule) < 0)
         return BW_PASS("ZEVOBandwidthConfGetByID failed. uid:[%u] ", uid);
-    const size_t userRules = MayBear(userRule) ? 1 : 0;
+    const size_t userRules = MayApply(userRule) ? 1 : 0;
     *pblUserConfExist = static_cast<uint32_t>(userRules);
 
     Candidates candidates;
@@ -86,17 +86,17 @@ int ZEVOBandwidthLimitInit(uint32_t uid, const ZEVO_BANDWIDTH_GLOBAL_CONF *pGlob
     }
     if (userRules != 0) candidates.limits[0].conf = userRule;
 
-    const auto bears = [](const ZEVO_BANDWIDTH_LIMIT &limit) { return MayBear(limit.conf); };
+    const auto applies = [](const ZEVO_BANDWIDTH_LIMIT &limit) { return MayApply(limit.conf); };
     const ZEVO_BANDWIDTH_LIMIT *const pFirst = candidates.limits.get();
     const ZEVO_BANDWIDTH_LIMIT *const pEnd = pFirst + candidates.count;
-    const auto count = std::count_if(pFirst, pEnd, bears);
+    const auto count = std::count_if(pFirst, pEnd, applies);
     if (count == 0) {
         *ppLimit = nullptr;
         return 0;
     }
     auto limits = AllocateLimits(static_cast<size_t>(count), BW_HERE);
     if (!limits) return BW_PASS_UNLOGGED;
-    std::copy_if(pFirst, pEnd, limits.get(), bears);
+    std::copy_if(pFirst, pEnd, limits.get(), applies);
     for (ptrdiff_t i = 0; i < count; ++i)
         if (limits[static_cast<size_t>(i)].conf.ownerType == ZEVO_BW_OWNER_GROUP)
             *pblGroupConfExist = 1;

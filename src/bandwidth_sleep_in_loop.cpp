@@ -1,12 +1,13 @@
-// The throttle loop: what a service calls after every block. A call works out what the transfer may
-// have now, sleeps the block down to that speed in one piece, measures what it came to, and saves
-// it for the others to see. It is also where an administrator's stop arrives.
+// The throttle loop: what a service calls after every block. A call works out what speed the transfer
+// may have now, sleeps until the block's time at that speed is over, measures the speed reached, and
+// saves it for the other transfers. It is also where an administrator's stop arrives.
 //
-// The process's only lasting state is the time of the last look at the schedule plans.
+// The only state of the process is the time of the last look at the schedule plans.
 
 #include "internal/frame.hpp"
 #include "internal/guard.hpp"
 #include "internal/speed.hpp"
+#include "internal/status_save.hpp"
 
 #include <atomic>
 #include <cerrno>
@@ -18,8 +19,8 @@ using namespace bandwidth;
 
 namespace {
 
-// Written and read by every thread in the loop, none of which depends on another's value: whoever
-// sees a new hour first evaluates its own configuration.
+// Written and read by every thread in the loop; no thread depends on another's value. The first thread
+// that sees a new hour evaluates its own configuration.
 std::atomic<uint64_t> lastScheduleCheckUs{0};
 
 // The groups that the transfer is charged to under the configured rates.
@@ -81,8 +82,8 @@ bool IsStopped(const ZEVO_BANDWIDTH_STATUS &status) noexcept
            saved.active == 0;
 }
 
-// What the transfer may have, and, before the sharing moves the weights, which groups bear it: 1, 0
-// when no limit falls to it, -1 on failure.
+// The speed that the transfer may have, and the groups that are charged before sharing changes the
+// weights: 1, 0 when no limit applies to it, -1 on failure.
 int EstimateSpeed(ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STATUS *pStatus,
                   OccupiedGroups &groups) noexcept
 {
@@ -99,7 +100,7 @@ int EstimateSpeed(ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STATUS *pStatus
     return 1;
 }
 
-// Sleeps, and notes in the record when the block ended and what it came to; returns that moment.
+// Sleeps, and notes in the record when the block ended and its speed; returns that moment.
 uint64_t Throttle(uint64_t bytes, uint64_t nowUs, uint64_t lastUs,
                   ZEVO_BANDWIDTH_STATUS &status) noexcept
 {
@@ -121,45 +122,61 @@ int RemoveCopies(const OccupiedGroups &groups, const ZEVO_BANDWIDTH_STATUS &stat
     return ::ZEVOBandwidthStatusRemoveByOccGroups(groups.ids, groups.count, status.transfer_type);
 }
 
-bool IsBorneBy(const ZEVO_BANDWIDTH_CONFIG &config, uint32_t gid) noexcept
+// A copy that cannot be removed goes stale.
+int Stop(const OccupiedGroups &groups, const ZEVO_BANDWIDTH_STATUS &status) noexcept
+{
+    {
+        const CleanUpScope cleanUp;
+        (void)RemoveCopies(groups, status);
+    }
+    return BW_FAIL(ZEVO_BW_ERROR_STOPPED);
+}
+
+// The copies of the groups should have been removed before the save. When they cannot be, their file
+// is what the save failed for.
+int FailSave(const OccupiedGroups &groups, const ZEVO_BANDWIDTH_STATUS &status) noexcept
+{
+    bool isRemoved = false;
+    {
+        const CleanUpScope cleanUp;
+        isRemoved = RemoveCopies(groups, status) == 0;
+    }
+    if (!isRemoved) return BW_PASS("ZEVOBandwidthStatusRemove failed. uid:[%u] ", status.id);
+    return BW_PASS("save info failed. [%u] ", status.id);
+}
+
+bool IsChargedTo(const ZEVO_BANDWIDTH_CONFIG &config, uint32_t gid) noexcept
 {
     for (int32_t i = 0; i < config.iLimit; ++i)
         if (IsCharged(config.pLimit[i]) && config.pLimit[i].conf.id == gid) return true;
     return false;
 }
 
-// The groups that bore the transfer and have a copy which the next save does not replace.
-OccupiedGroups Left(const ZEVO_BANDWIDTH_CONFIG &config, const OccupiedGroups &groups,
-                    const ZEVO_BANDWIDTH_STATUS &status) noexcept
+// The groups that were charged and have a copy which the next save does not replace.
+OccupiedGroups NoLongerCharged(const ZEVO_BANDWIDTH_CONFIG &config, const OccupiedGroups &groups,
+                               const ZEVO_BANDWIDTH_STATUS &status) noexcept
 {
-    // What is taken away bears this process's number, what is saved that of the record.
+    // Sections are removed by the number of this process, and saved by that of the record.
     const bool isOurs = status.pid == ::getpid();
     OccupiedGroups left;
     for (int32_t i = 0; i < groups.count; ++i)
-        if (!isOurs || !IsBorneBy(config, groups.ids[i])) left.ids[left.count++] = groups.ids[i];
+        if (!isOurs || !IsChargedTo(config, groups.ids[i])) left.ids[left.count++] = groups.ids[i];
     return left;
 }
 
-// Shows the block to the others, unless the transfer has been stopped meanwhile. The copies of the
-// groups that bore it go first, for it may be charged to others now. A group that bears it again
-// keeps its copy until the save puts the new one in its place: meanwhile the others would divide
-// the limit without us.
+// Shows the block to the other transfers, unless this one has been stopped meanwhile. First the copies
+// of the groups that are no longer charged are removed. A group that is charged again keeps its copy
+// until the save replaces it: meanwhile the other transfers would divide the limit without this one.
 int Publish(const ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STATUS *pStatus,
             const OccupiedGroups &groups) noexcept
 {
-    const OccupiedGroups left = Left(*pConfig, groups, *pStatus);
+    const OccupiedGroups left = NoLongerCharged(*pConfig, groups, *pStatus);
     if (RemoveCopies(left, *pStatus) < 0)
         return BW_PASS("ZEVOBandwidthStatusRemove failed. uid:[%u] ", pStatus->id);
-    if (IsStopped(*pStatus)) {
-        (void)RemoveCopies(groups, *pStatus); // what cannot be removed goes stale
-        return BW_FAIL(ZEVO_BW_ERROR_STOPPED);
-    }
-    if (::ZEVOBandwidthStatusSave(pStatus->id, pConfig, pStatus) < 0) {
-        BW_LOG_SLOT("save info failed. [%u] ", pStatus->id);
-        (void)RemoveCopies(groups, *pStatus);
-        return BW_PASS_UNLOGGED;
-    }
-    return 0;
+    if (IsStopped(*pStatus)) return Stop(groups, *pStatus);
+    const int saved = SaveUnlessStopped(pStatus->id, pConfig, pStatus);
+    if (saved == kStopped) return Stop(groups, *pStatus);
+    return saved < 0 ? FailSave(groups, *pStatus) : 0;
 }
 
 } // namespace

@@ -33,13 +33,13 @@ uint64_t ZEVOBandwidthSpeedEstimate(int64_t elapsedUs, uint64_t bytes) noexcept
 
 int64_t ZEVOBandwidthSleepEstimate(int64_t elapsedUs, uint64_t bytes, uint64_t speedBps) noexcept
 {
-    if (speedBps == 0) return 0;
-    // Wide, so that the largest block on the slowest line sleeps long instead of not at all.
-    using Wide = unsigned __int128;
-    const Wide neededUs = Wide{bytes} * kUsPerSecond / speedBps;
-    constexpr auto kMostUs = std::numeric_limits<int64_t>::max();
-    const int64_t boundedUs = static_cast<int64_t>(std::min(neededUs, Wide{kMostUs}));
-    return std::max<int64_t>(boundedUs - AtLeastOne(elapsedUs), 0);
+    constexpr uint64_t kMaxSigned = std::numeric_limits<int64_t>::max();
+    if (speedBps == 0 || bytes > kMaxSigned)
+        return 0; // as a signed number such a count is negative
+    // Saturated, so that the largest block on the slowest line sleeps long instead of not at all.
+    const uint64_t product = std::min(MultiplySaturated(bytes, kUsPerSecond), kMaxSigned);
+    const auto neededUs = static_cast<int64_t>(product / speedBps);
+    return std::max<int64_t>(neededUs - AtLeastOne(elapsedUs), 0);
 }
 
 int ZEVOBandwidthIsLessThan(uint64_t a, uint64_t b) noexcept

@@ -32,7 +32,7 @@ struct Walk {
     int64_t now; // one moment for every age, seconds
     uint32_t protocolMask;
     uint32_t transferMask;
-    StatusTaker &taker;
+    StatusVisitor &visitor;
 };
 
 // The names of the sections, and which of them the walk has found stale.
@@ -94,7 +94,7 @@ int WalkSection(const Walk &walk, Sections &sections, int32_t index, Hash &hash)
     const int found = ::VLIBCFileGetSection(walk.szFile, szSection, hash.address());
     if (found < 0) BW_LOG_SLOT("Get section [%s] from [%s] failed. ", szSection, walk.szFile);
     if (found <= 0) return 0; // failed, or its owner has just taken it away to save it anew
-    ZEVO_BANDWIDTH_STATUS *const pStatus = walk.taker.Room();
+    ZEVO_BANDWIDTH_STATUS *const pStatus = walk.visitor.NextRecord();
     if (pStatus == nullptr) return NoMemory(szSection);
     if (StatusFromHash(pStatus, hash.get()) < 0) {
         BW_LOG_SLOT("Init status from hash failed. ");
@@ -107,7 +107,7 @@ int WalkSection(const Walk &walk, Sections &sections, int32_t index, Hash &hash)
         }
         return 0;
     }
-    return Passes(walk, *pStatus) && !walk.taker.Take() ? NoMemory(szSection) : 0;
+    return Passes(walk, *pStatus) && !walk.visitor.Visit() ? NoMemory(szSection) : 0;
 }
 
 int WalkSections(const Walk &walk, Sections &sections, Hash &hash) noexcept
@@ -125,7 +125,7 @@ void RemoveStale(const Walk &walk, const Sections &sections) noexcept
 }
 
 int WalkFile(const char *szFile, int64_t now, int32_t protocolMask, uint32_t transferMask,
-             StatusTaker &taker) noexcept
+             StatusVisitor &visitor) noexcept
 {
     if (std::strchr(szFile, '.') != nullptr) {
         DeleteLeftover(szFile, now);
@@ -140,43 +140,44 @@ int WalkFile(const char *szFile, int64_t now, int32_t protocolMask, uint32_t tra
     const int nSections = pNames == nullptr ? -1 : ::VLIBCFileEnumSection(szFile, &pNames);
     Sections sections{List(pNames)};
     if (nSections < 0) return BW_PASS_UNLOGGED;
-    const Walk walk{szFile, now, static_cast<uint32_t>(protocolMask), transferMask, taker};
+    const Walk walk{szFile, now, static_cast<uint32_t>(protocolMask), transferMask, visitor};
     const int walked = WalkSections(walk, sections, hash);
     RemoveStale(walk, sections);
     return walked;
 }
 
 // Puts the records into a list, the last one first.
-class Lister final : public StatusTaker {
+class Lister final : public StatusVisitor {
 public:
     explicit Lister(bool merge) noexcept : merge_(merge) {}
     ~Lister() { ::ZEVOBandwidthStatusListFree(&pHead_); }
     Lister(const Lister &) = delete;
     Lister &operator=(const Lister &) = delete;
 
-    ZEVO_BANDWIDTH_STATUS *Room() noexcept override
+    ZEVO_BANDWIDTH_STATUS *NextRecord() noexcept override
     {
-        isUsed_ = static_cast<bool>(room_); // the last section was not taken
+        isUsed_ = static_cast<bool>(record_); // the last section was not taken
         if (isUsed_) {
-            ClearButName(*room_);
-            room_->filename[0] = '\0';
+            ClearButName(*record_);
+            record_->filename[0] = '\0';
         } else {
-            room_.reset(static_cast<ZEVO_BANDWIDTH_STATUS *>(
+            record_.reset(static_cast<ZEVO_BANDWIDTH_STATUS *>(
                 std::calloc(1, sizeof(ZEVO_BANDWIDTH_STATUS))));
         }
-        return room_.get();
+        return record_.get();
     }
-    bool Take() noexcept override
+    bool Visit() noexcept override
     {
-        if (isUsed_) ClearBehindName(*room_);
+        if (isUsed_) ClearBehindName(*record_);
         if (ZEVO_BANDWIDTH_STATUS *const pAlike = merge_ ? FindAlike() : nullptr;
             pAlike != nullptr) {
-            pAlike->current_speed = ::ZEVOBandwidthSum(pAlike->current_speed, room_->current_speed);
-            pAlike->expect_speed = ::ZEVOBandwidthSum(pAlike->expect_speed, room_->expect_speed);
+            pAlike->current_speed =
+                ::ZEVOBandwidthSum(pAlike->current_speed, record_->current_speed);
+            pAlike->expect_speed = ::ZEVOBandwidthSum(pAlike->expect_speed, record_->expect_speed);
             return true;
         }
-        room_->next = pHead_;
-        pHead_ = room_.release();
+        record_->next = pHead_;
+        pHead_ = record_.release();
         ++count_;
         return true;
     }
@@ -187,14 +188,14 @@ private:
     ZEVO_BANDWIDTH_STATUS *FindAlike() const noexcept
     {
         ZEVO_BANDWIDTH_STATUS *p = pHead_;
-        while (p != nullptr && (p->protocol_type != room_->protocol_type ||
-                                p->transfer_type != room_->transfer_type))
+        while (p != nullptr && (p->protocol_type != record_->protocol_type ||
+                                p->transfer_type != record_->transfer_type))
             p = p->next;
         return p;
     }
 
     const bool merge_;
-    Status room_;
+    Status record_;
     bool isUsed_ = false; // a longer name may have stood in it
     ZEVO_BANDWIDTH_STATUS *pHead_ = nullptr;
     int count_ = 0;
@@ -203,11 +204,11 @@ private:
 } // namespace
 
 int bandwidth::WalkStatuses(int32_t ownerType, uint32_t id, int32_t protocolMask,
-                            uint32_t transferMask, StatusTaker &taker) noexcept
+                            uint32_t transferMask, StatusVisitor &visitor) noexcept
 {
     StatusPath path;
     if (path.Compose(ownerType, id, BW_HERE) < 0) return BW_PASS_UNLOGGED;
-    return WalkFile(path.get(), std::time(nullptr), protocolMask, transferMask, taker);
+    return WalkFile(path.get(), std::time(nullptr), protocolMask, transferMask, visitor);
 }
 
 int ZEVOBandwidthIStatusGetAll(const char *szStatusFile, int32_t protocol_mask,

@@ -1,6 +1,6 @@
-// Taking a transfer's sections away at its end, or from outside, and switching its active flag. A
-// section is known by process id and direction alone. A file or a section that is not there is no
-// failure; the first real failure ends the call, and what was removed stays removed.
+// Removing a transfer's sections at its end, or from outside, and switching its active flag. A section
+// is known by process id and direction alone. A missing file or section is no failure. The first real
+// failure ends the call, and what was removed stays removed.
 
 #include "internal/group.hpp"
 #include "internal/guard.hpp"
@@ -69,6 +69,18 @@ int ForceRemoveAllOf(const ZEVO_USER &user, uint32_t transferMask, pid_t pid) no
     return 0;
 }
 
+// Replaces the transfer's section in its user's file: 1, 0 when it is not there, -1 on failure.
+int ReplaceSection(uint32_t uid, const ZEVO_BANDWIDTH_STATUS &status) noexcept
+{
+    Hash hash;
+    StatusPath path;
+    if (!hash || ::ZEVOBandwidthInitHashFromStatus(hash.address(), &status) < 0 ||
+        path.Compose(ZEVO_BW_OWNER_USER, uid, BW_HERE) < 0)
+        return BW_PASS_UNLOGGED;
+    const StatusSection section(status.pid, static_cast<int32_t>(status.transfer_type));
+    return ::ZEVOBandwidthStatusSetSection(path.get(), section.get(), hash.get());
+}
+
 } // namespace
 
 int ZEVOBandwidthStatusRemove(const ZEVO_BANDWIDTH_CONFIG *pConfig, uint32_t transfer_mask) noexcept
@@ -134,7 +146,9 @@ int ZEVOBandwidthStatusSetActiveByUserName(const char *szUserName, int32_t trans
     status.pid = pid;
     status.transfer_type = static_cast<uint32_t>(transfer_type);
     status.active = static_cast<uint32_t>(active);
-    if (::ZEVOBandwidthStatusSave(user->uid, nullptr, &status) < 0)
-        return BW_PASS("ZEVOBandwidthStatusSave failed. name:[%s] ", szUserName);
+    const int replaced = ReplaceSection(user->uid, status);
+    if (replaced < 0) return BW_PASS("ZEVOBandwidthStatusSave failed. name:[%s] ", szUserName);
+    // The transfer has ended since the section was read: a dead section must not come back.
+    if (replaced == 0) return BW_PASS("ZEVOBandwidthStatusGet failed. name:[%s] ", szUserName);
     return 0;
 }

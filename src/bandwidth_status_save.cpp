@@ -6,6 +6,7 @@
 #include "internal/guard.hpp"
 #include "internal/speed.hpp"
 #include "internal/status_path.hpp"
+#include "internal/status_save.hpp"
 
 #include "base/write_file.hpp"
 
@@ -83,14 +84,14 @@ int MakeMissing(const char *szFile) noexcept
 // that is neither there to be replaced nor absent to be appended comes and goes, as when a purge puts
 // back what it had taken: then these values follow at the next save.
 int ZEVOBandwidthIStatusRecordSave(int32_t owner_type, uint32_t id, const char *szSection,
-                                   const VLIB_SZ_HASH *pHash) noexcept
+                                   const VLIB_SZ_HASH *pHash, IfStopped ifStopped) noexcept
 {
     BW_REQUIRE(pHash != nullptr, "NULL != pHash");
     StatusPath path;
     if (path.Compose(owner_type, id, BW_HERE) < 0) return BW_PASS_UNLOGGED;
     for (int attempt = 0; attempt <= kMaxRepeats; ++attempt) {
-        const int replaced = ::ZEVOBandwidthStatusSetSection(path.get(), szSection, pHash);
-        if (replaced > 0) return 0;
+        const int replaced = SetSection(path.get(), szSection, pHash, ifStopped);
+        if (replaced > 0) return replaced == kStopped ? kStopped : 0;
         if (replaced < 0) {
             const int made = MakeMissing(path.get());
             if (made < 0) return BW_PASS_UNLOGGED;
@@ -148,18 +149,16 @@ int SaveGroupCopies(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG &config,
         if (::ZEVOBandwidthInitHashFromStatus(hash.address(), pStatus) < 0)
             return BW_PASS("Init hash from status failed. ");
         if (ZEVOBandwidthIStatusRecordSave(ZEVO_BW_OWNER_GROUP, limit.conf.id, szSection,
-                                           hash.get()) < 0)
+                                           hash.get(), IfStopped::kReplace) < 0)
             return BW_PASS("Save record for uid: [%u], section:[%s] failed. ", uid, szSection);
     }
     return 0;
 }
 
-} // namespace
-
-int ZEVOBandwidthStatusSave(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig,
-                            ZEVO_BANDWIDTH_STATUS *pStatus) noexcept
+// 0, kStopped, or -1.
+int Save(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STATUS *pStatus,
+         IfStopped ifStopped) noexcept
 {
-    const CancelScope cancel;
     BW_REQUIRE(uid != static_cast<uid_t>(-1), "(uid_t)((uid_t) -1) != uid");
     BW_REQUIRE(pStatus != nullptr, "NULL != pStatus");
 
@@ -171,8 +170,25 @@ int ZEVOBandwidthStatusSave(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig,
     if (::ZEVOBandwidthInitHashFromStatus(hash.address(), pStatus) < 0)
         return BW_PASS("Init hash from status failed. ");
     const StatusSection section(pStatus->pid, static_cast<int32_t>(pStatus->transfer_type));
-    if (ZEVOBandwidthIStatusRecordSave(ZEVO_BW_OWNER_USER, uid, section.get(), hash.get()) < 0)
+    const int saved = ZEVOBandwidthIStatusRecordSave(ZEVO_BW_OWNER_USER, uid, section.get(),
+                                                     hash.get(), ifStopped);
+    if (saved < 0)
         return BW_PASS("Save record for uid: [%u], section:[%s] failed. ", uid, section.get());
-    if (pConfig == nullptr || pConfig->blGroupConfExist == 0) return 0;
+    if (saved == kStopped || pConfig == nullptr || pConfig->blGroupConfExist == 0) return saved;
     return SaveGroupCopies(uid, *pConfig, pStatus, section.get(), hash);
+}
+
+} // namespace
+
+int bandwidth::SaveUnlessStopped(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig,
+                                 ZEVO_BANDWIDTH_STATUS *pStatus) noexcept
+{
+    return Save(uid, pConfig, pStatus, IfStopped::kLeave);
+}
+
+int ZEVOBandwidthStatusSave(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig,
+                            ZEVO_BANDWIDTH_STATUS *pStatus) noexcept
+{
+    const CancelScope cancel;
+    return Save(uid, pConfig, pStatus, IfStopped::kReplace);
 }

@@ -1,9 +1,13 @@
 // Replacing or dropping one section of a status file. The file is read once and written once, to a
 // temporary file beside it that is renamed over it; readers see the old file or the new one. How
 // writers take turns, and what happens when another one is faster, is told in base/replace_file.hpp.
+//
+// A transfer's own save leaves its section when that is marked inactive by then: an administrator may
+// stop the transfer between its last look and this rewrite.
 
 #include "internal/frame.hpp"
 #include "internal/guard.hpp"
+#include "internal/status_save.hpp"
 #include "internal/status_text.hpp"
 
 #include "base/replace_file.hpp"
@@ -16,15 +20,18 @@ enum Mode { kRemove = 0, kSet = 1 };
 
 class SectionRewrite final : public zevo::Composer {
 public:
-    SectionRewrite(const char *szSection, const VLIB_SZ_HASH *pHash, Mode mode) noexcept
-        : szSection_(szSection), pHash_(pHash), mode_(mode)
+    SectionRewrite(const char *szSection, const VLIB_SZ_HASH *pHash, Mode mode,
+                   IfStopped ifStopped = IfStopped::kReplace) noexcept
+        : szSection_(szSection), pHash_(pHash), mode_(mode), ifStopped_(ifStopped)
     {
     }
+    bool isStopped() const noexcept { return isStopped_; }
 
     // The section's lines go, but for comments; in their place comes the new section, once for each
     // header of that name.
     zevo::Change Compose(std::string_view oldText, zevo::Pieces &newText) noexcept override
     {
+        if (const zevo::Fault fault = SpellStop()) return {fault};
         bool isInside = false;
         bool isFound = false;
         const char *pKept = oldText.data(); // where what is to be copied next begins
@@ -34,6 +41,8 @@ public:
             const bool isHeader = !isInside || IsHeader(line);
             const bool isOurs = isHeader && (!isInside || IsHeaderOf(line, szSection_));
             isInside = isOurs || !isHeader;
+            isStopped_ = isInside && line == stopLine_;
+            if (isStopped_) return {};
             if (!isInside || (!isOurs && IsComment(line))) continue;
             const std::string_view kept(pKept, static_cast<size_t>(line.data() - pKept));
             if (const zevo::Fault fault = newText.Append(kept)) return {fault};
@@ -47,6 +56,20 @@ public:
     }
 
 private:
+    // Only the platform knows how it writes the pair that stops a transfer: on a line of its own, the
+    // last one of a section that holds nothing else.
+    zevo::Fault SpellStop() noexcept
+    {
+        if (ifStopped_ == IfStopped::kReplace || !stopLine_.empty()) return zevo::kNoFault;
+        Hash hash;
+        if (!hash || ::VLIBCSzHashSetValue(hash.address(), "active", "0") < 0)
+            return zevo::kNoMemory;
+        if (const zevo::Fault fault = stopped_.Compose(szSection_, hash.get())) return fault;
+        Lines lines(stopped_.view());
+        for (std::string_view line; lines.Next(line);)
+            stopLine_ = line;
+        return zevo::kNoFault;
+    }
     // A planted file may repeat the header many times, so the section is spelled once.
     zevo::Fault AppendNew(zevo::Pieces &newText) noexcept
     {
@@ -61,24 +84,36 @@ private:
     const char *const szSection_;
     const VLIB_SZ_HASH *const pHash_;
     const Mode mode_;
+    const IfStopped ifStopped_;
     SectionText section_;
+    SectionText stopped_;
+    std::string_view stopLine_; // empty: no line is
+    bool isStopped_ = false;
 };
 
 int ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection,
-                                       const VLIB_SZ_HASH *pHash, Mode mode) noexcept
+                                       const VLIB_SZ_HASH *pHash, Mode mode,
+                                       IfStopped ifStopped = IfStopped::kReplace) noexcept
 {
     BW_REQUIRE(szFile != nullptr, "((void *)0) != szFile");
     BW_REQUIRE(szSection != nullptr, "NULL != szSection");
-    SectionRewrite rewrite(szSection, pHash, mode);
+    SectionRewrite rewrite(szSection, pHash, mode, ifStopped);
     zevo::TurnWait wait;
     const zevo::Change change = zevo::ReplaceFile(szFile, rewrite, wait);
     if (change.fault) return BW_FAIL_WITH(change.fault);
     if (change.isMade) return 1;
+    if (rewrite.isStopped()) return kStopped;
     BW_RECORD(ZEVO_BW_ERROR_NOT_THERE);
     return 0;
 }
 
 } // namespace
+
+int bandwidth::SetSection(const char *szFile, const char *szSection, const VLIB_SZ_HASH *pHash,
+                          IfStopped ifStopped) noexcept
+{
+    return ZEVOBandwidthIStatusSectionRewrite(szFile, szSection, pHash, kSet, ifStopped);
+}
 
 int ZEVOBandwidthStatusSetSection(const char *szFile, const char *szSection,
                                   const VLIB_SZ_HASH *pHash) noexcept

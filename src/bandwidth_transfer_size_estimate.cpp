@@ -12,7 +12,7 @@ int ZEVOBandwidthTransferSizeEstimate(ZEVO_BANDWIDTH_CONFIG *pConfig, int32_t tr
                                       uint64_t requestBytes, uint64_t *pTransferBytes) noexcept
 {
     const CancelScope cancel;
-    constexpr uint64_t kMostUs = 5'000'000;
+    constexpr uint64_t kMaxSeconds = 5;
     BW_REQUIRE(pConfig != nullptr, "((void *)0) != pConfig");
     BW_REQUIRE(pTransferBytes != nullptr, "((void *)0) != pTransferBytes");
 
@@ -20,7 +20,8 @@ int ZEVOBandwidthTransferSizeEstimate(ZEVO_BANDWIDTH_CONFIG *pConfig, int32_t tr
     if (pConfig->globalConf.currentState != ZEVO_BW_STATE_DISABLED &&
         ::ZEVOBandwidthExpectSpeedEstimateByPolicy(transfer_type, pConfig, &speedBps, 0) < 0)
         return BW_PASS("ZEVOBandwidthExpectSpeedEstimateByPolicy failed. ");
-    *pTransferBytes =
-        speedBps == 0 ? requestBytes : std::min(requestBytes, speedBps * kMostUs / kUsPerSecond);
+    *pTransferBytes = speedBps == 0
+                          ? requestBytes
+                          : std::min(requestBytes, MultiplySaturated(speedBps, kMaxSeconds));
     return 0;
 }

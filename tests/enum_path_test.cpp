@@ -41,17 +41,6 @@ protected:
     Box addon{kDirectory};
 };
 
-// Stays the first test: the memories are made once, by the first answers of the process.
-TEST_F(Names, WithoutMemoryToRememberThemAddOnsAreStillFound)
-{
-    addon.Write("poor_51.json", "");
-    platform::FailNextHashAlloc();
-    EXPECT_EQ(NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, 51), "poor");
-    platform::FailNextHashAlloc();
-    EXPECT_EQ(ValueOf("poor"), 51);
-    EXPECT_EQ(TakeLog(), Told(kFile, {"malloc failed", "malloc failed"}));
-}
-
 TEST_F(Names, TheSameWordMeansWhatItsOwnTableSays)
 {
     EXPECT_EQ(NameOf(ZEVO_BW_OWNER_TYPE_LIST, 3), "all");
@@ -141,6 +130,29 @@ TEST_F(Names, ANameThatLeadsOutOfTheDirectoryMatchesNothing)
         ExpectSlot(0x0600, kFile);
         EXPECT_EQ(TakeLog(), Told(kFile, {std::string("glob failed, protocol=") + szName}));
     }
+}
+
+TEST_F(Names, WhatWasFoundOnceIsFoundByEveryThreadAfterItsFileIsGone)
+{
+    addon.Write("kept_52.json", "");
+    EXPECT_EQ(NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, 52), "kept");
+    EXPECT_EQ(ValueOf("kept"), 52);
+    addon.Wipe();
+    addon.Make();
+    for (int i = 0; i < 50; ++i)
+        addon.Write("new" + std::to_string(i) + "_" + std::to_string(5200 + i) + ".json", "");
+    std::vector<std::thread> threads;
+    for (int first = 0; first < 4; ++first)
+        threads.emplace_back([this, first] {
+            for (int i = 0; i < 50; ++i) {
+                const int number = (first * 13 + i) % 50; // added while the others look
+                EXPECT_EQ(ValueOf(("new" + std::to_string(number)).c_str()), 5200 + number);
+                EXPECT_EQ(NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, 52), "kept");
+                EXPECT_EQ(ValueOf("kept"), 52);
+            }
+        });
+    for (std::thread &thread : threads)
+        thread.join();
 }
 
 class ConfPath : public Names {

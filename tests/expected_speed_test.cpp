@@ -43,8 +43,10 @@ TEST(Arithmetic, ASleepMakesUpTheDifferenceAndIsNeverNegative)
         {0, kMost, 0, 0},
         {1, 1, 3, 333'332},
         {1, 0, 65536, 0},
-        {1, kMost, kMost, 999'999},
-        {1, kMost, 1, kLongest - 1},
+        {1, kMost / 2, kMost / 2, 0}, // the product saturates
+        {1, kMost / 2, 1, kLongest - 1},
+        {1, kMost / 2 + 1, 1, 0}, // a negative count, as a signed number
+        {1, kMost, 1, 0},
         {kLongest, 5, 1, 0},
     };
     for (const auto &row : kRows)
@@ -122,6 +124,15 @@ TEST_F(OneRule, ATransferHasWhatTheOthersLeaveAndNeverLessThanAnEqualShare)
         EXPECT_EQ(Estimate(row.others), row.speed);
     }
     EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
+TEST_F(OneRule, AShareThatIsRoundedDownToNothingIsNotUnlimited)
+{
+    rule.currentUploadRate = 1;
+    std::vector<FiledTransfer> others;
+    for (uint32_t i = 0; i < 1024; ++i)
+        others.push_back({static_cast<pid_t>(10'000 + i), 10'000 + i, 1'000});
+    EXPECT_EQ(Estimate(others), 1U);
 }
 
 TEST_F(OneRule, OnlyTransfersOfItsProtocolAndDirectionCount)

@@ -135,6 +135,19 @@ TEST_F(StatusConversion, TheSignedNumbersIgnoreWhatFollowsAndTheUnsignedOnesFail
     }
 }
 
+TEST_F(StatusConversion, ATextWithoutItsEndIsNotReadBeyondItsField)
+{
+    ZEVO_BANDWIDTH_STATUS status = Record({});
+    std::memset(status.filename, 'n', sizeof(status.filename));
+    Hash hash;
+    EXPECT_EQ(ZEVOBandwidthInitHashFromStatus(hash.address(), &status), 0);
+    EXPECT_EQ(hash["filename"], std::string(4095, 'n'));
+    ZEVO_BANDWIDTH_CONF rule = Limit(ZEVO_BW_OWNER_USER, kAlice, 1).conf;
+    std::memset(rule.szSchedulePlan, '1', sizeof(rule.szSchedulePlan));
+    EXPECT_EQ(ZEVOBandwidthInitHashFromConf(hash.address(), &rule), 0);
+    EXPECT_EQ(hash["schedule plan"], std::string(255, '1'));
+}
+
 // ---- saving ----
 
 class StatusSave : public LibraryTest {

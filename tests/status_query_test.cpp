@@ -191,6 +191,14 @@ TEST_F(Query, ASaveThatComesBeforeThePurgeIsNotPurged)
     }
 }
 
+TEST_F(Query, EveryStaleSectionOfANameThatStandsTwiceGoes)
+{
+    box.Write("user-2001",
+              Aged(1, 31).Text() + Of(2, "ftp").Text() + Aged(1, 40).Text() + Of(1, "ftp").Text());
+    EXPECT_THAT(List(), ElementsAre("2:100/1000"));
+    EXPECT_EQ(box.Read("user-2001"), Of(2, "ftp").Text() + Of(1, "ftp").Text());
+}
+
 TEST_F(Query, AFileThatChangesFasterIsPurgedAnotherTime)
 {
     Write({Aged(1, 31), Of(2, "ftp")});
@@ -466,6 +474,15 @@ TEST_F(Removal, StoppingATransferChangesItsFlagInTheUsersFileAlone)
     EXPECT_EQ(ZEVOBandwidthStatusSetActiveByUserName("alice", 1, 8, 0), -1);
     EXPECT_EQ(LastLine(), "bandwidth_status_remove.cpp:# ZEVOBandwidthStatusGet failed. "
                           "name:[alice] [0x1234 before:1]");
+    const std::string before = box.Read("user-2001");
+    Before(Call::Fsync, 1, [&] { // the transfer ends
+        EXPECT_EQ(ZEVOBandwidthStatusRemoveSection(box.Path("user-2001"), "7-1"), 1);
+    });
+    EXPECT_EQ(ZEVOBandwidthStatusSetActiveByUserName("alice", 1, 7, 0), -1);
+    ExpectSlot(0x2000, "bandwidth_status_set_section.cpp");
+    EXPECT_EQ(box.Read("user-2001").find("[7-1]"), std::string::npos) << "nothing comes back";
+    box.Write("user-2001", before);
+    (void)TakeLog();
     FailNext(Call::Fsync, EIO);
     EXPECT_EQ(ZEVOBandwidthStatusSetActiveByUserName("alice", 1, 7, 0), -1);
     EXPECT_EQ(LastLine(),

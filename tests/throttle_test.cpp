@@ -338,6 +338,33 @@ TEST_F(Throttle, AStoppedTransferIsNotSavedAndItsGroupCopiesAreGone)
     EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
+TEST_F(Throttle, AStopThatComesBesideItsOwnSaveIsNotLost)
+{
+    limits.push_back(Limit(ZEVO_BW_OWNER_GROUP, kStaff, 64));
+    Attach();
+    FiledTransfer stopped = mine;
+    stopped.active = 0;
+    for (const auto call : {Call::Read, Call::Fsync, Call::Chmod}) { // before the save's last look
+        SCOPED_TRACE(static_cast<int>(call));
+        box.Write("user-2001", mine.Text());
+        box.Write("group-3001", mine.Text());
+        Before(Call::Sleep, 1, [&] { // the reading back is over when the save begins to write
+            Before(call, call == Call::Read ? 2 : 1, [&] {
+                box.Write("stopped", stopped.Text());
+                EXPECT_EQ(std::rename(box.Path("stopped"), box.Path("user-2001")), 0);
+            });
+        });
+        EXPECT_EQ(Loop(), -1);
+        ExpectSlot(0x0300, kLoop);
+        EXPECT_EQ(box.Read("user-2001"), stopped.Text());
+        EXPECT_EQ(box.Read("group-3001"), "");
+        EXPECT_EQ(timeLast, kStart);
+        EXPECT_THAT(TakeLog(), IsEmpty());
+        standins::Reset();
+        standins::SetClock(static_cast<int64_t>(kStart));
+    }
+}
+
 TEST_F(Throttle, ATransferWithoutASectionGetsOneAndATornOneStopsNobody)
 {
     EXPECT_EQ(Loop(), 0);
@@ -375,7 +402,16 @@ TEST_F(Throttle, AFailedCallSaysWhereItFailedAndLeavesTheTime)
     status.pid = ::getpid();
     FailNext(Call::Write, ENOSPC);
     expectFailure("save info failed. [2001] [0x0B00 bandwidth_status_add_section.cpp:#]");
+    ExpectSlot(0x0B00, "bandwidth_status_add_section.cpp");
     EXPECT_EQ(box.Read("group-3001"), "") << "nobody counts on what is not saved";
+
+    // The clean-up fails as well: the copies should have been removed before the save.
+    box.Write("user-2001", mine.Text());
+    ASSERT_EQ(::unlink(box.Path("group-3001")), 0);
+    ASSERT_EQ(::mkdir(box.Path("group-3001"), 0755), 0);
+    expectFailure("ZEVOBandwidthStatusRemove failed. uid:[2001] [0x0900 "
+                  "bandwidth_status_set_section.cpp:#]");
+    ExpectSlot(0x0900, "bandwidth_status_set_section.cpp");
 }
 
 TEST_F(Throttle, AGroupThatBearsTheTransferAgainIsNeverWithoutItsCopy)

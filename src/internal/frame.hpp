@@ -1,5 +1,5 @@
 // How a function of this library fails. The only place that knows what a failure looks like: log
-// lines go to the system log at error level and begin with file and line, error codes go to the
+// lines go to the system log at error level and begin with file and line; error codes go to the
 // platform's error slot, once, where the fault was found.
 #ifndef INTERNAL_FRAME_HPP
 #define INTERNAL_FRAME_HPP
@@ -8,9 +8,16 @@
 #include "zevobandwidth.h"
 #include "zevocore.h"
 
+#include <cstdio>
+#include <cstring>
+
 #include <syslog.h>
 
 namespace bandwidth {
+
+// libc's syslog, under that one name in every build: a fortified one calls __syslog_chk otherwise.
+extern "C" void WriteLog(int priority, const char *szFormat, ...) noexcept __asm__("syslog")
+    __attribute__((format(printf, 2, 3)));
 
 // The place that a log line names and the error slot keeps.
 struct Site {
@@ -35,10 +42,10 @@ inline int FailWith(zevo::Fault fault, Site site) noexcept
     return -1;
 }
 
-// While it lives the calling thread walks over a file that strangers may write: a million sections
-// must neither fill the system log nor cost a million searches of the add-on directory. After 64
-// lines it is said once that the rest is left out, and after 64 searches no other add-on is found.
-// Of scopes within each other the outer one counts.
+// Bounds on what strangers may cost a thread that walks over a file of theirs: a million sections must
+// neither fill the system log nor cost a million searches of the add-on directory. After 64 lines one
+// more says that the rest is left out; after 64 searches no other add-on is found. Of scopes within
+// each other the outer one counts.
 class StrangersFileScope {
 public:
     explicit StrangersFileScope(const char *szFile) noexcept : szFile_(szFile)
@@ -56,13 +63,20 @@ public:
     {
         if (pCurrent == nullptr || pCurrent->linesLeft_-- > 0) return true;
         if (pCurrent->linesLeft_ == -1)
-            ::syslog(LOG_ERR, "%s:%d Too much to log about [%s], the rest is left out", site.szFile,
+            WriteLog(LOG_ERR, "%s:%d Too much to log about [%s], the rest is left out", site.szFile,
                      site.line, pCurrent->szFile_);
         return false;
     }
-    static bool MaySearch() noexcept
+    static bool MaySearch(const char *szPattern) noexcept
     {
-        return pCurrent == nullptr || pCurrent->searchesLeft_-- > 0;
+        if (pCurrent == nullptr) return true;
+        return std::strcmp(pCurrent->szMissed_, szPattern) != 0 && pCurrent->searchesLeft_-- > 0;
+    }
+    // The next search, if it is the same, is not made: most of a file's sections name one protocol.
+    static void NoteMissed(const char *szPattern) noexcept
+    {
+        if (pCurrent != nullptr)
+            (void)std::snprintf(pCurrent->szMissed_, sizeof(szMissed_), "%s", szPattern);
     }
 
 private:
@@ -71,7 +85,40 @@ private:
     const char *const szFile_;
     int64_t linesLeft_ = 64; // negative once they are used up
     int64_t searchesLeft_ = 64;
+    char szMissed_[256] = "";
 };
+
+// Cleaning up after a failure: while it lives nothing is logged, and at its end the error slot names
+// the first failure again.
+class CleanUpScope {
+public:
+    CleanUpScope() noexcept : code_(::VLIBCErrGet()), line_(::VLIBCErrorGetLine())
+    {
+        (void)std::snprintf(szFile_, sizeof(szFile_), "%s", ::VLIBCErrorGetFile());
+        ++nAlive;
+    }
+    ~CleanUpScope()
+    {
+        --nAlive;
+        ::VLIBCErrSetEx(code_, szFile_, line_);
+    }
+    CleanUpScope(const CleanUpScope &) = delete;
+    CleanUpScope &operator=(const CleanUpScope &) = delete;
+
+    static bool IsAlive() noexcept { return nAlive > 0; }
+
+private:
+    static inline thread_local int nAlive = 0; // of the calling thread
+
+    const unsigned code_;
+    const int line_;
+    char szFile_[64];
+};
+
+inline bool MayLog(Site site) noexcept
+{
+    return !CleanUpScope::IsAlive() && StrangersFileScope::MayLog(site);
+}
 
 } // namespace bandwidth
 
@@ -80,9 +127,9 @@ private:
 #define BW_HERE (::bandwidth::Site{__FILE_NAME__, __LINE__})
 
 #define BW_LOG_AT(site, fmt, ...)                                                                  \
-    (::bandwidth::StrangersFileScope::MayLog(site)                                                 \
-         ? ::syslog(LOG_ERR, "%s:%d " fmt, (site).szFile, (site).line __VA_OPT__(, ) __VA_ARGS__)  \
-         : void())
+    (::bandwidth::MayLog(site) ? ::bandwidth::WriteLog(LOG_ERR, "%s:%d " fmt, (site).szFile,       \
+                                                       (site).line __VA_OPT__(, ) __VA_ARGS__)     \
+                               : void())
 #define BW_LOG(fmt, ...) BW_LOG_AT(BW_HERE, fmt __VA_OPT__(, ) __VA_ARGS__)
 
 // The line that passes on what the error slot holds.

@@ -90,6 +90,12 @@ int SetPair(VLIB_SZ_HASH **ppHash, const void *pRecord, const ZEVO_BW_PARM *parm
         }
         szText = szNumber;
     }
+    char szCut[ZEVO_BW_FILENAME_SIZE]; // of a text field without an end
+    if (szText == pField && std::memchr(pField, '\0', row->cbField) == nullptr) {
+        (void)std::snprintf(szCut, sizeof(szCut), "%.*s", static_cast<int>(row->cbField - 1),
+                            pField);
+        szText = szCut;
+    }
     if (::VLIBCSzHashSetValue(ppHash, row->szKey, szText) < 0)
         return BW_PASS_AT(site, "Set hash value failed. key:[%s], val:[%s]. ", row->szKey, szText);
     return 0;
