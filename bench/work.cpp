@@ -317,9 +317,9 @@ Row Purging(int n)
 }
 
 // A limited transfer of a user with a rule of his own and two groups that it is charged to.
-class Transfer {
+class ThrottledTransfer {
 public:
-    explicit Transfer(std::int32_t policyState, std::uint64_t rateKBps = 1'000'000)
+    explicit ThrottledTransfer(std::int32_t policyState, std::uint64_t rateKBps = 1'000'000)
     {
         config_.uid = kUid;
         config_.iLimit = 3;
@@ -338,8 +338,8 @@ public:
         status_.id = kUid;
         status_.owner_type = ZEVO_BW_OWNER_USER;
     }
-    Transfer(const Transfer &) = delete;
-    Transfer &operator=(const Transfer &) = delete;
+    ThrottledTransfer(const ThrottledTransfer &) = delete;
+    ThrottledTransfer &operator=(const ThrottledTransfer &) = delete;
 
     // Its last block is so long ago that there is nothing to sleep off.
     int Throttle() noexcept
@@ -361,7 +361,7 @@ Row Throttling(int n)
     StatusFile groupB(ZEVO_BW_OWNER_GROUP, kFirstGid + 1, n, true);
     const std::string section(std::filesystem::file_size(groupA.path()) / static_cast<unsigned>(n),
                               ';');
-    Transfer transfer(ZEVO_BW_STATE_ENABLED);
+    ThrottledTransfer transfer(ZEVO_BW_STATE_ENABLED);
     return Measure(
         {kThrottling, n, 2.0}, [&] { Must(transfer.Throttle() == 0, "the throttle call"); },
         [&] {
@@ -405,7 +405,7 @@ Row ReadingRule(int n)
 
 // ---- calls with nothing to do ----
 
-Row Idle(const char *name, Transfer transfer)
+Row Idle(const char *name, ThrottledTransfer transfer)
 {
     constexpr double kMostUs = 2;
     return Measure(
@@ -435,7 +435,7 @@ void AllowOnlyTheClock()
          "seccomp");
 }
 
-bool MakesNoSystemCall(Transfer transfer)
+bool MakesNoSystemCall(ThrottledTransfer transfer)
 {
     const pid_t pid = ::fork();
     if (pid == 0) {
@@ -461,8 +461,8 @@ double HeapGrowth()
     StatusFile user(ZEVO_BW_OWNER_USER, kUid, 2, true);
     StatusFile groupA(ZEVO_BW_OWNER_GROUP, kFirstGid, 2, true);
     StatusFile groupB(ZEVO_BW_OWNER_GROUP, kFirstGid + 1, 2, true);
-    Transfer limited(ZEVO_BW_STATE_ENABLED);
-    Transfer unlimited(ZEVO_BW_STATE_ENABLED, 0);
+    ThrottledTransfer limited(ZEVO_BW_STATE_ENABLED);
+    ThrottledTransfer unlimited(ZEVO_BW_STATE_ENABLED, 0);
     for (int i = 0; i < 1'000; ++i) // fills what allocators keep
         Must(limited.Throttle() == 0, "the throttle call");
     const std::size_t before = ::mallinfo2().uordblks;
@@ -537,8 +537,10 @@ std::vector<Row> MeasureAll()
     if (brief) return rows;
     rows.push_back(Throttling(10'000));
     rows.push_back(ReadingRule(1'000));
-    rows.push_back(Idle("throttle call without a policy", Transfer(ZEVO_BW_STATE_NOT_EXISTED)));
-    rows.push_back(Idle("throttle call without a limit", Transfer(ZEVO_BW_STATE_ENABLED, 0)));
+    rows.push_back(
+        Idle("throttle call without a policy", ThrottledTransfer(ZEVO_BW_STATE_NOT_EXISTED)));
+    rows.push_back(
+        Idle("throttle call without a limit", ThrottledTransfer(ZEVO_BW_STATE_ENABLED, 0)));
     return rows;
 }
 
@@ -650,7 +652,7 @@ try {
         growths.push_back({state == ZEVO_BW_STATE_ENABLED
                                ? "system calls without a limit, beside the clock"
                                : "system calls without a policy, beside the clock",
-                           MakesNoSystemCall(Transfer(state, 0)) ? 0.0 : 1.0, 0});
+                           MakesNoSystemCall(ThrottledTransfer(state, 0)) ? 0.0 : 1.0, 0});
 
     if (!brief) Print(rows);
     Print(growths);

@@ -119,8 +119,9 @@ TEST_F(CppLayer, NoGroupKeepsACopyWhoeverWasChargedLast)
     const std::string staffsRule = "[group-3001]\nstate=enabled\nupload rate=200\n";
     etc.Write("bandwidth.global.conf", "[ftp]\nstate=enabled\nuser-group policy=group-only\n"
                                        "inter-group policy=max\noccupy policy=max\n");
-    const Transfer bobs{.pid = 1, .uid = kBob, .speed = kBps, .owner = "group", .id = kStaff};
-    const Transfer daves{.pid = 2, .uid = kDave, .speed = kBps, .owner = "group", .id = kStaff};
+    const FiledTransfer bobs{.pid = 1, .uid = kBob, .speed = kBps, .owner = "group", .id = kStaff};
+    const FiledTransfer daves{
+        .pid = 2, .uid = kDave, .speed = kBps, .owner = "group", .id = kStaff};
     const struct {
         const char *szWay;
         std::function<void(Upload &)> Leave;
@@ -371,7 +372,7 @@ TEST_F(CppLayer, ABlockIsFiveSecondsOfWhatIsAllowedBesideTheOthers)
     Upload upload = Begin().ValueOrThrow();
     EXPECT_EQ(upload.BlockSize(UINT64_MAX), 5 * kBps);
     EXPECT_EQ(upload.BlockSize(4096), 4096U);
-    Transfer other{.pid = 1, .uid = kBob, .speed = kBps, .owner = "group", .id = kStaff};
+    FiledTransfer other{.pid = 1, .uid = kBob, .speed = kBps, .owner = "group", .id = kStaff};
     box.Write("group-3001", box.Read("group-3001") + other.Text());
     EXPECT_TRUE(upload.Moved(1, 0));
     EXPECT_EQ(upload.AllowedBps(), kBps / 2);
@@ -402,9 +403,9 @@ TEST_F(CppLayer, RulesReadBeforehandServeWhereTheyCannotBeSeen)
 
 TEST_F(CppLayer, ARangeListsAnOwnersTransfersAndDropsStaleOnes)
 {
-    const Transfer fresh{.pid = 5, .speed = 10};
-    const Transfer down{.pid = 6, .speed = 20, .transfer = "download"};
-    const Transfer stale{.pid = 7, .timestamp = kNow - 31};
+    const FiledTransfer fresh{.pid = 5, .speed = 10};
+    const FiledTransfer down{.pid = 6, .speed = 20, .transfer = "download"};
+    const FiledTransfer stale{.pid = 7, .timestamp = kNow - 31};
     box.Write("user-2001", fresh.Text() + stale.Text() + down.Text());
 
     std::vector<int> pids;
@@ -430,7 +431,7 @@ TEST_F(CppLayer, ARangeListsAnOwnersTransfersAndDropsStaleOnes)
 
 TEST_F(CppLayer, ARangeThatCannotBeReadIsEmptyAndSaysWhy)
 {
-    box.Write("user-2001", Transfer{}.Text());
+    box.Write("user-2001", FiledTransfer{}.Text());
     FailNext(Call::Open, EACCES);
     const zevobw::Transfers transfers(ZEVO_BW_OWNER_USER, kAlice);
     EXPECT_EQ(transfers.begin(), transfers.end());

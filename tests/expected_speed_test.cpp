@@ -77,10 +77,10 @@ constexpr uint64_t kRateBps = 1'024'000;
 
 class OneRule : public LibraryTest {
 protected:
-    uint64_t Estimate(const std::vector<Transfer> &others, int32_t transferType = 1)
+    uint64_t Estimate(const std::vector<FiledTransfer> &others, int32_t transferType = 1)
     {
         std::string text;
-        for (const Transfer &other : others)
+        for (const FiledTransfer &other : others)
             text += other.Text();
         box.Write("group-3001", text);
         uint64_t speed = 99;
@@ -96,7 +96,7 @@ TEST_F(OneRule, ATransferHasWhatTheOthersLeaveAndNeverLessThanAnEqualShare)
     // pid, uid, speed, active; from the top of the file
     const struct {
         const char *szWhat;
-        std::vector<Transfer> others;
+        std::vector<FiledTransfer> others;
         uint64_t speed;
     } kRows[] = {
         {"alone", {}, kRateBps},
@@ -126,7 +126,7 @@ TEST_F(OneRule, ATransferHasWhatTheOthersLeaveAndNeverLessThanAnEqualShare)
 
 TEST_F(OneRule, OnlyTransfersOfItsProtocolAndDirectionCount)
 {
-    Transfer other{1, kBob, kRateBps};
+    FiledTransfer other{1, kBob, kRateBps};
     other.protocol = "rsync";
     EXPECT_EQ(Estimate({other}), kRateBps);
     other.protocol = "ftp";
@@ -316,9 +316,9 @@ TEST_F(AllRules, WeighingRunsOverGroupsOutOfForceToo)
 TEST_F(AllRules, OnlyACountOfOneSharesWithTheRunningTransfers)
 {
     SetRates(500, {300});
-    box.Write("user-2001", Transfer{1, kAlice, 1024 * 400}.Text());
-    box.Write("group-3001", Transfer{1, kBob, 1024 * 100}.Text() +
-                                Transfer{::getpid(), kAlice, 1024 * 300}.Text());
+    box.Write("user-2001", FiledTransfer{1, kAlice, 1024 * 400}.Text());
+    box.Write("group-3001", FiledTransfer{1, kBob, 1024 * 100}.Text() +
+                                FiledTransfer{::getpid(), kAlice, 1024 * 300}.Text());
     config.uid = kAlice;
     config.globalConf.userGroupPolicy = ZEVO_BW_USER_GROUP_POLICY_SUM;
     EXPECT_EQ(Estimate(1), 250U + 200U);

@@ -188,12 +188,12 @@ int VLIBCExec(const char *szProgram, const char *szArg1, const char *szArg2, con
     return 7;
 }
 
-std::string Transfer::Name() const
+std::string FiledTransfer::Name() const
 {
     return std::to_string(pid) + (transfer == "upload" ? "-1" : "-2");
 }
 
-std::string Transfer::Text() const
+std::string FiledTransfer::Text() const
 {
     return "[" + Name() + "]\npid=" + std::to_string(pid) + "\nid=" + std::to_string(id) +
            "\nuid=" + std::to_string(uid) + "\nactive=" + std::to_string(active) +
@@ -203,7 +203,7 @@ std::string Transfer::Text() const
            "\ntimestamp=" + std::to_string(timestamp) + "\n";
 }
 
-ZEVO_BANDWIDTH_STATUS Record(const Transfer &transfer)
+ZEVO_BANDWIDTH_STATUS Record(const FiledTransfer &transfer)
 {
     ZEVO_BANDWIDTH_STATUS status = {};
     status.pid = transfer.pid;

@@ -55,7 +55,7 @@ Lines Executed();
 } // namespace platform
 
 // A running transfer, as it stands in a status file.
-struct Transfer {
+struct FiledTransfer {
     int pid = 4711;
     uint32_t uid = kAlice;
     uint64_t speed = 1000;
@@ -72,7 +72,7 @@ struct Transfer {
     std::string Text() const; // the section
 };
 
-ZEVO_BANDWIDTH_STATUS Record(const Transfer &transfer); // its filename is "/a file"
+ZEVO_BANDWIDTH_STATUS Record(const FiledTransfer &transfer); // its filename is "/a file"
 
 // One rule in force for a configuration made by hand.
 ZEVO_BANDWIDTH_LIMIT Limit(int32_t ownerType, uint32_t id, uint64_t rateKBps);

@@ -272,9 +272,10 @@ TEST_F(SectionFile, ASectionThatIsNotThereIsToldAndNothingIsTouched)
 
 TEST_F(SectionFile, RemovingKeepsOnlyTheCommentsOfTheSection)
 {
-    Write("[a]\nk=1\n\n[b]\n# note\nk=2\njunk\n\n[c]\nk=3\n[b]\nk=4");
+    const std::string note("# note\0\n", 8);
+    Write("[a]\nk=1\n\n[b]\n" + note + "k=2\njunk\n\n[c]\nk=3\n[b]\nk=4");
     EXPECT_EQ(VLIBCFileRemoveSection(Path(), "b"), 1);
-    EXPECT_EQ(Read(), "[a]\nk=1\n\n# note\n[c]\nk=3\n");
+    EXPECT_EQ(Read(), "[a]\nk=1\n\n" + note + "[c]\nk=3\n");
 }
 
 TEST_F(SectionFile, RemovingStartsOverWhenAnotherProcessWasFaster)

@@ -39,7 +39,7 @@ using Preview = OneUser;
 
 TEST_F(Preview, GivesBothSpeedsWhateverIsRunning)
 {
-    box.Write("user-2001", Transfer{.pid = 1}.Text() + Transfer{.pid = 2}.Text());
+    box.Write("user-2001", FiledTransfer{.pid = 1}.Text() + FiledTransfer{.pid = 2}.Text());
     const std::string before = box.Read("user-2001");
     EXPECT_EQ(ZEVOBandwidthPreview(kAlice, kFtp, speeds), 0);
     EXPECT_THAT(speeds, ElementsAre(1U, 8192U, 16384U));

@@ -153,7 +153,7 @@ protected:
     }
     int Save() { return ZEVOBandwidthStatusSave(kAlice, &config, &status); }
 
-    Transfer transfer{4711, kAlice, 1001};
+    FiledTransfer transfer{4711, kAlice, 1001};
     ZEVO_BANDWIDTH_STATUS status = Record(transfer);
     ZEVO_BANDWIDTH_LIMIT limits[3] = {};
     ZEVO_BANDWIDTH_CONFIG config = {};
@@ -184,7 +184,7 @@ TEST_F(StatusSave, TheFirstOneMakesEverythingForEverybodyAndLaterOnesLeaveTheMas
 TEST_F(StatusSave, EachOccupiedGroupGetsItsShareAndTheRecordIsGivenBack)
 {
     EXPECT_EQ(Save(), 0);
-    Transfer copy = transfer;
+    FiledTransfer copy = transfer;
     copy.owner = "group";
     copy.id = kStaff;
     copy.speed = 500;

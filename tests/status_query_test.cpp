@@ -32,10 +32,10 @@ protected:
         EXPECT_EQ(::rename(box.Path("new"), Path()), 0);
     }
     const char *Path() { return box.Path("user-2001"); }
-    void Write(const std::vector<Transfer> &transfers)
+    void Write(const std::vector<FiledTransfer> &transfers)
     {
         std::string text;
-        for (const Transfer &transfer : transfers)
+        for (const FiledTransfer &transfer : transfers)
             text += transfer.Text();
         box.Write("user-2001", text);
     }
@@ -57,19 +57,19 @@ protected:
     }
 };
 
-Transfer Of(int pid, const char *szProtocol, const char *szDirection = "upload",
-            uint64_t speed = 100, uint64_t expect = 1000)
+FiledTransfer Of(int pid, const char *szProtocol, const char *szDirection = "upload",
+                 uint64_t speed = 100, uint64_t expect = 1000)
 {
-    Transfer transfer{pid, kAlice, speed};
+    FiledTransfer transfer{pid, kAlice, speed};
     transfer.protocol = szProtocol;
     transfer.transfer = szDirection;
     transfer.expect = expect;
     return transfer;
 }
 
-Transfer Aged(int pid, int64_t seconds, const char *szProtocol = "ftp")
+FiledTransfer Aged(int pid, int64_t seconds, const char *szProtocol = "ftp")
 {
-    Transfer transfer = Of(pid, szProtocol);
+    FiledTransfer transfer = Of(pid, szProtocol);
     transfer.timestamp = kNow - seconds;
     return transfer;
 }
@@ -147,7 +147,7 @@ TEST_F(Query, AMillionUnknownNamesNeitherFillTheLogNorAreSearchedFor)
 {
     Box("/usr/zevo/etc/bandwidth/addon").Make();
     etc.Write("addon/safe_21.json", "");
-    std::vector<Transfer> transfers;
+    std::vector<FiledTransfer> transfers;
     for (int pid = 1; pid <= 64; ++pid)
         transfers.push_back(Of(pid, ("unknown" + std::to_string(pid)).c_str()));
     transfers.push_back(Of(65, "safe"));

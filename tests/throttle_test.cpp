@@ -54,7 +54,7 @@ protected:
     // The section that the record stands for now.
     std::string Saved() const
     {
-        Transfer saved = mine;
+        FiledTransfer saved = mine;
         saved.speed = status.current_speed;
         saved.expect = status.expect_speed;
         saved.timestamp = status.timestamp;
@@ -62,7 +62,7 @@ protected:
         return saved.Text();
     }
 
-    const Transfer mine{::getpid()};
+    const FiledTransfer mine{::getpid()};
     std::vector<ZEVO_BANDWIDTH_LIMIT> limits;
     ZEVO_BANDWIDTH_CONFIG config = {};
     ZEVO_BANDWIDTH_STATUS status = {};
@@ -140,7 +140,7 @@ TEST_F(Throttle, ABlockIsAtMostFiveSecondsWorth)
         {1, 100, 1'048'576, 512'000}, {1, 100, 4096, 4096},           {1, 100, 512'000, 512'000},
         {1, 0, 1'048'576, 1'048'576}, {2, 100, 1'048'576, 1'048'576},
     };
-    box.Write("user-2001", Transfer{1, kAlice, 100'000}.Text());
+    box.Write("user-2001", FiledTransfer{1, kAlice, 100'000}.Text());
     standins::Reset();
     for (const auto &row : kRows) {
         config.globalConf.currentState = row.currentState;
@@ -306,7 +306,7 @@ TEST_F(Throttle, TheCopiesMoveToTheGroupsThatBearTheTransferNow)
     limits.push_back(Limit(ZEVO_BW_OWNER_GROUP, kGuests, 30));
     Attach();
     box.Write("user-2001", mine.Text());
-    const std::string other = Transfer{7, kBob, 40 * 1024}.Text();
+    const std::string other = FiledTransfer{7, kBob, 40 * 1024}.Text();
     box.Write("group-3001", other + mine.Text());
     Before(Call::Sleep, 1, [&] {
         EXPECT_EQ(box.Read("group-3001"), other + mine.Text()) << "before the sleep nothing moves";
@@ -324,7 +324,7 @@ TEST_F(Throttle, AStoppedTransferIsNotSavedAndItsGroupCopiesAreGone)
 {
     limits.push_back(Limit(ZEVO_BW_OWNER_GROUP, kStaff, 64));
     Attach();
-    Transfer stopped = mine;
+    FiledTransfer stopped = mine;
     stopped.active = 0;
     box.Write("user-2001", mine.Text());
     box.Write("group-3001", mine.Text());

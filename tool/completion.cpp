@@ -1,4 +1,4 @@
-// Nothing here fails: where something cannot be read there are fewer candidates.
+// Nothing here fails. What cannot be read is not offered.
 #include "completion.hpp"
 
 #include <grp.h>
@@ -17,7 +17,7 @@ namespace tool {
 
 namespace {
 
-// Below stand the system's own accounts, which are offered only when nobody else fits.
+// Lower ids are system accounts. They are offered only when no other account fits.
 constexpr std::uint32_t kFirstPerson = 1000;
 constexpr std::uint32_t kNobody = 65534;
 
@@ -28,7 +28,7 @@ struct Place {
     const CLI::Option *pending = nullptr; // an option that waits for its value
     std::size_t positionals = 0;          // already there
     bool onlyPositionals = false;         // after "--"
-    std::string user;                     // named by -u, whose transfers are meant
+    std::string user;                     // the value of -u
 };
 
 bool TakesValue(const CLI::Option &option)
@@ -36,35 +36,16 @@ bool TakesValue(const CLI::Option &option)
     return option.get_items_expected_min() > 0;
 }
 
-bool Has(const std::vector<std::string> &names, std::string_view name)
-{
-    return std::find(names.begin(), names.end(), name) != names.end();
-}
-
-const CLI::Option *FindLong(const CLI::App &command, std::string_view name)
-{
-    for (const CLI::Option *option : command.get_options())
-        if (Has(option->get_lnames(), name)) return option;
-    return nullptr;
-}
-
-const CLI::Option *FindShort(const CLI::App &command, char letter)
-{
-    for (const CLI::Option *option : command.get_options())
-        if (Has(option->get_snames(), {&letter, 1})) return option;
-    return nullptr;
-}
-
 const CLI::App *FindCommand(const CLI::App &command, const std::string &name)
 {
-    for (const CLI::App *child : command.get_subcommands([](const CLI::App *) { return true; }))
-        if (child->get_name() == name) return child;
-    return nullptr;
+    const auto found = command.get_subcommands(
+        [&name](const CLI::App *child) { return child->get_name() == name; });
+    return found.empty() ? nullptr : found.front();
 }
 
 void TakeValue(Place &place, const CLI::Option &option, const std::string &value)
 {
-    if (Has(option.get_lnames(), "user")) place.user = value;
+    if (option.check_lname("user")) place.user = value;
     place.pending = nullptr;
 }
 
@@ -72,8 +53,7 @@ void TakeValue(Place &place, const CLI::Option &option, const std::string &value
 void TakeLong(Place &place, const std::string &word)
 {
     const std::size_t equals = word.find('=');
-    const CLI::Option *option =
-        FindLong(*place.command, std::string_view(word).substr(2, equals - 2));
+    const CLI::Option *option = place.command->get_option_no_throw(word.substr(0, equals));
     if (option == nullptr || !TakesValue(*option)) return;
     if (equals == std::string::npos)
         place.pending = option;
@@ -85,7 +65,7 @@ void TakeLong(Place &place, const std::string &word)
 void TakeShort(Place &place, const std::string &word)
 {
     for (std::size_t i = 1; i < word.size(); ++i) {
-        const CLI::Option *option = FindShort(*place.command, word[i]);
+        const CLI::Option *option = place.command->get_option_no_throw({'-', word[i]});
         if (option == nullptr) return;
         if (!TakesValue(*option)) continue;
         if (i + 1 == word.size())
@@ -121,7 +101,7 @@ class Offer {
 public:
     explicit Offer(std::string typed) : typed_(std::move(typed)) {}
 
-    // Text that a terminal or a shell would not take as it stands is not offered.
+    // Does not offer text with characters that a terminal or a shell would not take.
     void Add(const std::string &text, const std::string &about)
     {
         if (text.starts_with(typed_) && Printable(text) == text)
@@ -129,7 +109,7 @@ public:
     }
     void AddFiles() { completion_.isFile = true; }
 
-    // What follows is offered behind this much of the word.
+    // Keeps this much of the word. The candidates replace only the rest.
     void KeepBefore(std::size_t length)
     {
         before_ += typed_.substr(0, length);
@@ -171,7 +151,7 @@ Person ToPerson(const group &entry)
     return {entry.gr_gid, entry.gr_name, "gid " + std::to_string(entry.gr_gid)};
 }
 
-// The three calls that walk over a database.
+// begin, next and end walk over a user database.
 template <void (*begin)(), auto next, void (*end)()> void OfferAll(Offer &offer, const Place &)
 {
     std::vector<Person> people;
@@ -194,7 +174,7 @@ void OfferAddons(Offer &offer, const Place &)
         if (addon.fault.empty()) offer.Add(addon.protocol.name, "");
 }
 
-// Of the user that the line names, else of all.
+// Offers the processes of the user that the line names, else of all users.
 void OfferPids(Offer &offer, const Place &place)
 {
     TransferList list;
@@ -232,7 +212,7 @@ constexpr std::array kSources = {
     Source{"FILE", OfferFiles},
 };
 
-// "{enabled,disabled,schedule}": the help itself lists the values.
+// Takes the values from the help, such as "{enabled,disabled,schedule}".
 void OfferChoices(Offer &offer, std::string_view choices)
 {
     while (!choices.empty() && choices.front() != '}') {
@@ -243,7 +223,7 @@ void OfferChoices(Offer &offer, std::string_view choices)
     }
 }
 
-// "USER|@GROUP": either, the group behind an at sign.
+// "USER|@GROUP": a user, or a group after an at sign.
 void OfferKinds(Offer &offer, const Place &place, std::string_view kinds)
 {
     while (!kinds.empty()) {
@@ -271,7 +251,7 @@ void OfferValues(Offer &offer, const Place &place, const CLI::Option &option)
     OfferKinds(offer, place, kinds);
 }
 
-// The first sentence says enough.
+// The first sentence.
 std::string Briefly(const std::string &about)
 {
     return about.substr(0, about.find(". "));
@@ -307,8 +287,7 @@ const CLI::Option *NextPositional(const Place &place)
 // "--name=value" in one word.
 void OfferAssigned(Offer &offer, const Place &place, std::size_t equals)
 {
-    const CLI::Option *option =
-        FindLong(*place.command, std::string_view(offer.typed()).substr(2, equals - 2));
+    const CLI::Option *option = place.command->get_option_no_throw(offer.typed().substr(0, equals));
     if (option == nullptr || !TakesValue(*option)) return;
     offer.KeepBefore(equals + 1);
     OfferValues(offer, place, *option);
@@ -323,7 +302,7 @@ void OfferAt(Offer &offer, const Place &place)
                                            : OfferAssigned(offer, place, equals);
     OfferCommands(offer, *place.command);
     if (const CLI::Option *option = NextPositional(place)) OfferValues(offer, place, *option);
-    // A command that wants nothing but options: they are what can follow.
+    // The command takes only options.
     if (offer.empty() && offer.typed().empty()) OfferOptions(offer, *place.command);
 }
 
@@ -336,7 +315,7 @@ Completion Complete(const CLI::App &root, const std::vector<std::string> &words)
     for (std::size_t i = 1; i + 1 < words.size(); ++i)
         Take(place, words[i]);
     std::string typed = words.size() > 1 ? words.back() : "";
-    // The sign that bash makes a word of its own stands before the value.
+    // bash makes the equals sign a word of its own.
     if (place.pending != nullptr && typed == "=") typed.clear();
     Offer offer(std::move(typed));
     OfferAt(offer, place);

@@ -1,5 +1,5 @@
-// What a shell offers for a command line that is being typed: walks the tree of commands as they
-// are declared, so that every command and option is known without being listed anywhere.
+// What a shell offers for a command line that is being typed. It walks the tree of declared
+// commands, so that no second list of commands and options is needed.
 #ifndef ZEVOBW_TOOL_COMPLETION_HPP
 #define ZEVOBW_TOOL_COMPLETION_HPP
 
@@ -11,7 +11,7 @@
 namespace tool {
 
 struct Candidate {
-    std::string text; // for the whole of the last word
+    std::string text; // replaces the whole last word
     std::string about;
 };
 
@@ -20,10 +20,10 @@ struct Completion {
     bool isFile = false; // the shell completes file names itself
 };
 
-// The command by which the scripts ask; it takes every word behind it as it stands.
+// The hidden command that the shells' scripts run. It takes every word after it as a plain word.
 inline constexpr const char *kCompleteCommand = "__complete";
 
-// words: the command line up to the cursor, the tool's own name first; the last one is being typed
+// words: the command line up to the cursor. The first is the tool's name. The last is being typed
 // and may be empty.
 Completion Complete(const CLI::App &root, const std::vector<std::string> &words);
 

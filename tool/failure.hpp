@@ -2,6 +2,7 @@
 #ifndef ZEVOBW_TOOL_FAILURE_HPP
 #define ZEVOBW_TOOL_FAILURE_HPP
 
+#include <cerrno>
 #include <stdexcept>
 #include <string>
 
@@ -16,7 +17,13 @@ enum ExitStatus {
     kFindings = 6, // 'check' has found something
 };
 
-// Thrown by a command that cannot go on: main prints the message to stderr, prefixed with the
+// The exit status after a failed system call.
+inline ExitStatus StatusOf(int error)
+{
+    return error == EACCES || error == EPERM || error == EROFS ? kNotPermitted : kFailed;
+}
+
+// Thrown by a command that cannot go on. main prints the message to standard error, after the
 // tool's name, and exits with the status. The message says what was wrong and what to do.
 class Failure : public std::runtime_error {
 public:

@@ -12,13 +12,10 @@ namespace {
 
 constexpr std::size_t kColumns = 80;
 
-// Every line but the first behind so many blanks.
+// Indents every line but the first.
 std::string Fitting(const std::string &text, std::size_t indent)
 {
-    std::string fitting;
-    for (const std::string &line : Wrapped(text, kColumns - indent))
-        fitting += (fitting.empty() ? "" : "\n" + std::string(indent, ' ')) + line;
-    return fitting;
+    return Joined(Wrapped(text, kColumns - indent), "\n" + std::string(indent, ' '));
 }
 
 std::string Reflowed(const std::string &text)
@@ -50,7 +47,7 @@ std::string HelpFormatter::make_help(const CLI::App *app, std::string name,
                                      CLI::AppFormatMode mode) const
 {
     std::string help = Formatter::make_help(app, std::move(name), mode);
-    // An option that is not shown leaves a second empty line behind.
+    // A hidden option leaves a second empty line.
     for (std::size_t at = 0; (at = help.find("\n\n\n", at)) != help.npos;)
         help.erase(at, 1);
     return help;
@@ -69,11 +66,7 @@ std::string HelpFormatter::make_footer(const CLI::App *app) const
 // The base class indents what follows a line end.
 std::string HelpFormatter::make_option_desc(const CLI::Option *option) const
 {
-    std::string text;
-    for (const std::string &line :
-         Wrapped(option->get_description(), kColumns - get_column_width()))
-        text += (text.empty() ? "" : "\n") + line;
-    return text;
+    return Joined(Wrapped(option->get_description(), kColumns - get_column_width()), "\n");
 }
 
 std::string HelpFormatter::make_subcommand(const CLI::App *command) const

@@ -1,4 +1,4 @@
-// How --help looks: no line is wider than a terminal, however long a text stands in the source.
+// How --help looks: no line is wider than 80 columns.
 #ifndef ZEVOBW_TOOL_HELP_HPP
 #define ZEVOBW_TOOL_HELP_HPP
 
@@ -8,8 +8,8 @@
 
 namespace tool {
 
-// In footers lines that begin with a blank, or end in a colon, keep their ends; all others run on
-// as one paragraph up to an empty line.
+// A footer's lines up to an empty line are one paragraph, which is wrapped anew. Lines that begin
+// with a blank stay as they are; a line that ends in a colon ends its paragraph.
 class HelpFormatter : public CLI::Formatter {
 public:
     std::string make_help(const CLI::App *app, std::string name,

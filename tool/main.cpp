@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <csignal>
 #include <exception>
-#include <iostream>
 #include <memory>
 #include <new>
 #include <sstream>
@@ -34,8 +33,8 @@ std::string Version()
            std::to_string(ZEVO_BW_VERSION_MINOR) + "." + std::to_string(ZEVO_BW_VERSION_PATCH);
 }
 
-// A file opened later must not become standard output by accident. What is opened in its stead
-// refuses what the stream is for, so that the failure shows.
+// Keeps a file that is opened later from becoming standard output by accident. The placeholder
+// refuses to be read or written, so that the failure shows.
 void KeepStandardStreamsTaken()
 {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
@@ -45,7 +44,7 @@ void KeepStandardStreamsTaken()
     }
 }
 
-// The command that was meant, as far as it was understood.
+// The innermost command that was recognised.
 const CLI::App *Innermost(const CLI::App *app)
 {
     for (;;) {
@@ -61,7 +60,7 @@ std::string FullName(const CLI::App *app)
     return parent == nullptr ? app->get_name() : FullName(parent) + " " + app->get_name();
 }
 
-// A command that does not exist is told as such rather than as one that is missing.
+// Names an unknown command, where the parser would say that a command is missing.
 std::string WhatWasWrong(const CLI::App &app, const CLI::ParseError &error)
 {
     const std::vector<std::string> rest = app.remaining(true);
@@ -87,8 +86,8 @@ int EndParsing(const CLI::App &app, const CLI::ParseError &error)
     return tool::kDone;
 }
 
-// The words behind the tool's name. "--option=" becomes two of them, of which the second is empty:
-// the reader of the command line would take the next option's name or a file for the value.
+// The words after the tool's name. "--option=" becomes two words, the second of them empty, because
+// the parser would take the next word as the value.
 std::vector<std::string> Words(int argc, char **argv)
 {
     std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
@@ -116,27 +115,17 @@ int Run(int argc, char **argv)
                "  zevobandwidth transfers\n\n"
                "Exit status: 0 done, 1 failed, 2 wrong usage, 3 not permitted, 4 no such user,\n"
                "group, protocol or transfer, 6 'check' has found something.");
-    tool::AddRuleCommand(app);
-    tool::AddPolicyCommand(app);
-    tool::AddPlanCommand(app);
-    tool::AddPreviewCommand(app);
-    tool::AddTransfersCommand(app);
-    tool::AddTopCommand(app);
-    tool::AddStopCommand(app);
-    tool::AddForgetCommand(app);
-    tool::AddPipeCommand(app);
-    tool::AddExportCommand(app);
-    tool::AddImportCommand(app);
-    tool::AddNotifyCommand(app);
-    tool::AddAddonCommand(app);
-    tool::AddCheckCommand(app);
-    tool::AddMetricsCommand(app);
-    tool::AddSimulateCommand(app);
-    tool::AddDumpCommand(app);
-    tool::AddCompletionCommand(app);
+    for (const auto add :
+         {tool::AddRuleCommand, tool::AddPolicyCommand, tool::AddPlanCommand,
+          tool::AddPreviewCommand, tool::AddTransfersCommand, tool::AddTopCommand,
+          tool::AddStopCommand, tool::AddForgetCommand, tool::AddPipeCommand,
+          tool::AddExportCommand, tool::AddImportCommand, tool::AddNotifyCommand,
+          tool::AddAddonCommand, tool::AddCheckCommand, tool::AddMetricsCommand,
+          tool::AddSimulateCommand, tool::AddDumpCommand, tool::AddCompletionCommand})
+        add(app);
     try {
         std::vector<std::string> words = Words(argc, argv);
-        std::reverse(words.begin(), words.end()); // as it wants them
+        std::reverse(words.begin(), words.end()); // the parser's order
         app.parse(std::move(words));
     } catch (const CLI::ParseError &error) {
         return EndParsing(app, error);
@@ -160,12 +149,12 @@ int Report(const std::string &message, int status)
 
 int main(int argc, char **argv)
 {
-    // The notice that limits have changed goes to every process of this name, this one included.
+    // The notice that limits have changed is sent to every process of this name, also to this one.
     std::signal(SIGHUP, SIG_IGN);
-    // A write beyond the limit of a file's size fails then, as on a full disk.
+    // So a write beyond the file-size limit fails, as on a full disk.
     std::signal(SIGXFSZ, SIG_IGN);
     KeepStandardStreamsTaken();
-    ::umask(022); // every service has to read the rules, whatever the administrator's shell says
+    ::umask(022); // every service must be able to read the rules
     try {
         return Run(argc, argv);
     } catch (const Failure &failure) {

@@ -2,11 +2,11 @@
 #include "options.hpp"
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 
 #include "command.hpp"
 #include "model/notify.hpp"
+#include "model/number.hpp"
 #include "output.hpp"
 
 namespace tool {
@@ -64,12 +64,20 @@ CLI::Option *AddProtocolOption(CLI::App &command, std::string &protocol)
         ->check(kNotEmpty);
 }
 
-void AddChoice(CLI::App &command, const std::string &name, std::string &value,
-               const std::string &type, const ZEVO_BW_ENUM_ENTRY *table, const std::string &help)
+CLI::Option *AddChoice(CLI::App &command, const std::string &name, std::string &value,
+                       const std::string &type, const ZEVO_BW_ENUM_ENTRY *table,
+                       const std::string &help)
 {
     std::vector<std::string> names = ValueNames(table);
     names.erase(std::remove(names.begin(), names.end(), "NotExisted"), names.end());
-    command.add_option(name, value, help)->type_name(type)->check(CLI::IsMember(names));
+    return command.add_option(name, value, help)->type_name(type)->check(CLI::IsMember(names));
+}
+
+void AddDirectionOption(CLI::App &command, std::string &direction)
+{
+    AddChoice(command, "-d,--direction", direction, "DIRECTION", ZEVO_BW_TRANSFER_TYPE_LIST,
+              "upload or download, as the client sees it")
+        ->required();
 }
 
 TransferFilter TransferSelection::Filter() const
@@ -91,15 +99,12 @@ void AddTransferSelection(CLI::App &command, TransferSelection &selection)
 
 namespace {
 
-constexpr double kMostSeconds = 86400;
+constexpr double kMaxSeconds = 86400;
 
 const CLI::Validator kProcessId(
-    [](const std::string &text) -> std::string {
-        pid_t pid = 0;
-        const char *const end = text.data() + text.size();
-        const auto result = std::from_chars(text.data(), end, pid);
-        if (result.ec == std::errc() && result.ptr == end && pid > 0) return "";
-        return "must be the number of a process";
+    [](const std::string &text) {
+        const bool isPid = ReadNumber<pid_t>(text).value_or(0) > 0;
+        return std::string(isPid ? "" : "must be the number of a process");
     },
     "");
 
@@ -120,12 +125,9 @@ CLI::Option *AddSecondsOption(CLI::App &command, const std::string &name, double
                               const std::string &help, double least)
 {
     const auto check = [least](const std::string &text) -> std::string {
-        double value = 0;
-        const char *const end = text.data() + text.size();
-        const auto result = std::from_chars(text.data(), end, value);
-        const bool isNumber = result.ec == std::errc() && result.ptr == end;
-        // Written so that it also refuses what is no number but called one.
-        if (isNumber && value >= least && value <= kMostSeconds) return "";
+        const double value = ReadNumber<double>(text).value_or(-1);
+        // Refuses "nan", too, which compares false with every number.
+        if (value >= least && value <= kMaxSeconds) return "";
         return "must be a number of seconds from " + std::string(least == 0 ? "0" : "0.1") +
                " to 86400";
     };

@@ -1,5 +1,5 @@
-// Printing. Everything that is stored was once written by somebody else, a file's name above all:
-// nothing of it reaches a terminal before Printable() has seen it.
+// Printing. Stored text, file names above all, comes from other people. None of it reaches a
+// terminal before Printable() has seen it.
 #include "output.hpp"
 
 #include <algorithm>
@@ -50,7 +50,7 @@ Character FirstCharacter(std::string_view text)
     return {code, length};
 }
 
-// Moves the cursor, ends the line, or shows what follows in another order than it stands in.
+// Moves the cursor, ends the line, or changes the direction of the text.
 bool IsHarmful(char32_t code)
 {
     const auto within = [code](char32_t from, char32_t to) { return code >= from && code <= to; };
@@ -199,7 +199,7 @@ std::vector<std::string> Table::Lines() const
 
 void PrintText(const std::string &lines)
 {
-    // Failures stick to the stream; FlushOutput() tells them.
+    // The stream remembers a failure; FlushOutput() reports it.
     static_cast<void>(std::fwrite(lines.data(), 1, lines.size(), stdout));
 }
 
@@ -215,8 +215,8 @@ void PrintExactLine(const std::string &line)
 
 namespace {
 
-// Escaped to ASCII: a terminal sees no control character and bytes that are no UTF-8 become U+FFFD
-// instead of an exception.
+// Escapes to ASCII, so that no control character reaches a terminal. Bytes that are no UTF-8 become
+// U+FFFD and throw no exception.
 std::string Dump(const Json &json, int indent)
 {
     return json.dump(indent, ' ', true, Json::error_handler_t::replace);
@@ -239,21 +239,36 @@ std::string JsonText(const Json &json)
     return Dump(json, -1);
 }
 
+std::string Counted(std::size_t count, const char *what)
+{
+    const bool hisses = std::string_view(what).ends_with('s');
+    return std::to_string(count) + " " + what + (count == 1 ? "" : hisses ? "es" : "s");
+}
+
+std::string Joined(const std::vector<std::string> &texts, const std::string &separator)
+{
+    std::string joined;
+    for (const std::string &text : texts)
+        joined += (&text == &texts.front() ? "" : separator) + text;
+    return joined;
+}
+
 void PrintNote(const std::string &note)
 {
-    // What it is about comes first; should that fail, FlushOutput() tells it.
+    // Print the result before the note about it. FlushOutput() reports a failure.
     static_cast<void>(std::fflush(stdout));
     const std::string line = Printable(note) + "\n";
-    static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr)); // nobody left to tell
+    static_cast<void>(
+        std::fwrite(line.data(), 1, line.size(), stderr)); // no other place to report to
 }
 
 void PrintNotes(const std::string &prefix, const std::vector<std::string> &notes)
 {
-    constexpr std::size_t kMostNotes = 20;
-    for (std::size_t i = 0; i < std::min(notes.size(), kMostNotes); ++i)
+    constexpr std::size_t kMaxNotes = 20;
+    for (std::size_t i = 0; i < std::min(notes.size(), kMaxNotes); ++i)
         PrintNote(prefix + notes[i]);
-    if (notes.size() > kMostNotes)
-        PrintNote(prefix + "and " + std::to_string(notes.size() - kMostNotes) + " more");
+    if (notes.size() > kMaxNotes)
+        PrintNote(prefix + "and " + std::to_string(notes.size() - kMaxNotes) + " more");
 }
 
 std::string Written(const StreamPrinter &print)
@@ -275,7 +290,7 @@ void FlushOutput()
     const bool failed = std::fflush(stdout) != 0 || std::ferror(stdout) != 0;
     if (!failed) return;
     const std::string reason = errno != 0 ? std::string(": ") + std::strerror(errno) : "";
-    std::clearerr(stdout); // it is told once; what is left in the buffer would fail again
+    std::clearerr(stdout); // report it once; the rest of the buffer would fail again
     ::__fpurge(stdout);
     throw Failure(kFailed,
                   "cannot write to standard output" + reason +

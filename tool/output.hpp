@@ -1,4 +1,4 @@
-// What the commands print: tables for people, JSON for programs, and stored text made harmless.
+// Output: tables for people, JSON for programs. Stored text is made harmless first.
 #ifndef ZEVOBW_TOOL_OUTPUT_HPP
 #define ZEVOBW_TOOL_OUTPUT_HPP
 
@@ -17,7 +17,7 @@ namespace tool {
 // Keys stay in the order in which the commands set them.
 using Json = nlohmann::ordered_json;
 
-// How this run prints. The options of the command line write it before the command runs.
+// How this run prints. The command line's options set it before the command runs.
 struct Style {
     bool json = false;
     bool numeric = false;  // ids instead of names of users and groups
@@ -26,8 +26,8 @@ struct Style {
 };
 Style &OutputStyle();
 
-// Standard output is a terminal that shows colors, and nobody has asked to do without: --no-color,
-// NO_COLOR, TERM=dumb.
+// Whether standard output is a terminal that shows colors. --no-color, NO_COLOR and TERM=dumb turn
+// colors off.
 bool UsesColor();
 
 enum class Color {
@@ -44,20 +44,20 @@ enum class Color {
     kOnYellow
 };
 
-// The text in that color where colors are used, else as it is. The text must be printable already.
+// The text in that color if colors are used. The text must be printable already.
 std::string Paint(Color color, const std::string &text);
 
-// Standard output is a terminal that can be drawn on, rather than one that only scrolls (TERM=dumb).
+// Whether standard output is a terminal with a movable cursor (not TERM=dumb).
 bool ControlsTerminal();
 
-// Text from a file, from a user or from another process, fit for a terminal: valid UTF-8 stays;
-// control characters (C1 and direction marks too) and bytes that are no UTF-8 become \xHH, one
-// backslash per byte. Never holds a line end.
+// Makes foreign text (from a file, a user or another process) fit for a terminal. Valid UTF-8
+// stays. Control characters (C1 and direction marks too) and bytes that are no UTF-8 become \xHH.
+// The result holds no line end.
 std::string Printable(std::string_view text);
 
 bool IsUtf8(std::string_view text);
 
-// Printable text for a terminal that shows ASCII alone: a '?' for every byte of other characters.
+// For a terminal that shows only ASCII: puts a '?' for every byte of other characters.
 std::string AsciiOnly(std::string text);
 
 // Columns that a printable text takes on a terminal.
@@ -66,13 +66,15 @@ std::size_t Width(std::string_view text);
 // The words of a text in lines of at most so many columns; a longer word has a line of its own.
 std::vector<std::string> Wrapped(std::string_view text, std::size_t columns);
 
-// Columns of text under a headline, left-aligned but for those named; the last is never padded.
-// Cells pass through Printable(). Without legend the headline is left out, and so are the titles
-// above groups of rows.
+// Columns of text under a headline. They are aligned left, except those named; the last one is not
+// padded. Cells pass through Printable(). --no-legend leaves out the headline and the titles above
+// groups of rows.
 class Table {
 public:
-    explicit Table(std::vector<std::string> headline) : rows_{std::move(headline)} {}
-    void AlignRight(std::size_t column) { right_.push_back(column); }
+    explicit Table(std::vector<std::string> headline, std::vector<std::size_t> right = {})
+        : rows_{std::move(headline)}, right_(std::move(right))
+    {
+    }
     void AddRow(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
     void AddTitle(std::string title) { rows_.push_back({std::move(title)}); }
     void Print() const;
@@ -85,7 +87,7 @@ private:
     std::string Line(const Row &row, const std::vector<std::size_t> &widths) const;
 
     std::vector<Row> rows_;
-    std::vector<std::size_t> right_;
+    std::vector<std::size_t> right_; // the columns aligned right
 };
 
 // Standard output, whole lines.
@@ -93,13 +95,19 @@ void PrintText(const std::string &lines); // with their ends
 void PrintLine(const std::string &line);
 void PrintJson(const Json &json);
 
-// A line for programs: byte for byte, but made harmless where it goes to a terminal.
+// A line for programs, byte for byte; on a terminal it is made printable.
 void PrintExactLine(const std::string &line);
 
-// A rate or a speed of which 0 is unlimited: null for that.
+// "1 transfer", "2 transfers", "2 processes".
+std::string Counted(std::size_t count, const char *what);
+
+// The texts in one, with the separator between them.
+std::string Joined(const std::vector<std::string> &texts, const std::string &separator);
+
+// A rate or a speed; null for 0, which means unlimited.
 Json LimitJson(std::uint64_t limit);
 
-// What convert() makes of each record.
+// An array of what convert() makes of each record.
 template <typename Records, typename Convert>
 Json JsonArray(const Records &records, Convert convert)
 {
@@ -109,21 +117,21 @@ Json JsonArray(const Records &records, Convert convert)
     return json;
 }
 
-// On one line, as PrintJson() escapes it.
+// The same text as PrintJson(), on one line.
 std::string JsonText(const Json &json);
 
-// A line to standard error, for what should be known beside the result.
+// Prints a line to standard error, for what is not part of the result.
 void PrintNote(const std::string &note);
 
-// The first of many such lines, each behind the prefix, and how many more there are.
+// Prints the first 20 notes, each after the prefix, and how many more there are.
 void PrintNotes(const std::string &prefix, const std::vector<std::string> &notes);
 
-// What a function of the library writes to a stream; empty when it refuses (by another result than 0).
+// What a function of the library writes to a stream; empty when it refuses (by another result than
+// 0).
 using StreamPrinter = std::function<int(FILE *)>;
 std::string Written(const StreamPrinter &print);
 
-// Throws Failure when standard output could not take everything that was printed (it is closed, or
-// its disk is full).
+// Throws Failure if standard output did not take everything (it is closed, or its disk is full).
 void FlushOutput();
 
 } // namespace tool

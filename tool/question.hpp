@@ -8,8 +8,8 @@ namespace tool {
 
 enum class Answer { kYes, kNo, kNobodyThere };
 
-// Standard error shows the question, standard input gives the answer; nobody is there unless it is
-// a terminal. Everything but "y" and "yes" is a no.
+// Prints the question to standard error and reads the answer from standard input. If that is no
+// terminal, nobody is there. Every answer but "y" and "yes" means no.
 Answer Ask(const std::string &question);
 
 } // namespace tool

@@ -158,8 +158,9 @@ bool ReadPair(std::string_view text, Line &line) noexcept
 
 LineKind Classify(std::string_view text, Line &line) noexcept
 {
-    if (text.empty() || text.find('\0') != text.npos) return LineKind::kOther;
+    if (text.empty()) return LineKind::kOther;
     if (text.front() == ';' || text.front() == '#') return LineKind::kComment;
+    if (text.find('\0') != text.npos) return LineKind::kOther;
     if (text.front() == '[') return ReadHeader(text, line) ? LineKind::kHeader : LineKind::kOther;
     return ReadPair(text, line) ? LineKind::kPair : LineKind::kOther;
 }

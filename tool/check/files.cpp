@@ -1,6 +1,6 @@
-// Nothing here is opened but through openers that follow no link, wait for nobody and take regular
-// files of bounded size only. A repair opens its file anew and makes sure that it has one name: a
-// hard link planted in the directory of transfers would hand it somebody else's file.
+// Every file is opened without following a link and without waiting, and only if it is a regular
+// file of bounded size. A repair opens its file anew and checks that it has only one name: a
+// stranger could have planted a hard link to another user's file.
 #include "check/files.hpp"
 
 #include <dirent.h>
@@ -15,12 +15,11 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <optional>
 #include <set>
 
 #include <zevocore.h>
+
 #include "base/regular_file.hpp"
-#include "base/write_file.hpp"
 
 #include "check/lines.hpp"
 #include "failure.hpp"
@@ -36,8 +35,8 @@ constexpr std::string_view kAddonDirectory = "addon";
 constexpr std::string_view kRulePrefix = "bandwidth.";
 constexpr std::string_view kRuleSuffix = ".conf";
 constexpr std::size_t kTemporaryLetters = 6;
-constexpr int kMostFaultsOfFile = 20;
-constexpr std::size_t kMostStaleSections = 10000; // forgotten at once; the rest the next time
+constexpr int kMaxFaultsOfFile = 20;
+constexpr std::size_t kMaxStaleSections = 10000; // removed by one repair
 constexpr mode_t kAllModeBits = 07777;
 constexpr mode_t kStatusDirectoryMode = 0777;
 constexpr mode_t kStatusFileMode = 0666;
@@ -51,7 +50,7 @@ std::string Octal(mode_t mode)
     return text.data();
 }
 
-// Everybody reads the limits, the administrator alone changes them.
+// Everybody reads the limits; only the administrator changes them.
 mode_t WantedOfRules(const struct stat &status)
 {
     const mode_t readable = S_ISDIR(status.st_mode) ? 0555 : 0444;
@@ -80,7 +79,7 @@ bool SetMode(const std::string &path, mode_t mode)
 
 // ---- leftovers ----
 
-// "NAME.AbCdEf", the way the writers call what they have not finished; empty for anything else.
+// NAME of "NAME.AbCdEf", a writer's temporary file; empty for any other name.
 std::string_view NameOfTemporary(std::string_view file)
 {
     const std::size_t dot = file.rfind('.');
@@ -102,7 +101,7 @@ bool RemoveLeftover(const std::string &path)
     struct stat now {};
     if (place.fault() || ::fstatat(place.dir(), place.name(), &now, AT_SYMLINK_NOFOLLOW) != 0)
         return errno == ENOENT;
-    errno = EBUSY; // somebody has it in hand again
+    errno = EBUSY; // a writer uses it again
     return S_ISREG(now.st_mode) && IsOld(now) && ::unlinkat(place.dir(), place.name(), 0) == 0;
 }
 
@@ -117,7 +116,14 @@ bool RemoveSections(const std::string &path, const std::vector<std::string> &sec
 
 class LookOver {
 public:
-    std::vector<Finding> Run();
+    std::vector<Finding> Run()
+    {
+        for (const Protocol &protocol : KnownProtocols())
+            protocols_.insert(protocol.name);
+        CheckRuleDirectory();
+        CheckStatusDirectory();
+        return std::move(findings_);
+    }
 
 private:
     using WantedMode = mode_t (*)(const struct stat &);
@@ -127,242 +133,220 @@ private:
     };
 
     Finding &Add(const std::string &file, int line, const std::string &what,
-                 const std::string &remedy);
-    void CheckMode(const std::string &path, const struct stat &status, WantedMode wanted);
-    bool CheckDirectory(const std::string &path, WantedMode wanted);
-    std::vector<Entry> List(const std::string &path);
-    bool CheckTemporary(const std::string &path, const struct stat &status);
-    bool ReadFile(const std::string &path, const struct stat &status, zevo::Bytes &text);
-    void CheckRuleDirectory();
-    void CheckAddons(const std::string &directory);
-    void CheckRuleFile(const std::string &path, const Entry &entry);
-    void CheckRuleText(const std::string &path, std::string_view protocol, std::string_view text);
-    void HintAtPolicy(const std::string &path, std::int32_t protocol);
-    void CheckStatusDirectory();
-    void CheckStatusFile(const std::string &path, const Entry &entry);
-    // Tells the first faults of a file and counts the others.
-    TellFault Teller(const std::string &path);
+                 const std::string &remedy)
+    {
+        findings_.push_back({file, line, what, remedy, false, {}, false});
+        return findings_.back();
+    }
+
+    void CheckOwner(const std::string &path, const struct stat &status)
+    {
+        if (status.st_uid != 0)
+            Add(path, 0, "it belongs to the user with the id " + std::to_string(status.st_uid),
+                "chown root " + path);
+    }
+
+    void CheckMode(const std::string &path, const struct stat &status, WantedMode wanted)
+    {
+        const mode_t mode = status.st_mode & kAllModeBits;
+        const mode_t right = wanted(status);
+        if (mode == right) return;
+        Add(path, 0, "its mode is " + Octal(mode) + " instead of " + Octal(right),
+            "chmod " + Octal(right) + " " + path)
+            .repair = [path, right] { return SetMode(path, right); };
+    }
+
+    // True when it is a directory.
+    bool CheckDirectory(const std::string &path, WantedMode wanted)
+    {
+        struct stat status {};
+        if (::lstat(path.c_str(), &status) != 0) {
+            if (errno == ENOENT || errno == ENOTDIR) return false; // made when it is needed
+            throw Failure(kNotPermitted, "not permitted to look at " + path + ": " +
+                                             std::strerror(errno) +
+                                             "; run this command as an administrator (root)");
+        }
+        if (!S_ISDIR(status.st_mode)) {
+            Add(path, 0, "it is no directory, so nothing works that needs it",
+                "remove it: it is made anew when it is needed");
+            return false;
+        }
+        CheckOwner(path, status);
+        CheckMode(path, status, wanted);
+        return true;
+    }
+
+    // Sorted by name, without hidden files.
+    std::vector<Entry> Entries(const std::string &path)
+    {
+        std::vector<Entry> entries;
+        const zevo::Place place((path + "/.").c_str());
+        zevo::Fd opened;
+        if (!place.fault()) opened = zevo::OpenAt(place.dir(), ".", O_RDONLY | O_DIRECTORY);
+        DIR *const directory = opened ? ::fdopendir(opened.get()) : nullptr;
+        if (directory == nullptr)
+            throw Failure(StatusOf(errno), "cannot read " + path + ": " + std::strerror(errno));
+        static_cast<void>(opened.Detach()); // the directory's own now
+        const std::unique_ptr<DIR, int (*)(DIR *)> guard(directory, &::closedir);
+        while (const dirent *entry = ::readdir(directory)) {
+            Entry found{entry->d_name, {}};
+            if (found.name.front() != '.' && ::fstatat(::dirfd(directory), entry->d_name,
+                                                       &found.status, AT_SYMLINK_NOFOLLOW) == 0)
+                entries.push_back(std::move(found));
+        }
+        std::sort(entries.begin(), entries.end(),
+                  [](const Entry &a, const Entry &b) { return a.name < b.name; });
+        return entries;
+    }
+
+    // True for a writer's temporary file, also if the writer may still be at work.
+    bool CheckTemporary(const std::string &path, const struct stat &status)
+    {
+        if (!S_ISREG(status.st_mode)) return false;
+        if (IsOld(status))
+            Add(path, 0, "a temporary file that its process has left behind", "rm " + path).repair =
+                [path] { return RemoveLeftover(path); };
+        return true;
+    }
+
+    // True when it is a regular file that could be read.
+    bool ReadFile(const std::string &path, const struct stat &status, zevo::Bytes &text)
+    {
+        if (!S_ISREG(status.st_mode)) {
+            Add(path, 0, "it is no regular file, and nobody reads it", "remove it");
+            return false;
+        }
+        const zevo::Place place(path.c_str());
+        const zevo::RegularFile file(place, O_RDONLY);
+        if (!file.fault() && !file.ReadWhole(text)) return true;
+        if (errno == EACCES)
+            throw Failure(kNotPermitted, "not permitted to read " + path +
+                                             "; run this command as an administrator (root)");
+        if (errno != ENOENT) // it may have been replaced meanwhile
+            Add(path, 0, std::string("it cannot be read: ") + std::strerror(errno), "remove it");
+        return false;
+    }
+
+    void CheckRuleDirectory()
+    {
+        std::string directory = ConfPath(ZEVO_BW_PROTOCOL_ALL);
+        directory.erase(directory.rfind('/'));
+        if (!CheckDirectory(directory, WantedOfRules)) return;
+        for (const Entry &entry : Entries(directory)) {
+            const std::string path = directory + "/" + entry.name;
+            if (entry.name == kAddonDirectory) {
+                if (CheckDirectory(path, WantedOfRules)) CheckAddons(path);
+            } else if (entry.name.starts_with(kRulePrefix)) {
+                const bool isTemporary = NameOfTemporary(entry.name).ends_with(kRuleSuffix);
+                if (isTemporary && CheckTemporary(path, entry.status)) continue;
+                if (entry.name.ends_with(kRuleSuffix)) CheckRuleFile(path, entry);
+            }
+        }
+    }
+
+    // Only the names of these files count.
+    void CheckAddons(const std::string &directory)
+    {
+        for (const Addon &addon : AddonFiles())
+            if (!addon.fault.empty())
+                Add(directory + "/" + addon.file, 0,
+                    "an add-on that cannot be used: " + addon.fault, addon.remedy);
+    }
+
+    void CheckRuleFile(const std::string &path, const Entry &entry)
+    {
+        zevo::Bytes text;
+        if (!ReadFile(path, entry.status, text)) return;
+        CheckOwner(path, entry.status);
+        CheckMode(path, entry.status, WantedOfRules);
+        std::string_view protocol = entry.name;
+        protocol.remove_prefix(std::min(kRulePrefix.size(), protocol.size()));
+        protocol.remove_suffix(std::min(kRuleSuffix.size(), protocol.size()));
+        CheckRuleText(path, protocol, text.view());
+    }
+
+    void CheckRuleText(const std::string &path, std::string_view protocol, std::string_view text)
+    {
+        if (path == ConfPath(ZEVO_BW_PROTOCOL_ALL))
+            return CheckPolicies(text, protocols_, Teller(path));
+        if (!protocols_.contains(std::string(protocol))) {
+            Add(path, 0, "rules of an unknown protocol",
+                "put the add-on's file back ('zevobandwidth addon list'), or remove this one");
+            return;
+        }
+        const std::int32_t number = FindProtocol(std::string(protocol));
+        if (CheckRules(text, number, protocols_, Teller(path))) HintAtPolicy(path, number);
+    }
+
+    void HintAtPolicy(const std::string &path, std::int32_t protocol)
+    {
+        ZEVO_BANDWIDTH_GLOBAL_CONF policy{};
+        if (ZEVOBandwidthGlobalConfGet(protocol, &policy) != 0 ||
+            policy.state != ZEVO_BW_STATE_NOT_EXISTED)
+            return;
+        const std::string name = ProtocolName(protocol);
+        Add(path, 0, "its rules do not bear: " + name + " has no policy",
+            "zevobandwidth policy set -p " + name)
+            .isHint = true;
+    }
+
+    void CheckStatusDirectory()
+    {
+        const std::string directory = ZEVO_BW_STATUS_DIRECTORY;
+        if (!CheckDirectory(directory, WantedOfTransfers)) return;
+        for (const Entry &entry : Entries(directory)) {
+            const std::string path = directory + "/" + entry.name;
+            if (ParseOwner(NameOfTemporary(entry.name)) && CheckTemporary(path, entry.status))
+                continue;
+            if (ParseOwner(entry.name))
+                CheckStatusFile(path, entry);
+            else
+                Add(path, 0, "the file belongs to nobody", "remove it");
+        }
+    }
+
+    void CheckStatusFile(const std::string &path, const Entry &entry)
+    {
+        zevo::Bytes text;
+        if (!ReadFile(path, entry.status, text)) return;
+        CheckMode(path, entry.status, WantedOfTransfers);
+        std::vector<std::string> stale;
+        int first = 0;
+        CheckTransfers(text.view(), protocols_, std::time(nullptr), Teller(path),
+                       [&](int line, const std::string &section) {
+                           first = stale.empty() ? line : first;
+                           if (stale.size() < kMaxStaleSections) stale.push_back(section);
+                       });
+        if (stale.empty()) return;
+        const bool isOne = stale.size() == 1;
+        Add(path, first,
+            (isOne ? "a transfer that has"
+                   : std::to_string(stale.size()) + " transfers that have") +
+                " ended without signing off: [" + stale.front() + (isOne ? "]" : "] and so on"),
+            "zevobandwidth check --repair; listing the transfers forgets them too")
+            .repair = [path, stale] { return RemoveSections(path, stale); };
+    }
+
+    // Reports the first faults of a file and counts the others.
+    TellFault Teller(const std::string &path)
+    {
+        faultsOfFile_ = 0;
+        return [this, path](int line, const std::string &what, const std::string &remedy) {
+            ++faultsOfFile_;
+            if (faultsOfFile_ <= kMaxFaultsOfFile) Add(path, line, what, remedy);
+            if (faultsOfFile_ == kMaxFaultsOfFile + 1)
+                Add(path, line, "further faults are not told", "mend those above first");
+        };
+    }
 
     std::vector<Finding> findings_;
     std::set<std::string> protocols_;
     int faultsOfFile_ = 0;
 };
 
-Finding &LookOver::Add(const std::string &file, int line, const std::string &what,
-                       const std::string &remedy)
-{
-    findings_.push_back({file, line, what, remedy, false, {}, false});
-    return findings_.back();
-}
-
-TellFault LookOver::Teller(const std::string &path)
-{
-    faultsOfFile_ = 0;
-    return [this, path](int line, const std::string &what, const std::string &remedy) {
-        ++faultsOfFile_;
-        if (faultsOfFile_ <= kMostFaultsOfFile) Add(path, line, what, remedy);
-        if (faultsOfFile_ == kMostFaultsOfFile + 1)
-            Add(path, line, "further faults are not told", "mend those above first");
-    };
-}
-
-void LookOver::CheckMode(const std::string &path, const struct stat &status, WantedMode wanted)
-{
-    const mode_t mode = status.st_mode & kAllModeBits;
-    const mode_t right = wanted(status);
-    if (mode == right) return;
-    Add(path, 0, "its mode is " + Octal(mode) + " instead of " + Octal(right),
-        "chmod " + Octal(right) + " " + path)
-        .repair = [path, right] { return SetMode(path, right); };
-}
-
-// True when it is there and can be gone into.
-bool LookOver::CheckDirectory(const std::string &path, WantedMode wanted)
-{
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) {
-        if (errno == ENOENT || errno == ENOTDIR) return false; // made when it is needed
-        throw Failure(kNotPermitted, "not permitted to look at " + path + ": " +
-                                         std::strerror(errno) +
-                                         "; run this command as an administrator (root)");
-    }
-    if (!S_ISDIR(status.st_mode)) {
-        Add(path, 0, "it is no directory, so nothing works that needs it",
-            "remove it: it is made anew when it is needed");
-        return false;
-    }
-    if (status.st_uid != 0)
-        Add(path, 0, "it belongs to the user with the id " + std::to_string(status.st_uid),
-            "chown root " + path);
-    CheckMode(path, status, wanted);
-    return true;
-}
-
-// Without hidden ones, by name.
-std::vector<LookOver::Entry> LookOver::List(const std::string &path)
-{
-    std::vector<Entry> entries;
-    const zevo::Place place((path + "/.").c_str());
-    zevo::Fd opened;
-    if (!place.fault()) opened = zevo::OpenAt(place.dir(), ".", O_RDONLY | O_DIRECTORY);
-    DIR *const directory = opened ? ::fdopendir(opened.get()) : nullptr;
-    if (directory == nullptr)
-        throw Failure(errno == EACCES ? kNotPermitted : kFailed,
-                      "cannot read " + path + ": " + std::strerror(errno));
-    static_cast<void>(opened.Detach()); // the directory's own now
-    const std::unique_ptr<DIR, int (*)(DIR *)> guard(directory, &::closedir);
-    while (const dirent *entry = ::readdir(directory)) {
-        Entry found{entry->d_name, {}};
-        if (found.name.front() != '.' &&
-            ::fstatat(::dirfd(directory), entry->d_name, &found.status, AT_SYMLINK_NOFOLLOW) == 0)
-            entries.push_back(std::move(found));
-    }
-    std::sort(entries.begin(), entries.end(),
-              [](const Entry &a, const Entry &b) { return a.name < b.name; });
-    return entries;
-}
-
-// True for a leftover of a writer, also one that may still be at work.
-bool LookOver::CheckTemporary(const std::string &path, const struct stat &status)
-{
-    if (!S_ISREG(status.st_mode)) return false;
-    if (IsOld(status))
-        Add(path, 0, "a temporary file that its process has left behind", "rm " + path).repair =
-            [path] { return RemoveLeftover(path); };
-    return true;
-}
-
-// True when it is a regular file that could be read.
-bool LookOver::ReadFile(const std::string &path, const struct stat &status, zevo::Bytes &text)
-{
-    if (!S_ISREG(status.st_mode)) {
-        Add(path, 0, "it is no regular file, and nobody reads it", "remove it");
-        return false;
-    }
-    const zevo::Place place(path.c_str());
-    const zevo::RegularFile file(place, O_RDONLY);
-    if (!file.fault() && !file.ReadWhole(text)) return true;
-    if (errno == EACCES)
-        throw Failure(kNotPermitted, "not permitted to read " + path +
-                                         "; run this command as an administrator (root)");
-    if (errno != ENOENT) // it may have been replaced meanwhile
-        Add(path, 0, std::string("it cannot be read: ") + std::strerror(errno), "remove it");
-    return false;
-}
-
 // ---- rules and policies ----
 
-void LookOver::CheckRuleDirectory()
-{
-    std::string directory = ConfPath(ZEVO_BW_PROTOCOL_ALL);
-    directory.erase(directory.rfind('/'));
-    if (!CheckDirectory(directory, WantedOfRules)) return;
-    for (const Entry &entry : List(directory)) {
-        const std::string path = directory + "/" + entry.name;
-        if (entry.name == kAddonDirectory) {
-            if (CheckDirectory(path, WantedOfRules)) CheckAddons(path);
-        } else if (entry.name.starts_with(kRulePrefix)) {
-            const bool isTemporary = NameOfTemporary(entry.name).ends_with(kRuleSuffix);
-            if (isTemporary && CheckTemporary(path, entry.status)) continue;
-            if (entry.name.ends_with(kRuleSuffix)) CheckRuleFile(path, entry);
-        }
-    }
-}
-
-// Of each only the name counts.
-void LookOver::CheckAddons(const std::string &directory)
-{
-    for (const Addon &addon : AddonFiles())
-        if (!addon.fault.empty())
-            Add(directory + "/" + addon.file, 0, "an add-on that cannot be used: " + addon.fault,
-                addon.remedy);
-}
-
-void LookOver::CheckRuleFile(const std::string &path, const Entry &entry)
-{
-    zevo::Bytes text;
-    if (!ReadFile(path, entry.status, text)) return;
-    if (entry.status.st_uid != 0)
-        Add(path, 0, "it belongs to the user with the id " + std::to_string(entry.status.st_uid),
-            "chown root " + path);
-    CheckMode(path, entry.status, WantedOfRules);
-    std::string_view protocol = entry.name;
-    protocol.remove_prefix(std::min(kRulePrefix.size(), protocol.size()));
-    protocol.remove_suffix(std::min(kRuleSuffix.size(), protocol.size()));
-    CheckRuleText(path, protocol, text.view());
-}
-
-void LookOver::CheckRuleText(const std::string &path, std::string_view protocol,
-                             std::string_view text)
-{
-    if (path == ConfPath(ZEVO_BW_PROTOCOL_ALL))
-        return CheckPolicies(text, protocols_, Teller(path));
-    if (!protocols_.contains(std::string(protocol))) {
-        Add(path, 0, "rules of an unknown protocol",
-            "put the add-on's file back ('zevobandwidth addon list'), or remove this one");
-        return;
-    }
-    const std::int32_t number = FindProtocol(std::string(protocol));
-    if (CheckRules(text, number, protocols_, Teller(path))) HintAtPolicy(path, number);
-}
-
-void LookOver::HintAtPolicy(const std::string &path, std::int32_t protocol)
-{
-    ZEVO_BANDWIDTH_GLOBAL_CONF policy{};
-    if (ZEVOBandwidthGlobalConfGet(protocol, &policy) != 0 ||
-        policy.state != ZEVO_BW_STATE_NOT_EXISTED)
-        return;
-    const std::string name = ProtocolName(protocol);
-    Add(path, 0, "its rules do not bear: " + name + " has no policy",
-        "zevobandwidth policy set -p " + name)
-        .isHint = true;
-}
-
 // ---- running transfers ----
-
-void LookOver::CheckStatusDirectory()
-{
-    const std::string directory = ZEVO_BW_STATUS_DIRECTORY;
-    if (!CheckDirectory(directory, WantedOfTransfers)) return;
-    for (const Entry &entry : List(directory)) {
-        const std::string path = directory + "/" + entry.name;
-        if (ParseOwner(NameOfTemporary(entry.name)) && CheckTemporary(path, entry.status)) continue;
-        if (ParseOwner(entry.name))
-            CheckStatusFile(path, entry);
-        else
-            Add(path, 0, "the file belongs to nobody", "remove it");
-    }
-}
-
-void LookOver::CheckStatusFile(const std::string &path, const Entry &entry)
-{
-    zevo::Bytes text;
-    if (!ReadFile(path, entry.status, text)) return;
-    CheckMode(path, entry.status, WantedOfTransfers);
-    std::vector<std::string> stale;
-    int first = 0;
-    CheckTransfers(text.view(), protocols_, std::time(nullptr), Teller(path),
-                   [&](int line, const std::string &section) {
-                       first = stale.empty() ? line : first;
-                       if (stale.size() < kMostStaleSections) stale.push_back(section);
-                   });
-    if (stale.empty()) return;
-    const bool isOne = stale.size() == 1;
-    Add(path, first,
-        (isOne ? "a transfer that has" : std::to_string(stale.size()) + " transfers that have") +
-            " ended without signing off: [" + stale.front() + (isOne ? "]" : "] and so on"),
-        "zevobandwidth check --repair; listing the transfers forgets them too")
-        .repair = [path, stale] { return RemoveSections(path, stale); };
-}
-
-std::vector<Finding> LookOver::Run()
-{
-    for (const Protocol &protocol : KnownProtocols())
-        protocols_.insert(protocol.name);
-    CheckRuleDirectory();
-    CheckStatusDirectory();
-    return std::move(findings_);
-}
 
 } // namespace
 

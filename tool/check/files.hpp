@@ -1,5 +1,5 @@
-// Looks over everything that limits are made of: the directory of rules and policies, and that of
-// running transfers, in which every local user can leave what he likes.
+// Checks the directory of rules and policies, and the directory of running transfers, where every
+// local user can leave any file.
 #ifndef ZEVOBW_TOOL_CHECK_FILES_HPP
 #define ZEVOBW_TOOL_CHECK_FILES_HPP
 
@@ -15,8 +15,8 @@ struct Finding {
     std::string what;
     std::string remedy;
     bool isHint = false; // worth knowing, and nothing is wrong
-    // Does what the remedy says, on this very file: follows no link and leaves both directories
-    // never. False when that failed (errno tells). Empty where judgement is asked for.
+    // Does what the remedy says. Follows no link and stays in the two directories. False when it
+    // failed (errno tells). Empty where a person has to decide.
     std::function<bool()> repair;
     bool isRepaired = false;
 };

@@ -1,15 +1,16 @@
-// The readers of these files pass over what they do not understand; this one tells it. What a line means
-// the platform's reader decides: it reads each line by itself, as a section of a scratch file.
+// The readers of these files ignore what they do not understand. This check reports it. The
+// platform's reader decides what a line means: it reads each line as a section of its own in a
+// scratch file.
 #include "check/lines.hpp"
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <map>
 #include <optional>
 #include <sstream>
 #include <vector>
 
+#include "model/number.hpp"
 #include "model/plan.hpp"
 #include "model/scratch_file.hpp"
 #include "model/section.hpp"
@@ -94,23 +95,14 @@ constexpr std::array kNamedKeys = {
     NamedKey{"occupy policy", ZEVO_BW_OCCUPY_POLICY_LIST},
 };
 
-std::optional<std::uint64_t> Number(const std::string &text)
-{
-    std::uint64_t number = 0;
-    const char *const end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, number);
-    if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
-    return number;
-}
-
 bool IsNameOf(const ZEVO_BW_ENUM_ENTRY *table, const std::string &name)
 {
     const std::vector<std::string> names = ValueNames(table);
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// What is wrong with the value, as a sentence goes on after it; empty when nothing is. sample: a value
-// that the library has written.
+// What is wrong with the value, such as "is no number"; empty when nothing is. sample: a value of
+// this key that the library wrote.
 std::string FaultOf(std::string_view key, const std::string &value, const std::string &sample,
                     const std::set<std::string> &protocols)
 {
@@ -120,7 +112,8 @@ std::string FaultOf(std::string_view key, const std::string &value, const std::s
     if (key == "schedule plan" && !value.empty() && !HasWholePlan(value))
         return "has " + std::to_string(value.size()) + " characters instead of " +
                std::to_string(kHoursOfWeek);
-    return Number(sample) && !Number(value) ? "is no number" : "";
+    return ReadNumber<std::uint64_t>(sample) && !ReadNumber<std::uint64_t>(value) ? "is no number"
+                                                                                  : "";
 }
 
 // "\"state\" is no name known here: \"on\""
@@ -143,6 +136,8 @@ std::string UnknownName(const Keys &keys, const VLIB_SZ_HASH &section)
 
 // ---- the walk ----
 
+constexpr const char *kNobodysSection = "the section belongs to nobody: [";
+constexpr const char *kMendSection = "correct its name or remove it in an editor";
 constexpr const char *kMendLine = "correct or remove the line in an editor";
 constexpr std::size_t kLinesAtOnce = 1000;
 
@@ -161,17 +156,20 @@ bool IsPassedOver(std::string_view line)
            line.front() == '#';
 }
 
-// Goes through a file and tells what is wrong with single lines. What sections mean is up to those
-// who derive from it.
+// Walks over the lines of a file and reports what is wrong with each. The caller sets begin, pair,
+// end.
 class Walk {
 public:
     Walk(const Keys &keys, const std::set<std::string> &protocols, const TellFault &tell)
         : keys_(keys), protocols_(protocols), tell_(tell)
     {
     }
-    virtual ~Walk() = default;
-    Walk(const Walk &) = delete;
-    Walk &operator=(const Walk &) = delete;
+
+    // Called at a header. False: the section belongs to nobody, and its pairs are not checked.
+    std::function<bool(const std::string &section)> begin;
+    std::function<void(const std::string &key, const std::string &value)> pair = [](auto...) {};
+    // Called at the end of a section.
+    std::function<void()> end = [] {};
 
     void Run(std::string_view text)
     {
@@ -184,20 +182,18 @@ public:
             Take(lines);
             lines.clear();
         }
-        End();
+        end();
     }
 
-protected:
-    // True when the section belongs to somebody: else its pairs are nobody's business.
-    virtual bool Begin(const std::string &section) = 0;
-    virtual void Pair(const std::string & /*key*/, const std::string & /*value*/) {}
-    virtual void End() {} // of the section before the next one begins, and of the file
-
     void Tell(const std::string &what, const std::string &remedy) { tell_(line_, what, remedy); }
-    const std::set<std::string> &protocols() const { return protocols_; }
     int line() const { return line_; }
     // Only the first section of a name is ever read.
-    bool IsSecond(const std::string &section) { return !seen_.insert(section).second; }
+    void TellIfSecond(const std::string &section)
+    {
+        if (!seen_.insert(section).second)
+            Tell("a second section of this name, which is never read: [" + section + "]",
+                 kMendSection);
+    }
 
 private:
     void Take(const std::vector<Line> &lines)
@@ -219,11 +215,12 @@ private:
         }
     }
 
-    // A name is told without its quotes. One that a protocol has may need escapes.
+    // Takes the quotes off a name. An add-on's name may have escapes, so it is compared by the
+    // platform.
     void TakeHeader(std::string_view text)
     {
         constexpr std::string_view kAround = " \t\"";
-        End();
+        end();
         const std::string_view inside = text.substr(1, text.rfind(']') - 1);
         const std::size_t first = std::min(inside.find_first_not_of(kAround), inside.size());
         section_ = inside.substr(first, inside.find_last_not_of(kAround) + 1 - first);
@@ -231,7 +228,7 @@ private:
             if (VLIBCIFileMatchSection(text.data(), static_cast<int>(text.size()),
                                        protocol.c_str()) == 1)
                 section_ = protocol;
-        isKnown_ = Begin(section_);
+        isKnown_ = begin(section_);
     }
 
     void TakePair()
@@ -243,14 +240,14 @@ private:
             const std::string fault = FaultOf(key, value, sample, protocols_);
             if (!fault.empty())
                 Tell("section [" + section_ + "]: " + FaultText(key, fault, value), kMendLine);
-            return Pair(key, value);
+            return pair(key, value);
         }
         const std::string text = TextOf(pair_);
-        const std::string pair = text.substr(text.find('\n') + 1);
-        if (pair.empty())
+        const std::string rest = text.substr(text.find('\n') + 1);
+        if (rest.empty())
             Tell("the line is no section, setting or comment, and is passed over", kMendLine);
         else if (isKnown_)
-            Tell("section [" + section_ + "]: unknown setting \"" + pair.substr(0, pair.find('=')) +
+            Tell("section [" + section_ + "]: unknown setting \"" + rest.substr(0, rest.find('=')) +
                      "\"",
                  kMendLine);
     }
@@ -265,130 +262,17 @@ private:
     Hash pair_ = NewHash(); // of the line in turn
 };
 
-constexpr const char *kSecondSection = "a second section of this name, which is never read: [";
-constexpr const char *kNobodysSection = "the section belongs to nobody: [";
-constexpr const char *kMendSection = "correct its name or remove it in an editor";
-
-class RuleWalk : public Walk {
-public:
-    RuleWalk(std::int32_t protocol, const std::set<std::string> &protocols, const TellFault &tell)
-        : Walk(RuleKeys(), protocols, tell), protocol_(protocol)
-    {
-    }
-    bool hasRules() const { return hasRules_; }
-
-protected:
-    bool Begin(const std::string &section) override
-    {
-        const auto owner = ParseOwner(section);
-        if (!owner)
-            Tell(kNobodysSection + section + "]", kMendSection);
-        else if (IsSecond(section))
-            Tell(kSecondSection + section + "]", kMendSection);
-        hasRules_ = hasRules_ || owner;
-        owner_ = owner;
-        if (owner) expected_ = RuleKeys(*owner, protocol_);
-        return owner.has_value();
-    }
-
-    void Pair(const std::string &key, const std::string &value) override
-    {
-        // A rule that was cleared is none, whoever's it was.
-        if (key == "state" && value != "NotExisted" && !IsKnown(*owner_))
-            TellUnknown(OwnerById(owner_->type, owner_->account.id));
-        const bool isOwners = key == "id" || key == "owner type" || key == "protocol type";
-        if (isOwners && expected_[key] != value)
-            Tell("\"" + key + "\" contradicts the section and its file: \"" + value +
-                     "\" instead of \"" + expected_[key] + "\"",
-                 kMendLine);
-    }
-
-private:
-    void TellUnknown(const Owner &owner)
-    {
-        Tell("the rule of an unknown " + OwnerText(owner),
-             "zevobandwidth rule clear " + RuleOptions(owner, protocol_));
-    }
-
-    const std::int32_t protocol_;
-    decltype(ParseOwner("")) owner_; // of the section
-    bool hasRules_ = false;
-    Keys expected_; // what the library would write for it
-};
-
-class PolicyWalk : public Walk {
-public:
-    PolicyWalk(const std::set<std::string> &protocols, const TellFault &tell)
-        : Walk(PolicyKeys(), protocols, tell)
-    {
-    }
-
-protected:
-    bool Begin(const std::string &section) override
-    {
-        const bool isKnown = protocols().contains(section);
-        if (!isKnown)
-            Tell("the policy of an unknown protocol: [" + section + "]",
-                 "put the add-on's file back ('zevobandwidth addon list'), or remove the section");
-        else if (IsSecond(section))
-            Tell(kSecondSection + section + "]", kMendSection);
-        return isKnown;
-    }
-};
-
 // "4711-1": a process and a direction.
 bool IsTransferSection(const std::string &section)
 {
     const std::size_t dash = section.rfind('-');
     if (dash == section.npos) return false;
-    const auto pid = Number(section.substr(0, dash));
-    const auto direction = Number(section.substr(dash + 1));
+    const auto pid = ReadNumber<std::uint64_t>(section.substr(0, dash));
+    const auto direction = ReadNumber<std::uint64_t>(section.substr(dash + 1));
     if (!pid || !direction) return false;
     return (*direction == ZEVO_BW_TRANSFER_UPLOAD || *direction == ZEVO_BW_TRANSFER_DOWNLOAD) &&
            std::to_string(*pid) + "-" + std::to_string(*direction) == section;
 }
-
-class TransferWalk : public Walk {
-public:
-    TransferWalk(const std::set<std::string> &protocols, std::time_t now, const TellFault &tell,
-                 const std::function<void(int, const std::string &)> &stale)
-        : Walk(TransferKeys(), protocols, tell), now_(static_cast<std::uint64_t>(now)),
-          stale_(stale)
-    {
-    }
-
-protected:
-    bool Begin(const std::string &section) override
-    {
-        section_.clear();
-        if (IsTransferSection(section)) {
-            section_ = section;
-            begin_ = line();
-            savedAt_ = 0;
-            return true;
-        }
-        Tell(kNobodysSection + section + "]", "remove the file: running transfers write it anew");
-        return false;
-    }
-
-    void Pair(const std::string &key, const std::string &value) override
-    {
-        if (key == "timestamp") savedAt_ = Number(value).value_or(0);
-    }
-
-    void End() override
-    {
-        if (!section_.empty() && savedAt_ + ZEVO_BW_STALE_AFTER_SECONDS < now_)
-            stale_(begin_, section_);
-    }
-
-private:
-    const std::uint64_t now_;
-    const std::function<void(int, const std::string &)> &stale_;
-    std::string section_; // empty outside of one
-    int begin_ = 0;
-    std::uint64_t savedAt_ = 0; // seconds; one that does not say when counts as stale
-};
 
 } // namespace
 
@@ -405,22 +289,83 @@ std::string UnknownNameInPolicy(const VLIB_SZ_HASH &section)
 bool CheckRules(std::string_view text, std::int32_t protocol,
                 const std::set<std::string> &protocols, const TellFault &tell)
 {
-    RuleWalk walk(protocol, protocols, tell);
+    Walk walk(RuleKeys(), protocols, tell);
+    bool hasRules = false;
+    Owner owner;   // of the section
+    Keys expected; // what the library would write for that owner
+    walk.begin = [&](const std::string &section) {
+        const auto named = ParseOwner(section);
+        if (!named) {
+            walk.Tell(kNobodysSection + section + "]", kMendSection);
+            return false;
+        }
+        walk.TellIfSecond(section);
+        hasRules = true;
+        owner = *named;
+        expected = RuleKeys(owner, protocol);
+        return true;
+    };
+    walk.pair = [&](const std::string &key, const std::string &value) {
+        // A rule that was cleared counts as none.
+        if (key == "state" && value != "NotExisted" && !IsKnown(owner)) {
+            const Owner unknown = OwnerById(owner.type, owner.account.id);
+            walk.Tell("the rule of an unknown " + OwnerText(unknown),
+                      "zevobandwidth rule clear " + RuleOptions(unknown, protocol));
+        }
+        const bool isOwners = key == "id" || key == "owner type" || key == "protocol type";
+        if (isOwners && expected[key] != value)
+            walk.Tell("\"" + key + "\" contradicts the section and its file: \"" + value +
+                          "\" instead of \"" + expected[key] + "\"",
+                      kMendLine);
+    };
     walk.Run(text);
-    return walk.hasRules();
+    return hasRules;
 }
 
 void CheckPolicies(std::string_view text, const std::set<std::string> &protocols,
                    const TellFault &tell)
 {
-    PolicyWalk(protocols, tell).Run(text);
+    Walk walk(PolicyKeys(), protocols, tell);
+    walk.begin = [&](const std::string &section) {
+        const bool isKnown = protocols.contains(section);
+        if (isKnown)
+            walk.TellIfSecond(section);
+        else
+            walk.Tell("the policy of an unknown protocol: [" + section + "]",
+                      "put the add-on's file back ('zevobandwidth addon list'), or remove the "
+                      "section");
+        return isKnown;
+    };
+    walk.Run(text);
 }
 
 void CheckTransfers(std::string_view text, const std::set<std::string> &protocols, std::time_t now,
                     const TellFault &tell,
                     const std::function<void(int line, const std::string &section)> &stale)
 {
-    TransferWalk(protocols, now, tell, stale).Run(text);
+    Walk walk(TransferKeys(), protocols, tell);
+    std::string transfer; // its section; empty outside of one
+    int firstLine = 0;
+    std::uint64_t savedAt = 0; // seconds; a transfer that does not say when counts as stale
+    walk.begin = [&](const std::string &section) {
+        const bool isTransfer = IsTransferSection(section);
+        transfer = isTransfer ? section : "";
+        firstLine = walk.line();
+        savedAt = 0;
+        if (!isTransfer)
+            walk.Tell(kNobodysSection + section + "]",
+                      "remove the file: running transfers write it anew");
+        return isTransfer;
+    };
+    walk.pair = [&](const std::string &key, const std::string &value) {
+        if (key == "timestamp") savedAt = ReadNumber<std::uint64_t>(value).value_or(0);
+    };
+    walk.end = [&] {
+        if (!transfer.empty() &&
+            savedAt + ZEVO_BW_STALE_AFTER_SECONDS < static_cast<std::uint64_t>(now))
+            stale(firstLine, transfer);
+    };
+    walk.Run(text);
 }
 
 } // namespace tool

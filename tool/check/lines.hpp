@@ -1,8 +1,8 @@
-// What is wrong with the text of a rule file, the global file or a status file, which was read whole.
+// What is wrong with the text of a rule file, the global file or a status file, which was read
+// whole.
 #ifndef ZEVOBW_TOOL_CHECK_LINES_HPP
 #define ZEVOBW_TOOL_CHECK_LINES_HPP
 
-#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <functional>
@@ -14,8 +14,8 @@
 
 namespace tool {
 
-// A name of a state or a policy in a section's pairs that nobody knows, and that a reader takes for
-// the default: "\"state\" is no name known here: \"on\""; empty when there is none.
+// The first unknown name among a section's values, which a reader would replace by a default:
+// "\"state\" is no name known here: \"on\"". Empty when all are known.
 std::string UnknownNameInRule(const VLIB_SZ_HASH &section);
 std::string UnknownNameInPolicy(const VLIB_SZ_HASH &section);
 
@@ -30,7 +30,7 @@ bool CheckRules(std::string_view text, std::int32_t protocol,
 void CheckPolicies(std::string_view text, const std::set<std::string> &protocols,
                    const TellFault &tell);
 
-// Sections that are stale at the moment are no faults: they are handed to stale.
+// A stale section is no fault: it is handed to stale().
 void CheckTransfers(std::string_view text, const std::set<std::string> &protocols, std::time_t now,
                     const TellFault &tell,
                     const std::function<void(int line, const std::string &section)> &stale);

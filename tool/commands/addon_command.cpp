@@ -1,9 +1,7 @@
-// "addon": protocols beyond the built-in ones, each announced by a file.
+// "addon": the protocols that files in the add-on directory announce.
 #include <array>
 #include <memory>
 #include <string>
-
-#include <zevocore.h>
 
 #include "command.hpp"
 #include "model/names.hpp"
@@ -18,8 +16,7 @@ void ListAddons()
 {
     const std::vector<Addon> addons = AddonFiles();
     Json json = Json::array();
-    Table table({"NAME", "NUMBER", "FILE", "STATE"});
-    table.AlignRight(1);
+    Table table({"NAME", "NUMBER", "FILE", "STATE"}, {1});
     for (const Addon &addon : addons) {
         const bool hasName = addon.protocol.number != 0;
         json.push_back({{"name", hasName ? Json(addon.protocol.name) : Json(nullptr)},

@@ -1,4 +1,4 @@
-// "check": whether the files that limits are made of are sound, and what to do where they are not.
+// "check": finds faults in the files of limits and transfers, says what to do, and repairs some.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -86,7 +86,7 @@ void Check(const CheckArguments &arguments)
         !arguments.doesRepair &&
         std::any_of(findings.begin(), findings.end(), [](const Finding &f) { return !!f.repair; });
     if (left != 0)
-        throw Failure(kFindings, std::to_string(left) + (left == 1 ? " finding" : " findings") +
+        throw Failure(kFindings, Counted(static_cast<std::size_t>(left), "finding") +
                                      (helps ? "; 'zevobandwidth check --repair' removes leftovers "
                                               "and sets modes"
                                             : ""));

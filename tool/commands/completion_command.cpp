@@ -1,8 +1,7 @@
-// "completion": the scripts that teach a shell to complete this tool. They are thin: at each key the
-// shell asks the tool itself what fits, through a command that help does not show.
+// "completion": the scripts that complete this tool's command line in a shell. At each key the
+// script asks the tool itself what fits, by a hidden command.
 #include <array>
 #include <memory>
-#include <string_view>
 
 #include "command.hpp"
 #include "completion.hpp"
@@ -13,11 +12,11 @@ namespace tool {
 
 namespace {
 
-// What the scripts know of the answer: a line is a candidate, with a tab and a word about it behind
-// it; an empty candidate asks for the names of files.
+// The answer has a line for each candidate, with its description after a tab. An empty candidate
+// asks for file names.
 //
-// Quotes and backslashes of the line are dropped rather than understood: nothing typed so far may
-// be run. What is inserted is quoted, unless the word has an open quote already.
+// The scripts drop quotes and backslashes of the typed line and never evaluate it. They quote what
+// they insert, unless the word has an open quote.
 constexpr char kBash[] = R"SCRIPT(# bash completion for zevobandwidth: source this file
 _zevobandwidth() {
     local line word words=() current=${COMP_WORDS[COMP_CWORD]}
@@ -99,7 +98,7 @@ void PrintCompletion(const CLI::App &root, const std::vector<std::string> &words
     if (completion.isFile) PrintLine("");
 }
 
-// Takes every word as it stands, options too: the first, the tool's own name, is none.
+// Takes every word, also an option, as a plain word.
 void AddComplete(CLI::App &app)
 {
     CLI::App *command = app.add_subcommand(kCompleteCommand, "");

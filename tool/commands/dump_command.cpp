@@ -1,12 +1,12 @@
-// "dump": the library's own fixed tables, for programs that read them, byte for byte. As JSON the
-// same records are told as the other commands tell them.
+// "dump": the library's own tables of fixed width, byte for byte, for programs that read them. With
+// --json the same records, as the other commands print them.
 #include <array>
 #include <memory>
 #include <vector>
 
 #include "command.hpp"
-#include "model/policy_text.hpp"
-#include "model/rule_text.hpp"
+#include "model/limit_book.hpp"
+#include "model/texts.hpp"
 #include "model/transfer_list.hpp"
 #include "options.hpp"
 #include "output.hpp"
@@ -20,7 +20,7 @@ struct DumpArguments {
     std::string protocol;
 };
 
-// One call, one line; the library ends it itself.
+// Each call prints one line with its end.
 bool Emit(const StreamPrinter &print)
 {
     std::string line = Written(print);
@@ -32,7 +32,7 @@ bool Emit(const StreamPrinter &print)
 
 void EmitHeader(int (*print)(FILE *))
 {
-    if (!OutputStyle().noLegend) static_cast<void>(Emit(print)); // refuses no stream but none
+    if (!OutputStyle().noLegend) static_cast<void>(Emit(print));
 }
 
 // The library has no line for an owner that the user database does not know.
@@ -68,21 +68,7 @@ std::vector<StoredRule> ChosenRules(const DumpArguments &arguments, int &failure
     return rules;
 }
 
-// Fills in the rates in force, which the table shows.
-void Evaluate(std::vector<StoredRule> &rules)
-{
-    for (StoredRule &stored : rules) {
-        ZEVO_BANDWIDTH_LIMIT limit = {};
-        limit.conf = stored.rule;
-        ZEVO_BANDWIDTH_CONFIG config = {};
-        config.pLimit = &limit;
-        config.iLimit = 1;
-        static_cast<void>(ZEVOBandwidthInitConfig(&config, 0)); // says whether it is on a schedule
-        stored.rule = limit.conf;
-    }
-}
-
-// With the rates in force, which only the evaluated rule knows.
+// With the rates of this hour, which only an evaluated rule has.
 Json EvaluatedToJson(const StoredRule &stored)
 {
     const auto &[owner, rule] = stored;
@@ -108,7 +94,8 @@ void DumpRules(const DumpArguments &arguments)
 {
     int failures = 0;
     std::vector<StoredRule> rules = ChosenRules(arguments, failures);
-    Evaluate(rules);
+    for (StoredRule &stored : rules)
+        stored.rule = EvaluatedNow(stored.rule); // the table shows the rates of this hour
     Omissions omissions(failures);
     if (OutputStyle().json)
         PrintJson(JsonArray(rules, EvaluatedToJson));
@@ -137,7 +124,7 @@ void DumpPolicies(const DumpArguments &arguments)
 
 // ---- transfers ----
 
-// The record again, as far as its line shows it.
+// The fields of the record that its line shows.
 std::unique_ptr<ZEVO_BANDWIDTH_STATUS> ToRecord(const RunningTransfer &transfer)
 {
     auto record = std::make_unique<ZEVO_BANDWIDTH_STATUS>();
@@ -181,8 +168,7 @@ void PrintTransferTable(const TransferList &list, Omissions &omissions)
 void DumpTransfers(const DumpArguments &arguments)
 {
     const TransferList list = ChosenTransfers(arguments);
-    for (const std::string &complaint : list.complaints())
-        PrintNote("zevobandwidth: " + complaint);
+    list.PrintComplaints();
     Omissions omissions(static_cast<int>(list.complaints().size()), list.status());
     if (OutputStyle().json)
         PrintJson(JsonArray(list.all(), [](const auto &transfer) { return ToJson(transfer); }));

@@ -1,5 +1,5 @@
-// "export": all rules and policies as one JSON text, which import takes: what it would refuse, and
-// what would become something else on the way, is told now, while it can still be mended.
+// "export": all rules and policies as one JSON text for import. What import would refuse or change
+// is reported now, while the administrator can still correct it.
 #include <memory>
 #include <set>
 
@@ -17,7 +17,7 @@ namespace {
 
 using Faults = std::vector<std::string>;
 
-// The record of such a section holds a default, which the copy would turn into what was meant.
+// The library reads an unknown name as a default, which the export would then hold.
 void AddUnknownNames(const std::vector<std::int32_t> &protocols, Faults &faults)
 {
     std::set<std::string> names;
@@ -75,11 +75,10 @@ void Export(const std::string &file)
         for (const auto &[line, text] : ConfigFromText(config.text).faults)
             faults.push_back(config.sources.at(line) + ": " + text);
     PrintNotes("zevobandwidth: ", faults);
-    failures += static_cast<int>(faults.size());
-    // An incomplete copy would be found out when it is needed.
-    if (failures != 0)
-        throw Failure(kFailed, "nothing was exported: mend the " + std::to_string(failures) +
-                                   (failures == 1 ? " fault" : " faults") +
+    const std::size_t all = faults.size() + static_cast<std::size_t>(failures);
+    // Nobody would notice an incomplete copy before it is needed.
+    if (all != 0)
+        throw Failure(kFailed, "nothing was exported: mend the " + Counted(all, "fault") +
                                    " first, in an editor or by setting the rule or policy anew");
     if (file == "-") return PrintLine(config.text);
     WriteWholeFile(file, config.text + "\n");

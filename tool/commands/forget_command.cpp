@@ -1,11 +1,10 @@
-// "forget": takes transfers off the list without asking them to end. Meant for what dead processes
-// have left behind before it goes stale by itself; a process that is still there would be listed
-// again with its next block, and until then the others would take its part of the limit.
+// "forget": removes transfers from the status files without ending them. It is meant for what dead
+// processes have left behind. A process that still runs is listed again with its next block; until
+// then the others take its part of the limit.
 #include <algorithm>
 #include <memory>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "command.hpp"
 #include "model/section.hpp"
@@ -20,13 +19,7 @@ namespace {
 
 using Pids = std::set<pid_t>;
 
-std::string Count(std::size_t count)
-{
-    return std::to_string(count) + (count == 1 ? " process" : " processes");
-}
-
-// Sections of the user's own file that no listing shows, for they do not parse, bear the process in
-// their name all the same.
+// The processes in the names of the sections. A listing leaves out sections that it cannot read.
 Pids PidsOfSections(const std::string &path)
 {
     Pids pids;
@@ -41,14 +34,13 @@ Pids PidsOfSections(const std::string &path)
     return pids;
 }
 
-// His own file and those of all groups.
+// From the user's own file and the files of all groups.
 TransferList ReadCopies(const Account &user)
 {
     TransferList list;
     list.Read(ZEVO_BW_OWNER_USER, user.id);
     list.ReadAll(ZEVO_BW_OWNER_GROUP);
-    for (const std::string &complaint : list.complaints())
-        PrintNote("zevobandwidth: " + complaint);
+    list.PrintComplaints();
     return list;
 }
 
@@ -61,7 +53,7 @@ Pids FindPids(const Account &user, const TransferList &list, pid_t only)
     return pids;
 }
 
-// The library knows the groups the user is in now; a copy may lie with one that he has left.
+// The library clears the groups that the user is in now. A former group may still have a copy.
 void RemoveFromOtherGroups(const Account &user, const Pids &pids)
 {
     TransferList list;
@@ -74,7 +66,7 @@ void RemoveFromOtherGroups(const Account &user, const Pids &pids)
     }
 }
 
-// status: what the failure ends with unless it turns out to be for want of permission.
+// status: the exit status of a failure, unless permission is missing.
 void Remove(const Account &user, const Pids &pids, ExitStatus status)
 {
     for (const pid_t pid : pids) {
@@ -91,13 +83,14 @@ void Remove(const Account &user, const Pids &pids, ExitStatus status)
     RemoveFromOtherGroups(user, pids);
 }
 
-// Takes those that are still there out of pids, unless they are meant too. Returns how many.
+// Takes running processes out of pids, unless the person agrees. Returns how many.
 std::size_t SpareRunning(Pids &pids, bool yes, bool mayAsk)
 {
     Pids running;
     std::copy_if(pids.begin(), pids.end(), std::inserter(running, running.end()), IsAlive);
     if (running.empty() || yes) return 0;
-    if (mayAsk && Ask(Count(running.size()) + " still running. Forget those too?") == Answer::kYes)
+    if (mayAsk && Ask(Counted(running.size(), "process") + " still running. Forget those too?") ==
+                      Answer::kYes)
         return 0;
     std::erase_if(pids, [&](pid_t pid) { return running.contains(pid); });
     return running.size();
@@ -111,11 +104,13 @@ void Report(const Account &user, const Pids &pids, std::size_t spared, bool isDr
                    {"forgotten", pids},
                    {"running", spared}});
     else if (!pids.empty())
-        PrintLine(Printable("user " + ShownName(user) + ": the transfers of " + Count(pids.size()) +
+        PrintLine(Printable("user " + ShownName(user) + ": the transfers of " +
+                            Counted(pids.size(), "process") +
                             (isDryRun ? " would be forgotten" : " forgotten")));
     if (spared == 0) return;
-    const std::string text = Count(spared) + " still running and left on the list; end the "
-                                             "transfers with 'zevobandwidth stop', or add --yes";
+    const std::string text = Counted(spared, "process") +
+                             " still running and left on the list; end the "
+                             "transfers with 'zevobandwidth stop', or add --yes";
     if (pids.empty()) throw Failure(kFailed, text);
     PrintNote("note: " + text);
 }

@@ -1,5 +1,5 @@
-// "import": takes the rules and policies of an exported file over. Everything is checked before
-// anything is written, and what has been written is put back when a later step fails.
+// "import": stores the rules and policies of an exported file. Everything is checked first. If a
+// write fails, all files are put back as they were.
 #include <signal.h>
 #include <unistd.h>
 
@@ -8,18 +8,15 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <optional>
 #include <set>
 #include <tuple>
 
 #include "base/descriptor.hpp"
-
 #include "command.hpp"
 #include "model/config_json.hpp"
-#include "model/file_backup.hpp"
-#include "model/policy_text.hpp"
 #include "model/rate.hpp"
-#include "model/rule_text.hpp"
+#include "model/texts.hpp"
+#include "model/whole_file.hpp"
 #include "options.hpp"
 #include "output.hpp"
 
@@ -70,15 +67,15 @@ Configuration ReadConfiguration(const std::string &file)
     const std::size_t faults = configuration.faults.size();
     PrintRemarks("zevobandwidth: " + (file == "-" ? "" : file + ", "), configuration.faults);
     if (faults != 0)
-        throw Failure(kFailed, "nothing was imported: mend the " + std::to_string(faults) +
-                                   (faults == 1 ? " fault" : " faults") + " first");
+        throw Failure(kFailed,
+                      "nothing was imported: mend the " + Counted(faults, "fault") + " first");
     PrintRemarks("note: ", configuration.notes);
     return configuration;
 }
 
 // ---- what would change ----
 
-// A field in words; two that differ may read alike, such as two plans.
+// A field in words. Two different plans may have the same text, so exact is compared.
 struct FieldText {
     std::string label;
     std::string text;
@@ -110,22 +107,72 @@ template <typename Record> std::string Differences(const Record &old, const Reco
 {
     const std::vector<FieldText> before = Fields(old);
     const std::vector<FieldText> after = Fields(now);
-    std::string text;
+    std::vector<std::string> differences;
     for (std::size_t i = 0; i < before.size(); ++i) {
         if (before[i].exact == after[i].exact) continue;
-        text += (text.empty() ? "" : ", ") + before[i].label + " ";
-        text +=
-            before[i].text == after[i].text ? "another" : before[i].text + " → " + after[i].text;
+        const bool isAlike = before[i].text == after[i].text;
+        differences.push_back(before[i].label + " " +
+                              (isAlike ? "another" : before[i].text + " → " + after[i].text));
     }
-    return text;
+    return Joined(differences, ", ");
 }
 
-// What an import would do, and in words what that changes.
+// What an import changes.
 class Changes {
 public:
-    void AddPolicies(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies);
-    void AddRules(const std::vector<StoredRule> &rules);
-    void Print(bool isDryRun) const;
+    void AddPolicies(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies)
+    {
+        for (const auto &stored : ReadPolicies()) // those that are in the file are subtracted below
+            kept_ += stored.state == ZEVO_BW_STATE_NOT_EXISTED ? 0 : 1;
+        for (const auto &policy : policies) {
+            const ZEVO_BANDWIDTH_GLOBAL_CONF old = ReadPolicy(policy.protocolType);
+            const bool isStored = old.state != ZEVO_BW_STATE_NOT_EXISTED;
+            kept_ -= isStored ? 1 : 0;
+            if (Compare("policy of " + ProtocolName(policy.protocolType), isStored ? &old : nullptr,
+                        policy, isStored ? ToJson(old) : Json(nullptr), ToJson(policy),
+                        "policy of " + OneLine(policy)))
+                policies_.push_back(policy);
+        }
+    }
+
+    void AddRules(const std::vector<StoredRule> &rules)
+    {
+        const auto key = [](const ZEVO_BANDWIDTH_CONF &rule) {
+            return std::tuple(rule.protocolType, rule.ownerType, rule.id);
+        };
+        int failures = 0; // reported by ReadRules(); such a rule is replaced
+        std::map<std::tuple<std::int32_t, std::int32_t, std::uint32_t>, ZEVO_BANDWIDTH_CONF> stored;
+        for (const auto &[owner, rule] : ReadRules(ProtocolsToList(""), failures))
+            stored.emplace(key(rule), rule);
+        kept_ += static_cast<int>(stored.size()) + failures;
+        for (const auto &[owner, rule] : rules) {
+            const auto found = stored.find(key(rule));
+            const ZEVO_BANDWIDTH_CONF *const old = found == stored.end() ? nullptr : &found->second;
+            kept_ -= old == nullptr ? 0 : 1;
+            const std::string name = OwnerText(owner) + ", " + ProtocolName(rule.protocolType);
+            if (Compare(name, old, rule, old == nullptr ? Json(nullptr) : ToJson(owner, *old),
+                        ToJson(owner, rule), OneLine(owner, rule)))
+                rules_.push_back(rule);
+        }
+    }
+
+    void Print(bool isDryRun) const
+    {
+        if (OutputStyle().json)
+            return PrintJson({{"added", added_},
+                              {"changed", changed_},
+                              {"unchanged", unchanged_},
+                              {"kept", kept_},
+                              {"differences", differences_}});
+        for (const std::string &line : lines_)
+            PrintLine(Printable(line));
+        if (OutputStyle().noLegend) return;
+        PrintLine(std::to_string(added_) + (isDryRun ? " would be added, " : " added, ") +
+                  std::to_string(changed_) + " changed; " + std::to_string(unchanged_) +
+                  " unchanged; " + std::to_string(kept_) +
+                  " stored ones are not in the file and stay");
+    }
+
     const auto &policies() const { return policies_; }
     const auto &rules() const { return rules_; }
 
@@ -133,7 +180,20 @@ private:
     // True when there is something to write. old is null for what is not stored yet.
     template <typename Record>
     bool Compare(const std::string &name, const Record *old, const Record &now, const Json &oldJson,
-                 const Json &nowJson, const std::string &nowLine);
+                 const Json &nowJson, const std::string &nowLine)
+    {
+        const std::string difference = old == nullptr ? "" : Differences(*old, now);
+        if (old != nullptr && difference.empty()) {
+            ++unchanged_;
+            return false;
+        }
+        ++(old == nullptr ? added_ : changed_);
+        const char *const change = old == nullptr ? "added" : "changed";
+        lines_.push_back(std::string(change) + ": " +
+                         (old == nullptr ? nowLine : name + ": " + difference));
+        differences_.push_back({{"change", change}, {"from", oldJson}, {"to", nowJson}});
+        return true;
+    }
 
     std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies_; // those to be written
     std::vector<ZEVO_BANDWIDTH_CONF> rules_;
@@ -145,79 +205,9 @@ private:
     std::vector<std::string> lines_;
 };
 
-template <typename Record>
-bool Changes::Compare(const std::string &name, const Record *old, const Record &now,
-                      const Json &oldJson, const Json &nowJson, const std::string &nowLine)
-{
-    const std::string difference = old == nullptr ? "" : Differences(*old, now);
-    if (old != nullptr && difference.empty()) {
-        ++unchanged_;
-        return false;
-    }
-    ++(old == nullptr ? added_ : changed_);
-    const char *const change = old == nullptr ? "added" : "changed";
-    lines_.push_back(std::string(change) + ": " +
-                     (old == nullptr ? nowLine : name + ": " + difference));
-    differences_.push_back({{"change", change}, {"from", oldJson}, {"to", nowJson}});
-    return true;
-}
-
-void Changes::AddPolicies(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies)
-{
-    for (const auto &stored : ReadPolicies()) // one that is in the file takes itself off again
-        kept_ += stored.state == ZEVO_BW_STATE_NOT_EXISTED ? 0 : 1;
-    for (const auto &policy : policies) {
-        const ZEVO_BANDWIDTH_GLOBAL_CONF old = ReadPolicy(policy.protocolType);
-        const bool isStored = old.state != ZEVO_BW_STATE_NOT_EXISTED;
-        kept_ -= isStored ? 1 : 0;
-        if (Compare("policy of " + ProtocolName(policy.protocolType), isStored ? &old : nullptr,
-                    policy, isStored ? ToJson(old) : Json(nullptr), ToJson(policy),
-                    "policy of " + OneLine(policy)))
-            policies_.push_back(policy);
-    }
-}
-
-void Changes::AddRules(const std::vector<StoredRule> &rules)
-{
-    const auto key = [](const ZEVO_BANDWIDTH_CONF &rule) {
-        return std::tuple(rule.protocolType, rule.ownerType, rule.id);
-    };
-    int failures = 0; // told by ReadRules(); such a rule is replaced like one that is not there
-    std::map<std::tuple<std::int32_t, std::int32_t, std::uint32_t>, ZEVO_BANDWIDTH_CONF> stored;
-    for (const auto &[owner, rule] : ReadRules(ProtocolsToList(""), failures))
-        stored.emplace(key(rule), rule);
-    kept_ += static_cast<int>(stored.size()) + failures;
-    for (const auto &[owner, rule] : rules) {
-        const auto found = stored.find(key(rule));
-        const ZEVO_BANDWIDTH_CONF *const old = found == stored.end() ? nullptr : &found->second;
-        kept_ -= old == nullptr ? 0 : 1;
-        const std::string name = OwnerText(owner) + ", " + ProtocolName(rule.protocolType);
-        if (Compare(name, old, rule, old == nullptr ? Json(nullptr) : ToJson(owner, *old),
-                    ToJson(owner, rule), OneLine(owner, rule)))
-            rules_.push_back(rule);
-    }
-}
-
-void Changes::Print(bool isDryRun) const
-{
-    if (OutputStyle().json)
-        return PrintJson({{"added", added_},
-                          {"changed", changed_},
-                          {"unchanged", unchanged_},
-                          {"kept", kept_},
-                          {"differences", differences_}});
-    for (const std::string &line : lines_)
-        PrintLine(Printable(line));
-    if (OutputStyle().noLegend) return;
-    PrintLine(std::to_string(added_) + (isDryRun ? " would be added, " : " added, ") +
-              std::to_string(changed_) + " changed; " + std::to_string(unchanged_) +
-              " unchanged; " + std::to_string(kept_) + " stored ones are not in the file and stay");
-}
-
 // ---- writing ----
 
-// An interrupt waits until the rules are whole: asked for between two writes, obeyed at the end of
-// this object's life.
+// Holds interrupts back while it lives. Between two writes ThrowIfPending() looks for one.
 class HeldInterrupts {
 public:
     HeldInterrupts()
@@ -264,18 +254,17 @@ Backups BackUp(const Changes &changes)
     return backups;
 }
 
-// Tells it at once: with an interrupt waiting there is no later.
+// Reports at once, because a held interrupt ends the process soon.
 void PutBack(const Backups &backups, const std::string &why)
 {
-    std::string lost;
+    std::vector<std::string> lost;
     for (const auto &backup : backups)
-        if (!backup->PutBack())
-            lost += (lost.empty() ? "" : ", ") + backup->path() + ": " + std::strerror(errno);
+        if (!backup->PutBack()) lost.push_back(backup->path() + ": " + std::strerror(errno));
     PrintNote("zevobandwidth: " + why);
     if (!lost.empty())
         throw Failure(kFailed, "the import has failed midway and these files could not be put "
                                "back: " +
-                                   lost);
+                                   Joined(lost, ", "));
     PrintNote("zevobandwidth: the import has failed midway; what was there has been put back, and "
               "nothing is changed");
 }

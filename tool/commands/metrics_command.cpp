@@ -26,8 +26,7 @@ struct Label {
 };
 using Labels = std::vector<Label>;
 
-// What breaks the line is escaped as the format has it. Printable() has made everything else valid
-// UTF-8 before.
+// Escapes quotes and backslashes as the format wants it. Printable() has escaped everything else.
 std::string Quoted(const std::string &value)
 {
     std::string text = "\"";
@@ -46,7 +45,7 @@ std::string Text(const Labels &labels)
     return text.empty() ? text : text + "}";
 }
 
-// One name with its samples. Samples of the same labels add up: a scraper refuses a second one.
+// A metric with its samples. Samples with the same labels are added, because scrapers refuse two.
 class Family {
 public:
     Family(std::string name, std::string help) : name_(std::move(name)), help_(std::move(help)) {}
@@ -57,6 +56,7 @@ public:
         sample.labels = labels;
         sample.sum = value > UINT64_MAX - sample.sum ? UINT64_MAX : sample.sum + value;
     }
+
     // A speed, of which 0 means unlimited.
     void AddAllowed(const Labels &labels, std::uint64_t speedBps)
     {
@@ -100,17 +100,87 @@ private:
 
 class Metrics {
 public:
-    void AddPolicies();
-    void AddRules();
-    void AddTransfers(std::int32_t ownerType);
+    void AddPolicies()
+    {
+        for (const ZEVO_BANDWIDTH_GLOBAL_CONF &policy : ReadPolicies()) {
+            enabled_.Add({{"protocol", ProtocolName(policy.protocolType)}},
+                         LimitsApply(policy) ? 1 : 0);
+            policies_.emplace(policy.protocolType, policy);
+        }
+    }
+
+    void AddRules()
+    {
+        for (const StoredRule &stored : ReadRules(ProtocolsToList(""), failures_))
+            AddRule(stored);
+    }
+
+    void AddTransfers(std::int32_t ownerType)
+    {
+        const bool isUser = ownerType == ZEVO_BW_OWNER_USER;
+        TransferList list;
+        list.ReadAll(ownerType);
+        for (const RunningTransfer &transfer : list.all()) {
+            const Labels labels = {{isUser ? "user" : "group", OwnerName(transfer)},
+                                   {isUser ? "uid" : "gid", std::to_string(transfer.ownerId)},
+                                   {"protocol", ProtocolOf(transfer)},
+                                   {"direction", DirectionOf(transfer)}};
+            (isUser ? userCount_ : groupCount_).Add(labels, 1);
+            (isUser ? userSpeed_ : groupSpeed_).Add(labels, transfer.speedBps);
+            (isUser ? userAllowed_ : groupAllowed_).AddAllowed(labels, transfer.allowedBps);
+        }
+        list.PrintComplaints();
+        failures_ += static_cast<int>(list.complaints().size());
+        if (list.status() == kNotPermitted) status_ = kNotPermitted;
+    }
+
     int failures() const noexcept { return failures_; }
     ExitStatus status() const noexcept { return status_; } // when there are any
-    std::string Exposition() const;
-    Json ToJson() const;
+
+    std::string Exposition() const
+    {
+        std::string text;
+        ForEach([&text](const Family &family) { text += family.Exposition(); });
+        return text;
+    }
+
+    Json ToJson() const
+    {
+        Json json = Json::array();
+        ForEach([&json](const Family &family) { json.push_back(family.ToJson()); });
+        return json;
+    }
 
 private:
-    void AddRule(const StoredRule &stored);
-    template <typename Visit> void ForEach(Visit visit) const; // family after family
+    void AddRule(const StoredRule &stored)
+    {
+        const auto &[owner, rule] = stored;
+        Labels labels = {{"owner", ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type)},
+                         {"protocol", ProtocolName(rule.protocolType)},
+                         {"state", ValueName(ZEVO_BW_STATE_LIST, rule.state)}};
+        rules_.Add(labels, 1);
+        const std::optional<Speeds> speeds = RatesNow(rule, policies_[rule.protocolType]);
+        if (!speeds) return;
+        labels.pop_back();
+        labels.push_back({"name", owner.account.name});
+        labels.push_back({"id", std::to_string(owner.account.id)});
+        for (const std::int32_t direction : {ZEVO_BW_TRANSFER_UPLOAD, ZEVO_BW_TRANSFER_DOWNLOAD}) {
+            labels.push_back({"direction", ValueName(ZEVO_BW_TRANSFER_TYPE_LIST, direction)});
+            limits_.AddAllowed(labels, (*speeds)[static_cast<std::size_t>(direction)]);
+            labels.pop_back();
+        }
+    }
+
+    template <typename Visit> void ForEach(Visit visit) const
+    {
+        Family unreadable("zevobandwidth_unreadable",
+                          "Rules and status files that could not be read and are missing here.");
+        unreadable.Add({}, static_cast<std::uint64_t>(failures_));
+        for (const Family *family :
+             {&std::as_const(unreadable), &enabled_, &rules_, &limits_, &userCount_, &userSpeed_,
+              &userAllowed_, &groupCount_, &groupSpeed_, &groupAllowed_})
+            visit(*family);
+    }
 
     std::map<std::int32_t, ZEVO_BANDWIDTH_GLOBAL_CONF> policies_;
     int failures_ = 0;
@@ -131,85 +201,6 @@ private:
     Family groupAllowed_{"zevobandwidth_group_allowed_bytes_per_second",
                          "Speed that the group's rule allows the transfers charged to it."};
 };
-
-void Metrics::AddPolicies()
-{
-    for (const ZEVO_BANDWIDTH_GLOBAL_CONF &policy : ReadPolicies()) {
-        enabled_.Add({{"protocol", ProtocolName(policy.protocolType)}},
-                     LimitsApply(policy) ? 1 : 0);
-        policies_.emplace(policy.protocolType, policy);
-    }
-}
-
-void Metrics::AddRule(const StoredRule &stored)
-{
-    const auto &[owner, rule] = stored;
-    Labels labels = {{"owner", ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type)},
-                     {"protocol", ProtocolName(rule.protocolType)},
-                     {"state", ValueName(ZEVO_BW_STATE_LIST, rule.state)}};
-    rules_.Add(labels, 1);
-    const std::optional<Speeds> speeds = RatesInForce(rule, policies_[rule.protocolType]);
-    if (!speeds) return;
-    labels.pop_back();
-    labels.push_back({"name", owner.account.name});
-    labels.push_back({"id", std::to_string(owner.account.id)});
-    for (const std::int32_t direction : {ZEVO_BW_TRANSFER_UPLOAD, ZEVO_BW_TRANSFER_DOWNLOAD}) {
-        labels.push_back({"direction", ValueName(ZEVO_BW_TRANSFER_TYPE_LIST, direction)});
-        limits_.AddAllowed(labels, (*speeds)[static_cast<std::size_t>(direction)]);
-        labels.pop_back();
-    }
-}
-
-void Metrics::AddRules()
-{
-    for (const StoredRule &stored : ReadRules(ProtocolsToList(""), failures_))
-        AddRule(stored);
-}
-
-void Metrics::AddTransfers(std::int32_t ownerType)
-{
-    const bool isUser = ownerType == ZEVO_BW_OWNER_USER;
-    TransferList list;
-    list.ReadAll(ownerType);
-    for (const RunningTransfer &transfer : list.all()) {
-        const Labels labels = {{isUser ? "user" : "group", OwnerName(transfer)},
-                               {isUser ? "uid" : "gid", std::to_string(transfer.ownerId)},
-                               {"protocol", ProtocolOf(transfer)},
-                               {"direction", DirectionOf(transfer)}};
-        (isUser ? userCount_ : groupCount_).Add(labels, 1);
-        (isUser ? userSpeed_ : groupSpeed_).Add(labels, transfer.speedBps);
-        (isUser ? userAllowed_ : groupAllowed_).AddAllowed(labels, transfer.allowedBps);
-    }
-    for (const std::string &complaint : list.complaints())
-        PrintNote("zevobandwidth: " + complaint);
-    failures_ += static_cast<int>(list.complaints().size());
-    if (list.status() == kNotPermitted) status_ = kNotPermitted;
-}
-
-template <typename Visit> void Metrics::ForEach(Visit visit) const
-{
-    Family unreadable("zevobandwidth_unreadable",
-                      "Rules and status files that could not be read and are missing here.");
-    unreadable.Add({}, static_cast<std::uint64_t>(failures_));
-    for (const Family *family :
-         {&std::as_const(unreadable), &enabled_, &rules_, &limits_, &userCount_, &userSpeed_,
-          &userAllowed_, &groupCount_, &groupSpeed_, &groupAllowed_})
-        visit(*family);
-}
-
-std::string Metrics::Exposition() const
-{
-    std::string text;
-    ForEach([&text](const Family &family) { text += family.Exposition(); });
-    return text;
-}
-
-Json Metrics::ToJson() const
-{
-    Json json = Json::array();
-    ForEach([&json](const Family &family) { json.push_back(family.ToJson()); });
-    return json;
-}
 
 void Expose(const std::string &file)
 {

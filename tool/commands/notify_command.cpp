@@ -1,5 +1,4 @@
-// "notify": tells running services that limits have changed, as every changing command does, and
-// says what came of it.
+// "notify": tells running services that limits have changed, and reports the results.
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -45,13 +44,12 @@ Notice NotifyWebDAV()
     return {"webdav", result, "sent, unless no server is running"};
 }
 
-// The system's own program does not reach everybody on every system, so they are told directly too.
+// The system's program does not reach every process on every system, so the tool signals them, too.
 Notice NotifySimulator()
 {
     const int result = ZEVOBandwidthHupSimulator();
-    const int told = NotifyTransfers();
-    std::string text = std::to_string(told) + (told == 1 ? " process" : " processes") + " told";
-    return {"simulator", result, text};
+    const auto told = static_cast<std::size_t>(NotifyTransfers());
+    return {"simulator", result, Counted(told, "process") + " told"};
 }
 
 using Sender = Notice (*)();

@@ -1,9 +1,10 @@
 // "zevobandwidth pipe": standard input to standard output as one registered transfer, so that any
 // program can join in.
 //
-// However it ends, the transfer is off the list by then: at the end of the input with 0; after
-// SIGINT, SIGTERM and when its reader has gone it dies of the signal (SIGPIPE for the reader), as
-// any filter does; stopped by an administrator, or unable to go on, with 1 and a message.
+// The transfer is always taken off the list first. Then the process ends with 0 at the end of the
+// input. After SIGINT or SIGTERM, or when its reader is gone (SIGPIPE), it dies of the signal as
+// any filter. It ends with 1 and a message when an administrator stops the transfer, or when it
+// cannot go on.
 #include <csignal>
 #include <cstdint>
 #include <memory>
@@ -36,7 +37,7 @@ struct PipeArguments {
     bool isQuiet = false;
 };
 
-// What the list of transfers shows for a transfer without a name.
+// The name in the list of transfers when --name is not given.
 std::string NameOfInput()
 {
     struct stat info = {};
@@ -57,7 +58,7 @@ std::uint64_t SizeOfInput(const PipeArguments &arguments)
     return at >= 0 && at < info.st_size ? static_cast<std::uint64_t>(info.st_size - at) : 0;
 }
 
-void SayIfUnlimited(const Transfer &transfer, const PipeArguments &arguments)
+void SayIfUnlimited(const PipedTransfer &transfer, const PipeArguments &arguments)
 {
     if (arguments.isQuiet || transfer.ProtocolLimited()) return;
     PrintNote("zevobandwidth: " + arguments.protocol +
@@ -72,7 +73,7 @@ MoveEnd Copy(const PipeArguments &arguments, std::uint32_t uid, std::int32_t pro
     const std::string name = arguments.name.empty() ? NameOfInput() : arguments.name;
     const std::int32_t direction = ValueOf(ZEVO_BW_TRANSFER_TYPE_LIST, arguments.direction);
     Mover mover(STDIN_FILENO, STDOUT_FILENO);
-    Transfer transfer(uid, protocol, direction, name);
+    PipedTransfer transfer(uid, protocol, direction, name);
     SayIfUnlimited(transfer, arguments);
     Progress progress(arguments.isQuiet, name);
     return PipeLoop(transfer, mover, progress, size).Run();
@@ -84,7 +85,7 @@ void RunPipe(const PipeArguments &arguments)
         (arguments.user.empty() ? CallingUser() : FindUser(arguments.user)).id;
     const std::int32_t protocol = FindProtocol(arguments.protocol);
     const std::uint64_t size = SizeOfInput(arguments);
-    // Before the limits are read, lest a change slip in between.
+    // Before the limits are read, so that no notice is missed.
     CatchSignals();
     const MoveEnd end = Copy(arguments, uid, protocol, size);
     if (end == MoveEnd::kSignal) DieOf(EndingSignal());
@@ -103,9 +104,7 @@ void AddPipeCommand(CLI::App &app)
     command->add_option("-u,--user", arguments->user, "Whose transfer it is; else your own")
         ->type_name("USER");
     AddProtocolOption(*command, arguments->protocol)->required();
-    AddChoice(*command, "-d,--direction", arguments->direction, "DIRECTION",
-              ZEVO_BW_TRANSFER_TYPE_LIST, "upload or download, as the client sees it");
-    command->get_option("--direction")->required();
+    AddDirectionOption(*command, arguments->direction);
     command->add_option("--name", arguments->name, "What the list of transfers shows")
         ->type_name("NAME");
     command->add_option("--size", arguments->size, "Bytes expected, such as 1500000 or 1.5G")

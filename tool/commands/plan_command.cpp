@@ -1,5 +1,5 @@
-// "plan": the week of a rule or of a protocol's policy as a picture, and what it changes next. Plans
-// are written with "rule set" and "policy set".
+// "plan": shows the week of a rule or of a policy, and its next changes. "rule set" and "policy
+// set" write plans.
 #include <ctime>
 #include <memory>
 #include <optional>
@@ -9,8 +9,8 @@
 #include "model/moment.hpp"
 #include "model/plan.hpp"
 #include "model/rate.hpp"
-#include "model/rule_text.hpp"
 #include "model/store.hpp"
+#include "model/texts.hpp"
 #include "options.hpp"
 #include "output.hpp"
 
@@ -19,7 +19,7 @@ namespace tool {
 namespace {
 
 constexpr std::size_t kFewChanges = 10;
-constexpr std::size_t kMostChanges = 1000;
+constexpr std::size_t kMaxChanges = 1000;
 
 struct PlanArguments {
     OwnerOption owner;
@@ -38,7 +38,7 @@ struct Subject {
     ZEVO_BANDWIDTH_CONF rule{}; // of a rule's plan only
     ZEVO_BANDWIDTH_GLOBAL_CONF policy{};
     Json json; // the record
-    bool Bears() const { return state == ZEVO_BW_STATE_SCHEDULE; }
+    bool Applies() const { return state == ZEVO_BW_STATE_SCHEDULE; }
 };
 
 Subject PolicySubject(std::int32_t protocol)
@@ -75,7 +75,7 @@ Subject FindSubject(const PlanArguments &arguments)
                                      : PolicySubject(protocol);
 }
 
-// What holds in such an hour, written out.
+// What an hour of that state means.
 std::string Meaning(const Subject &subject, HourState state)
 {
     const std::string name = HourStateName(subject.of, state) + ": ";
@@ -91,7 +91,7 @@ std::string Meaning(const Subject &subject, HourState state)
 
 // ---- what should be known beside the plan ----
 
-// What holds at all hours instead of a plan that does not bear.
+// What holds at all hours while the plan does not apply.
 std::string HoldsAlways(const Subject &subject)
 {
     const bool isRule = subject.of == PlanOf::kRule;
@@ -100,7 +100,7 @@ std::string HoldsAlways(const Subject &subject)
     return isRule ? "it bears at no hour" : "no limit applies at any hour";
 }
 
-// The state of the hours that the plan lacks.
+// The state of hours that are missing from the plan.
 std::string WhatIsMissing(const Subject &subject)
 {
     return HourStateName(subject.of, StateOfHour(subject.of, "", 0));
@@ -119,7 +119,7 @@ void NoteWholeness(const Subject &subject)
 void NoteState(const Subject &subject)
 {
     const bool isRule = subject.of == PlanOf::kRule;
-    if (!subject.Bears()) {
+    if (!subject.Applies()) {
         const bool exists = subject.state != ZEVO_BW_STATE_NOT_EXISTED;
         PrintNote("note: the plan does not bear now: " + subject.name + " is " +
                   (exists ? ValueName(ZEVO_BW_STATE_LIST, subject.state) : "not in force") +
@@ -130,7 +130,7 @@ void NoteState(const Subject &subject)
     if (!why.empty()) PrintNote("note: " + why);
 }
 
-// False when there is no plan, which is told.
+// Prints the notes. False when there is no plan.
 bool TellAbout(const Subject &subject)
 {
     if (subject.plan.empty()) {
@@ -272,7 +272,7 @@ void PrintPlanJson(const Subject &subject, std::time_t now)
     const bool isThere = !subject.plan.empty();
     Json json = subject.json;
     json["plan_is_whole"] = HasWholePlan(subject.plan);
-    json["plan_bears"] = subject.Bears();
+    json["plan_bears"] = subject.Applies();
     json["time_zone"] = {{"name", FormatTime(local, "%Z")}, {"utc_offset", OffsetText(local)}};
     json["week"] = isThere ? WeekJson(subject) : Json(nullptr);
     json["now"] = isThere ? ToJson(subject, Present(subject, now)) : Json(nullptr);
@@ -348,7 +348,7 @@ void AddNext(CLI::App &parent)
     const auto arguments = std::make_shared<PlanArguments>();
     CLI::App *next = AddPlanSubcommand(parent, "next", "List the coming changes", *arguments);
     next->add_option("N", arguments->count, "How many changes to list")
-        ->check(CLI::Range(std::size_t{1}, kMostChanges))
+        ->check(CLI::Range(std::size_t{1}, kMaxChanges))
         ->capture_default_str();
     next->footer("Times are local, with the zone that holds then: where daylight saving skips an\n"
                  "hour or repeats it, so does the plan.\n\nExamples:\n"

@@ -1,13 +1,13 @@
-// "policy": per protocol, whether its limits apply and how the rules of a user and of his groups
-// combine. A protocol without a policy is not limited at all.
+// "policy": for each protocol, whether its limits apply and how the rules of a user and of the
+// groups combine. A protocol without a policy is not limited.
 #include <array>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "command.hpp"
-#include "model/policy_text.hpp"
 #include "model/store.hpp"
+#include "model/texts.hpp"
 #include "options.hpp"
 #include "output.hpp"
 
@@ -36,7 +36,7 @@ bool Apply(const PolicyArguments &arguments, const std::optional<std::string> &p
 {
     const bool isNew = policy.state == ZEVO_BW_STATE_NOT_EXISTED;
     bool changes = isNew || plan;
-    // Written back as it was read, a new policy would be stored disabled.
+    // The library stores a policy with the state NotExisted as disabled.
     if (isNew) policy.state = plan ? ZEVO_BW_STATE_SCHEDULE : ZEVO_BW_STATE_ENABLED;
     if (plan) CopyPlan(*plan, policy.szSchedulePlan);
     for (std::size_t i = 0; i < kChoices.size(); ++i) {

@@ -1,6 +1,6 @@
-// "preview": the speeds at which a user's transfers would be held, and how the rules come to them.
-// Every figure is the library's: a step of the combination is shown by asking it about the same
-// rules under the policy that stops at that step.
+// "preview": the speeds of a user's transfers, and how the rules lead to them. The library works
+// out every figure. For a step of the combination it is asked about the same rules under another
+// policy.
 #include <array>
 #include <ctime>
 #include <memory>
@@ -42,7 +42,7 @@ struct Preview {
     bool isNow = true;
     std::time_t moment = 0;
     std::unique_ptr<Evaluation> evaluation;
-    Speeds byRules{}; // what holds while the protocol's limits are in force
+    Speeds byRules{}; // while the protocol's limits apply
     std::string whyOff;
 };
 
@@ -80,7 +80,7 @@ Preview MakePreview(const Account &user, std::int32_t protocol, std::optional<st
     return preview;
 }
 
-// A figure that running transfers have no part in is a whole number of KB/s.
+// Rates are whole KB/s; only running transfers lead to other figures.
 Cells RateCells(const Speeds &speeds)
 {
     return {FormatRate(speeds[0] / kBytesPerKB), FormatRate(speeds[1] / kBytesPerKB)};
@@ -103,16 +103,14 @@ std::string LimitsText(const Preview &preview)
 {
     if (!preview.whyOff.empty()) return preview.whyOff + ": nothing is limited";
     const Evaluation &evaluation = *preview.evaluation;
-    const bool bears =
-        evaluation.HasInForce(ZEVO_BW_OWNER_USER) || evaluation.HasInForce(ZEVO_BW_OWNER_GROUP);
-    return bears ? "in force" : "no rule bears on this user";
+    const bool applies =
+        evaluation.Applies(ZEVO_BW_OWNER_USER) || evaluation.Applies(ZEVO_BW_OWNER_GROUP);
+    return applies ? "in force" : "no rule bears on this user";
 }
 
 void PrintTable(const std::vector<Preview> &previews)
 {
-    Table table({"PROTOCOL", "UPLOAD", "DOWNLOAD", "LIMITS"});
-    table.AlignRight(1);
-    table.AlignRight(2);
+    Table table({"PROTOCOL", "UPLOAD", "DOWNLOAD", "LIMITS"}, {1, 2});
     bool hasIdle = false;
     for (const Preview &preview : previews) {
         const Cells byRules = RateCells(preview.byRules);
@@ -131,11 +129,11 @@ void PrintTable(const std::vector<Preview> &previews)
 
 // ---- the derivation ----
 
-// A rule of the user or one of his groups, whether or not it is among those evaluated.
+// A rule of the user or of a group, evaluated or not.
 struct RuleView {
     Owner owner;
     std::string state;
-    bool isInForce = false;
+    bool applies = false;
     Speeds rates{};
 };
 
@@ -161,9 +159,9 @@ std::vector<Owner> OwnersThatCount(const Account &user)
 RuleView ViewEvaluated(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
 {
     RuleView view{owner, ValueName(ZEVO_BW_STATE_LIST, rule.state)};
-    view.isInForce = rule.currentState != ZEVO_BW_STATE_DISABLED;
-    if (rule.state == ZEVO_BW_STATE_SCHEDULE) view.state += view.isInForce ? ", on" : ", off";
-    if (view.isInForce)
+    view.applies = rule.currentState != ZEVO_BW_STATE_DISABLED;
+    if (rule.state == ZEVO_BW_STATE_SCHEDULE) view.state += view.applies ? ", on" : ", off";
+    if (view.applies)
         view.rates = {rule.currentUploadRate * kBytesPerKB, rule.currentDownloadRate * kBytesPerKB};
     return view;
 }
@@ -191,7 +189,7 @@ std::vector<RuleView> ViewRules(const Preview &preview)
     return views;
 }
 
-// A group that a transfer is charged to, in ten-thousandths of the transfer.
+// The ten-thousandths of a transfer that a group is charged.
 struct Charge {
     std::uint32_t gid = 0;
     std::array<std::uint64_t, kDirections.size()> weights{};
@@ -199,14 +197,14 @@ struct Charge {
 
 struct Explanation {
     std::vector<RuleView> rules;
-    std::optional<Speeds> own;    // without them nothing of the kind bears
+    std::optional<Speeds> own;    // nothing if no such rule applies
     std::optional<Speeds> groups; // together
     Speeds alone{};
-    std::optional<Speeds> now; // beside those that run; only the present knows them
+    std::optional<Speeds> now; // beside the running transfers; not with --at
     std::vector<Charge> charges;
 };
 
-// An unlimited transfer is not listed, and so charged to nobody.
+// An unlimited transfer is not listed, so no group is charged.
 std::vector<Charge> ChargesOf(const std::array<Allowance, kDirections.size()> &answers)
 {
     std::vector<Charge> charges;
@@ -225,9 +223,9 @@ Explanation Explain(const Preview &preview)
     const Evaluation &evaluation = *preview.evaluation;
     Explanation explanation;
     explanation.rules = ViewRules(preview);
-    if (evaluation.HasInForce(ZEVO_BW_OWNER_USER))
+    if (evaluation.Applies(ZEVO_BW_OWNER_USER))
         explanation.own = Ask(evaluation, ZEVO_BW_USER_GROUP_POLICY_USER_ONLY, Beside::kNobody);
-    if (evaluation.HasInForce(ZEVO_BW_OWNER_GROUP))
+    if (evaluation.Applies(ZEVO_BW_OWNER_GROUP))
         explanation.groups = Ask(evaluation, ZEVO_BW_USER_GROUP_POLICY_GROUP_ONLY, Beside::kNobody);
     if (!preview.whyOff.empty()) {
         if (preview.isNow) explanation.now.emplace();
@@ -263,11 +261,9 @@ void AddRules(Table &table, const Explanation &explanation)
             ++without;
         else
             AddLine(table, OwnerText(view.owner), view.state,
-                    view.isInForce ? RateCells(view.rates) : kNone);
+                    view.applies ? RateCells(view.rates) : kNone);
     }
-    if (without != 0)
-        AddLine(table, std::to_string(without) + (without == 1 ? " other group" : " other groups"),
-                "no rule", kNone);
+    if (without != 0) AddLine(table, Counted(without, "other group"), "no rule", kNone);
 }
 
 void AddSteps(Table &table, const Preview &preview, const Explanation &explanation)
@@ -320,9 +316,7 @@ std::string Headline(const Preview &preview)
 void PrintExplanation(const Preview &preview)
 {
     const Explanation explanation = Explain(preview);
-    Table table({"", "HOW", "UPLOAD", "DOWNLOAD"});
-    table.AlignRight(2);
-    table.AlignRight(3);
+    Table table({"", "HOW", "UPLOAD", "DOWNLOAD"}, {2, 3});
     AddRules(table, explanation);
     AddSteps(table, preview, explanation);
     AddCharges(table, preview, explanation);
@@ -339,8 +333,8 @@ Json RuleJson(const RuleView &view)
                  {"name", ShownName(view.owner.account)},
                  {"id", view.owner.account.id},
                  {"state", view.state},
-                 {"in_force", view.isInForce}};
-    if (view.isInForce) json.update(SpeedsJson(view.rates));
+                 {"in_force", view.applies}};
+    if (view.applies) json.update(SpeedsJson(view.rates));
     return json;
 }
 

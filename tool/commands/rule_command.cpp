@@ -1,5 +1,5 @@
-// "rule": what one user or group may have on one protocol. Setting changes what is named and keeps
-// the rest, and says so when the rule would not bear.
+// "rule": the rates of one user or group on one protocol. "rule set" changes what is named, keeps
+// the rest, and notes why the rule would not apply.
 #include <algorithm>
 #include <array>
 #include <memory>
@@ -11,8 +11,8 @@
 #include "command.hpp"
 #include "commands/rule_command.hpp"
 #include "model/rate.hpp"
-#include "model/rule_text.hpp"
 #include "model/store.hpp"
+#include "model/texts.hpp"
 #include "options.hpp"
 #include "output.hpp"
 
@@ -47,8 +47,7 @@ void Report(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
 
 // ---- set ----
 
-// What is to change, read before anything is looked up: nonsense is refused without touching a
-// file.
+// The change, read before any look-up, so that a wrong option is refused first.
 struct RuleChange {
     std::array<std::optional<Rate>, kRates.size()> rates;
     std::optional<std::int32_t> state;
@@ -173,7 +172,7 @@ void AddSet(CLI::App &parent)
 
 // ---- enable, disable, schedule, clear ----
 
-// For the changes that need nothing but the rule.
+// For the changes that take no values.
 void AddStoredRuleOptions(CLI::App &command, RuleArguments &arguments)
 {
     AddOwnerOption(command, arguments.owner);
@@ -301,7 +300,7 @@ bool IsSame(const Owner &a, const Owner &b)
     return a.type == b.type && a.account.id == b.account.id;
 }
 
-// Whose rules to list; empty for everybody's.
+// The owners to list; empty for all.
 std::vector<Owner> OwnersAskedFor(const ListArguments &arguments,
                                   const std::vector<StoredRule> &rules)
 {
@@ -317,7 +316,7 @@ std::vector<Owner> OwnersAskedFor(const ListArguments &arguments,
     return owners;
 }
 
-// A rule that was cleared is listed only to those who ask for its state.
+// A cleared rule is listed only with --state NotExisted.
 void Filter(const ListArguments &arguments, std::vector<StoredRule> &rules)
 {
     const std::vector<Owner> owners = OwnersAskedFor(arguments, rules);
@@ -332,14 +331,12 @@ void Filter(const ListArguments &arguments, std::vector<StoredRule> &rules)
     });
 }
 
-// In 80 columns but for long names: a group as --like has it, short headlines, and nothing said
-// about custom rates where there are none.
+// Fits 80 columns unless names are long: short headlines, and "-" where custom rates do not matter.
 void PrintRules(const std::vector<StoredRule> &rules)
 {
     Table table(
-        {"OWNER", "PROTOCOL", "STATE", "UPLOAD", "DOWNLOAD", "CUST-UP", "CUST-DOWN", "PLAN"});
-    for (std::size_t column = 3; column < 7; ++column)
-        table.AlignRight(column);
+        {"OWNER", "PROTOCOL", "STATE", "UPLOAD", "DOWNLOAD", "CUST-UP", "CUST-DOWN", "PLAN"},
+        {3, 4, 5, 6});
     for (const auto &[owner, rule] : rules) {
         const bool isGroup = owner.type == ZEVO_BW_OWNER_GROUP;
         std::vector<std::string> row = {(isGroup ? "@" : "") + owner.account.name,
@@ -367,8 +364,9 @@ void ListRules(const ListArguments &arguments)
         PrintNote(arguments.Filters() ? "No rule is like that." : "There are no rules.");
     }
     if (failures != 0)
-        throw Failure(kFailed, "the list is incomplete: " + std::to_string(failures) +
-                                   (failures == 1 ? " rule" : " rules") + " cannot be read");
+        throw Failure(kFailed, "the list is incomplete: " +
+                                   Counted(static_cast<std::size_t>(failures), "rule") +
+                                   " cannot be read");
 }
 
 // May be given several times.
@@ -408,7 +406,7 @@ void AddList(CLI::App &parent)
 
 void StoreRule(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule, const ChangeOptions &change)
 {
-    // Before anything is written: what is told as failed must not have been done.
+    // Read first, because a command that fails must not have changed the rule.
     const ZEVO_BANDWIDTH_GLOBAL_CONF policy = ReadPolicy(rule.protocolType);
     CarryOut(change, [&rule] { WriteRule(rule); });
     Report(owner, rule);

@@ -9,8 +9,8 @@
 
 namespace tool {
 
-// Stores the rule unless it is a dry run, tells the services unless that is not wanted, prints what
-// holds then, and says when the rule would not bear.
+// Stores the rule, notifies the services, prints the rule, and notes why it would not apply. A dry
+// run stores nothing; --no-notify notifies nobody.
 void StoreRule(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule, const ChangeOptions &change);
 
 // Each adds its command to "rule".

@@ -1,11 +1,10 @@
-// "rule edit": one rule as a text in the administrator's editor. The text has a directory of its own,
-// because editors leave copies beside what they edit. It is kept when it holds work that could not be
-// stored.
+// "rule edit": one rule as a text in the administrator's editor. The text has a directory of its
+// own, because editors leave copies beside what they edit. It is kept when it holds work that could
+// not be stored.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -32,7 +31,8 @@ struct EditArguments {
     ChangeOptions change;
 };
 
-// The text as the editor left it. Throws Failure when something else lies in its place, and keeps that.
+// The text as the editor left it. Throws Failure when something else lies in its place, and keeps
+// that.
 std::string ReadAgain(ScratchFile &draft)
 {
     const zevo::Place place(draft.path().c_str());
@@ -47,7 +47,7 @@ std::string ReadAgain(ScratchFile &draft)
                                draft.directory());
 }
 
-// Returns words that tell where it is.
+// Returns the words for the message.
 std::string Keep(ScratchFile &draft)
 {
     draft.Keep();
@@ -59,7 +59,7 @@ std::string Keep(ScratchFile &draft)
     return "nothing is changed; the text is kept in " + draft.path();
 }
 
-// What the environment names, as words for a shell: "code --wait" is an editor too.
+// VISUAL or EDITOR, as words for a shell, because it may be "code --wait".
 std::string EditorCommand()
 {
     for (const char *const variable : {"VISUAL", "EDITOR"}) {
@@ -69,7 +69,7 @@ std::string EditorCommand()
     return "if command -v editor >/dev/null; then exec editor \"$1\"; else exec vi \"$1\"; fi";
 }
 
-// An interrupt typed while the editor runs is the editor's.
+// Leaves an interrupt to the editor while that runs.
 class IgnoredInterrupts {
 public:
     IgnoredInterrupts()
@@ -135,7 +135,8 @@ std::string Edit(ScratchFile &draft, const std::string &text)
 
 bool IsSame(const ZEVO_BANDWIDTH_CONF &a, const ZEVO_BANDWIDTH_CONF &b)
 {
-    // Both were zeroed before they were filled. NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
+    // Both were zeroed before they were filled.
+    // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
     return std::memcmp(&a, &b, sizeof(a)) == 0;
 }
 

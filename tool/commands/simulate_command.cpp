@@ -1,9 +1,9 @@
-// "simulate": transfers that move no data, to see what limits do before anybody's work depends on
-// it. Each is played out by the library in a process of its own, named like this one, so that
-// notices reach it, and is listed and can be stopped like any other.
+// "simulate": transfers without data, which show what limits do. The library plays out each in a
+// process of its own. That process has the tool's name, so that notices reach it; its transfer is
+// listed and can be stopped like any other.
 //
-// However it ends, no process and no section of a status file is left behind: those that have not
-// ended by themselves are ended, and taken off the list by us, for a process that is killed cannot.
+// No process and no section of a status file is left behind. The command ends the processes that
+// still run, and takes their transfers off the list, because a killed process cannot.
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -15,7 +15,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <span>
 #include <vector>
@@ -37,11 +36,10 @@ namespace tool {
 namespace {
 
 constexpr std::uint64_t kBlockKB = 64; // the library plays out whole blocks
-constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 50;
-constexpr int kMostTransfers = 1024;
+constexpr std::uint64_t kMaxBytes = std::uint64_t{1} << 50;
+constexpr int kMaxTransfers = 1024;
 constexpr std::int64_t kLookUs = 50'000;
 constexpr std::int64_t kShowUs = 200'000;
-constexpr std::uint64_t kWholeProgress = 10'000;
 
 struct SimulateArguments {
     std::string user;
@@ -57,13 +55,13 @@ struct Task {
     std::int32_t protocol = 0;
     std::int32_t direction = 0;
     std::uint64_t sizeKB = 0;
-    // What is played out: the last block is a whole one, too.
+    // What is played out. The last block is a whole one, too.
     std::uint64_t PlayedKB() const { return (sizeKB + kBlockKB - 1) / kBlockKB * kBlockKB; }
 };
 
 // ---- one transfer, in its own process ----
 
-// Written by the process that plays the transfer out, read by us when it is gone.
+// The process that plays the transfer out writes it. The command reads it after that process ended.
 struct Report {
     std::int64_t beganUs = 0;
     std::int64_t endedUs = 0; // 0 when it was killed
@@ -73,7 +71,8 @@ struct Report {
 
 [[noreturn]] void Play(const Task &task, Report &report)
 {
-    static_cast<void>(::prctl(PR_SET_PDEATHSIG, SIGTERM)); // nobody would take it off the list
+    static_cast<void>(
+        ::prctl(PR_SET_PDEATHSIG, SIGTERM)); // the parent takes the transfer off the list
     LeaveEndingToParent();
     report.beganUs = NowUs();
     report.isPlayedOut = ZEVOBandwidthSimulate(task.user.name.c_str(), task.protocol,
@@ -115,130 +114,120 @@ std::uint64_t SpeedBps(const Played &played)
 
 class Ensemble {
 public:
-    Ensemble(const Task &task, int count);
-    ~Ensemble();
+    Ensemble(const Task &task, int count) : task_(task), all_(static_cast<std::size_t>(count))
+    {
+        void *const memory = ::mmap(nullptr, all_.size() * sizeof(Report), PROT_READ | PROT_WRITE,
+                                    MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        if (memory == MAP_FAILED) throw std::bad_alloc();
+        reports_ = {static_cast<Report *>(memory), all_.size()};
+    }
+
+    // A process that is killed during a save may leave a temporary file. The library removes it
+    // later.
+    ~Ensemble()
+    {
+        for (std::size_t i = 0; i < all_.size(); ++i) {
+            if (!IsLeft(all_[i])) continue;
+            ::kill(all_[i].pid, SIGTERM);
+            ::waitpid(all_[i].pid, nullptr, 0);
+            Settle(i);
+        }
+        ::munmap(reports_.data(), reports_.size_bytes());
+    }
+
     Ensemble(const Ensemble &) = delete;
     Ensemble &operator=(const Ensemble &) = delete;
 
     // Throws Failure when the machine gives no more processes.
-    void Start();
+    void Start()
+    {
+        std::fflush(nullptr); // or each process would print the buffer again
+        for (std::size_t i = 0; i < all_.size() && EndingSignal() == 0; ++i) {
+            const pid_t pid = ::fork();
+            if (pid == 0) Play(task_, reports_[i]);
+            if (pid < 0)
+                throw Failure(kFailed, "process " + std::to_string(i + 1) + " of " +
+                                           std::to_string(all_.size()) + " cannot be started: " +
+                                           std::strerror(errno) + "; ask for fewer with --count");
+            all_[i].pid = pid;
+        }
+    }
 
-    // Looks who has ended; false when none is left.
-    bool Collect();
+    // Looks which processes have ended. False when none is left.
+    bool Collect()
+    {
+        for (std::size_t i = 0; i < all_.size(); ++i)
+            if (IsLeft(all_[i]) && ::waitpid(all_[i].pid, nullptr, WNOHANG) != 0) Settle(i);
+        return std::any_of(all_.begin(), all_.end(), IsLeft);
+    }
 
-    // Reads what the running ones have saved about themselves.
-    ProgressFigures Look() const;
+    // Reads the sections of those that run.
+    ProgressFigures Look() const
+    {
+        ProgressFigures figures;
+        figures.nowUs = NowUs();
+        figures.hasBar = true;
+        figures.size = task_.PlayedKB() * kBytesPerKB * all_.size();
+        for (const Played &played : all_)
+            figures.bytes += played.gotKB * kBytesPerKB;
+        // Without them the figures are incomplete.
+        const zevobw::Transfers running(ZEVO_BW_OWNER_USER, task_.user.id, task_.protocol,
+                                        static_cast<std::uint32_t>(task_.direction));
+        for (const ZEVO_BANDWIDTH_STATUS &status : running) {
+            const auto isOurs = [&status](const Played &played) {
+                return IsLeft(played) && played.pid == status.pid;
+            };
+            if (std::none_of(all_.begin(), all_.end(), isOurs)) continue;
+            figures.bytes += SavedKB(status) * kBytesPerKB;
+            const bool isUnlimited = status.expect_speed == 0 || figures.allowedBps == 0;
+            figures.allowedBps =
+                isUnlimited ? 0 : figures.allowedBps.value_or(0) + status.expect_speed;
+        }
+        return figures;
+    }
 
     const std::vector<Played> &all() const noexcept { return all_; }
-    std::size_t Count(State state) const;
+
+    std::size_t Count(State state) const
+    {
+        const auto is = [state](const Played &played) { return played.state == state; };
+        return static_cast<std::size_t>(std::count_if(all_.begin(), all_.end(), is));
+    }
 
 private:
-    std::uint64_t SavedKB(const ZEVO_BANDWIDTH_STATUS &status) const;
-    void Settle(std::size_t index);
+    // Every user can write the file, so the figure may be any number.
+    std::uint64_t SavedKB(const ZEVO_BANDWIDTH_STATUS &status) const
+    {
+        return std::min(status.progress, kWhole) * task_.sizeKB / kWhole;
+    }
+
+    void Settle(std::size_t index)
+    {
+        Played &played = all_[index];
+        const Report &report = reports_[index];
+        played.beganUs = report.beganUs;
+        played.endedUs = report.endedUs != 0 ? report.endedUs : NowUs();
+        if (report.isPlayedOut) {
+            played.state = State::kDone;
+            played.gotKB = task_.PlayedKB();
+            return;
+        }
+        const bool isStopped = report.endedUs != 0 && report.code == ZEVO_BW_ERROR_STOPPED;
+        played.state = isStopped ? State::kStopped : State::kFailed;
+        played.code = report.endedUs != 0 ? report.code : 0;
+        ZEVO_BANDWIDTH_STATUS saved = {};
+        if (ZEVOBandwidthIStatusGet(ZEVO_BW_OWNER_USER, task_.user.id, played.pid, task_.direction,
+                                    &saved) == 0)
+            played.gotKB = SavedKB(saved);
+        // What cannot be removed goes stale.
+        static_cast<void>(ZEVOBandwidthStatusForceRemoveAllByUserName(
+            task_.user.name.c_str(), static_cast<std::uint32_t>(task_.direction), played.pid));
+    }
 
     const Task task_;
     std::vector<Played> all_;
     std::span<Report> reports_; // shared with the processes
 };
-
-Ensemble::Ensemble(const Task &task, int count) : task_(task), all_(static_cast<std::size_t>(count))
-{
-    void *const memory = ::mmap(nullptr, all_.size() * sizeof(Report), PROT_READ | PROT_WRITE,
-                                MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) throw std::bad_alloc();
-    reports_ = {static_cast<Report *>(memory), all_.size()};
-}
-
-// Killed in the middle of a save one may leave a temporary file, which the library clears away.
-Ensemble::~Ensemble()
-{
-    for (std::size_t i = 0; i < all_.size(); ++i) {
-        if (!IsLeft(all_[i])) continue;
-        ::kill(all_[i].pid, SIGTERM);
-        ::waitpid(all_[i].pid, nullptr, 0);
-        Settle(i);
-    }
-    ::munmap(reports_.data(), reports_.size_bytes());
-}
-
-void Ensemble::Start()
-{
-    std::fflush(nullptr); // lest each process print again what is still buffered
-    for (std::size_t i = 0; i < all_.size() && EndingSignal() == 0; ++i) {
-        const pid_t pid = ::fork();
-        if (pid == 0) Play(task_, reports_[i]);
-        if (pid < 0)
-            throw Failure(kFailed, "process " + std::to_string(i + 1) + " of " +
-                                       std::to_string(all_.size()) + " cannot be started: " +
-                                       std::strerror(errno) + "; ask for fewer with --count");
-        all_[i].pid = pid;
-    }
-}
-
-bool Ensemble::Collect()
-{
-    for (std::size_t i = 0; i < all_.size(); ++i)
-        if (IsLeft(all_[i]) && ::waitpid(all_[i].pid, nullptr, WNOHANG) != 0) Settle(i);
-    return std::any_of(all_.begin(), all_.end(), IsLeft);
-}
-
-// A file that every user can write may say anything.
-std::uint64_t Ensemble::SavedKB(const ZEVO_BANDWIDTH_STATUS &status) const
-{
-    return std::min<std::uint64_t>(status.progress, kWholeProgress) * task_.sizeKB / kWholeProgress;
-}
-
-void Ensemble::Settle(std::size_t index)
-{
-    Played &played = all_[index];
-    const Report &report = reports_[index];
-    played.beganUs = report.beganUs;
-    played.endedUs = report.endedUs != 0 ? report.endedUs : NowUs();
-    if (report.isPlayedOut) {
-        played.state = State::kDone;
-        played.gotKB = task_.PlayedKB();
-        return;
-    }
-    const bool isStopped = report.endedUs != 0 && report.code == ZEVO_BW_ERROR_STOPPED;
-    played.state = isStopped ? State::kStopped : State::kFailed;
-    played.code = report.endedUs != 0 ? report.code : 0;
-    ZEVO_BANDWIDTH_STATUS saved = {};
-    if (ZEVOBandwidthIStatusGet(ZEVO_BW_OWNER_USER, task_.user.id, played.pid, task_.direction,
-                                &saved) == 0)
-        played.gotKB = SavedKB(saved);
-    // What cannot be removed goes stale.
-    static_cast<void>(ZEVOBandwidthStatusForceRemoveAllByUserName(
-        task_.user.name.c_str(), static_cast<std::uint32_t>(task_.direction), played.pid));
-}
-
-std::size_t Ensemble::Count(State state) const
-{
-    const auto is = [state](const Played &played) { return played.state == state; };
-    return static_cast<std::size_t>(std::count_if(all_.begin(), all_.end(), is));
-}
-
-ProgressFigures Ensemble::Look() const
-{
-    ProgressFigures figures;
-    figures.nowUs = NowUs();
-    figures.hasBar = true;
-    figures.size = task_.PlayedKB() * kBytesPerKB * all_.size();
-    for (const Played &played : all_)
-        figures.bytes += played.gotKB * kBytesPerKB;
-    // Where they cannot be read the picture is incomplete.
-    const zevobw::Transfers running(ZEVO_BW_OWNER_USER, task_.user.id, task_.protocol,
-                                    static_cast<std::uint32_t>(task_.direction));
-    for (const ZEVO_BANDWIDTH_STATUS &status : running) {
-        const auto isOurs = [&status](const Played &played) {
-            return IsLeft(played) && played.pid == status.pid;
-        };
-        if (std::none_of(all_.begin(), all_.end(), isOurs)) continue;
-        figures.bytes += SavedKB(status) * kBytesPerKB;
-        const bool isUnlimited = status.expect_speed == 0 || figures.allowedBps == 0;
-        figures.allowedBps = isUnlimited ? 0 : figures.allowedBps.value_or(0) + status.expect_speed;
-    }
-    return figures;
-}
 
 // ---- the result ----
 
@@ -287,9 +276,7 @@ void PrintTable(const std::vector<Played> &all, bool isLimited)
     const auto speed = [isLimited](std::uint64_t bps) {
         return isLimited ? FormatSpeed(bps) : FormatAllowedSpeed(0);
     };
-    Table table({"PID", "RESULT", "KB", "SECONDS", "SPEED"});
-    for (const std::size_t column : {0U, 2U, 3U, 4U})
-        table.AlignRight(column);
+    Table table({"PID", "RESULT", "KB", "SECONDS", "SPEED"}, {0, 2, 3, 4});
     for (const Played &played : all)
         table.AddRow(
             {std::to_string(played.pid), StateText(played.state), std::to_string(played.gotKB),
@@ -368,12 +355,12 @@ void CheckAllPlayedOut(const Ensemble &ensemble)
 std::uint64_t ReadSizeKB(const std::string &text)
 {
     const std::uint64_t bytes = ParseSize(text);
-    if (bytes == 0 || bytes > kMostBytes)
+    if (bytes == 0 || bytes > kMaxBytes)
         throw Failure(kWrongUsage, "the size must be from 1K to 1024T");
     return (bytes + kBytesPerKB - 1) / kBytesPerKB;
 }
 
-// Whether a limit falls to these transfers; that none does is told unless asked not to.
+// Whether a limit applies to these transfers. Prints a note if none does.
 bool IsLimited(const Task &task, bool isQuiet)
 {
     const Evaluation evaluation(task.user.id, task.protocol, 0);
@@ -439,15 +426,13 @@ void AddSimulateCommand(CLI::App &app)
         app.add_subcommand("simulate", "Play out transfers without data, and show what each got");
     AddUserOption(*command, arguments->user, "Whose transfers, by name or uid");
     AddProtocolOption(*command, arguments->protocol)->required();
-    AddChoice(*command, "-d,--direction", arguments->direction, "DIRECTION",
-              ZEVO_BW_TRANSFER_TYPE_LIST, "upload or download, as the client sees it");
-    command->get_option("--direction")->required();
+    AddDirectionOption(*command, arguments->direction);
     command->add_option("size", arguments->size, "Of each transfer, from 1K, such as 20M")
         ->type_name("SIZE")
         ->required();
     command->add_option("--count", arguments->count, "How many at once, each in its own process")
         ->type_name("N")
-        ->check(CLI::Range(1, kMostTransfers));
+        ->check(CLI::Range(1, kMaxTransfers));
     command->add_flag("-q,--quiet", arguments->isQuiet, "No progress line and no notes");
     AddOutputOptions(*command);
     command->footer(

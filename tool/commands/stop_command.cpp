@@ -14,9 +14,9 @@ namespace tool {
 
 namespace {
 
-// A save that is under way when a mark is set undoes it, so that it counts as set only after these.
+// A save may undo a mark that is set meanwhile. So a mark counts after it was seen this many times.
 constexpr int kLooksToHold = 3;
-constexpr int kMostLooks = 40;
+constexpr int kMaxLooks = 40;
 
 struct StopArguments {
     EndingOptions ending;
@@ -24,17 +24,12 @@ struct StopArguments {
     double waitSeconds = 10;
 };
 
-std::string Count(std::size_t count)
-{
-    return std::to_string(count) + (count == 1 ? " transfer" : " transfers");
-}
-
-// False: the person at the terminal would rather not.
+// False if the person at the terminal says no.
 bool IsWanted(const Account &user, const Stopping &stopping, bool yes)
 {
     const std::size_t count = stopping.found().size();
     if (count == 1 || yes) return true;
-    const std::string what = Count(count) + " of user " + ShownName(user);
+    const std::string what = Counted(count, "transfer") + " of user " + ShownName(user);
     const Answer answer = Ask("Stop " + what + "?");
     if (answer == Answer::kNobodyThere)
         throw Failure(kWrongUsage, "this would stop " + what +
@@ -49,7 +44,7 @@ void WaitFor(Stopping &stopping, double seconds)
     for (int held = 0, looks = 0;; ++looks) {
         stopping.Step();
         held = stopping.IsMarked() ? held + 1 : 0;
-        const bool isSure = held >= kLooksToHold || looks >= kMostLooks;
+        const bool isSure = held >= kLooksToHold || looks >= kMaxLooks;
         if (stopping.left().empty() || (isSure && Stopping::Clock::now() >= deadline)) return;
         std::this_thread::sleep_for(Stopping::kLookAgain);
     }
@@ -72,15 +67,15 @@ void Report(const Account &user, const Stopping &stopping)
     const std::size_t stopped = stopping.found().size() - stopping.left().size();
     if (OutputStyle().json) return PrintJson(ToJson(user, stopping));
     if (stopped != 0)
-        PrintLine(Printable("user " + ShownName(user) + ": " + Count(stopped) + " stopped after " +
-                            std::to_string(stopping.Took().count()) + " ms"));
+        PrintLine(Printable("user " + ShownName(user) + ": " + Counted(stopped, "transfer") +
+                            " stopped after " + std::to_string(stopping.Took().count()) + " ms"));
 }
 
 void ReportDryRun(const Account &user, const Stopping &stopping)
 {
     if (OutputStyle().json) return PrintJson(ToJson(user, stopping)); // all are left
-    PrintLine(Printable("user " + ShownName(user) + ": " + Count(stopping.found().size()) +
-                        " would be stopped"));
+    PrintLine(Printable("user " + ShownName(user) + ": " +
+                        Counted(stopping.found().size(), "transfer") + " would be stopped"));
 }
 
 void Stop(const StopArguments &arguments)
@@ -98,7 +93,8 @@ void Stop(const StopArguments &arguments)
     WaitFor(stopping, arguments.waitSeconds);
     Report(user, stopping);
     if (stopping.left().empty()) return;
-    const std::string left = Count(stopping.left().size()) + " of user " + ShownName(user);
+    const std::string left =
+        Counted(stopping.left().size(), "transfer") + " of user " + ShownName(user);
     if (arguments.waitSeconds == 0) return PrintNote(left + " will end after the next block");
     throw Failure(kFailed, left + " marked but not ended within " +
                                std::to_string(stopping.Took().count() / 1000) +

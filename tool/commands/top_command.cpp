@@ -1,6 +1,5 @@
 // "top": the running transfers, full screen and live.
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <ctime>
 #include <memory>
@@ -10,6 +9,8 @@
 
 #include "command.hpp"
 #include "model/limit_book.hpp"
+#include "model/moment.hpp"
+#include "model/plan.hpp"
 #include "model/stopping.hpp"
 #include "model/transfer_list.hpp"
 #include "options.hpp"
@@ -22,19 +23,9 @@ namespace tool {
 
 namespace {
 
-// How much of a refresh may go into limits that are not known yet.
+// How long a refresh may look up unknown limits.
 constexpr std::int64_t kLimitBudgetUs = 10'000;
-constexpr std::chrono::seconds kStopPatience{10};
-
-std::string TimeOfDay()
-{
-    const std::time_t now = std::time(nullptr);
-    std::tm local{};
-    std::array<char, 16> text{};
-    ::localtime_r(&now, &local);
-    std::strftime(text.data(), text.size(), "%H:%M:%S", &local);
-    return text.data();
-}
+constexpr std::chrono::seconds kMaxStopTime{10};
 
 std::vector<TopTransfer> ToTransfers(const TransferList &list, LimitBook &limits)
 {
@@ -55,7 +46,7 @@ std::vector<TopTransfer> ToTransfers(const TransferList &list, LimitBook &limits
     return transfers;
 }
 
-// One for each protocol and direction of a group; they follow each other in the sorted list.
+// One for each protocol and direction of a group. The list is sorted, so its copies are neighbours.
 std::vector<TopGroup> ToGroups(const TransferList &list, LimitBook &limits)
 {
     std::vector<TopGroup> groups;
@@ -88,7 +79,7 @@ TopFigures ReadFigures(LimitBook &limits)
     limits.BeginRound(kLimitBudgetUs);
     TopFigures figures;
     figures.nowUs = NowUs();
-    figures.time = TimeOfDay();
+    figures.time = FormatTime(LocalTime(std::time(nullptr)), "%H:%M:%S");
     figures.groups = ToGroups(groups, limits);
     figures.transfers = ToTransfers(users, limits);
     for (const TransferList *list : {&groups, &users})
@@ -96,13 +87,13 @@ TopFigures ReadFigures(LimitBook &limits)
     return figures;
 }
 
-// The transfer that is being stopped, while the screen goes on.
+// Stops a transfer step by step, between two refreshes.
 class StopInTheBackground {
 public:
     bool IsBusy() const noexcept { return stopping_.has_value(); }
     void GiveUp() noexcept { stopping_.reset(); }
 
-    // Returns what there is to say.
+    // Returns the message.
     std::string Start(const TopTransfer &transfer)
     {
         const std::string id = std::to_string(transfer.uid);
@@ -123,7 +114,7 @@ public:
         stopping_->Step();
         const std::string ms = std::to_string(stopping_->Took().count()) + " ms";
         const bool isOver = stopping_->left().empty();
-        const bool isLate = stopping_->Took() > kStopPatience;
+        const bool isLate = stopping_->Took() > kMaxStopTime;
         if (isOver || isLate) GiveUp();
         if (isOver) return who + "stopped after " + ms;
         return who + (isLate ? "marked; it will end with its next block" : "stopping ...");
@@ -177,7 +168,7 @@ private:
         return action != TopAction::kQuit;
     }
 
-    // A failure to stop something is no reason to end.
+    // A transfer that cannot be stopped does not end top.
     template <typename Step> void Tell(Step step)
     {
         try {

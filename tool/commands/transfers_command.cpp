@@ -1,5 +1,4 @@
 // "transfers": what is running now, once or again and again.
-#include <poll.h>
 #include <stdio_ext.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -28,7 +27,7 @@ struct TransfersArguments {
     double watchSeconds = 1;
 };
 
-// What one run looks for, with every name looked up: nonsense is refused before anything is shown.
+// The arguments with every name looked up.
 struct Request {
     std::optional<Owner> owner;
     TransferFilter filter;
@@ -50,7 +49,7 @@ TransferList Read(const Request &request)
         list.Read(request.owner->type, request.owner->account.id);
     } else {
         list.ReadAll(ZEVO_BW_OWNER_USER);
-        // Sums are asked for per owner; single transfers would only stand there twice.
+        // Without --merge a transfer would be listed twice.
         if (request.filter.merge) list.ReadAll(ZEVO_BW_OWNER_GROUP);
     }
     list.Sort();
@@ -61,9 +60,7 @@ TransferList Read(const Request &request)
 
 Table SumsTable(const TransferList &list)
 {
-    Table table({"OWNER", "NAME", "PROTOCOL", "DIRECTION", "SPEED", "ALLOWED"});
-    table.AlignRight(4);
-    table.AlignRight(5);
+    Table table({"OWNER", "NAME", "PROTOCOL", "DIRECTION", "SPEED", "ALLOWED"}, {4, 5});
     for (const RunningTransfer &sum : list.all())
         table.AddRow({ValueName(ZEVO_BW_OWNER_TYPE_LIST, sum.ownerType), OwnerName(sum),
                       ProtocolOf(sum), DirectionOf(sum), FormatSpeed(sum.speedBps),
@@ -73,9 +70,8 @@ Table SumsTable(const TransferList &list)
 
 Table TransfersTable(const TransferList &list)
 {
-    Table table({"USER", "PROTOCOL", "DIRECTION", "PID", "SPEED", "ALLOWED", "PROGRESS", "FILE"});
-    for (std::size_t column = 3; column < 7; ++column)
-        table.AlignRight(column);
+    Table table({"USER", "PROTOCOL", "DIRECTION", "PID", "SPEED", "ALLOWED", "PROGRESS", "FILE"},
+                {3, 4, 5, 6});
     for (const RunningTransfer &transfer : list.all())
         table.AddRow({UserName(transfer.uid), ProtocolOf(transfer), DirectionOf(transfer),
                       std::to_string(transfer.pid), FormatSpeed(transfer.speedBps),
@@ -114,8 +110,7 @@ Json ToJson(const TransferList &list, const Request &request)
 void ListOnce(const Request &request)
 {
     const TransferList list = Read(request);
-    for (const std::string &complaint : list.complaints())
-        PrintNote("zevobandwidth: " + complaint);
+    list.PrintComplaints();
     if (OutputStyle().json)
         PrintJson(ToJson(list, request));
     else if (list.all().empty())
@@ -127,7 +122,7 @@ void ListOnce(const Request &request)
 
 // ---- again and again ----
 
-// The screen is the command's own while it watches; what stood there before comes back.
+// The alternate screen. What was on the terminal before comes back.
 class WatchScreen {
 public:
     WatchScreen() { Write("\033[?1049h\033[?25l\033[?7l"); }
@@ -135,7 +130,7 @@ public:
     WatchScreen(const WatchScreen &) = delete;
     WatchScreen &operator=(const WatchScreen &) = delete;
 
-    // The lines that fit, drawn over the last ones: clearing first would flicker.
+    // Draws the lines that fit over the last ones. Clearing first would flicker.
     void Draw(const std::vector<std::string> &lines) const
     {
         winsize size = {};
@@ -168,8 +163,7 @@ std::vector<std::string> ScreenLines(const TransferList &list, const Request &re
 
 void PrintBlock(const TransferList &list, const Request &request, bool isFirst)
 {
-    for (const std::string &complaint : list.complaints())
-        PrintNote("zevobandwidth: " + complaint);
+    list.PrintComplaints();
     if (OutputStyle().json) return PrintLine(JsonText(ToJson(list, request)));
     if (!isFirst) PrintLine("");
     ToTable(list, request).Print();
@@ -185,7 +179,7 @@ void Watch(const Request &request, double seconds)
     for (bool isFirst = true; EndingSignal() == 0; isFirst = false) {
         const TransferList list = Read(request);
         {
-            const SignalsLetIn scope; // whoever does not read on must not keep us from ending
+            const SignalsLetIn scope; // a reader that hangs must not keep the command from ending
             if (screen)
                 screen->Draw(ScreenLines(list, request));
             else
@@ -197,7 +191,7 @@ void Watch(const Request &request, double seconds)
         while (EndingSignal() == 0 && NowUs() < nextUs)
             WaitReady(nullptr, 0, nextUs);
     }
-    // A block that nobody took is not waited for a second time.
+    // Drop output that nobody reads, or the exit would wait for it again.
     ::__fpurge(stdout);
     std::clearerr(stdout);
 }

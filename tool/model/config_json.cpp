@@ -1,6 +1,6 @@
-// Export is plain printing. Import refuses what export would not have written: a key left out or
-// misspelt would otherwise become an unlimited rate. The JSON reader knows no lines, so the text is
-// handed to it through an iterator that counts them, and its events are asked where they happened.
+// Import refuses what export would not have written, because a missing or misspelt key would become
+// an unlimited rate. The JSON reader does not tell lines. So an iterator counts the lines that the
+// reader has taken, and each of the reader's events gets the number of its line.
 #include "model/config_json.hpp"
 
 #include <algorithm>
@@ -13,9 +13,8 @@
 #include <tuple>
 
 #include "failure.hpp"
-#include "model/policy_text.hpp"
 #include "model/rate.hpp"
-#include "model/rule_text.hpp"
+#include "model/texts.hpp"
 
 namespace tool {
 
@@ -73,7 +72,7 @@ ConfigText ConfigToText(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies,
     std::vector<StoredEntry> ruleEntries;
     for (const auto &[owner, rule] : rules) {
         ruleEntries.push_back({ToJson(owner, rule), PlaceOfRule(owner, rule.protocolType)});
-        // In digits it would be taken for a name.
+        // An id in digits would be read as a name.
         if (OutputStyle().numeric || !IsKnown(owner)) ruleEntries.back().json["name"] = nullptr;
     }
     ConfigWriter writer;
@@ -90,7 +89,7 @@ ConfigText ConfigToText(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies,
 
 namespace {
 
-// The line of the byte read last; a line end belongs to the line that it ends.
+// The line of the last byte read. A line end belongs to the line that it ends.
 struct LineCount {
     int line = 1;
     bool isEnded = false;
@@ -131,8 +130,8 @@ struct EntryLines {
 
 using Lists = std::map<std::string, std::vector<EntryLines>>;
 
-// Hears the reader's events. The depth tells what they are about: 1 the keys of the whole, 2 the
-// entries of its lists, 3 the keys of an entry.
+// Takes the reader's events. Depth 1 is the keys of the whole, depth 2 the entries of its lists,
+// depth 3 the keys of an entry.
 class LineKeeper {
 public:
     LineKeeper(const LineCount &count, EntryLines &whole, Lists &lists, std::vector<Remark> &faults)
@@ -169,8 +168,8 @@ private:
 
 // ---- from text: one entry ----
 
-// Hands out the values of an object's keys; each that is missing or unfit is a fault, and so is a
-// key that nobody has asked for.
+// Returns the values of an object's keys. A missing or wrong value is a fault, and so is a key that
+// was never asked for.
 class Entry {
 public:
     Entry(const Json &json, const EntryLines &lines, std::vector<Remark> &faults)
@@ -214,12 +213,9 @@ public:
     {
         const Json *value = Value(key);
         if (value == nullptr) return std::nullopt;
-        std::string list;
-        for (const std::string &name : names) {
+        for (const std::string &name : names)
             if (value->is_string() && *value == name) return ValueOf(table, name);
-            list += (list.empty() ? "" : ", ") + name;
-        }
-        Fault(key, "\"" + key + "\" must be one of " + list);
+        Fault(key, "\"" + key + "\" must be one of " + Joined(names, ", "));
         return std::nullopt;
     }
 
@@ -229,10 +225,10 @@ public:
         if (value == nullptr || value->is_null()) return 0;
         if (value->is_number_unsigned()) {
             const auto rate = value->get<std::uint64_t>();
-            if (rate != 0 && rate <= kMostRateKBps) return rate;
+            if (rate != 0 && rate <= kMaxRateKBps) return rate;
         }
         Fault(key, "\"" + key + "\" must be a whole number of 1 to " +
-                       std::to_string(kMostRateKBps) + ", or null for unlimited");
+                       std::to_string(kMaxRateKBps) + ", or null for unlimited");
         return 0;
     }
 
@@ -266,34 +262,6 @@ private:
 
 // ---- from text: the whole ----
 
-// NOLINTNEXTLINE(bugprone-exception-escape): to move its members throws nothing
-class ConfigReader {
-public:
-    Configuration Read(std::string_view text);
-
-private:
-    bool Parse(std::string_view text);
-    void ReadHead();
-    template <typename Handle> void ReadList(const char *key, Handle handle);
-    void ReadPolicy(Entry &entry);
-    void ReadRule(Entry &entry);
-    std::int32_t ReadProtocol(Entry &entry);
-    std::optional<Owner> ReadOwner(Entry &entry);
-    std::optional<Owner> FindOwner(Entry &entry, std::int32_t type,
-                                   const std::optional<std::string> &name,
-                                   const std::optional<std::uint32_t> &id);
-    // The owner type is 0 for a policy.
-    void RefuseSecond(Entry &entry, std::int32_t protocol, std::int32_t ownerType,
-                      std::uint32_t id);
-
-    Configuration result_;
-    Json json_;
-    EntryLines whole_;
-    Lists lists_;
-    std::map<std::string, std::int32_t> protocols_; // looked up once each
-    std::map<std::tuple<std::int32_t, std::int32_t, std::uint32_t>, int> seen_; // lines
-};
-
 // The reader's message without its codes and positions.
 std::string WhatIsNoJson(const std::string &message)
 {
@@ -303,189 +271,202 @@ std::string WhatIsNoJson(const std::string &message)
     return "this is no JSON: " + (end == message.npos ? message : message.substr(end + 2));
 }
 
-bool ConfigReader::Parse(std::string_view text)
-{
-    LineCount count;
-    try {
-        const char *const end = text.data() + text.size();
-        json_ = Json::parse(CountingIterator(text.data(), count), CountingIterator(end, count),
-                            LineKeeper(count, whole_, lists_, result_.faults));
-        return true;
-    } catch (const Json::exception &error) {
-        result_.faults.push_back({count.line, WhatIsNoJson(error.what())});
-        return false;
-    }
-}
-
-void ConfigReader::ReadHead()
-{
-    whole_.line = 1;
-    Entry head(json_, whole_, result_.faults);
-    const Json *const format = head.Value("format");
-    const Json *const version = head.Value("version");
-    if (format != nullptr && *format != kFormat)
-        head.Fault("format", std::string("\"format\" must be \"") + kFormat +
-                                 "\": this is no exported configuration");
-    if (version != nullptr && *version != kVersion)
-        head.Fault("version", "\"version\" must be " + std::to_string(kVersion) +
-                                  ": import it with a newer zevobandwidth");
-    head.Value(kPolicies);
-    head.Value(kRules);
-    head.RefuseOtherKeys();
-}
-
-template <typename Handle> void ConfigReader::ReadList(const char *key, Handle handle)
-{
-    const auto list = json_.find(key);
-    if (list == json_.end()) return; // told already
-    if (!list->is_array()) {
-        result_.faults.push_back({whole_.keys[key], std::string("\"") + key + "\" must be a list"});
-        return;
-    }
-    for (std::size_t i = 0; i < list->size(); ++i) {
-        Entry entry((*list)[i], lists_[key][i], result_.faults);
-        if (!(*list)[i].is_object()) {
-            entry.Fault("", std::string("an entry of \"") + key + "\" must be an object");
-            continue;
+// NOLINTNEXTLINE(bugprone-exception-escape): to move its members throws nothing
+class ConfigReader {
+public:
+    Configuration Read(std::string_view text)
+    {
+        if (Parse(text)) {
+            if (json_.is_object()) {
+                ReadHead();
+                ReadList(kPolicies, [this](Entry &entry) { ReadPolicy(entry); });
+                ReadList(kRules, [this](Entry &entry) { ReadRule(entry); });
+            } else {
+                result_.faults.push_back({1, "the whole must be an object, as export writes it"});
+            }
         }
-        handle(entry);
-        entry.RefuseOtherKeys();
+        std::stable_sort(result_.faults.begin(), result_.faults.end(),
+                         [](const Remark &a, const Remark &b) { return a.line < b.line; });
+        return std::move(result_);
     }
-}
 
-// 0 after a fault.
-std::int32_t ConfigReader::ReadProtocol(Entry &entry)
-{
-    const std::string name = entry.Text("protocol");
-    if (name.empty()) return 0;
-    const auto [place, isNew] = protocols_.try_emplace(name, 0);
-    try {
-        if (isNew) place->second = FindProtocol(name);
-        if (place->second == 0) entry.Fault("protocol", "no such protocol: \"" + name + "\"");
-    } catch (const Failure &failure) {
-        if (failure.status() != kNotFound) throw;
-        entry.Fault("protocol", failure.what());
-    }
-    return place->second;
-}
-
-std::optional<Owner> ConfigReader::ReadOwner(Entry &entry)
-{
-    const auto type = entry.Choice("owner",
-                                   {ValueName(ZEVO_BW_OWNER_TYPE_LIST, ZEVO_BW_OWNER_USER),
-                                    ValueName(ZEVO_BW_OWNER_TYPE_LIST, ZEVO_BW_OWNER_GROUP)},
-                                   ZEVO_BW_OWNER_TYPE_LIST);
-    const Json *const nameValue = entry.Value("name");
-    const Json *const idValue = entry.Value("id");
-    if (!type || nameValue == nullptr || idValue == nullptr) return std::nullopt;
-    std::optional<std::string> name;
-    std::optional<std::uint32_t> id;
-    if (!nameValue->is_null()) name = entry.Text("name");
-    if (name && name->empty()) return std::nullopt;
-    if (idValue->is_number_unsigned() && idValue->get<std::uint64_t>() < kNobody)
-        id = idValue->get<std::uint32_t>();
-    if (!id && !idValue->is_null())
-        entry.Fault("id", "\"id\" must be a whole number below " + std::to_string(kNobody) +
-                              ", or null to go by the name alone");
-    else if (!name && !id)
-        entry.Fault("name", "the owner has neither a name nor an id");
-    else
-        return FindOwner(entry, *type, name, id);
-    return std::nullopt;
-}
-
-std::optional<Owner> ConfigReader::FindOwner(Entry &entry, std::int32_t type,
-                                             const std::optional<std::string> &name,
-                                             const std::optional<std::uint32_t> &id)
-{
-    const std::string kind = ValueName(ZEVO_BW_OWNER_TYPE_LIST, type);
-    const auto note = [&](const std::string &text) {
-        result_.notes.push_back({entry.line(), text});
-    };
-    if (name) {
-        if (const auto account = FindByName(type, *name)) {
-            if (id && *id != account->id)
-                note(kind + " " + *name + " has the id " + std::to_string(account->id) +
-                     " here, not " + std::to_string(*id) + ": the rule goes by the name");
-            return Owner{type, *account};
-        }
-        if (!id) {
-            entry.Fault("name", "no such " + kind + ": \"" + *name + "\"");
-            return std::nullopt;
+private:
+    bool Parse(std::string_view text)
+    {
+        LineCount count;
+        try {
+            const char *const end = text.data() + text.size();
+            json_ = Json::parse(CountingIterator(text.data(), count), CountingIterator(end, count),
+                                LineKeeper(count, whole_, lists_, result_.faults));
+            return true;
+        } catch (const Json::exception &error) {
+            result_.faults.push_back({count.line, WhatIsNoJson(error.what())});
+            return false;
         }
     }
-    const Owner owner = OwnerById(type, *id);
-    if (name && IsKnown(owner)) {
-        entry.Fault("name", "no such " + kind + ": \"" + *name + "\", and the id " +
-                                std::to_string(*id) + " belongs to " + owner.account.name +
-                                " here; add the " + kind + " or correct the entry");
+
+    void ReadHead()
+    {
+        whole_.line = 1;
+        Entry head(json_, whole_, result_.faults);
+        const Json *const format = head.Value("format");
+        const Json *const version = head.Value("version");
+        if (format != nullptr && *format != kFormat)
+            head.Fault("format", std::string("\"format\" must be \"") + kFormat +
+                                     "\": this is no exported configuration");
+        if (version != nullptr && *version != kVersion)
+            head.Fault("version", "\"version\" must be " + std::to_string(kVersion) +
+                                      ": import it with a newer zevobandwidth");
+        head.Value(kPolicies);
+        head.Value(kRules);
+        head.RefuseOtherKeys();
+    }
+
+    template <typename Handle> void ReadList(const char *key, Handle handle)
+    {
+        const auto list = json_.find(key);
+        if (list == json_.end()) return; // told already
+        if (!list->is_array()) {
+            result_.faults.push_back(
+                {whole_.keys[key], std::string("\"") + key + "\" must be a list"});
+            return;
+        }
+        for (std::size_t i = 0; i < list->size(); ++i) {
+            Entry entry((*list)[i], lists_[key][i], result_.faults);
+            if (!(*list)[i].is_object()) {
+                entry.Fault("", std::string("an entry of \"") + key + "\" must be an object");
+                continue;
+            }
+            handle(entry);
+            entry.RefuseOtherKeys();
+        }
+    }
+
+    void ReadPolicy(Entry &entry)
+    {
+        ZEVO_BANDWIDTH_GLOBAL_CONF policy{};
+        policy.protocolType = ReadProtocol(entry);
+        for (const PolicyChoice &choice : kChoices) {
+            std::vector<std::string> names = ValueNames(choice.table);
+            // A stored policy never has the state NotExisted.
+            if (choice.field == &ZEVO_BANDWIDTH_GLOBAL_CONF::state) names.erase(names.begin());
+            if (const auto value = entry.Choice(choice.key, names, choice.table))
+                policy.*choice.field = *value;
+        }
+        entry.Plan("plan", kPolicyPlanMarks, policy.szSchedulePlan);
+        if (policy.protocolType != 0) RefuseSecond(entry, policy.protocolType, 0, 0);
+        result_.policies.push_back(policy);
+    }
+
+    void ReadRule(Entry &entry)
+    {
+        StoredRule stored{};
+        ZEVO_BANDWIDTH_CONF &rule = stored.rule;
+        rule.protocolType = ReadProtocol(entry);
+        const auto owner = ReadOwner(entry);
+        const auto names = ValueNames(ZEVO_BW_STATE_LIST);
+        rule.state = entry.Choice("state", names, ZEVO_BW_STATE_LIST).value_or(0);
+        for (const RateOption &rate : kRates)
+            rule.*rate.field = entry.RateOrUnlimited(rate.key);
+        entry.Plan("plan", kRulePlanMarks, rule.szSchedulePlan);
+        if (!owner) return;
+        stored.owner = *owner;
+        rule.ownerType = owner->type;
+        rule.id = owner->account.id;
+        if (rule.protocolType != 0) RefuseSecond(entry, rule.protocolType, rule.ownerType, rule.id);
+        result_.rules.push_back(std::move(stored));
+    }
+
+    // 0 after a fault.
+    std::int32_t ReadProtocol(Entry &entry)
+    {
+        const std::string name = entry.Text("protocol");
+        if (name.empty()) return 0;
+        const auto [place, isNew] = protocols_.try_emplace(name, 0);
+        try {
+            if (isNew) place->second = FindProtocol(name);
+            if (place->second == 0) entry.Fault("protocol", "no such protocol: \"" + name + "\"");
+        } catch (const Failure &failure) {
+            if (failure.status() != kNotFound) throw;
+            entry.Fault("protocol", failure.what());
+        }
+        return place->second;
+    }
+
+    std::optional<Owner> ReadOwner(Entry &entry)
+    {
+        const auto type = entry.Choice("owner",
+                                       {ValueName(ZEVO_BW_OWNER_TYPE_LIST, ZEVO_BW_OWNER_USER),
+                                        ValueName(ZEVO_BW_OWNER_TYPE_LIST, ZEVO_BW_OWNER_GROUP)},
+                                       ZEVO_BW_OWNER_TYPE_LIST);
+        const Json *const nameValue = entry.Value("name");
+        const Json *const idValue = entry.Value("id");
+        if (!type || nameValue == nullptr || idValue == nullptr) return std::nullopt;
+        std::optional<std::string> name;
+        std::optional<std::uint32_t> id;
+        if (!nameValue->is_null()) name = entry.Text("name");
+        if (name && name->empty()) return std::nullopt;
+        if (idValue->is_number_unsigned() && idValue->get<std::uint64_t>() < kNobody)
+            id = idValue->get<std::uint32_t>();
+        if (!id && !idValue->is_null())
+            entry.Fault("id", "\"id\" must be a whole number below " + std::to_string(kNobody) +
+                                  ", or null to go by the name alone");
+        else if (!name && !id)
+            entry.Fault("name", "the owner has neither a name nor an id");
+        else
+            return FindOwner(entry, *type, name, id);
         return std::nullopt;
     }
-    if (!IsKnown(owner))
-        note("no such " + kind + (name ? " here: \"" + *name + "\"" : " here") +
-             "; the rule is kept for the id " + std::to_string(*id));
-    return owner;
-}
 
-void ConfigReader::RefuseSecond(Entry &entry, std::int32_t protocol, std::int32_t ownerType,
-                                std::uint32_t id)
-{
-    const auto [place, isNew] = seen_.try_emplace({protocol, ownerType, id}, entry.line());
-    if (!isNew)
-        entry.Fault("", std::string("a second ") + (ownerType == 0 ? "policy" : "rule") +
-                            " for what line " + std::to_string(place->second) + " is about");
-}
-
-void ConfigReader::ReadPolicy(Entry &entry)
-{
-    ZEVO_BANDWIDTH_GLOBAL_CONF policy{};
-    policy.protocolType = ReadProtocol(entry);
-    for (const PolicyChoice &choice : kChoices) {
-        std::vector<std::string> names = ValueNames(choice.table);
-        // A policy is stored or not there at all.
-        if (choice.field == &ZEVO_BANDWIDTH_GLOBAL_CONF::state) names.erase(names.begin());
-        if (const auto value = entry.Choice(choice.key, names, choice.table))
-            policy.*choice.field = *value;
-    }
-    entry.Plan("plan", kPolicyPlanMarks, policy.szSchedulePlan);
-    if (policy.protocolType != 0) RefuseSecond(entry, policy.protocolType, 0, 0);
-    result_.policies.push_back(policy);
-}
-
-void ConfigReader::ReadRule(Entry &entry)
-{
-    StoredRule stored{};
-    ZEVO_BANDWIDTH_CONF &rule = stored.rule;
-    rule.protocolType = ReadProtocol(entry);
-    const auto owner = ReadOwner(entry);
-    const auto names = ValueNames(ZEVO_BW_STATE_LIST);
-    rule.state = entry.Choice("state", names, ZEVO_BW_STATE_LIST).value_or(0);
-    for (const RateOption &rate : kRates)
-        rule.*rate.field = entry.RateOrUnlimited(rate.key);
-    entry.Plan("plan", kRulePlanMarks, rule.szSchedulePlan);
-    if (!owner) return;
-    stored.owner = *owner;
-    rule.ownerType = owner->type;
-    rule.id = owner->account.id;
-    if (rule.protocolType != 0) RefuseSecond(entry, rule.protocolType, rule.ownerType, rule.id);
-    result_.rules.push_back(std::move(stored));
-}
-
-Configuration ConfigReader::Read(std::string_view text)
-{
-    if (Parse(text)) {
-        if (json_.is_object()) {
-            ReadHead();
-            ReadList(kPolicies, [this](Entry &entry) { ReadPolicy(entry); });
-            ReadList(kRules, [this](Entry &entry) { ReadRule(entry); });
-        } else {
-            result_.faults.push_back({1, "the whole must be an object, as export writes it"});
+    std::optional<Owner> FindOwner(Entry &entry, std::int32_t type,
+                                   const std::optional<std::string> &name,
+                                   const std::optional<std::uint32_t> &id)
+    {
+        const std::string kind = ValueName(ZEVO_BW_OWNER_TYPE_LIST, type);
+        const auto note = [&](const std::string &text) {
+            result_.notes.push_back({entry.line(), text});
+        };
+        if (name) {
+            if (const auto account = FindByName(type, *name)) {
+                if (id && *id != account->id)
+                    note(kind + " " + *name + " has the id " + std::to_string(account->id) +
+                         " here, not " + std::to_string(*id) + ": the rule goes by the name");
+                return Owner{type, *account};
+            }
+            if (!id) {
+                entry.Fault("name", "no such " + kind + ": \"" + *name + "\"");
+                return std::nullopt;
+            }
         }
+        const Owner owner = OwnerById(type, *id);
+        if (name && IsKnown(owner)) {
+            entry.Fault("name", "no such " + kind + ": \"" + *name + "\", and the id " +
+                                    std::to_string(*id) + " belongs to " + owner.account.name +
+                                    " here; add the " + kind + " or correct the entry");
+            return std::nullopt;
+        }
+        if (!IsKnown(owner))
+            note("no such " + kind + (name ? " here: \"" + *name + "\"" : " here") +
+                 "; the rule is kept for the id " + std::to_string(*id));
+        return owner;
     }
-    std::stable_sort(result_.faults.begin(), result_.faults.end(),
-                     [](const Remark &a, const Remark &b) { return a.line < b.line; });
-    return std::move(result_);
-}
+
+    // The owner type is 0 for a policy.
+    void RefuseSecond(Entry &entry, std::int32_t protocol, std::int32_t ownerType, std::uint32_t id)
+    {
+        const auto [place, isNew] = seen_.try_emplace({protocol, ownerType, id}, entry.line());
+        if (!isNew)
+            entry.Fault("", std::string("a second ") + (ownerType == 0 ? "policy" : "rule") +
+                                " for what line " + std::to_string(place->second) + " is about");
+    }
+
+    Configuration result_;
+    Json json_;
+    EntryLines whole_;
+    Lists lists_;
+    std::map<std::string, std::int32_t> protocols_; // looked up once each
+    std::map<std::tuple<std::int32_t, std::int32_t, std::uint32_t>, int> seen_; // lines
+};
 
 } // namespace
 

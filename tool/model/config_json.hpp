@@ -1,5 +1,5 @@
-// The whole configuration as one JSON text, to be kept or moved to another machine, and back. The
-// text has a line for each policy and each rule; equal configurations give equal bytes.
+// The whole configuration as one JSON text, for backups and other machines. The text has a line for
+// each policy and each rule. Equal configurations give equal bytes.
 #ifndef ZEVOBW_TOOL_MODEL_CONFIG_JSON_HPP
 #define ZEVOBW_TOOL_MODEL_CONFIG_JSON_HPP
 
@@ -31,12 +31,12 @@ struct Remark {
 struct Configuration {
     std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies;
     std::vector<StoredRule> rules;
-    std::vector<Remark> faults; // by line; with any, the entries are not to be used
-    std::vector<Remark> notes;  // owners that are not who they were on the other machine
+    std::vector<Remark> faults; // by line; if there is any, do not use the entries
+    std::vector<Remark> notes;  // owners that have another id or name here
 };
 
-// Reads such a text and checks all of it. An owner is found by name where the user database knows
-// it, else by id, unless that belongs to somebody else here.
+// Reads such a text and checks all of it. An owner is found by its name; if the user database does
+// not know the name, by its id, unless that id belongs to another account here.
 Configuration ConfigFromText(std::string_view text);
 
 } // namespace tool

@@ -1,5 +1,5 @@
-// Every question goes to a copy of the configuration: an estimate writes into its entries, and an
-// entry that is out of force would keep what an earlier question left there.
+// Each question gets a copy of the configuration, because an estimate writes into the entries, and
+// an entry that does not apply would keep the result of an earlier question.
 #include "model/evaluation.hpp"
 
 #include <algorithm>
@@ -14,8 +14,8 @@ namespace tool {
 
 Evaluation::Evaluation(std::uint32_t uid, std::int32_t protocol, std::time_t at)
 {
-    // The library takes a file that this user may not read for an empty one, and tells a damaged
-    // section only to the log: these two say which file it is and what to do.
+    // The library treats a file that this user may not read as empty, and reports a damaged section
+    // only in the log. These two calls fail with the file and the remedy.
     static_cast<void>(ReadPolicy(protocol));
     static_cast<void>(ReadRule({ZEVO_BW_OWNER_USER, {uid, UserName(uid)}}, protocol));
     auto config = zevobw::Config::Read(uid, protocol);
@@ -28,13 +28,13 @@ Evaluation::Evaluation(std::uint32_t uid, std::int32_t protocol, std::time_t at)
     if (at != 0) static_cast<void>(config_.Evaluate(at * kMicrosPerSecond));
 }
 
-bool Evaluation::HasInForce(std::int32_t ownerType) const noexcept
+bool Evaluation::Applies(std::int32_t ownerType) const noexcept
 {
-    const auto bears = [ownerType](const ZEVO_BANDWIDTH_LIMIT &limit) {
+    const auto applies = [ownerType](const ZEVO_BANDWIDTH_LIMIT &limit) {
         return limit.conf.ownerType == ownerType &&
                limit.conf.currentState != ZEVO_BW_STATE_DISABLED;
     };
-    return std::any_of(limits().begin(), limits().end(), bears);
+    return std::any_of(limits().begin(), limits().end(), applies);
 }
 
 std::string Evaluation::WhyOff() const

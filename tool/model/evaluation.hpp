@@ -1,5 +1,5 @@
-// What rules and policy leave one user on one protocol at one moment, as the library works it out:
-// the tool reads its records and asks it questions, and combines nothing itself.
+// What the rules and the policy allow one user on one protocol at one moment. The library works it
+// out; the tool combines nothing itself.
 #ifndef ZEVOBW_TOOL_MODEL_EVALUATION_HPP
 #define ZEVOBW_TOOL_MODEL_EVALUATION_HPP
 
@@ -13,8 +13,8 @@
 
 namespace tool {
 
-// The speed of a transfer in bytes per second, 0 unlimited, and the rules as the library left them:
-// what each gives, and the part of the transfer that each group is charged with.
+// The speed of a transfer in bytes per second, 0 unlimited. The limits hold what each rule allows,
+// and the part of the transfer that each group is charged.
 struct Allowance {
     std::uint64_t bps = 0;
     std::vector<ZEVO_BANDWIDTH_LIMIT> limits;
@@ -30,18 +30,18 @@ public:
 
     const ZEVO_BANDWIDTH_GLOBAL_CONF &policy() const noexcept { return config_.policy(); }
 
-    // The rules that can bear, evaluated: the user's own first, then his groups'.
+    // The evaluated rules that can apply: the user's own first, then those of the groups.
     std::span<const ZEVO_BANDWIDTH_LIMIT> limits() const noexcept { return config_; }
 
-    // A rule of this kind of owner bears at the moment.
-    bool HasInForce(std::int32_t ownerType) const noexcept;
+    // Whether a rule of this kind of owner applies at the moment.
+    bool Applies(std::int32_t ownerType) const noexcept;
 
-    // Why the protocol limits nobody at the moment, in a few words; empty when it does.
+    // Why the protocol has no limits at the moment, in a few words; empty when it has.
     std::string WhyOff() const;
 
     Allowance Ask(std::int32_t direction, Beside beside) const;
 
-    // The same under another way of combining a user and his groups.
+    // The same with another way to combine the rules of the user and of the groups.
     Allowance AskUnder(std::int32_t userGroupPolicy, std::int32_t direction, Beside beside) const;
 
 private:

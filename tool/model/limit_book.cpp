@@ -1,4 +1,3 @@
-// Limits, evaluated by the library and remembered.
 #include "model/limit_book.hpp"
 
 #include <sys/stat.h>
@@ -20,14 +19,14 @@ std::uint64_t ToBps(std::uint64_t kBps)
     return std::min(kBps, UINT64_MAX / kBytesPerKB) * kBytesPerKB;
 }
 
-// Changes with the file, and with the minute: plans turn with the hour, and the user database says
-// nothing when somebody joins a group.
+// Changes with the file, and with the minute: a plan changes with the hour, and nothing tells that
+// a user has joined a group.
 std::string StampOf(std::int32_t protocol)
 {
     std::array<char, ZEVO_BW_FILENAME_SIZE> path{};
     struct stat file {};
     static_cast<void>(ZEVOBandwidthConfPath(protocol, path.data(), path.size()));
-    static_cast<void>(::stat(path.data(), &file)); // one that is not there has a stamp, too
+    static_cast<void>(::stat(path.data(), &file)); // a missing file has a stamp, too
     return std::to_string(file.st_ino) + " " + std::to_string(file.st_mtim.tv_sec) + " " +
            std::to_string(file.st_mtim.tv_nsec) + " " + std::to_string(std::time(nullptr) / 60);
 }
@@ -42,20 +41,23 @@ bool LimitsApply(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
     return config.globalConf.currentState == ZEVO_BW_STATE_ENABLED;
 }
 
-std::optional<Speeds> RatesInForce(const ZEVO_BANDWIDTH_CONF &rule,
-                                   const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
+ZEVO_BANDWIDTH_CONF EvaluatedNow(const ZEVO_BANDWIDTH_CONF &rule)
 {
     ZEVO_BANDWIDTH_LIMIT limit{};
     limit.conf = rule;
     ZEVO_BANDWIDTH_CONFIG config{};
     config.iLimit = 1;
     config.pLimit = &limit;
-    config.globalConf = policy;
-    static_cast<void>(ZEVOBandwidthInitConfig(&config, 0));
-    if (config.globalConf.currentState != ZEVO_BW_STATE_ENABLED ||
-        limit.conf.currentState != ZEVO_BW_STATE_ENABLED)
-        return std::nullopt;
-    return Speeds{0, ToBps(limit.conf.currentUploadRate), ToBps(limit.conf.currentDownloadRate)};
+    static_cast<void>(ZEVOBandwidthInitConfig(&config, 0)); // says whether it is on a schedule
+    return limit.conf;
+}
+
+std::optional<Speeds> RatesNow(const ZEVO_BANDWIDTH_CONF &rule,
+                               const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
+{
+    const ZEVO_BANDWIDTH_CONF now = EvaluatedNow(rule);
+    if (!LimitsApply(policy) || now.currentState != ZEVO_BW_STATE_ENABLED) return std::nullopt;
+    return Speeds{0, ToBps(now.currentUploadRate), ToBps(now.currentDownloadRate)};
 }
 
 void LimitBook::BeginRound(std::int64_t budgetUs)
@@ -88,12 +90,11 @@ std::optional<Speeds> LimitBook::Find(std::int32_t ownerType, std::uint32_t id,
         const ZEVO_BANDWIDTH_GLOBAL_CONF &policy = Policy(protocol);
         if (!LimitsApply(policy)) return Speeds{};
         if (ownerType == ZEVO_BW_OWNER_GROUP)
-            return RatesInForce(ReadRule({ownerType, {id, ""}}, protocol), policy)
-                .value_or(Speeds{});
+            return RatesNow(ReadRule({ownerType, {id, ""}}, protocol), policy).value_or(Speeds{});
         Speeds speeds{};
         if (ZEVOBandwidthPreview(id, protocol, speeds.data()) == 0) return speeds;
     } catch (const Failure &) {
-        // A damaged or unreadable file: other commands say so, a display has its last word in "-".
+        // A damaged or unreadable file. Other commands report it; the display shows "-".
     }
     return std::nullopt;
 }

@@ -1,4 +1,4 @@
-// The process keeps the locale it starts with, so that the names of days are English ones.
+// The process stays in the "C" locale for times, so the names of days are English.
 #include "model/moment.hpp"
 
 #include <iomanip>

@@ -19,8 +19,8 @@ std::string MomentText(std::time_t moment);
 // "2026-03-29T03:00:00+02:00", for JSON.
 std::string IsoText(std::time_t moment);
 
-// Reads "sun 02:30": the coming moment of that day and time. One that daylight saving skips is taken
-// a week later, which is the same hour of the week. Throws Failure with kWrongUsage.
+// Reads "sun 02:30": the next moment with that day and time. If daylight saving skips that hour, it
+// is the moment a week later. Throws Failure with kWrongUsage.
 std::time_t ParseComingMoment(const std::string &text, std::time_t now);
 
 } // namespace tool

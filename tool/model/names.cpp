@@ -1,5 +1,5 @@
-// Names to numbers and back. The user database is asked through the re-entrant calls with buffers
-// that grow, for a group with thousands of members outgrows any fixed one.
+// Names to numbers and back. The buffers for the user database grow, because a group with thousands
+// of members does not fit into any fixed one.
 #include "model/names.hpp"
 
 #include <dirent.h>
@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -20,25 +19,17 @@
 #include <unordered_map>
 
 #include "failure.hpp"
+#include "model/number.hpp"
 #include "output.hpp"
 
 namespace tool {
 
 namespace {
 
-constexpr const char *kAddonDirectory = "/usr/zevo/etc/bandwidth/addon/";
+constexpr const char *kAddonDirectory = ZEVO_BW_ADDON_DIRECTORY "/";
 constexpr std::string_view kAddonSuffix = ".json";
 constexpr std::size_t kFirstBuffer = 4096;
 constexpr std::size_t kLongestEntry = std::size_t{1} << 20;
-
-template <typename Number> std::optional<Number> WholeNumber(std::string_view text)
-{
-    Number number = 0;
-    const auto end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, number);
-    if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
-    return number;
-}
 
 [[noreturn]] void DatabaseFailed(int error)
 {
@@ -55,7 +46,7 @@ Account ToAccount(const group &entry)
     return {entry.gr_gid, entry.gr_name};
 }
 
-// Runs one of getpwnam_r and its kin; nothing when the database knows no such entry.
+// Runs getpwnam_r() or one of its sister calls. Nothing if the database has no such entry.
 template <typename Entry, typename Lookup, typename Key>
 std::optional<Account> Ask(Lookup lookup, Key key)
 {
@@ -65,7 +56,7 @@ std::optional<Account> Ask(Lookup lookup, Key key)
         Entry *found = nullptr;
         const int error = lookup(key, &entry, buffer.data(), buffer.size(), &found);
         if (found != nullptr) return ToAccount(entry);
-        // What the sources of the database say when they mean "not known".
+        // The database's sources report "not known" by these.
         if (error == 0 || error == ENOENT || error == ESRCH) return std::nullopt;
         if (error == ERANGE)
             buffer.resize(buffer.size() * 2);
@@ -74,14 +65,14 @@ std::optional<Account> Ask(Lookup lookup, Key key)
     }
 }
 
-// Of a file's name: NAME_NUMBER.json, the number written as the library writes it.
+// The protocol of "NAME_NUMBER.json", with the number as the library writes it.
 std::optional<Protocol> FromFileName(std::string_view file)
 {
     file.remove_suffix(kAddonSuffix.size());
     const std::size_t bar = file.rfind('_');
     if (bar == std::string_view::npos || bar == 0) return std::nullopt;
     const std::string_view digits = file.substr(bar + 1);
-    const auto number = WholeNumber<std::int32_t>(digits);
+    const auto number = ReadNumber<std::int32_t>(digits);
     if (!number || *number <= 0 || std::to_string(*number) != digits) return std::nullopt;
     return Protocol{*number, std::string(file.substr(0, bar))};
 }
@@ -99,10 +90,9 @@ std::vector<std::string> NamesOfAddonFiles()
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(::opendir(kAddonDirectory), &::closedir);
     if (!directory && errno == ENOENT) return names;
     if (!directory)
-        throw Failure(errno == EACCES ? kNotPermitted : kFailed,
-                      std::string("the add-on protocols of ") + kAddonDirectory +
-                          " cannot be read: " + std::strerror(errno) +
-                          "; it must be a directory that every user may read");
+        throw Failure(StatusOf(errno), std::string("the add-on protocols of ") + kAddonDirectory +
+                                           " cannot be read: " + std::strerror(errno) +
+                                           "; it must be a directory that every user may read");
     while (const dirent *entry = ::readdir(directory.get())) {
         const std::string_view name = entry->d_name;
         if (!name.starts_with('.') && name.ends_with(kAddonSuffix)) names.emplace_back(name);
@@ -123,7 +113,7 @@ std::vector<Protocol> AnnouncedAddons()
 }
 
 // Accounts by id and by name. Each id is looked up once. A look-up reads the local file up to the
-// entry, so that after a few of them the whole file is read once instead.
+// entry, so after a few of them the whole file is read once.
 template <typename Entry> class AccountBook {
 public:
     template <typename Key> using LookUp = int (*)(Key, Entry *, char *, std::size_t, Entry **);
@@ -167,7 +157,7 @@ private:
         return account ? std::optional(account->name) : std::nullopt;
     }
 
-    // Some sources of the database take a name in any case; the entry has it right.
+    // Some sources ignore the case of a name; the entry has the right one.
     std::optional<Account> FindNamed(const std::string &name)
     {
         NoteLookUp();
@@ -176,7 +166,7 @@ private:
         return Ask<Entry>(byName_, name.c_str());
     }
 
-    // An entry too long for the buffer ends the reading: those behind it are looked up one by one.
+    // Stops at an entry that is too long for the buffer. Later entries are looked up one by one.
     void NoteLookUp()
     {
         if (++lookUps_ != kFewLookUps) return;
@@ -224,8 +214,8 @@ std::optional<std::string> NameInLibrary(std::int32_t number)
     return name.data();
 }
 
-// The library searches by pattern and gives up on two matches: only an add-on that it finds both
-// ways can have rules.
+// The library searches add-ons by a pattern and fails on two matches. Only an add-on that it finds
+// by number and by name can have rules.
 bool IsUsable(const Protocol &addon)
 {
     return NameInLibrary(addon.number) == addon.name &&
@@ -254,10 +244,10 @@ Unusable WhyUnusable(const std::optional<Protocol> &protocol)
 
 std::string KnownProtocolNames()
 {
-    std::string names;
+    std::vector<std::string> names;
     for (const Protocol &protocol : KnownProtocols())
-        names += (names.empty() ? "" : ", ") + protocol.name;
-    return names;
+        names.push_back(protocol.name);
+    return Joined(names, ", ");
 }
 
 } // namespace
@@ -274,7 +264,7 @@ Account FindGroup(const std::string &nameOrId)
 
 std::optional<std::uint32_t> ReadId(const std::string &text)
 {
-    const auto id = WholeNumber<std::uint32_t>(text);
+    const auto id = ReadNumber<std::uint32_t>(text);
     // The highest id means "nobody" to the system calls and names no account.
     return id == static_cast<std::uint32_t>(-1) ? std::nullopt : id;
 }

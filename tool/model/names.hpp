@@ -1,5 +1,5 @@
-// Who and what the administrator names on the command line: users and groups of the machine's user
-// database, protocols with their add-ons, and values of the public header's name tables.
+// Names on the command line: users and groups of the user database, protocols with their add-ons,
+// and values of the public header's name tables.
 #ifndef ZEVOBW_TOOL_MODEL_NAMES_HPP
 #define ZEVOBW_TOOL_MODEL_NAMES_HPP
 
@@ -22,19 +22,19 @@ struct Protocol {
     std::string name;
 };
 
-// A text of digits only is tried as a name first, then as an id. Throw Failure with kNotFound when
-// the user database knows neither.
+// Look the text up as a name, then as an id. Throw Failure with kNotFound if the user database
+// knows neither.
 Account FindUser(const std::string &nameOrId);
 Account FindGroup(const std::string &nameOrId);
 
-// The id that a text of digits stands for, whether or not the user database knows it.
+// The id in a text of digits. The user database need not know it.
 std::optional<std::uint32_t> ReadId(const std::string &text);
 
-// The user that runs the tool; a uid without an entry is its own name.
+// The user that runs the tool.
 Account CallingUser();
 
-// The owner's name, or the id in digits when the user database does not know it or numeric ids are
-// asked for. Each is looked up once.
+// The owner's name. It is the id in digits if the user database does not know the id, or with -n.
+// Each id is looked up once.
 const std::string &UserName(std::uint32_t uid);
 const std::string &GroupName(std::uint32_t gid);
 // What is printed of an account: its name, or its id when numeric ids are asked for.

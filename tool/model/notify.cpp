@@ -1,10 +1,10 @@
-// The notice goes out through /proc rather than through a program: killall understands "-sighup"
-// on some systems only, and the notice must not depend on which one is installed.
+// Finds the processes through /proc, because not every killall understands "-sighup".
 //
 // SIGHUP ends a process that does not expect it. Process ids are used again, so the process is held
-// by a descriptor before its name is read: the one that was looked at is the one that is told. A
-// command of this very program that does not hold the signal off is still being loaded: it is left
-// alone, for it has yet to read the limits. Another program of that name gets a moment's grace.
+// by a descriptor before its name is read: the signal reaches the process that was looked at. A
+// process of this program that does not yet expect the signal is still being loaded; it gets no
+// signal, because it will read the new limits. Another program of that name gets up to 200 ms to
+// expect the signal.
 #include "model/notify.hpp"
 
 #include <dirent.h>
@@ -12,7 +12,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <fstream>
@@ -22,6 +21,9 @@
 #include <thread>
 
 #include <zevobandwidth.h>
+
+#include "base/descriptor.hpp"
+#include "model/number.hpp"
 
 namespace tool {
 
@@ -33,29 +35,11 @@ constexpr std::string_view kProcessName = "zevobandwidth";
 constexpr std::chrono::milliseconds kGrace(200); // for all processes together
 constexpr std::chrono::milliseconds kLookAgain(2);
 
-class Descriptor {
-public:
-    explicit Descriptor(int fd) noexcept : fd_(fd) {}
-    ~Descriptor()
-    {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    explicit operator bool() const noexcept { return fd_ >= 0; }
-    int get() const noexcept { return fd_; }
-
-private:
-    int fd_;
-};
-
-// 0 for what is no process directory.
+// 0 if the name is no process id.
 pid_t ProcessId(std::string_view name)
 {
-    pid_t pid = 0;
-    const char *const end = name.data() + name.size();
-    const auto result = std::from_chars(name.data(), end, pid);
-    return result.ec == std::errc() && result.ptr == end && pid > 1 ? pid : 0;
+    const pid_t pid = ReadNumber<pid_t>(name).value_or(0);
+    return pid > 1 ? pid : 0;
 }
 
 std::ifstream OpenOf(pid_t pid, const char *file)
@@ -63,14 +47,14 @@ std::ifstream OpenOf(pid_t pid, const char *file)
     return std::ifstream("/proc/" + std::to_string(pid) + "/" + file);
 }
 
-bool BearsOurName(pid_t pid)
+bool HasOurName(pid_t pid)
 {
     std::ifstream comm = OpenOf(pid, "comm");
     std::string name;
     return std::getline(comm, name) && name == kProcessName;
 }
 
-// Neither blocked, ignored nor caught. False also for a process that is gone.
+// Whether SIGHUP is neither blocked, ignored nor caught. False also for a process that is gone.
 bool WouldEnd(pid_t pid)
 {
     std::ifstream status = OpenOf(pid, "status");
@@ -95,18 +79,18 @@ bool IsThisProgram(pid_t pid)
            theirs.st_dev == ours.st_dev && theirs.st_ino == ours.st_ino;
 }
 
-// True when it was told.
+// True if the signal was sent.
 bool Notify(pid_t pid, Clock::time_point graceEnd)
 {
     // By number: some releases of <sys/pidfd.h> cannot be linked from C++.
-    const Descriptor process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
-    if (!process || !BearsOurName(pid)) return false;
+    const zevo::Fd process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+    if (!process || !HasOurName(pid)) return false;
     while (WouldEnd(pid)) {
         if (IsThisProgram(pid)) return false;
         if (Clock::now() >= graceEnd) break;
         std::this_thread::sleep_for(kLookAgain);
     }
-    // Gone meanwhile, or another user's: neither is ours to tell.
+    // Fails if the process is gone, or another user's.
     return ::syscall(SYS_pidfd_send_signal, process.get(), SIGHUP, nullptr, 0) == 0;
 }
 

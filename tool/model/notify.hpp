@@ -4,12 +4,11 @@
 
 namespace tool {
 
-// Sends SIGHUP to every other process named "zevobandwidth". Those that cannot be reached learn of
-// the change when they are started anew. Returns how many were told.
+// Sends SIGHUP to every other process named "zevobandwidth", and returns how many got it.
 int NotifyTransfers();
 
-// The same, and the web file manager's workers and the WebDAV server. FTP and rsync services have no
-// way to be told: they read the limits anew with the next transfer.
+// Notifies also the web file manager's workers and the WebDAV server. FTP and rsync services cannot
+// be notified: they read the limits anew with the next transfer.
 void NotifyServices();
 
 } // namespace tool

@@ -1,10 +1,8 @@
-// Plans as an administrator writes them, and the walk through the local hours to come.
 #include "model/plan.hpp"
 
 #include <algorithm>
 #include <bitset>
 #include <cctype>
-#include <optional>
 #include <sstream>
 
 #include "failure.hpp"
@@ -18,7 +16,7 @@ using Days = std::bitset<kDaysOfWeek>;
 struct DayRange {
     std::string_view name;
     std::size_t first;
-    std::size_t last; // before the first: through Saturday into Sunday
+    std::size_t last; // if less than first, the range goes past Saturday
 };
 
 constexpr std::array kDayRanges = {DayRange{"all", 0, 6}, DayRange{"weekdays", 1, 5},
@@ -35,7 +33,7 @@ struct StateWord {
     HourState state;
 };
 
-// The first name of a state is the one that is shown.
+// The first name of a state is shown; all are read.
 constexpr std::array kStateWords = {
     StateWord{PlanOf::kRule, "off", HourState::kOff},
     StateWord{PlanOf::kRule, "normal", HourState::kNormal},
@@ -65,7 +63,7 @@ std::vector<std::string> Split(const std::string &text, char separator)
     return parts;
 }
 
-// Words in lower case; blanks beside a comma or a dash do not part one from the next.
+// The words in lower case. A blank beside a comma or a dash does not end a word.
 std::vector<std::string> Words(const std::string &text)
 {
     const auto joins = [](char c) { return c == ',' || c == '-'; };
@@ -268,11 +266,11 @@ std::size_t HourOfWeek(const std::tm &local)
 namespace {
 
 constexpr std::time_t kSecondsOfHour = 3600;
-// A plan with two states shows both within a week of hours; clocks are set by less than another.
+// A plan with two states shows both within a week. Daylight saving moves that by less than a week.
 constexpr std::time_t kLongestSpan = 2 * kSecondsOfHour * static_cast<std::time_t>(kHoursOfWeek);
 
-// The next moment at which the local hour may be another: the full hour, or before that the moment
-// at which the clock is set.
+// The next moment at which the local hour may change: the full hour, or an earlier moment at which
+// the clock is set.
 std::time_t NextHour(std::time_t moment)
 {
     const std::tm local = LocalTime(moment);

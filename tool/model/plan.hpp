@@ -1,5 +1,5 @@
-// Weekly plans: a character for each hour of the week, how an administrator writes them down, and
-// when they next change. Knows nothing of files; the time zone is the process's own.
+// Weekly plans: how an administrator writes them, and when they next change. A plan has a character
+// for each hour of the week. Times are local to the process; no file is read.
 #ifndef ZEVOBW_TOOL_MODEL_PLAN_HPP
 #define ZEVOBW_TOOL_MODEL_PLAN_HPP
 
@@ -24,9 +24,9 @@ inline constexpr std::array<std::string_view, kDaysOfWeek> kWeekdays = {"sun", "
 enum class PlanOf { kRule, kPolicy };
 
 enum class HourState : char {
-    kOff = '0',    // the rule does not bear; no limit applies to the policy's protocol
+    kOff = '0',    // the rule does not apply; in a policy: no limit applies
     kNormal = '1', // the normal rates; in a policy: limits apply
-    kCustom = '2', // the custom rates; in no policy
+    kCustom = '2', // the custom rates; not in policies
 };
 
 // "off", "normal", "custom"; a policy's are "off" and "on".
@@ -35,12 +35,12 @@ std::string HourStateName(PlanOf of, HourState state);
 // Reads that name; "normal" is another word for a policy's "on". Throws Failure with kWrongUsage.
 HourState ParseHourState(PlanOf of, const std::string &name);
 
-// Reads "DAYS TIMES STATE; ...", later rules over earlier ones; hours that none names get the base
-// state. Throws Failure with kWrongUsage that names the piece and the right form.
+// Reads "DAYS TIMES STATE; ...". A later rule overrides an earlier one. Hours that no rule names
+// get the base state. Throws Failure with kWrongUsage that names the wrong part and the right form.
 std::string ParsePlan(PlanOf of, const std::string &rules, HourState base);
 
-// Hands back a plan of 168 characters, each of them one that HourState has; for what lies in files
-// others are possible. Throws Failure with kWrongUsage that says what is wrong with it.
+// Returns the plan if it has 168 characters, each of them an HourState. Throws Failure with
+// kWrongUsage that says what is wrong.
 const std::string &CheckPlan(PlanOf of, const std::string &plan);
 
 // The help text of every command that takes a plan.
@@ -52,11 +52,11 @@ bool HasWholePlan(std::string_view plan);
 // "168 hours", "none", "167 of 168 hours": how much of a plan there is.
 std::string PlanText(std::string_view plan);
 
-// What holds in that hour of the week, as the library takes it: a character that the plan lacks or
-// that nobody knows means custom in a rule and off in a policy.
+// The state of that hour as the library reads it: a missing or unknown character means custom in a
+// rule and off in a policy.
 HourState StateOfHour(PlanOf of, std::string_view plan, std::size_t hourOfWeek);
 
-// The local calendar's view of a moment. Throws Failure for one beyond all calendars.
+// The moment as local time. Throws Failure if the calendar does not reach that far.
 std::tm LocalTime(std::time_t moment);
 
 std::size_t HourOfWeek(const std::tm &local);
@@ -66,8 +66,8 @@ struct PlanChange {
     HourState state; // from then on
 };
 
-// The moments after the given one at which another state begins to hold, at most so many. Hours
-// that daylight saving skips do not come, those that it repeats come twice.
+// The next moments at which the state changes, at most so many. Hours that daylight saving skips
+// are left out; hours that it repeats come twice.
 std::vector<PlanChange> ComingChanges(PlanOf of, std::string_view plan, std::time_t after,
                                       std::size_t most);
 

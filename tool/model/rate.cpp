@@ -1,5 +1,5 @@
-// Rates, sizes and speeds as text. A number with its decimals is kept as an integer mantissa and a
-// power of ten, so that 1.5M is exactly 1536 KB/s and no rounding is left to chance.
+// Rates, sizes and speeds as text. A decimal number is kept as an integer and a power of ten, so
+// that 1.5M is exactly 1536 KB/s.
 #include "model/rate.hpp"
 
 #include <algorithm>
@@ -25,14 +25,14 @@ namespace {
 using Wide = unsigned __int128;
 
 constexpr std::uint64_t kBitsPerByte = 8;
-constexpr std::size_t kMostDecimals = 18; // 10^18 still fits 64 bits
+constexpr std::size_t kMaxDecimals = 18; // 10^18 still fits 64 bits
 // Speeds pass through signed 64-bit arithmetic on their way to a sleep.
-constexpr std::uint64_t kMostBytes = std::numeric_limits<std::int64_t>::max();
+constexpr std::uint64_t kMaxBytes = std::numeric_limits<std::int64_t>::max();
 
 struct Unit {
-    std::string_view name; // compared without regard to case
+    std::string_view name; // in any case
     std::uint64_t bits;
-    bool countsBits = false; // makes no size
+    bool countsBits = false; // for rates only
 };
 
 // clang-format off
@@ -57,17 +57,11 @@ struct Quantity {
 
 enum class Fault { kForm, kTooLarge };
 
-char Lower(char c)
-{
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 bool SameWord(std::string_view a, std::string_view b)
 {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i)
-        if (Lower(a[i]) != Lower(b[i])) return false;
-    return true;
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : +c; };
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [&](char x, char y) { return lower(x) == lower(y); });
 }
 
 std::string_view TakeDigits(std::string_view &text)
@@ -90,7 +84,7 @@ Quantity ReadQuantity(std::string_view text)
         if (decimals.empty()) throw Fault::kForm;
         while (decimals.ends_with('0'))
             decimals.remove_suffix(1);
-        if (decimals.size() > kMostDecimals) throw Fault::kForm;
+        if (decimals.size() > kMaxDecimals) throw Fault::kForm;
         digits += decimals;
         for (std::size_t i = 0; i < decimals.size(); ++i)
             quantity.scale *= 10;
@@ -110,7 +104,7 @@ const Unit *FindUnit(std::string_view name)
     return nullptr;
 }
 
-// "Mb" is a megabit to some and a megabyte to others: eight times apart, so nobody gets to guess.
+// "Mb" means a megabit to some people and a megabyte to others, so it is refused.
 bool IsAmbiguous(std::string_view unit)
 {
     return unit.size() == 2 && unit[1] == 'b' && FindUnit(unit) != nullptr;
@@ -125,13 +119,13 @@ constexpr const char *kRightRate = "write a number and a unit, such as 512K, 1.5
                                    "of 1024 bytes/s), 10MB, 10mbit, or 'unlimited'";
 constexpr const char *kRightSize = "write bytes, or a number and a unit, such as 512K, 1.5M, 10MB";
 
-// The quantity in units of unitBits, rounded down; exact says whether nothing was cut off.
+// The quantity in units of unitBits, rounded down. exact: whether nothing was cut off.
 std::uint64_t Convert(const Quantity &quantity, std::uint64_t bits, std::uint64_t unitBits,
                       bool &exact)
 {
     const Wide dividend = Wide{quantity.mantissa} * bits;
     const Wide divisor = Wide{quantity.scale} * unitBits;
-    const Wide most = Wide{kMostBytes} * kBitsPerByte / unitBits;
+    const Wide most = Wide{kMaxBytes} * kBitsPerByte / unitBits;
     if (dividend / divisor > most) throw Fault::kTooLarge;
     exact = dividend % divisor == 0;
     return static_cast<std::uint64_t>(dividend / divisor);
@@ -171,7 +165,7 @@ std::uint64_t ReadSize(const std::string &text)
     return Convert(quantity, unit->bits, kBitsPerByte, exact);
 }
 
-// The number with the given decimals after the point, of which hundredths are kept.
+// The number with 0 to 2 decimals.
 std::string Decimal(std::uint64_t hundredths, int decimals)
 {
     std::string text = std::to_string(hundredths / 100);
@@ -180,7 +174,7 @@ std::string Decimal(std::uint64_t hundredths, int decimals)
     return text + "." + rest.substr(0, static_cast<std::size_t>(decimals));
 }
 
-// Three digits or so: 9.87, 98.7, 987; rounded to nearest.
+// About three digits, rounded to nearest: 9.87, 98.7, 987.
 std::string ThreeDigits(Wide value, std::uint64_t unit)
 {
     const auto rounded = [&](std::uint64_t steps) {
@@ -218,8 +212,10 @@ std::uint64_t ParseSize(const std::string &text)
 std::string FormatRate(std::uint64_t kBps)
 {
     if (kBps == 0) return "unlimited";
-    if (kBps > UINT64_MAX / 100) return std::to_string(kBps) + " KiB/s"; // has no hundredths here
-    // The largest unit of which it is a whole number of quarters: two decimals then say it exactly.
+    if (kBps > UINT64_MAX / 100)
+        return std::to_string(kBps) + " KiB/s"; // hundredths would overflow
+    // The largest unit in which the rate is a whole number of quarters: two decimals are exact
+    // then.
     std::size_t unit = 1;
     std::uint64_t size = 1;
     while (unit + 1 < kByteUnits.size() && kBps >= size * 1024 && kBps % (size * 256) == 0) {
@@ -236,7 +232,7 @@ std::string FormatBytes(std::uint64_t bytes)
     if (bytes < 1024) return std::to_string(bytes) + " B";
     std::size_t unit = 1;
     std::uint64_t size = 1024;
-    // What would round to 1024 of a unit is one of the next.
+    // A number that rounds to 1024 of a unit is 1 of the next unit.
     while (unit + 1 < kByteUnits.size() && (Wide{bytes} + size / 2) / size >= 1024) {
         size *= 1024;
         ++unit;

@@ -11,8 +11,11 @@ namespace tool {
 
 inline constexpr std::uint64_t kBytesPerKB = 1024;
 
+// Progress and shares are counted in ten-thousandths of this whole.
+inline constexpr std::uint32_t kWhole = 10'000;
+
 // Speeds pass through signed 64-bit arithmetic on their way to a sleep.
-inline constexpr std::uint64_t kMostRateKBps = std::numeric_limits<std::int64_t>::max() / 1024;
+inline constexpr std::uint64_t kMaxRateKBps = std::numeric_limits<std::int64_t>::max() / 1024;
 
 struct Rate {
     std::uint64_t kBps = 0; // KB/s of 1024 bytes, 0 unlimited

@@ -8,7 +8,7 @@
 
 #include "failure.hpp"
 #include "model/rate.hpp"
-#include "model/rule_text.hpp"
+#include "model/texts.hpp"
 
 namespace tool {
 
@@ -29,7 +29,7 @@ std::string RowName(std::size_t row)
     return std::string(kWeekdays[DayOfRow(row)]);
 }
 
-// Every mark but two means the custom rates.
+// Every mark but 0 and 1 means the custom rates.
 std::string RowText(const char *plan, std::size_t row)
 {
     std::string hours(plan + DayOfRow(row) * kHoursOfDay, kHoursOfDay);
@@ -85,7 +85,7 @@ Values ReadValues(const std::string &text)
     return values;
 }
 
-// Takes it out, so that what is left in the end is unknown.
+// Takes the value out of the map. What is left in the end is unknown.
 std::optional<Value> Take(Values &values, const std::string &name)
 {
     const auto node = values.extract(name);

@@ -12,8 +12,8 @@ namespace tool {
 // A rule that is not stored is written as an enabled one.
 std::string RuleToForm(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule);
 
-// The fields of the text in place of those of the rule. Throws Failure with kFailed that names the
-// line and what is wrong with it.
+// The rule with the fields that the text holds. Throws Failure with kFailed that names the wrong
+// line.
 ZEVO_BANDWIDTH_CONF RuleFromForm(const std::string &text, ZEVO_BANDWIDTH_CONF rule);
 
 } // namespace tool

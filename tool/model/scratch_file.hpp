@@ -7,8 +7,8 @@
 
 namespace tool {
 
-// The directory lies in TMPDIR, or in /tmp. It goes with the object, and with all that is in it, unless
-// it is kept.
+// The directory lies in TMPDIR, or in /tmp. It goes with the object, and with all that is in it,
+// unless it is kept.
 class ScratchFile {
 public:
     // Throws Failure when the text cannot be written.

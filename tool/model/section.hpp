@@ -19,8 +19,8 @@ Hash NewHash();
 std::span<char *const> Items(const List &list);
 
 // The names of a file's sections in file order, each once; null when they cannot be read (the error
-// slot tells). The platform reads the file once for a list and all its sections, if they are read in
-// its order while the list lives.
+// slot tells). The platform reads the file once for a list and all its sections, if they are read
+// in its order while the list lives.
 List ListSections(const std::string &path);
 
 // Puts the pairs of a section in place of what the hash holds. False without such a section.

@@ -1,4 +1,3 @@
-// Marking transfers and watching them go.
 #include "model/stopping.hpp"
 
 #include <algorithm>
@@ -9,7 +8,7 @@ namespace tool {
 
 namespace {
 
-// A process has one upload and one download of a user at most.
+// A process has at most one upload and one download of a user.
 bool IsSame(const RunningTransfer &a, const RunningTransfer &b)
 {
     return a.pid == b.pid && a.direction == b.direction;
@@ -30,7 +29,7 @@ Stopping::Stopping(const Account &user, const TransferFilter &which)
 {
 }
 
-// What has begun meanwhile was not asked for.
+// Transfers that began later are left alone.
 std::vector<RunningTransfer> Stopping::Look() const
 {
     std::vector<RunningTransfer> left;
@@ -44,11 +43,11 @@ std::vector<RunningTransfer> Stopping::Look() const
 void Stopping::Mark(const RunningTransfer &transfer) const
 {
     const char *const name = user_.name.c_str();
-    // One that is gone by now needs no mark, and the next look tells whether this one has held.
+    // Fails for a transfer that is gone; the next look tells whether the mark was kept.
     if (transfer.active)
         static_cast<void>(
             ZEVOBandwidthStatusSetActiveByUserName(name, transfer.direction, transfer.pid, 0));
-    // Nobody is left to see the mark: the transfer died, or took its section away while we set it.
+    // No process is left to see the mark.
     else if (!IsAlive(transfer.pid))
         static_cast<void>(ZEVOBandwidthStatusForceRemoveAllByUserName(
             name, static_cast<std::uint32_t>(transfer.direction), transfer.pid));

@@ -1,11 +1,10 @@
-// Bringing transfers of one user to their end. A transfer sees the mark after its block and ends; a
-// save that raced with the mark may have undone it, so that it is looked at again, and set again,
-// until the transfer is gone.
+// Ends transfers of one user. Each is marked in the status file; it sees the mark after its block
+// and ends. A save at the same time may undo the mark. So the mark is checked, and set again, until
+// the transfer is gone.
 #ifndef ZEVOBW_TOOL_MODEL_STOPPING_HPP
 #define ZEVOBW_TOOL_MODEL_STOPPING_HPP
 
 #include <chrono>
-#include <cstddef>
 #include <vector>
 
 #include "model/names.hpp"
@@ -20,16 +19,16 @@ public:
     // How long to wait between two steps.
     static constexpr std::chrono::milliseconds kLookAgain{50};
 
-    // Those that run now; marks none yet. Throws Failure when they cannot be listed.
+    // Finds the transfers and marks none yet. Throws Failure when they cannot be listed.
     Stopping(const Account &user, const TransferFilter &which);
 
     const std::vector<RunningTransfer> &found() const noexcept { return found_; }
-    // Those not yet gone when last looked at.
+    // Those that were still there at the last look.
     const std::vector<RunningTransfer> &left() const noexcept { return left_; }
-    // Whether all of those bore the mark then.
+    // Whether all of those had the mark then.
     bool IsMarked() const;
 
-    // Marks those that go on and looks who is left. Throws Failure as the constructor.
+    // Marks those that are left, and looks again. Throws Failure as the constructor.
     void Step();
 
     // From the first step to the last one.

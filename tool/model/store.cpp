@@ -1,5 +1,5 @@
-// The way to the rule files and the global file. The library tells what failed by a code in the
-// error slot and nothing about permissions, so those are looked up here, on the file itself.
+// The library reports a failure by a code, which says nothing about permissions. So the permissions
+// are looked up here, on the file itself.
 #include "model/store.hpp"
 
 #include <fcntl.h>
@@ -37,7 +37,7 @@ std::string ParentOf(const std::string &path)
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-// 0, or why this user may not: what would be missing is judged by where it would be made.
+// 0, or the error that refuses this user. For a file that would be made, its directory counts.
 int Refusal(const std::string &path, int mode)
 {
     if (::faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0) return 0;
@@ -65,7 +65,7 @@ std::string PlaceText(const std::string &file, const std::string &section)
     return "section [" + section + "] of " + file;
 }
 
-// The error slot in words that go on "the rule of ... cannot be read: ".
+// The error slot in words, after "the rule of ... cannot be read: ".
 std::string Reason(const std::string &file, const std::string &section)
 {
     const unsigned code = VLIBCErrGet();
@@ -160,14 +160,14 @@ std::optional<Owner> ParseOwner(std::string_view section)
 ZEVO_BANDWIDTH_CONF ReadRule(const Owner &owner, std::int32_t protocol)
 {
     const std::string path = ConfPath(protocol);
-    // A file that cannot be reached would read as one without rules.
+    // The library would treat a file that cannot be reached as empty.
     RequirePermission(path, R_OK);
     ZEVO_BANDWIDTH_CONF rule{};
     if (ZEVOBandwidthConfGetByID(owner.type, owner.account.id, protocol, &rule) != 0)
         throw Failure(kFailed, "the rule of " + OwnerText(owner) + " for " +
                                    ProtocolName(protocol) +
                                    " cannot be read: " + Reason(path, SectionOf(owner)));
-    // Keys of the section may contradict its name; what is written back must go where it was read.
+    // The section's keys may contradict its name. The rule must be written back where it was read.
     rule.ownerType = owner.type;
     rule.id = owner.account.id;
     rule.protocolType = protocol;

@@ -1,5 +1,5 @@
-// Rules and policies as the commands read and write them: through the library, with its failures
-// turned into what an administrator can act on.
+// Reads and writes rules and policies through the library. Failures tell the administrator what to
+// do.
 #ifndef ZEVOBW_TOOL_MODEL_STORE_HPP
 #define ZEVOBW_TOOL_MODEL_STORE_HPP
 
@@ -24,18 +24,18 @@ struct Owner {
 // "user alice".
 std::string OwnerText(const Owner &owner);
 
-// "-u alice -p ftp": by what the command line names a rule.
+// "-u alice -p ftp": the options that name a rule on the command line.
 std::string RuleOptions(const Owner &owner, std::int32_t protocol);
 
-// The owner of that id, who bears it as name when the user database does not know it.
+// The owner of that id. Its name is the id if the user database does not know it.
 Owner OwnerById(std::int32_t type, std::uint32_t id);
 bool IsKnown(const Owner &owner);
 
-// The account of exactly that name; an id is none.
+// The account of exactly that name; an id does not count as a name.
 std::optional<Account> FindByName(std::int32_t type, const std::string &name);
 
-// "user-2001" as the library writes it for sections and status files, without a look-up of the
-// name; nothing for any other text.
+// The owner of "user-2001", as the library names sections and status files; its name is not looked
+// up. Nothing for any other text.
 std::optional<Owner> ParseOwner(std::string_view section);
 
 // The rule file of a protocol, or the global file. Throws Failure for a protocol without a name.
@@ -45,40 +45,40 @@ std::string ConfPath(std::int32_t protocol);
 std::string PlaceOfRule(const Owner &owner, std::int32_t protocol);
 std::string PlaceOfPolicy(std::int32_t protocol);
 
-// The sections of a section file, none of one that is not there. what: "rules of ftp". Throws
+// The sections of a section file; none if there is no such file. what: "rules of ftp". Throws
 // Failure as ReadRule().
 std::vector<std::string> SectionNames(const std::string &path, const std::string &what);
 
-// A rule that is not stored has the state NotExisted. All throw Failure: kNotPermitted where the
-// file system refuses this user, else kFailed with the file and the remedy.
+// A rule or policy that is not stored has the state NotExisted. All throw Failure: kNotPermitted if
+// the file system refuses this user, else kFailed with the file and the remedy.
 ZEVO_BANDWIDTH_CONF ReadRule(const Owner &owner, std::int32_t protocol);
 void WriteRule(const ZEVO_BANDWIDTH_CONF &rule);
 ZEVO_BANDWIDTH_GLOBAL_CONF ReadPolicy(std::int32_t protocol);
 void WritePolicy(ZEVO_BANDWIDTH_GLOBAL_CONF policy);
 
-// False for a rule that was cleared, too; true for one that cannot be read, for something is there.
-// Throws Failure with kNotPermitted.
+// False for a cleared rule. True for a rule that cannot be read, because something is there. Throws
+// Failure with kNotPermitted.
 bool IsStored(const Owner &owner, std::int32_t protocol);
 
 // Puts a plan into the field of a rule or a policy.
 void CopyPlan(const std::string &plan, char (&field)[ZEVO_BW_PLAN_SIZE]);
 
 struct StoredRule {
-    Owner owner; // bears its id as name when the user database does not know it
+    Owner owner; // named by its id if the user database does not know it
     ZEVO_BANDWIDTH_CONF rule;
 };
 
-// All rules of these protocols: by protocol as given, users before groups, each by name. One that
-// cannot be read is told on standard error and counted in failures.
+// All rules of these protocols, in the order of the protocols, users before groups, then by name. A
+// rule that cannot be read is reported on standard error and counted in failures.
 std::vector<StoredRule> ReadRules(const std::vector<std::int32_t> &protocols, int &failures);
 
-// The protocol of that name, or all known ones when it is empty. Throws Failure as FindProtocol().
+// The protocol of that name; all known ones for an empty name. Throws Failure as FindProtocol().
 std::vector<std::int32_t> ProtocolsToList(const std::string &name);
 
-// The policies of all known protocols, those not stored included.
+// The policies of all known protocols, also those that are not stored.
 std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> ReadPolicies();
 
-// Why rules do not bear under this policy and how to change that; empty when they bear.
+// Why rules do not apply under this policy, and how to change that; empty when they apply.
 std::string WhyNothingIsLimited(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy);
 
 } // namespace tool

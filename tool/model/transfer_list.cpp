@@ -1,4 +1,4 @@
-// Reading the status files through the library, which also drops from them what is stale.
+// Reads the status files through the library, which also removes stale sections from them.
 #include "model/transfer_list.hpp"
 
 #include <dirent.h>
@@ -14,7 +14,6 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <string_view>
 #include <tuple>
 
 #include "failure.hpp"
@@ -55,7 +54,7 @@ RunningTransfer FromRecord(const ZEVO_BANDWIDTH_STATUS &record, std::int32_t own
     throw Failure(kFailed, what + "; it must be a directory and no link: remove what is there");
 }
 
-// To the library a directory that cannot be searched is one without files.
+// The library would treat a directory that cannot be searched as empty.
 void RequireDirectory()
 {
     struct stat attributes {};
@@ -152,6 +151,12 @@ void TransferList::Complain(const std::string &path)
                         "'zevobandwidth check --repair', as an administrator (root)"
                   : path + " cannot be read; it must be a regular file that every user may read "
                            "and write. Remove it: running transfers write it anew");
+}
+
+void TransferList::PrintComplaints() const
+{
+    for (const std::string &complaint : complaints_)
+        PrintNote("zevobandwidth: " + complaint);
 }
 
 void TransferList::Read(std::int32_t ownerType, std::uint32_t id)

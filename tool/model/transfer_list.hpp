@@ -1,9 +1,9 @@
-// The running transfers, read from the status files. Every limited transfer has a copy in its
-// user's file and further ones in those of the groups it is charged to, each with the part that the
-// group bears; the users' files alone hold each transfer once.
+// The running transfers, read from the status files. Every limited transfer has a section in its
+// user's file, and a copy in the file of each group that it is charged to. The copy holds the part
+// that the group is charged. So the users' files together hold each transfer once.
 //
-// The files lie where every local user can write, so that their text is nobody's word. Whose file it
-// is, its name says.
+// Every local user can write these files, so the owner is taken from the file's name, not from its
+// text.
 #ifndef ZEVOBW_TOOL_MODEL_TRANSFER_LIST_HPP
 #define ZEVOBW_TOOL_MODEL_TRANSFER_LIST_HPP
 
@@ -24,7 +24,7 @@ namespace tool {
 struct RunningTransfer {
     std::int32_t ownerType = ZEVO_BW_OWNER_USER; // of the file that holds this copy
     std::uint32_t ownerId = 0;
-    std::uint32_t uid = 0; // who transfers
+    std::uint32_t uid = 0; // the transferring user
     pid_t pid = 0;
     std::int32_t protocol = 0;
     std::int32_t direction = 0;
@@ -36,31 +36,31 @@ struct RunningTransfer {
     std::string file;             // as it stands in the status file: for Printable()
 };
 
-// Names for the tables, each looked up once.
+// Names for the tables. Each is looked up once.
 const std::string &OwnerName(const RunningTransfer &transfer);
 const std::string &ProtocolOf(const RunningTransfer &transfer);
 std::string DirectionOf(const RunningTransfer &transfer);
 
 Json ToJson(const RunningTransfer &transfer);
 
-// Whether the process that runs it is there, whoever it belongs to.
+// Whether the process exists, whatever user it runs as.
 bool IsAlive(pid_t pid);
 
 struct TransferFilter {
     std::optional<std::int32_t> protocol; // exactly this one
     std::uint32_t directions = ZEVO_BW_TRANSFER_ALL;
-    pid_t pid = 0; // 0: of every process
-    bool merge =
-        false; // one for each protocol and direction of an owner, with the sums of the speeds
+    pid_t pid = 0;      // 0: of every process
+    bool merge = false; // one sum for each protocol and direction of an owner
 };
 
 class TransferList {
 public:
     explicit TransferList(const TransferFilter &filter = {}) : filter_(filter) {}
 
-    // One owner's file. One that is not there holds no transfers. Throws as ReadAll().
+    // Reads one owner's file, which need not exist. Throws as ReadAll().
     void Read(std::int32_t ownerType, std::uint32_t id);
-    // The files of all users, or of all groups. Throws Failure when their directory cannot be read.
+    // Reads the files of all users, or of all groups. Throws Failure if the directory is
+    // unreadable.
     void ReadAll(std::int32_t ownerType);
 
     // By owners' names, then by protocol, direction and process.
@@ -69,8 +69,9 @@ public:
     const std::vector<RunningTransfer> &all() const noexcept { return all_; }
     // What could not be read, and what to do about it: one line for each file.
     const std::vector<std::string> &complaints() const noexcept { return complaints_; }
-    // With what a command ends that had to complain: kNotPermitted when that was all that was
-    // missing for one of the files.
+    void PrintComplaints() const;
+    // The exit status after complaints: kNotPermitted if a file could not be read for want of
+    // permission.
     ExitStatus status() const noexcept { return status_; }
 
 private:

@@ -8,13 +8,13 @@ namespace tool {
 namespace {
 
 constexpr std::int64_t kPerTransferUs = 4'000;
-// The wake-ups and the moving around a throttle call take half as much again as the library in it.
+// A throttle call costs half as much again for the wake-ups and the moving around it.
 constexpr std::int64_t kWorkFactor = 150;
 constexpr std::int64_t kLongestSharedBlockUs = 200'000;
 constexpr std::int64_t kPiecePerTransferUs = 200;
 constexpr std::int64_t kLongestPieceUs = 200'000;
 constexpr std::int64_t kLongestBlockUs = 5'000'000; // no limit allows more at once
-constexpr std::int64_t kMostPieces = kLongestBlockUs / kPieceUs;
+constexpr std::int64_t kMaxPieces = kLongestBlockUs / kPieceUs;
 constexpr std::int64_t kAllCallsPart = 2; // of a processor, the calls of all together
 constexpr std::int64_t kRepaidPart = 7;
 constexpr std::uint32_t kCrowd = 100; // transfers
@@ -27,7 +27,7 @@ std::int64_t SharedUs(std::uint32_t transfers) noexcept
     return std::min(transfers * kPerTransferUs, kLongestSharedBlockUs);
 }
 
-// What is worth taking of what is allowed.
+// The allowed speed without a rise that is noise.
 std::uint64_t WithoutNoise(std::uint64_t allowedBps, const Sharing &sharing) noexcept
 {
     if (sharing.transfers < kCrowd || allowedBps < sharing.equalBps) return allowedBps;
@@ -55,7 +55,7 @@ std::int64_t BlockTimeUs(std::int64_t workUs, std::int64_t processorUs,
     const std::int64_t pieces = (workUs * kWorkFactor + kPieceUs - 1) / kPieceUs;
     const Wide all = Wide{transfers} * static_cast<std::uint64_t>(processorUs) * kAllCallsPart;
     return std::max({SharedUs(transfers),
-                     std::clamp<std::int64_t>(pieces, 1, kMostPieces) * kPieceUs,
+                     std::clamp<std::int64_t>(pieces, 1, kMaxPieces) * kPieceUs,
                      static_cast<std::int64_t>(std::min<Wide>(all, kLongestBlockUs))});
 }
 

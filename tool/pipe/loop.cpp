@@ -1,32 +1,31 @@
-// Block after block. The transfer keeps its own time: it moves a block, sleeps until the block is
-// due at the speed it takes (see Pace), and only then makes the throttle call, which so finds
-// nothing left to sleep unless less is allowed by now. What it reports is thereby the speed it
-// really had, and the others under the same limit see no slack that is not there.
+// The transfer keeps its own time. It moves a block, sleeps until the block is due at its speed
+// (see Pace), and then makes the throttle call. That call sleeps only if less is allowed by now. So
+// the transfer reports the speed that it really had, and the others under the same limit see no
+// free speed that does not exist.
 #include "pipe/loop.hpp"
 
 #include <algorithm>
 #include <ctime>
 
+#include "model/rate.hpp"
 #include "pipe/signal.hpp"
 
 namespace tool {
 
 namespace {
 
-// So often at least the library is called, that the transfer stays listed and can be stopped.
+// The longest time between two calls, so that the transfer stays listed and can be stopped.
 constexpr std::int64_t kQuietUs = 250'000;
 
-// Who shares the limits is counted so often, or earlier when the allowed speed has changed a lot; and
-// no more often than it is worth to blocks that are long because looking costs much.
+// How often the sharing transfers are counted; earlier if the allowed speed has changed a lot, and
+// more seldom if blocks are long.
 constexpr std::int64_t kLookUs = 1'000'000;
 constexpr std::int64_t kEarlyLookUs = 100'000;
 constexpr std::int64_t kLookBlocks = 8;
 constexpr std::int64_t kEarlyLookBlocks = 3;
 constexpr std::uint64_t kALotPercent = 20;
 
-constexpr std::uint32_t kWhole = 10'000;
-
-// What the thread has taken of a processor.
+// The processor time of this thread.
 std::int64_t ProcessorUs() noexcept
 {
     timespec taken = {};
@@ -54,8 +53,8 @@ MoveEnd PipeLoop::Run()
     }
 }
 
-// Before each block: notices, the hour, and the step from one kind of transfer to the other. A
-// limit that comes into force finds no credit and no debt.
+// Before each block: notices, the hour, and the change between limited and unlimited. A limit that
+// begins to apply finds no credit and no debt.
 void PipeLoop::FollowLimits()
 {
     const bool wasLimited = configuredBps_ != 0;
@@ -129,7 +128,8 @@ void PipeLoop::PayFor(const Moved &moved)
     const std::int64_t beganUs = NowUs();
     const std::int64_t lengthUs = ledger_.Settle(moved.bytes, pace_.Bps(), moved.heldUpUs, beganUs,
                                                  CreditUs(sharing_.transfers));
-    // A block begun in an hour of faster rules is not slept off at the speed of a slower one.
+    // A block that began in an hour with faster rules does not sleep at the speed of the slower
+    // ones.
     std::uint64_t bytes = moved.bytes;
     const std::uint64_t configured = transfer_.ConfiguredBps();
     if (configured != 0) bytes = std::min(bytes, BytesIn(lengthUs, configured));

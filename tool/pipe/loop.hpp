@@ -1,5 +1,5 @@
-// The life of a transfer between its registration and its end: block after block is moved, paid for
-// and told to the library.
+// The life of a transfer between its registration and its end. It moves each block, sleeps until
+// the block is due, and reports it to the library.
 #ifndef ZEVOBW_TOOL_PIPE_LOOP_HPP
 #define ZEVOBW_TOOL_PIPE_LOOP_HPP
 
@@ -14,14 +14,14 @@ namespace tool {
 
 class PipeLoop {
 public:
-    // size: what is expected to come, 0 when not known.
-    PipeLoop(Transfer &transfer, Mover &mover, Progress &progress, std::uint64_t size)
+    // size: the expected bytes, 0 when not known.
+    PipeLoop(PipedTransfer &transfer, Mover &mover, Progress &progress, std::uint64_t size)
         : transfer_(transfer), mover_(mover), progress_(progress), size_(size)
     {
     }
 
-    // Returns why it ended: kEndOfInput, kReaderGone, or kSignal for a call for the end. Throws
-    // Failure as the transfer and the mover do.
+    // Returns why it ended: kEndOfInput, kReaderGone, or kSignal. Throws Failure as the transfer
+    // and the mover do.
     MoveEnd Run();
 
 private:
@@ -34,7 +34,7 @@ private:
     void ShowProgress();
     std::uint32_t ProgressPart() const noexcept;
 
-    Transfer &transfer_;
+    PipedTransfer &transfer_;
     Mover &mover_;
     Progress &progress_;
     const std::uint64_t size_;

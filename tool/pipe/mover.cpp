@@ -1,6 +1,5 @@
-// Moving bytes; see the header for the promises. A pipe that blocks is opened a second time through
-// /proc, which gives a description of our own that need not; where that is not permitted it is
-// polled first and written in pieces that a ready pipe takes whole.
+// A blocking pipe is opened a second time through /proc, without blocking. If that is not
+// permitted, it is polled first, and written in pieces that a ready pipe takes whole.
 #include "pipe/mover.hpp"
 
 #include <algorithm>
@@ -22,11 +21,11 @@ namespace tool {
 
 namespace {
 
-constexpr std::size_t kMostAtOnce = 1U << 20;
+constexpr std::size_t kMaxAtOnce = 1U << 20;
 constexpr std::size_t kBufferBytes = 256U << 10;
 constexpr int kPipeBytes = 1 << 20;
 
-// A wait shorter than this was none: the end was ready, and only the processor was busy.
+// A shorter wait does not count: only the processor was busy.
 constexpr std::int64_t kNoWaitUs = 50;
 
 [[noreturn]] void FailWith(const char *what)
@@ -44,7 +43,7 @@ int OpenAgain(int fd, int flags) noexcept
 
 Mover::End Mover::Open(int fd, bool forReading)
 {
-    End end = {.fd = fd, .most = kMostAtOnce};
+    End end = {.fd = fd, .most = kMaxAtOnce};
     struct stat info = {};
     if (::fstat(fd, &info) < 0) FailWith(forReading ? "standard input" : "standard output");
     end.isPipe = S_ISFIFO(info.st_mode);
@@ -52,7 +51,7 @@ Mover::End Mover::Open(int fd, bool forReading)
     end.pollFirst = end.isSocket || S_ISCHR(info.st_mode);
     if (::isatty(fd) != 0) end.most = PIPE_BUF;
     if (!end.isPipe) return end;
-    // Larger pipes mean fewer calls; a refusal costs only that.
+    // Larger pipes need fewer calls. A refusal does no harm.
     static_cast<void>(::fcntl(fd, F_SETPIPE_SZ, kPipeBytes));
     const int own = OpenAgain(fd, forReading ? O_RDONLY : O_WRONLY);
     if (own >= 0) {
@@ -67,7 +66,7 @@ Mover::End Mover::Open(int fd, bool forReading)
 
 Mover::Mover(int input, int output) : in_(Open(input, true)), out_(Open(output, false))
 {
-    // Into a socket splice blocks where the socket does.
+    // splice() into a blocking socket blocks.
     canSplice_ = (in_.isPipe || out_.isPipe) && !out_.isSocket;
 }
 
@@ -103,7 +102,7 @@ Moved Mover::Move(std::uint64_t most, std::int64_t untilUs)
 
 Mover::Step Mover::Advance(std::uint64_t most, std::uint64_t *pMoved)
 {
-    const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(most, kMostAtOnce));
+    const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(most, kMaxAtOnce));
     if (canSplice_) {
         const Step step = Splice(size, pMoved);
         if (canSplice_) return step;
@@ -162,7 +161,7 @@ Mover::Step Mover::Drain(std::uint64_t *pMoved)
     return Step::kMoved;
 }
 
-// Splice does not say which end it waits for; the input is asked first, then the output.
+// splice() does not tell which end it waits for: poll the input first, then the output.
 Mover::Step Mover::WaitFor(Step stuck, std::int64_t untilUs, std::int64_t *pHeldUpUs)
 {
     const std::int64_t beganUs = NowUs();
@@ -174,7 +173,7 @@ Mover::Step Mover::WaitFor(Step stuck, std::int64_t untilUs, std::int64_t *pHeld
     return step == Step::kReaderGone ? step : Step::kMoved;
 }
 
-// Waits for one end, and while it waits for the input looks whether the reader is still there.
+// Waits for one end. A wait for the input also notices that the reader has gone.
 Mover::Step Mover::WaitForOne(bool forInput, std::int64_t untilUs)
 {
     pollfd fds[2] = {{.fd = out_.fd, .events = 0, .revents = 0},

@@ -1,6 +1,6 @@
-// Moves bytes from one descriptor to another without ever blocking outside a wait in which signals
-// are let in. Uses splice, which copies nothing, where both ends allow it; else reads and writes.
-// Sets no flag on a description that it shares with other processes.
+// Moves bytes from one descriptor to another. It blocks only in waits, during which signals are let
+// in. It uses splice(), which copies nothing, if both ends allow it; else it reads and writes. It
+// sets no flag that other processes share.
 #ifndef ZEVOBW_TOOL_PIPE_MOVER_HPP
 #define ZEVOBW_TOOL_PIPE_MOVER_HPP
 
@@ -13,7 +13,7 @@ namespace tool {
 enum class MoveEnd {
     kFull,       // as much as was asked for
     kTime,       // the moment has passed
-    kSignal,     // a notice or a call for the end came during a wait
+    kSignal,     // a notice or an ending signal came during a wait
     kEndOfInput, // and everything read has been written
     kReaderGone,
 };

@@ -1,5 +1,4 @@
-// One line, drawn over itself. What does not fit the terminal is left out from the end of the line,
-// the name first.
+// One line, drawn over itself. If it does not fit, the name is left out first.
 #include "pipe/progress.hpp"
 
 #include <algorithm>
@@ -32,18 +31,17 @@ std::size_t TerminalWidth()
 std::uint32_t Part(std::uint64_t part, std::uint64_t whole)
 {
     const double ratio = static_cast<double>(part) / static_cast<double>(whole);
-    return static_cast<std::uint32_t>(std::min(ratio, 1.0) * 10'000);
+    return static_cast<std::uint32_t>(std::min(ratio, 1.0) * kWhole);
 }
 
 std::string Bar(std::uint64_t part, std::uint64_t whole)
 {
     constexpr std::uint32_t kColumns = 20;
-    constexpr std::uint32_t kWhole = 10'000;
     const std::size_t filled = Part(part, whole) * kColumns / kWhole;
     return "[" + std::string(filled, '#') + std::string(kColumns - filled, ' ') + "]";
 }
 
-// Only ASCII is shown of a name, so that a byte is a column.
+// ASCII only, so that a byte is a column.
 std::string ForTerminal(const std::string &name)
 {
     return AsciiOnly(Printable(name));

@@ -12,7 +12,7 @@ namespace tool {
 struct ProgressFigures {
     std::uint64_t bytes = 0;                 // that have gone out
     std::uint64_t size = 0;                  // that are expected, 0 when not known
-    std::optional<std::uint64_t> allowedBps; // 0 unlimited; nothing when nobody knows
+    std::optional<std::uint64_t> allowedBps; // 0 unlimited; nothing when not known
     std::uint64_t configuredBps = 0;         // what this user's rules allow one transfer alone
     bool hasBar = false; // of the part that has gone out, where the size is known
     std::int64_t nowUs = 0;

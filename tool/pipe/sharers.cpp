@@ -1,5 +1,5 @@
-// The count only sets the pace. A section that cannot be read is left out here; the throttle calls tell
-// of it.
+// The count only sets the pace. It leaves out sections that cannot be read; the throttle calls
+// report them.
 #include "pipe/sharers.hpp"
 
 #include <ctime>

@@ -1,6 +1,6 @@
-// Who shares a rule with a piped transfer. Counted section by section as the platform reads them: the
-// library's list would hold four kilobytes for each transfer, which among a thousand costs each of
-// them more than the rest of its work.
+// Counts the transfers that share a rule with a piped transfer, section by section. The library's
+// list would hold four kilobytes for each transfer: among a thousand that costs more than the rest
+// of the work.
 #ifndef ZEVOBW_TOOL_PIPE_SHARERS_HPP
 #define ZEVOBW_TOOL_PIPE_SHARERS_HPP
 
@@ -12,9 +12,8 @@
 
 namespace tool {
 
-// The transfers under a rule that move data, own included, and the part of the rule's rate that is
-// own's user's, bytes per second. Nothing when the file cannot be read: the throttle call meets that,
-// too, and says so.
+// The number of transfers that move data under the rule, own included, and own's equal part of its
+// rate, in bytes per second. Nothing if the file cannot be read; the throttle call reports that.
 std::optional<Sharing> CountSharers(const ZEVO_BANDWIDTH_CONF &rule, std::uint64_t rateBps,
                                     const ZEVO_BANDWIDTH_STATUS &own);
 

@@ -1,4 +1,3 @@
-// Signals of a running transfer; see the header for the protocol.
 #include "pipe/signal.hpp"
 
 #include <algorithm>
@@ -12,8 +11,8 @@ namespace tool {
 
 namespace {
 
-// Written by the handlers only, read and cleared by the one thread that runs the transfer while
-// the signals are blocked.
+// The handlers write them. The one thread of the transfer reads and clears them while the signals
+// are blocked.
 volatile std::sig_atomic_t reloadNotice = 0;
 volatile std::sig_atomic_t endingSignal = 0;
 
@@ -46,7 +45,7 @@ bool IsIgnored(int signal) noexcept
     return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-// Holds the signals back everywhere but in waits.
+// Blocks the signals outside of waits.
 void Block(std::initializer_list<int> signals) noexcept
 {
     sigset_t ours;
@@ -58,7 +57,7 @@ void Block(std::initializer_list<int> signals) noexcept
         ::sigdelset(&maskInWaits, signal);
 }
 
-// A shell starts its background jobs with SIGINT ignored, and means it.
+// A shell starts its background jobs with SIGINT ignored, and that must stay so.
 void CatchUnlessIgnored(std::initializer_list<int> signals) noexcept
 {
     for (const int signal : signals)
@@ -81,7 +80,7 @@ void CatchSignals()
     CatchUnlessIgnored({SIGINT, SIGTERM});
     pipeSignalIgnoredAtStart = IsIgnored(SIGPIPE);
     Install(SIGPIPE, SIG_IGN);
-    ::prctl(PR_SET_TIMERSLACK, 1UL); // nanosecond: wake up when asked, not 50 microseconds later
+    ::prctl(PR_SET_TIMERSLACK, 1UL); // 1 ns: no sleep lasts 50 us too long
 }
 
 void CatchEnding()
@@ -144,7 +143,7 @@ int WaitReady(pollfd *fds, nfds_t count, std::int64_t untilUs) noexcept
 
 void SleepUntil(std::int64_t untilUs) noexcept
 {
-    // Once at least, to let signals in also where there is nothing to sleep.
+    // At least once, so that signals are let in without a sleep, too.
     do {
         if (reloadNotice != 0) untilUs = std::min(untilUs, NowUs() + kNoticeKeepsUs);
         WaitReady(nullptr, 0, untilUs);

@@ -1,7 +1,7 @@
-// The signals of a running transfer. They are blocked except inside SleepUntil() and WaitReady(),
-// so that none slips in between looking at a flag and falling asleep, and the library's own sleep
-// is never cut short. A handler stores one flag; SIGPIPE is ignored, for the transfer has to be
-// taken off the list before anything ends.
+// The signals of a running transfer. They are blocked except in SleepUntil() and WaitReady(). So no
+// signal is missed between a look at its flag and the sleep, and none cuts the library's own sleep
+// short. A handler stores one flag. SIGPIPE is ignored, because the transfer has to be taken off
+// the list first.
 #ifndef ZEVOBW_TOOL_PIPE_SIGNAL_HPP
 #define ZEVOBW_TOOL_PIPE_SIGNAL_HPP
 
@@ -12,13 +12,13 @@
 
 namespace tool {
 
-// Microseconds of the clock that is never set.
+// Microseconds of a clock that is never set.
 std::int64_t NowUs() noexcept;
 
-// Once, before the first transfer of the process.
+// Called once, before the first transfer of the process.
 void CatchSignals();
 
-// True once for the notices (SIGHUP) that came since the last call.
+// True if a notice (SIGHUP) came since the last call.
 bool TakeReloadNotice() noexcept;
 bool ReloadNoticePending() noexcept;
 
@@ -29,12 +29,11 @@ int EndingSignal() noexcept;
 // ignored when the process started.
 void DieOf(int signal) noexcept;
 
-// For a command without a transfer that runs until it is told to end: holds SIGINT, SIGTERM and
-// SIGQUIT back until a wait or SignalsLetIn, and has EndingSignal() tell them.
+// For a command that runs until a signal ends it, without a transfer: blocks SIGINT, SIGTERM and
+// SIGQUIT outside of waits and SignalsLetIn. EndingSignal() tells which one came.
 void CatchEnding();
 
-// Lets signals in while it lives, for output that nobody may take: EndingSignal() is to be asked
-// afterwards.
+// Lets signals in while it lives, for output that may block. Ask EndingSignal() afterwards.
 class SignalsLetIn {
 public:
     SignalsLetIn() noexcept;
@@ -46,15 +45,15 @@ private:
     sigset_t saved_;
 };
 
-// In a child of a process that has called CatchSignals(): it ends by SIGTERM, which its parent sends;
-// what the terminal sends to both is the parent's business.
+// For a child of a process that has called CatchSignals(). SIGTERM from its parent ends the child;
+// it ignores SIGINT, which the terminal sends to both.
 void LeaveEndingToParent() noexcept;
 
-// Polls until something is ready, a signal came, or the moment has passed; lets in what is pending
-// in any case. Returns poll's result, 0 also for a signal.
+// Polls until something is ready, a signal comes, or the moment is over. Pending signals are let in
+// at least once. Returns the result of poll(), 0 also for a signal.
 int WaitReady(pollfd *fds, nfds_t count, std::int64_t untilUs) noexcept;
 
-// Sleeps through notices, which keep for up to kNoticeKeepsUs; a call for the end cuts it short.
+// Sleeps until the moment. A notice shortens the sleep to kNoticeKeepsUs; an ending signal ends it.
 constexpr std::int64_t kNoticeKeepsUs = 200'000;
 void SleepUntil(std::int64_t untilUs) noexcept;
 

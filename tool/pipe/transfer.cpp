@@ -1,6 +1,5 @@
-// A registered transfer. The times handed to the library are made from a clock that is never set:
-// only the length of a block counts for it, and a correction of the wall clock neither stops a
-// transfer nor lets it run.
+// The library gets only the length of a block, measured by a clock that is never set. So a
+// correction of the wall clock neither stops a transfer nor speeds it up.
 #include "pipe/transfer.hpp"
 
 #include <algorithm>
@@ -20,7 +19,7 @@ namespace {
     throw Failure(kFailed, what + "; " + remedy);
 }
 
-// The library has told the system log in full; here stands what the administrator can do.
+// The system log has the details. The message says what the administrator can do.
 [[noreturn]] void FailWith(const std::string &what, const zevobw::Error &error)
 {
     const std::string directory = ZEVO_BW_STATUS_DIRECTORY;
@@ -61,42 +60,42 @@ zevobw::Transfer Begin(std::uint32_t uid, std::int32_t protocol, std::int32_t di
 
 } // namespace
 
-Transfer::Transfer(std::uint32_t uid, std::int32_t protocol, std::int32_t direction,
-                   const std::string &name)
+PipedTransfer::PipedTransfer(std::uint32_t uid, std::int32_t protocol, std::int32_t direction,
+                             const std::string &name)
     : transfer_(Begin(uid, protocol, direction, name))
 {
 }
 
-bool Transfer::ProtocolLimited() const noexcept
+bool PipedTransfer::ProtocolLimited() const noexcept
 {
     const std::int32_t state = transfer_.config().policy().state;
     return state != ZEVO_BW_STATE_NOT_EXISTED && state != ZEVO_BW_STATE_DISABLED;
 }
 
-std::uint64_t Transfer::ConfiguredBps()
+std::uint64_t PipedTransfer::ConfiguredBps()
 {
     const auto bps = transfer_.ConfiguredBps();
     Require(bps, "the limits cannot be worked out");
     return bps.value();
 }
 
-void Transfer::Throttle(std::uint64_t bytes, std::int64_t lengthUs, std::uint32_t progress)
+void PipedTransfer::Throttle(std::uint64_t bytes, std::int64_t lengthUs, std::uint32_t progress)
 {
     Require(transfer_.Moved(bytes, progress, lengthUs), "the transfer cannot be held to its limit");
 }
 
-void Transfer::Touch(std::uint32_t progress)
+void PipedTransfer::Touch(std::uint32_t progress)
 {
     Throttle(0, 0, progress);
 }
 
-void Transfer::Reload(std::uint64_t bps)
+void PipedTransfer::Reload(std::uint64_t bps)
 {
     Require(transfer_.Reload(bps), "the changed limits cannot be taken up");
 }
 
-// Whether a rule in force can decide this transfer's speed, as the policy combines them.
-bool Transfer::Bears(const ZEVO_BANDWIDTH_CONF &rule) const
+// Whether the rule applies and can decide this transfer's speed under the policy.
+bool PipedTransfer::Decides(const ZEVO_BANDWIDTH_CONF &rule) const
 {
     const zevobw::Config &config = transfer_.config();
     const auto inForce = [&config](std::int32_t owner) {
@@ -121,7 +120,7 @@ bool Transfer::Bears(const ZEVO_BANDWIDTH_CONF &rule) const
     }
 }
 
-Sharing Transfer::Look() const
+Sharing PipedTransfer::Look() const
 {
     Sharing all = {.transfers = 1, .equalBps = UINT64_MAX};
     const ZEVO_BANDWIDTH_STATUS &own = transfer_.status();
@@ -129,7 +128,7 @@ Sharing Transfer::Look() const
     for (const ZEVO_BANDWIDTH_LIMIT &limit : transfer_.config()) {
         const ZEVO_BANDWIDTH_CONF &rule = limit.conf;
         const std::uint64_t rate = upload ? rule.currentUploadRate : rule.currentDownloadRate;
-        if (rate == 0 || !Bears(rule)) continue;
+        if (rate == 0 || !Decides(rule)) continue;
         const std::optional<Sharing> one = CountSharers(rule, rate * 1024, own);
         if (!one) continue;
         all.transfers = std::max(all.transfers, one->transfers);

@@ -17,8 +17,7 @@ namespace {
 
 constexpr std::int64_t kPaceUs = 60'000'000; // over how long the time left is worked out
 constexpr std::int64_t kMessageUs = 10'000'000;
-constexpr std::uint32_t kWhole = 10'000;
-constexpr std::size_t kMostHistory = 24;
+constexpr std::size_t kMaxHistory = 24;
 constexpr std::size_t kLeastHistory = 8;
 constexpr std::size_t kUsualColumns = 80;
 constexpr std::size_t kRowsForGroups = 8; // a lower screen is for the transfers alone
@@ -61,13 +60,13 @@ std::string AllowedText(std::uint64_t speedBps)
     return speedBps == 0 ? "unlimited" : FormatBytes(speedBps);
 }
 
-// Ten-thousandths; nothing without a whole.
+// In ten-thousandths; nothing without a whole.
 std::optional<std::uint64_t> PartOf(std::uint64_t part, std::optional<std::uint64_t> whole)
 {
     if (!whole || *whole == 0) return std::nullopt;
-    constexpr double kMost = 1e9; // beyond any that is shown
+    constexpr double kMax = 1e9; // beyond any that is shown
     const double ratio = static_cast<double>(part) / static_cast<double>(*whole) * kWhole;
-    return static_cast<std::uint64_t>(std::min(ratio, kMost));
+    return static_cast<std::uint64_t>(std::min(ratio, kMax));
 }
 
 std::string Lower(std::string text)
@@ -147,7 +146,7 @@ void TopModel::Update(TopFigures figures)
     Arrange();
 }
 
-// Keeps what the history and the time left are made of; what is gone is forgotten.
+// Keeps the speeds and the progress of each transfer, and forgets transfers that are gone.
 void TopModel::Record()
 {
     std::set<Key> present;
@@ -155,8 +154,8 @@ void TopModel::Record()
         present.insert(KeyOf(transfer));
         Track &track = tracks_[KeyOf(transfer)];
         track.speeds.push_back(transfer.speedBps);
-        if (track.speeds.size() > kMostHistory) track.speeds.pop_front();
-        // Less than before: the process has gone on to another file.
+        if (track.speeds.size() > kMaxHistory) track.speeds.pop_front();
+        // Less than before: the process has begun another file.
         if (!track.samples.empty() && transfer.progress < track.samples.back().progress)
             track.samples.clear();
         track.samples.push_back({figures_.nowUs, transfer.progress});
@@ -196,8 +195,8 @@ void TopModel::Arrange()
     FindSelection();
 }
 
-// The selection stays with its transfer wherever the order takes it. When that is gone it passes on
-// to the one now in its place, but never under a question that was asked about another.
+// The selection stays with its transfer. When that is gone, the transfer in its place is selected,
+// and a question about the old one is withdrawn.
 void TopModel::FindSelection()
 {
     const auto isSelected = [&](const Entry &e) { return KeyOf(*e.transfer) == selected_; };
@@ -328,9 +327,8 @@ std::string TopModel::Title() const
     for (const TopTransfer &transfer : figures_.transfers)
         sums[transfer.direction == ZEVO_BW_TRANSFER_UPLOAD ? 0 : 1] += transfer.speedBps;
     const std::size_t count = figures_.transfers.size();
-    std::string title = figures_.time + "  " + std::to_string(count) +
-                        (count == 1 ? " transfer" : " transfers") + "  up " + FormatSpeed(sums[0]) +
-                        "  down " + FormatSpeed(sums[1]);
+    std::string title = figures_.time + "  " + Counted(count, "transfer") + "  up " +
+                        FormatSpeed(sums[0]) + "  down " + FormatSpeed(sums[1]);
     if (!filter_.empty())
         title += "  " + std::to_string(shown_.size()) + " with \"" + filter_ + "\"";
     return title;
@@ -352,7 +350,7 @@ std::string TopModel::Bottom() const
     return hints_ ? "q quit  s sort  r reverse  / filter  x stop  ? help" : "";
 }
 
-// What is a sentence takes further lines where the screen is narrow, up to half of it.
+// A sentence may take more lines on a narrow screen, up to half of it.
 std::vector<TopLine> TopModel::BottomLines(std::size_t rows, std::size_t columns) const
 {
     const bool speaks = !message_.empty() || !figures_.complaint.empty();
@@ -367,7 +365,7 @@ std::vector<TopLine> TopModel::BottomLines(std::size_t rows, std::size_t columns
     return lines;
 }
 
-// A third of the screen at most.
+// They take at most a third of the screen.
 std::vector<TopLine> TopModel::GroupLines(std::size_t rows, std::size_t columns) const
 {
     const std::size_t count = figures_.groups.size();
@@ -435,7 +433,7 @@ std::vector<TopLine> TopModel::TransferLines(std::size_t rows, std::size_t colum
     firstRow_ = std::min(firstRow_, place_);
     if (place_ >= firstRow_ + pageRows_) firstRow_ = place_ - pageRows_ + 1;
     const std::size_t spare = columns > kUsualColumns ? (columns - kUsualColumns) / 2 : 0;
-    const std::size_t graphColumns = std::min(kLeastHistory + spare, kMostHistory);
+    const std::size_t graphColumns = std::min(kLeastHistory + spare, kMaxHistory);
     for (std::size_t i = firstRow_; i < std::min(firstRow_ + pageRows_, shown_.size()); ++i) {
         std::vector<Color> look;
         if (!shown_[i].transfer->active) look = {Color::kRed};

@@ -1,6 +1,6 @@
-// What "top" shows, apart from how it gets to the terminal: the transfers with their history, the
-// order, the filter, the selection, and the lines of a screen of any size. Pure but for the locale,
-// which says how wide characters are: times are arguments, nothing is read and nothing is drawn.
+// What "top" shows: the transfers with their history, order, filter and selection, and the lines of
+// a screen of any size. Times are arguments; nothing is read and nothing is drawn. Only the locale
+// counts, for the width of characters.
 #ifndef ZEVOBW_TOOL_TOP_MODEL_HPP
 #define ZEVOBW_TOOL_TOP_MODEL_HPP
 
@@ -19,7 +19,7 @@
 
 namespace tool {
 
-// Texts are as they come; the lines of the screen hold them printable.
+// Texts are raw. The lines of the screen hold them printable.
 struct TopTransfer {
     std::uint32_t uid = 0;
     pid_t pid = 0;
@@ -29,7 +29,7 @@ struct TopTransfer {
     std::string file;
     std::uint64_t speedBps = 0;
     std::uint64_t allowedBps = 0;          // 0 unlimited
-    std::optional<std::uint64_t> limitBps; // of the user when he runs it alone, 0 unlimited
+    std::optional<std::uint64_t> limitBps; // what the user's limits allow it alone, 0 unlimited
     std::uint32_t progress = 0;            // ten-thousandths
     bool active = true;
 };
@@ -65,7 +65,7 @@ public:
     explicit TopModel(bool utf8, bool hints = true) : utf8_(utf8), hints_(hints) {}
 
     void Update(TopFigures figures);
-    // kStop: the selected transfer is to be stopped, and the person has said yes.
+    // kStop: the person has agreed to stop the selected transfer.
     TopAction Press(const TopKey &key);
     // Nothing when no transfer is shown.
     const TopTransfer *Selected() const;

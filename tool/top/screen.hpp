@@ -15,8 +15,8 @@ namespace tool {
 
 class TopScreen {
 public:
-    // Takes the terminal over; the destructor gives it back as it was. Throws Failure when there is
-    // none, or none that can be drawn on.
+    // Takes over the terminal; the destructor gives it back as it was. Throws Failure without a
+    // terminal that can be drawn on.
     TopScreen();
     ~TopScreen();
     TopScreen(const TopScreen &) = delete;
@@ -28,8 +28,8 @@ public:
     std::size_t Columns() const noexcept;
     void Draw(const std::vector<TopLine> &lines);
 
-    // Sleeps until there is a key, the screen has another size, a signal asks for the end, or the
-    // moment has passed. Throws Failure when the terminal is gone.
+    // Sleeps until a key is pressed, the size changes, a signal asks for the end, or the moment is
+    // over. Throws Failure when the terminal is gone.
     void Wait(std::int64_t untilUs);
     // A key that was pressed; nothing when there is no more.
     std::optional<TopKey> NextKey();

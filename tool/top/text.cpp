@@ -7,13 +7,15 @@
 #include <cwchar>
 #include <utility>
 
+#include "model/rate.hpp"
+
 namespace tool {
 
 namespace {
 
-constexpr std::size_t kLeastLast = 8; // columns without which the last one says nothing
+constexpr std::size_t kLeastLast = 8; // the least width of the last column
 constexpr std::size_t kGap = 1;
-constexpr std::size_t kLeftOut = 0; // a column's width
+constexpr std::size_t kLeftOut = 0; // the width of a column that is left out
 
 struct Glyph {
     std::size_t bytes;
@@ -95,7 +97,6 @@ std::string HistoryGraph(const std::deque<std::uint64_t> &speeds, std::uint64_t 
 
 std::string PartBar(std::uint64_t part, std::size_t columns, bool utf8)
 {
-    constexpr std::uint64_t kWhole = 10'000;
     const std::size_t full = std::min<std::uint64_t>(part, kWhole) * columns / kWhole;
     std::string bar;
     for (std::size_t i = 0; i < columns; ++i)
@@ -105,9 +106,9 @@ std::string PartBar(std::uint64_t part, std::size_t columns, bool utf8)
 
 std::string Percent(std::uint64_t tenThousandths)
 {
-    constexpr std::uint64_t kMost = 999;
+    constexpr std::uint64_t kMax = 999;
     const std::uint64_t percent = tenThousandths / 100 + (tenThousandths % 100 + 50) / 100;
-    return percent > kMost ? ">999%" : std::to_string(percent) + "%";
+    return percent > kMax ? ">999%" : std::to_string(percent) + "%";
 }
 
 void Grid::AddRow(std::vector<std::string> cells, std::vector<Color> look)

@@ -13,21 +13,22 @@
 
 namespace tool {
 
-// A run of printable text in one look. Colors that the terminal lacks are left out when drawn.
+// Printable text with one set of colors. Colors that the terminal lacks are left out.
 struct TopSpan {
     std::string text;
     std::vector<Color> colors;
 };
 using TopLine = std::vector<TopSpan>;
 
-// The text in exactly so many columns, cut or filled up with blanks. What has no width of its own
-// goes with the character before it; what the locale cannot show becomes '?'.
+// The text in exactly so many columns, cut or filled up with blanks. A character without width
+// stays with the one before it. A character that the locale cannot show becomes '?'.
 std::string Fit(std::string_view text, std::size_t columns, bool right = false);
 
-// The same, but of what is too long the end is shown, behind two dots.
+// The same, but a text that is too long shows its end, after two dots.
 std::string FitEnd(std::string_view text, std::size_t columns);
 
-// Past speeds as bars, the latest at the right; full is a speed of fullBps, or the highest of them.
+// Past speeds as bars, the latest at the right. A full bar is fullBps, or the highest speed if
+// larger.
 std::string HistoryGraph(const std::deque<std::uint64_t> &speeds, std::uint64_t fullBps,
                          std::size_t columns, bool utf8);
 
@@ -40,16 +41,16 @@ std::string Percent(std::uint64_t tenThousandths);
 struct GridColumn {
     const char *title;
     bool right;
-    int rank; // the highest are left out first where the screen is narrow
+    int rank; // on a narrow screen the highest rank is left out first
     std::vector<Color> colors;
-    bool endCounts = false; // of what is too long the end is shown
+    bool endCounts = false; // a cell that is too long shows its end
 };
 
 // Rows under a headline, as wide as the screen. The last column takes what the others leave.
 class Grid {
 public:
     explicit Grid(std::vector<GridColumn> columns) : columns_(std::move(columns)) {}
-    // Printable cells, one for each column. A look of its own stands for those of the columns.
+    // Printable cells, one for each column. look replaces the colors of the columns.
     void AddRow(std::vector<std::string> cells, std::vector<Color> look = {});
     // The headline first, the title of the marked column inverse.
     std::vector<TopLine> Lines(std::size_t columns, std::string_view marked = {}) const;

@@ -1,6 +1,6 @@
-// A rule in words and as JSON.
-#include "model/rule_text.hpp"
+#include "model/texts.hpp"
 
+#include "model/plan.hpp"
 #include "model/rate.hpp"
 
 namespace tool {
@@ -19,7 +19,6 @@ bool HasCustomRates(const ZEVO_BANDWIDTH_CONF &rule)
 std::string OneLine(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
 {
     const std::string subject = OwnerText(owner) + ", " + ProtocolName(rule.protocolType) + ": ";
-    // A cleared rule has nothing left to tell.
     if (rule.state == ZEVO_BW_STATE_NOT_EXISTED) return subject + StateText(rule);
     const bool onSchedule = rule.state == ZEVO_BW_STATE_SCHEDULE;
     std::string line = subject + StateText(rule);
@@ -40,6 +39,30 @@ Json ToJson(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
     for (const RateOption &rate : kRates)
         json[rate.key] = LimitJson(rule.*rate.field);
     json["plan"] = rule.szSchedulePlan;
+    return json;
+}
+
+std::string ChoiceText(const PolicyChoice &choice, const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
+{
+    return ValueName(choice.table, policy.*choice.field);
+}
+
+std::string OneLine(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
+{
+    std::string line =
+        ProtocolName(policy.protocolType) + ": " + ChoiceText(kChoices.front(), policy);
+    for (std::size_t i = 1; i < kChoices.size(); ++i)
+        line += std::string(", ") + kChoices[i].label + " " + ChoiceText(kChoices[i], policy);
+    if (policy.szSchedulePlan[0] != '\0') line += ", plan " + PlanText(policy.szSchedulePlan);
+    return line;
+}
+
+Json ToJson(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
+{
+    Json json = {{"protocol", ProtocolName(policy.protocolType)}};
+    for (const PolicyChoice &choice : kChoices)
+        json[choice.key] = ChoiceText(choice, policy);
+    json["plan"] = policy.szSchedulePlan;
     return json;
 }
 
