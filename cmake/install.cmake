@@ -2,7 +2,7 @@
 #   library  libzevobandwidth and the definition of the status directory
 #   core     libzevocore    \ left out with ZEVOBW_PLATFORM=OFF, as are
 #   sdk      libzevosdk     / zevocore.h and what links against them
-#   dev      what a service is built with
+#   dev      what a service is built with, section 3 of the manual
 #   tool     the administrator's command, its manual and completions
 #
 # DESTDIR and --prefix are followed: nothing that is installed names the prefix.
@@ -73,13 +73,26 @@ install_completion(fish ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d zevob
 
 # ---- the manual ----
 
-file(GLOB pages CONFIGURE_DEPENDS man/*.[13578])
+file(GLOB pages CONFIGURE_DEPENDS man/*.[1578])
 foreach(page IN LISTS pages)
     cmake_path(GET page EXTENSION LAST_ONLY section)
     string(SUBSTRING ${section} 1 -1 section)
-    set(component tool)
-    if(section EQUAL 3)
-        set(component dev)
-    endif()
-    install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
+    install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT tool)
 endforeach()
+
+# Section 3 comes from the comments of the header.
+find_program(ZEVOBW_DOXYGEN doxygen)
+if(ZEVOBW_DOXYGEN)
+    file(GLOB samples CONFIGURE_DEPENDS man/man3/*.c)
+    set(section3 ${CMAKE_BINARY_DIR}/man3)
+    add_custom_command(OUTPUT ${section3}/zevobandwidth.h.3 VERBATIM
+        COMMAND scripts/manual ${section3} WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
+        DEPENDS ${public_header} docs/Doxyfile docs/Doxyfile.man scripts/manual
+                scripts/lib/page.awk debian/changelog ${samples})
+    add_custom_target(manual DEPENDS ${section3}/zevobandwidth.h.3)
+    add_dependencies(distribution manual)
+    install(DIRECTORY ${section3}/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT dev)
+else()
+    message(STATUS "Doxygen is not installed: section 3 of the manual is not made "
+                   "(scripts/test installs it)")
+endif()

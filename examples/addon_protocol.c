@@ -1,16 +1,16 @@
 /*
- * Adds a protocol of one's own: announces it, puts limits on it into force and gives a user a rate.
+ * Adds a protocol: announces it, switches limits on for it and gives a user a rate.
  *
  *     cc -std=c99 -o addon_protocol addon_protocol.c $(pkg-config --cflags --libs zevobandwidth)
  *     sudo ./addon_protocol backup 32 "$USER" 512
  *     zevobandwidth addon list
  *     tar c photos | zevobandwidth pipe -p backup -d upload >photos.tar
  *
- * An add-on is announced by a file NAME_NUMBER.json; its name is all that counts, what stands in it
- * is the add-on's own business. Its directory is made in that of the rules, which is there once an
- * administrator has stored a rule or a policy. A service then hands NUMBER to ZEVOBandwidthConfigGet() like a
- * built-in protocol. The packaging of a real service installs the file and leaves policy and rules
- * to the administrator.
+ * A file NAME_NUMBER.json announces an add-on. Only its name counts; the add-on may store in it what
+ * it likes. The program makes the file's directory inside that of the rules, which exists as soon as
+ * an administrator has stored a rule or a policy. A service then uses NUMBER with
+ * ZEVOBandwidthConfigGet() like a built-in protocol. The package of a real service installs the file
+ * and leaves the policy and the rules to the administrator.
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -32,8 +32,8 @@ static int Fail(const char *szWhat, const char *szWhy)
     return 1;
 }
 
-/* Running transfers are counted by the bits that their protocols' numbers have in common: a number
- * that is one bit beyond the built-in ones is counted with nobody else's. */
+/* Running transfers are counted by the bits that their protocols' numbers have in common. A number
+ * that is one bit above the built-in ones has no bit in common with any other. */
 static int IsUsable(const char *szName, long number)
 {
     const int isOneBit = (number & (number - 1)) == 0;
@@ -42,8 +42,8 @@ static int IsUsable(const char *szName, long number)
            isOneBit;
 }
 
-/* Writes the file, and sees that the library finds the one by the other; takes it back if not.
- * One that was there already is left alone. */
+/* Writes the file, unless it exists, and checks that the library finds the name by the number. If
+ * not, removes the file that it wrote. */
 static int Announce(const char *szName, int32_t number)
 {
     char szPath[ZEVO_BW_FILENAME_SIZE], szFound[256] = "";

@@ -1,11 +1,11 @@
-// A small threaded file server over TCP on the loopback, for the files of one user, held to his
-// limits for FTP. A client's first line says what it wants; there are no passwords, it is an example:
+// A small threaded file server over TCP on the loopback, for the files of one user, held to that
+// user's limits for FTP. It is an example, without passwords. A client's first line is one of
 //
 //     get photos.tar      the file, up to the end of the connection: a download
 //     put photos.tar      the file from here on, until the client shuts down: an upload
 //
-// Of a transfer that is refused, stopped or broken the client is told by a reset of the connection; a
-// real protocol says why. One that stands still keeps its thread; a real server gives it up some day.
+// When a transfer is refused, stopped or broken, the server resets the connection; a real protocol
+// says why. A client that sends nothing keeps its thread; a real server has a timeout.
 //
 //     c++ -std=c++11 -pthread -o file_server file_server.cpp -lzevobandwidth -lzevocore
 //     ./file_server alice 2121 /srv/files
@@ -13,15 +13,15 @@
 //
 // or through CMake, see CMakeLists.txt here.
 //
-// A transfer's section bears the process and the direction, nothing else. Hence:
+// The name of a transfer's section has the process and the direction, and nothing else. Hence:
 //
-//  - Each user has a server process of his own: in the file of a group the transfers of two users
-//    would be taken for one, and each would have the group's whole speed.
-//  - In it all downloads are one zevobw::Transfer, and all uploads another, told of the bytes of all
-//    threads: see Lane. What an administrator stops are all of them.
+//  - Each user has a server process: in the status file of a group the transfers of two users in one
+//    process would be taken for one, and each would have the group's whole speed.
+//  - In each process all downloads are one zevobw::Transfer, and all uploads are another. It is told
+//    the bytes of all threads, see Lane. An administrator can only stop all of them together.
 //
-// SIGHUP has the transfers read the limits anew; SIGTERM and SIGINT end them and the server, with no
-// section left.
+// After a SIGHUP the transfers read the limits anew. SIGTERM and SIGINT end them and the server, and
+// no section is left.
 #include <zevobandwidth.hpp>
 
 #include <fcntl.h>
@@ -80,8 +80,9 @@ bool Passes(const zevobw::Outcome &outcome)
     return outcome.ok();
 }
 
-// All transfers in one direction: one to the library, for which the threads pay in turn, in the order
-// in which they come. It begins with the first and ends with the last of them.
+// All transfers in one direction, which are one for the library. The threads take turns to tell it
+// their bytes, in the order in which they come. It begins with the first of them and ends with the
+// last.
 class Lane {
 public:
     Lane(std::uint32_t uid, std::int32_t direction) : uid_(uid), direction_(direction) {}
@@ -143,8 +144,8 @@ private:
 
 // ---- one connection ----
 
-// The client's first line and nothing beyond it, for what follows may be the file; "" when there is
-// nothing to be done.
+// Reads the client's first line and nothing after it, because the file may follow. "" when there is
+// nothing to do.
 std::string ReadRequest(int client)
 {
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
@@ -159,14 +160,14 @@ std::string ReadRequest(int client)
     return isOne ? line : "";
 }
 
-// Whether a read or write has only been quiet, or cut short by a notice: no bytes are paid for then.
+// Whether a read or write only timed out, or a notice cut it short: no bytes were moved then.
 bool IsQuiet(ssize_t moved)
 {
     return moved < 0 && (errno == EAGAIN || errno == EINTR);
 }
 
-// Pays for each part of the block that has gone out. How large the next block may be: 0 when the
-// transfer has to end.
+// Tells the library each part of the block that was sent. Gives the size of the next block, 0 when
+// the transfer must end.
 std::size_t WriteAll(int to, const char *bytes, std::size_t size, Lane &lane)
 {
     std::size_t most = size;
@@ -197,7 +198,7 @@ bool Move(int from, int to, Lane &lane)
     return false;
 }
 
-// Whether the whole file has come over. What a client puts takes the old one's place only then.
+// Whether the whole file has arrived. Only then does it replace the old one.
 bool Serve(int client, Lane &downloads, Lane &uploads)
 {
     const std::string request = ReadRequest(client);
@@ -219,7 +220,7 @@ bool Serve(int client, Lane &downloads, Lane &uploads)
     return isWhole;
 }
 
-// Has closing the connection reset it.
+// Makes close() reset the connection.
 void Reset(int client)
 {
     const struct linger discard = {1, 0};
@@ -254,7 +255,7 @@ int Listen(std::uint16_t port)
     return listener;
 }
 
-// Each thread accepts for itself, and looks now and then whether the end has come.
+// Each thread accepts connections, and looks from time to time whether the server must end.
 void Run(int listener, std::uint32_t uid)
 {
     Lane downloads(uid, ZEVO_BW_TRANSFER_DOWNLOAD);

@@ -5,8 +5,8 @@
  *         $(pkg-config --cflags --libs zevobandwidth)
  *     ./running_transfers alice bob
  *
- * Only transfers that something limits are on the list. Every local user can write to it: what it
- * says is shown and nothing else is done with it, and a file's name may hold anything.
+ * Only transfers that a limit applies to are listed. Every local user can write to the status files:
+ * the program only shows their content, and a file name may hold any byte.
  */
 #define _POSIX_C_SOURCE 200809L
 

@@ -1,13 +1,13 @@
 /*
- * Copies standard input to standard output as an upload of the calling user by FTP, held to his
- * limits.
+ * Copies standard input to standard output as an upload of the calling user by FTP, held to that
+ * user's limits.
  *
  *     cc -std=c99 -o throttled_copy throttled_copy.c $(pkg-config --cflags --libs zevobandwidth)
  *     sudo zevobandwidth rule set -u "$USER" -p ftp --up 2M
  *     sudo zevobandwidth policy set -p ftp --state enabled
  *     ./throttled_copy <photos.tar >/mnt/backup/photos.tar
  *
- * SIGHUP has it read the limits anew. When it is killed, its entry goes stale after 30 seconds.
+ * After a SIGHUP it reads the limits anew. When it is killed, its section is stale after 30 seconds.
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -28,7 +28,7 @@ static void OnHup(int number)
 int main(void)
 {
     const int upload = ZEVO_BW_TRANSFER_UPLOAD;
-    /* A read goes on after the signal; the library's sleep is cut short all the same. */
+    /* A read goes on after the signal; the signal still cuts the library's sleep short. */
     const struct sigaction action = {.sa_handler = OnHup, .sa_flags = SA_RESTART};
     static char block[65536];
     static ZEVO_BANDWIDTH_STATUS status; /* large, and zero-filled */
@@ -40,7 +40,7 @@ int main(void)
     if (result == 0) result = ZEVOBandwidthStatusInit(&config, upload, "copy", &timeLast, &status);
     while (result == 0) {
         if (hupReceived) {
-            hupReceived = 0; /* where the new limits cannot be read the old ones hold */
+            hupReceived = 0; /* when the new limits cannot be read, the old ones apply */
             (void)ZEVOBandwidthHupRecv(&config, &status, &timeLast);
         }
         result = ZEVOBandwidthTransferSizeEstimate(&config, upload, sizeof block, &size);

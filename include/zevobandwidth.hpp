@@ -1,7 +1,7 @@
 /**
  * zevobandwidth.hpp: the C++ layer over zevobandwidth.h, in this header alone; C++11 or later.
  *
- *     std::atomic<unsigned> notices{0};     // the service's SIGHUP handler adds 1, no more
+ *     std::atomic<unsigned> notices{0};     // the service's SIGHUP handler only adds 1
  *
  *     auto begun = zevobw::Transfer::Begin(uid, ZEVO_BW_PROTOCOL_FTP, ZEVO_BW_TRANSFER_UPLOAD,
  *                                          "photos.tar", &notices);
@@ -11,25 +11,24 @@
  *         ... move at most transfer.BlockSize(wanted) bytes ...
  *         const zevobw::Outcome paid = transfer.Moved(bytes, progress); // sleeps
  *         if (!paid) return transfer.stopped() ? SayStopped() : Complain(paid.error().Text());
- *     } // the scope's end takes the transfer off the list, however it is left
+ *     } // the end of the scope removes the transfer from the list, also after an exception
  *
  * Conventions:
  *  - Constants, records, units and the meaning of every code are those of zevobandwidth.h: rates
  *    are KB/s, speeds bytes per second, 0 is unlimited, progress is in ten-thousandths.
- *  - A failure is a value: an Outcome, or a Result that holds something else on success. Nothing
- *    throws but what bears "OrThrow" in its name and what makes a std::string. One opt-in for
- *    every call, so that no function has to exist twice: Config::Read(uid, protocol).ValueOrThrow().
- *  - A failed Result still holds a value, an empty one. An empty Config limits nobody, an empty
- *    Transfer lets everything pass: whoever would rather serve unlimited than not at all just goes
- *    on.
- *  - Objects own what they hold, can be moved and not copied; what was moved from is empty.
- *  - Threads: an object belongs to one thread at a time, different ones may be used at once. Nothing
- *    is for signal handlers.
- *  - What shares a section: uploads of one process and user share one, and so do its downloads; in
- *    the file of a group even those of different users do. See Transfer.
+ *  - A failure is a value: an Outcome, or a Result that holds a value on success. Only functions
+ *    with "OrThrow" in their names throw, and functions that make a std::string. Each call can be
+ *    made to throw: Config::Read(uid, protocol).ValueOrThrow().
+ *  - A failed Result still holds an empty value. An empty Config limits nobody, and an empty
+ *    Transfer lets everything pass: a service that prefers unlimited transfers to none goes on with
+ *    them.
+ *  - Objects own what they hold. They can be moved and not copied; a moved-from object is empty.
+ *  - Threads: an object belongs to one thread at a time; several objects may be used at once. A
+ *    signal handler must not call anything here.
+ *  - Uploads of one process and user share a section, and so do its downloads. In the status file
+ *    of a group even those of different users do. See Transfer.
  *
- * Programs that use this layer are linked with zevobandwidth and with zevocore, whose error slot
- * says what failed.
+ * Programs that use this layer are linked with zevobandwidth, and with zevocore for the error slot.
  */
 #ifndef ZEVOBANDWIDTH_HPP
 #define ZEVOBANDWIDTH_HPP
@@ -63,8 +62,8 @@ namespace zevobw {
 
 // ---- failures ----
 
-/** What failed, and the place in the library's or the platform's sources that found it. A copy: it
- *  outlives the error slot that it was taken from. */
+/** What failed, and the place in the library's or the platform's sources that found it. It is a
+ *  copy of the error slot and stays the same when the slot changes. */
 class Error {
 public:
     Error() noexcept : code_(0), line_(0), file_() {}
@@ -79,15 +78,15 @@ public:
         return error;
     }
 
-    /** A ZEVO_BW_ERROR or a code of the platform's; 0 when the call recorded none, as for a policy
-     *  of unknown value: the system log says more then. */
+    /** A ZEVO_BW_ERROR or a code of the platform; 0 when the call recorded none, as for a policy
+     *  with an unknown value: then the system log says more. */
     unsigned int code() const noexcept { return code_; }
 
     /** The source file without its directory, cut to 63 characters; "" with code 0. */
     const char *file() const noexcept { return file_; }
     int line() const noexcept { return line_; }
 
-    /** An administrator has stopped the transfer: no fault, but it must end. */
+    /** An administrator has stopped the transfer. That is no fault, but the transfer must end. */
     bool IsStop() const noexcept { return code_ == ZEVO_BW_ERROR_STOPPED; }
 
     /** The code in words, static storage. */
@@ -185,7 +184,8 @@ public:
 
     T &value() &noexcept { return value_; }
     const T &value() const &noexcept { return value_; }
-    /** Of a result that goes away at once: the value itself, which a reference to it keeps alive. */
+    /** Of a result that goes away at once: the value itself, which a reference to it keeps alive.
+     *  */
     T value() &&noexcept { return std::move(value_); }
 
 #ifdef ZEVO_BW_HAS_EXCEPTIONS
@@ -203,8 +203,8 @@ private:
 
 namespace detail {
 
-/** Runs a call of the C interface and takes its failure along. The slot is emptied first: not every
- *  failure records one, and what an earlier call left there must not pass for it. */
+/** Runs a call of the C interface and takes its error from the slot. It empties the slot first: not
+ *  every failure records a code, and the code of an earlier call must not be taken for it. */
 template <class Call> Outcome Try(Call call) noexcept
 {
     VLIBCErrSetEx(0, "", 0);
@@ -213,9 +213,9 @@ template <class Call> Outcome Try(Call call) noexcept
 
 } // namespace detail
 
-// ---- what bears on a user ----
+// ---- the rules of a user ----
 
-/** The rules and the policy that bear on one user for one protocol. */
+/** The rules and the policy that apply to one user for one protocol. */
 class Config {
 public:
     /** Empty. */
@@ -231,8 +231,8 @@ public:
     Config(const Config &) = delete;
     Config &operator=(const Config &) = delete;
 
-    /** ZEVOBandwidthConfigGet(): as of now. Reads the rule files and the user database. A file that is
-     *  not there counts as empty, as in a chroot without it: nobody is limited then. */
+    /** ZEVOBandwidthConfigGet(): as of now. Reads the rule files and the user database. A missing
+     *  file counts as empty, so that in a chroot without it nobody is limited. */
     ZEVO_BW_NODISCARD static Result<Config> Read(std::uint32_t uid, std::int32_t protocol) noexcept
     {
         Config config;
@@ -242,15 +242,15 @@ public:
         return config;
     }
 
-    /** ZEVOBandwidthInitConfig(): states and plans at a moment, microseconds since the epoch, 0 for
-     *  now. true when anything is on a schedule, so that it has to be asked again in another hour.
-     */
+    /** ZEVOBandwidthInitConfig(): evaluates states and plans at a moment, in microseconds since the
+     *  epoch, 0 for now. Gives true when anything is on a schedule: then call it again in the next
+     *  hour. */
     bool Evaluate(std::int64_t timeUs = 0) noexcept
     {
         return ZEVOBandwidthInitConfig(&record_, timeUs) == 1;
     }
 
-    /** The rules in force or on a schedule: the user's own first, then those of his groups. */
+    /** The rules that are enabled or on a schedule: the user's own first, then the groups'. */
     const ZEVO_BANDWIDTH_LIMIT *begin() const noexcept { return record_.pLimit; }
     const ZEVO_BANDWIDTH_LIMIT *end() const noexcept { return record_.pLimit + size(); }
     std::size_t size() const noexcept
@@ -260,7 +260,7 @@ public:
 
     const ZEVO_BANDWIDTH_GLOBAL_CONF &policy() const noexcept { return record_.globalConf; }
 
-    /** The record itself, for the calls of the C interface; it stays this object's. */
+    /** The record itself, for calls of the C interface; this object goes on owning it. */
     ZEVO_BANDWIDTH_CONFIG &record() noexcept { return record_; }
     const ZEVO_BANDWIDTH_CONFIG &record() const noexcept { return record_; }
 
@@ -271,14 +271,13 @@ private:
 // ---- what runs ----
 
 /**
- * The running transfers of one owner, as they stood when the object was made:
+ * The running transfers of one owner at the time when the object was made:
  *
  *     for (const ZEVO_BANDWIDTH_STATUS &t : zevobw::Transfers(ZEVO_BW_OWNER_USER, uid)) ...
  *
- * Making one reads the owner's status file, and removes from it what is more than 30 seconds old.
- * Where it cannot be read the range is empty and outcome() says why; an owner without a file has no
- * transfers. The records live as long as the object. What stands in them every local user can have
- * written.
+ * The constructor lists the owner's status file, and removes stale sections from it. When the file
+ * cannot be read, the range is empty and outcome() says why; an owner without a file has no
+ * transfers. The records live as long as the object. Any local user may have written their content.
  */
 class Transfers {
 public:
@@ -314,7 +313,7 @@ public:
     using const_iterator = Iterator;
     using value_type = ZEVO_BANDWIDTH_STATUS;
 
-    /** Passes every protocol; numbers of add-ons are no bits, see ZEVOBandwidthIStatusGetAll(). */
+    /** Lists every protocol; numbers of add-ons are not bits, see ZEVOBandwidthIStatusGetAll(). */
     enum : std::int32_t { kEveryProtocol = -1 };
 
     /** @param ownerType  ZEVO_BW_OWNER_USER or ZEVO_BW_OWNER_GROUP
@@ -328,9 +327,9 @@ public:
         });
     }
 
-    /** ZEVOBandwidthIStatusGetAll(): those of a file. DANGER: a path with a "." in it is taken for
-     *  a leftover temporary file and may be deleted. merged: one record for each protocol and
-     *  direction, with the sums of the speeds. */
+    /** ZEVOBandwidthIStatusGetAll(): the transfers of a status file. DANGER: a path with a "." in
+     *  it is taken for a leftover temporary file and may be deleted. With merged there is one
+     *  record for each protocol and direction, with the sums of the speeds. */
     static Transfers FromFile(const char *szStatusFile, std::int32_t protocolMask,
                               std::uint32_t transferMask, bool merged) noexcept
     {
@@ -384,16 +383,17 @@ private:
 // ---- one transfer ----
 
 /**
- * A transfer of the calling process, from its registration to its end. The destructor takes it off
- * the list, by whatever way the scope is left; a process that is killed, or calls _exit() or exit()
- * from within, leaves it to go stale after 30 seconds.
+ * A transfer of the calling process, from its registration to its end. The destructor removes it
+ * from the list, however the scope is left. When the process is killed, or calls _exit() or exit()
+ * inside the scope, its sections stay and become stale after 30 seconds.
  *
- * The section of a transfer bears the process and the direction, nothing else. Of two objects of one
- * process, user and direction each sees the other's section as its own: each takes the whole speed,
- * and the first to end takes the other off the list until its next block. One object has to stand
- * for all such transfers of a process, told of the bytes of all of them. In the file of a group the
- * same holds for different users of that group: whoever serves them under a group's limit serves
- * each from a process of his own. Begin it in the process that moves the data, after any fork().
+ * The name of a section has the process and the direction, and nothing else. When one process has
+ * two objects for one user and direction, each takes the other's section for its own: each takes
+ * the whole speed, and the first to end removes the other from the list until the other's next
+ * block. Use one object for all such transfers of a process, and tell it the bytes of all of them.
+ * In the status file of a group the same is true of different members: a service that limits groups
+ * serves each user from another process. Begin a transfer in the process that moves the data, after
+ * any fork().
  *
  * About 4.5 KB large.
  */
@@ -405,7 +405,7 @@ public:
           stopped_(false)
     {
     }
-    /** Leaves errno and the error slot to whatever ends the scope. */
+    /** Leaves errno and the error slot unchanged. */
     ~Transfer()
     {
         const int hosts = errno;
@@ -415,8 +415,8 @@ public:
         errno = hosts;
     }
     Transfer(Transfer &&other) noexcept : Transfer() { Swap(other); }
-    /** Ends what the object held, after the other has begun: where both have user and direction in
-     *  common, call End() before. */
+    /** Ends the transfer that the object held, after the other has begun. When both have the same
+     *  user and direction, call End() before. */
     Transfer &operator=(Transfer &&other) noexcept
     {
         Transfer moved(std::move(other));
@@ -427,32 +427,32 @@ public:
     Transfer &operator=(const Transfer &) = delete;
 
     /**
-     * Reads the user's rules and registers a transfer before its first block. One that nothing
-     * limits is not listed, but will be as soon as a reload brings a limit.
+     * Reads the user's rules and registers a transfer before its first block. A transfer that
+     * nothing limits is not listed; it is listed as soon as a reload brings a limit.
      * @param uid         user; (uint32_t)-1 is refused
      * @param protocol    one protocol or an add-on's number; ZEVO_BW_PROTOCOL_ALL is refused
      * @param direction   ZEVO_BW_TRANSFER_UPLOAD or ZEVO_BW_TRANSFER_DOWNLOAD
      * @param szFileName  what is listed, cut to 4095 characters
-     * @param notices     counts the notices that limits have changed, which the host's SIGHUP
-     *                    handler adds to; nullptr when the host calls Reload() itself. It must
-     *                    outlive the transfer, and may serve any number.
-     * Errors: as ZEVOBandwidthConfigGet() and ZEVOBandwidthStatusInit(); nothing stays behind.
+     * @param notices     counter of the notices that limits have changed; the host's SIGHUP handler
+     *                    adds 1. nullptr when the host calls Reload() itself. It must outlive the
+     *                    transfer; several transfers may share it.
+     * Errors: as ZEVOBandwidthConfigGet() and ZEVOBandwidthStatusInit(); no section is left then.
      */
     ZEVO_BW_NODISCARD static Result<Transfer>
     Begin(std::uint32_t uid, std::int32_t protocol, std::int32_t direction, const char *szFileName,
           const std::atomic<unsigned> *notices = nullptr) noexcept
     {
         Transfer begun;
-        begun.Watch(notices); // first, lest a change slip in between
+        begun.Watch(notices); // before the rules are read, so that no change is missed
         Result<Config> config = Config::Read(uid, protocol);
         if (!config) return config.error();
         begun.config_ = std::move(config.value());
         return Register(begun, direction, szFileName);
     }
 
-    /** The same with a configuration that has been read before, as by a service that gives up its
-     *  privileges, or the sight of the rule files, in between. Notices count from now on: what has
-     *  changed since it was read is not seen. */
+    /** The same with a configuration that was read before, for a service that gives up its
+     *  privileges or enters a chroot in between. Notices count from now on: a change between the
+     *  reading and this call is not noticed. */
     ZEVO_BW_NODISCARD static Result<Transfer>
     Begin(Config &&config, std::int32_t direction, const char *szFileName,
           const std::atomic<unsigned> *notices = nullptr) noexcept
@@ -464,9 +464,9 @@ public:
     }
 
     /**
-     * How large the next block may be: wanted, or five seconds' worth of the configured speed or of
-     * what was allowed last where that is less. wanted, too, where it cannot be worked out; Moved()
-     * will say so.
+     * How large the next block may be, in bytes: wanted, or what the configured speed or the last
+     * allowed speed moves in five seconds when that is less. When it cannot be worked out, it is
+     * wanted, too, and Moved() fails.
      */
     std::uint64_t BlockSize(std::uint64_t wanted) noexcept
     {
@@ -478,28 +478,28 @@ public:
     }
 
     /**
-     * To be called after each block, and at least every 10 seconds, with 0 bytes while none come:
-     * else the transfer goes stale. Sleeps off what the block was too fast, saves the transfer, and
-     * obeys a notice that has come in.
-     * @param bytes     moved since the previous call
+     * Sleeps until the block has taken as long as its limit asks for, saves the transfer, and obeys
+     * a notice that has come in. Call it after each block, and at least every 10 seconds, with 0
+     * bytes when there are none: otherwise the transfer becomes stale.
+     * @param bytes     bytes moved since the previous call
      * @param progress  ten-thousandths
-     * @return          failed: end the transfer when stopped(), decide otherwise. Without success the
-     *                  block may have passed at any speed.
+     * @return          when it failed: end the transfer if stopped(), else decide yourself; the
+     *                  block may have passed at any speed
      * Errors: as ZEVOBandwidthSleepInLoop() and Reload(). A failed reload is tried again with the
-     *         next block; the old limits hold meanwhile.
-     * Threads: sleeps; a signal cuts that short.
+     *         next block; the old limits apply until then.
+     * Threads: it sleeps; a signal cuts the sleep short.
      */
     ZEVO_BW_NODISCARD Outcome Moved(std::uint64_t bytes, std::uint32_t progress) noexcept
     {
         const std::uint64_t before = timeLast_;
         const Outcome paid = Pay(bytes, progress);
-        // Where nothing limits the transfer time goes on, too: a limit that comes finds no credit.
+        // Time passes also when nothing limits the transfer: a new limit must not find unused time.
         if (timeLast_ == before) timeLast_ = ZEVOBandwidthCurrTimeGet();
         return paid ? ObeyNotice() : paid;
     }
 
-    /** The same for a host that keeps its own time: the block took lengthUs microseconds, 0 or more,
-     *  up to this call. */
+    /** The same for a host that measures time itself: the block took lengthUs microseconds, 0 or
+     *  more, until this call. */
     ZEVO_BW_NODISCARD Outcome Moved(std::uint64_t bytes, std::uint32_t progress,
                                     std::int64_t lengthUs) noexcept
     {
@@ -508,18 +508,18 @@ public:
     }
 
     /**
-     * Reads the limits anew and, where the transfer is limited now, saves it at once, so that the
+     * Reads the limits anew. When the transfer is limited now, it is saved at once, so that the
      * others go on counting it.
      * Errors: as ZEVOBandwidthHupRecv(), ZEVOBandwidthStatusSave(), or a stop.
      */
     ZEVO_BW_NODISCARD Outcome Reload() noexcept { return Reload(status_.current_speed); }
 
-    /** The same, given the speed at which the transfer has been moving; 0 when it is not known. */
+    /** The same with the speed at which the transfer has been moving; 0 when it is not known. */
     ZEVO_BW_NODISCARD Outcome Reload(std::uint64_t speedBps) noexcept
     {
         if (status_.pid == 0) return Outcome();  // empty
-        if (AskStopped()) return Stop();         // before the section that says so may go
-        if (IsSaved()) (void)RemoveFromGroups(); // what fails goes stale
+        if (AskStopped()) return Stop();         // before the section that says so is removed
+        if (IsSaved()) (void)RemoveFromGroups(); // a copy that cannot be removed becomes stale
         status_.expect_speed = 0;
         const Outcome read = detail::Try(
             [&] { return ZEVOBandwidthHupRecv(&config_.record(), &status_, &timeLast_); });
@@ -530,8 +530,8 @@ public:
         return configured.value() == 0 ? Outcome() : SaveAmongOthers(speedBps);
     }
 
-    /** What the rules give the transfer in this hour if it were alone; 0 when nothing limits it.
-     *  Reads no file. */
+    /** The speed that the rules would give the transfer in this hour if it were alone, in bytes/s;
+     *  0 when nothing limits it. Reads no file. */
     ZEVO_BW_NODISCARD Result<std::uint64_t> ConfiguredBps() noexcept
     {
         const std::int32_t state = config_.policy().state;
@@ -548,13 +548,14 @@ public:
         return bps;
     }
 
-    /** What the last call allowed the transfer beside the others; 0 unlimited, or not asked yet. */
+    /** The speed that the last call allowed the transfer beside the others, in bytes/s; 0 when it
+     *  is unlimited or not known yet. */
     std::uint64_t AllowedBps() const noexcept { return status_.expect_speed; }
 
-    /** A call has found that an administrator has stopped the transfer. */
+    /** true when a call has found that an administrator has stopped the transfer. */
     bool stopped() const noexcept { return stopped_; }
 
-    /** Looks the stop up now, between blocks. Reads the user's status file. */
+    /** Looks now, between blocks, whether the transfer is stopped. Reads the user's status file. */
     bool AskStopped() const noexcept
     {
         ZEVO_BANDWIDTH_STATUS saved = {};
@@ -565,8 +566,8 @@ public:
                 saved.active == 0);
     }
 
-    /** Takes the transfer off the list before the scope's end; the object is empty then. On failure
-     *  what could not be removed goes stale after 30 seconds. */
+    /** Removes the transfer from the list before the end of the scope; the object is empty then. On
+     *  failure, sections that could not be removed become stale after 30 seconds. */
     Outcome End() noexcept
     {
         const Outcome removed = Remove();
@@ -607,9 +608,9 @@ private:
 
     Outcome Pay(std::uint64_t bytes, std::uint32_t progress) noexcept
     {
-        // The loop itself looks at the plans for one transfer of the process only.
+        // The C loop looks at the plans for one transfer of the process only.
         if (onSchedule_) onSchedule_ = config_.Evaluate();
-        status_.expect_speed = 0; // the loop leaves it where nothing limits the transfer
+        status_.expect_speed = 0; // the C loop does not set it when nothing limits the transfer
         const Outcome paid = detail::Try([&] {
             return ZEVOBandwidthSleepInLoop(&config_.record(), bytes, progress, &timeLast_,
                                             &status_);
@@ -649,11 +650,11 @@ private:
         return Error::FromSlot();
     }
 
-    /** A time stamp stands in the record since it has been saved first. */
+    /** The record has a time stamp since it was first saved. */
     bool IsSaved() const noexcept { return status_.timestamp != 0; }
 
-    /** Every group whose rule was read, charged or not: an estimate since the last save may have
-     *  charged others. */
+    /** Removes the copies from every group whose rule was read, charged or not: an estimate since
+     *  the last save may have charged other groups. */
     Outcome RemoveFromGroups() const noexcept
     {
         Outcome all;

@@ -21,9 +21,9 @@ readonly page=docs/architecture.md
 {
     grep -oE '(├─|└─|►|─) [a-z]+_[a-z_]+' $page | sed 's/.* //'
     grep -oE '`([a-z]+/)?[a-z_]+\.[ch]pp`' $page | tr -d '`'
-    grep -oE '`(src|tool|tests|torture|include|platform)/[a-z_/.]*`' $page | tr -d '`'
+    grep -oE '`(base|src|tool|tests|torture|include|platform)/[a-z_/.]*`' $page | tr -d '`'
 } | sort -u | while IFS= read -r name; do
-    for path in "$name" {src/bandwidth_,tool/,platform/core/}"$name"{,.cpp}; do
+    for path in "$name" {src/bandwidth_,src/,src/internal/,tool/,platform/core/}"$name"{,.cpp}; do
         [[ ! -e $path ]] || continue 2
     done
     echo "$page: no such file: $name"

@@ -37,6 +37,8 @@ install_all "$packages"
 [[ $(versions) == "installed $version" ]] || die "not installed: $(versions)"
 export ZEVOBW_TOOL=/usr/bin/zevobandwidth
 tests/install_test.sh /usr
+man=$(mman -s 3 ZEVOBandwidthConfigGet 2>/dev/null | sed 's/.\x08//g')
+[[ $man == *DESCRIPTION* ]] || die 'no manual of the functions'
 
 # The examples, as a user of the packages builds and runs them.
 cp -r /usr/share/doc/libzevobandwidth-dev/examples /tmp/examples

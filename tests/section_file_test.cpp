@@ -643,7 +643,7 @@ TEST_F(Listing, EndsWithItsThreadAndMayGoOnInAForkedChild)
     ::pthread_join(thread, nullptr);
 }
 
-TEST_F(Listing, SectionsOfOtherKeysThanTheLastAreReadAsTheyStand)
+TEST_F(Listing, SectionsWithDifferentKeysAreReadAsTheyStand)
 {
     Write("[a]\nk=1\nlong=x\nz=2\n[b]\nk=\"q\"\nlong = y \nz=3\nk=4\n"
           "[c]\nlong=1\n\nk\nk=5=6\n; z=1\nz=\n[d]\n\"a=b\"=1\nk=2\n[e]\na=b=1\nk=3");

@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include <stdio_ext.h>
 #include <unistd.h>
@@ -252,6 +254,19 @@ void PrintNotes(const std::string &prefix, const std::vector<std::string> &notes
         PrintNote(prefix + notes[i]);
     if (notes.size() > kMostNotes)
         PrintNote(prefix + "and " + std::to_string(notes.size() - kMostNotes) + " more");
+}
+
+std::string Written(const StreamPrinter &print)
+{
+    char *text = nullptr;
+    std::size_t size = 0;
+    FILE *const stream = ::open_memstream(&text, &size);
+    if (stream == nullptr) throw std::bad_alloc();
+    const bool isPrinted = print(stream) == 0;
+    const bool isWhole = std::fclose(stream) == 0;
+    const std::unique_ptr<char, decltype(&std::free)> guard(text, &std::free);
+    if (!isWhole) throw std::bad_alloc();
+    return isPrinted ? std::string(text, size) : std::string();
 }
 
 void FlushOutput()

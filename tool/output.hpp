@@ -4,6 +4,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -115,6 +117,10 @@ void PrintNote(const std::string &note);
 
 // The first of many such lines, each behind the prefix, and how many more there are.
 void PrintNotes(const std::string &prefix, const std::vector<std::string> &notes);
+
+// What a function of the library writes to a stream; empty when it refuses (by another result than 0).
+using StreamPrinter = std::function<int(FILE *)>;
+std::string Written(const StreamPrinter &print);
 
 // Throws Failure when standard output could not take everything that was printed (it is closed, or
 // its disk is full).

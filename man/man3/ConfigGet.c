@@ -1,4 +1,4 @@
-/* Lists the rules that bear on the calling user's transfers by FTP. */
+/* Lists the rules that apply to the calling user's transfers by FTP. */
 #include <inttypes.h>
 #include <stdio.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-/* Counts the rules of the calling user and of his groups. */
+/* Counts the rules of the calling user and of the user's groups. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -17,10 +17,10 @@ int main(void)
     count = ZEVOBandwidthLimitInit(getuid(), &policy, &pLimit, &hasOwn,
                                    &hasGroups);
     if (count < 0) return 1;
-    printf("%d, %s of his own\n", count, hasOwn == 1 ? "one" : "none");
+    printf("%d, %s of the user\n", count, hasOwn == 1 ? "one" : "none");
     free(pLimit);
     return 0;
 }
 /* Prints:
-1, one of his own
+1, one of the user
 */

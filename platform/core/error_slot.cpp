@@ -1,5 +1,5 @@
-// The error slot: the calling thread's last recorded error. Plain storage of the thread, so that
-// recording one neither allocates nor fails nor touches errno.
+// The error slot: the calling thread's last recorded error. It is plain thread-local storage, so that
+// recording an error neither allocates nor fails nor changes errno.
 #include <cstring>
 
 #include "zevocore.h"
@@ -25,7 +25,7 @@ void VLIBCErrSetEx(unsigned int code, const char *szFile, int line) noexcept
     if (szFile == nullptr) szFile = "";
     if (const char *const szSlash = std::strrchr(szFile, '/')) szFile = szSlash + 1;
     const size_t cb = ::strnlen(szFile, sizeof(slot.szFile) - 1);
-    std::memmove(slot.szFile, szFile, cb); // it may be the slot's own
+    std::memmove(slot.szFile, szFile, cb); // szFile may be the slot's own
     slot.szFile[cb] = '\0';
 }
 

@@ -1,15 +1,14 @@
-// Small operations on one file: is it there, make it, and the process id that one holds.
-#include <climits>
+// Small operations on one file: whether it exists, making it, and reading a process id from it.
+#include <charconv>
 
 #include "base/regular_file.hpp"
-#include "base/write_file.hpp"
 #include "platform/internal/frame.hpp"
 #include "section_listing.hpp"
 
 namespace zevo {
 namespace {
 
-constexpr size_t kPidFileBytes = 48; // an id and some blanks; what is longer is no pid file
+constexpr off_t kMaxPidFileBytes = 48; // an id and some blanks
 
 bool IsBlank(char byte) noexcept
 {
@@ -23,16 +22,13 @@ pid_t PidOf(std::string_view text) noexcept
         text.remove_prefix(1);
     while (!text.empty() && IsBlank(text.back()))
         text.remove_suffix(1);
-    int64_t pid = 0;
-    for (const char digit : text) {
-        if (digit < '0' || digit > '9') return 0;
-        pid = pid * 10 + (digit - '0');
-        if (pid > INT_MAX) return 0;
-    }
-    return pid > 1 ? static_cast<pid_t>(pid) : 0;
+    pid_t pid = 0;
+    const auto [pEnd, error] = std::from_chars(text.data(), text.data() + text.size(), pid);
+    const bool isNumber = error == std::errc() && pEnd == text.data() + text.size();
+    return isNumber && pid > 1 ? pid : 0;
 }
 
-// Whether looking at a path failed because nothing can stand there.
+// Whether that error of lstat() means that nothing stands at the path.
 bool IsAbsence(int error) noexcept
 {
     return error == ENOENT || error == ENOTDIR || error == ENAMETOOLONG || error == ELOOP;
@@ -45,9 +41,10 @@ using namespace zevo;
 
 int VLIBCFileExist(const char *szPath) noexcept
 {
-    // The most frequent question of all, hence one call: a parent directory that is a link is
-    // refused by whoever opens the file next. Where it has no answer the file counts as there:
-    // whoever opens it next finds out, while one that is not there has nothing to say to anybody.
+    // Asked more often than anything else, so it is a single system call. It does not look whether the
+    // parent directory is a link: opening the file does. If the call fails for want of something, the
+    // file counts as there, and opening it tells the reason; a caller takes an absent file for an
+    // empty one.
     Listing::End();
     struct stat found = {};
     return szPath != nullptr && (::lstat(szPath, &found) == 0 || !IsAbsence(errno)) ? 1 : 0;
@@ -70,14 +67,7 @@ pid_t VLIBCReadPidFile(const char *szPath) noexcept
     const Place place(szPath);
     if (place.fault()) return 0;
     const RegularFile file(place, O_RDONLY);
-    if (file.fault()) return 0;
-    char text[kPidFileBytes];
-    size_t size = 0;
-    for (ssize_t cb = 1; cb != 0; size += static_cast<size_t>(cb)) { // half an id is another one
-        cb = RetryInterrupted([&] {
-            return ::pread(file.get(), text + size, sizeof(text) - size, static_cast<off_t>(size));
-        });
-        if (cb < 0) return 0;
-    }
-    return size == sizeof(text) ? 0 : PidOf({text, size});
+    if (file.fault() || file.stat().st_size > kMaxPidFileBytes) return 0;
+    Bytes text;
+    return file.ReadWhole(text) ? 0 : PidOf(text.view());
 }

@@ -1,4 +1,4 @@
-// The groups of a user, as the system's user database tells them.
+// The groups of a user, from the system's user database.
 #include <cerrno>
 #include <charconv>
 #include <new>
@@ -11,9 +11,9 @@
 namespace zevo {
 namespace {
 
-constexpr int kMostTries = 4;
+constexpr int kMaxTries = 4;
 
-// What the database answered, and the errno that it left.
+// The groups that the database named, and the errno that it left.
 struct Answer {
     std::vector<gid_t> gids;
     int error = 0;
@@ -27,14 +27,14 @@ Answer Ask(const char *szUserName, gid_t primary)
         errno = 0;
         const bool fits = ::getgrouplist(szUserName, primary, answer.gids.data(), &nGids) >= 0;
         answer.error = errno;
-        // No wish for more room: what it lacked was memory of its own.
+        // It asks for no more room, so it lacks memory of its own.
         if (!fits && static_cast<size_t>(nGids) <= answer.gids.size()) throw std::bad_alloc();
         answer.gids.resize(static_cast<size_t>(nGids));
         if (fits) return answer;
     }
 }
 
-// A service that is missing leaves one of these; so do the steps of a look-up that went well.
+// A look-up that went well leaves one of these, and so does a database that is not installed.
 bool IsUsual(int error) noexcept
 {
     return error == 0 || error == ENOENT || error == ENOTDIR || error == ECONNREFUSED ||
@@ -46,19 +46,19 @@ bool IsShortage(int error) noexcept
     return error == EINTR || error == EIO || error == EMFILE || error == ENFILE || error == ENOMEM;
 }
 
-// The database says nothing of a file that it could not read: the answer is a shorter list, and errno
-// the only trace. Who believes it leaves out limits and sections of groups. So what looks odd is asked
-// again; a shortage that lasts is a failure, any other oddness that lasts is the database's way.
+// When the database cannot read one of its files it hands out a shorter list, and errno is the only
+// trace. A caller that believed the list would leave out limits of groups. So an unusual errno makes us
+// ask again. A shortage that lasts is a failure; any other unusual errno that lasts is taken as it is.
 std::vector<gid_t> GroupsOf(const char *szUserName, gid_t primary)
 {
     Answer answer = Ask(szUserName, primary);
-    for (int tries = 1; !IsUsual(answer.error) && tries < kMostTries; ++tries)
+    for (int tries = 1; !IsUsual(answer.error) && tries < kMaxTries; ++tries)
         answer = Ask(szUserName, primary);
     if (IsShortage(answer.error)) throw std::bad_alloc();
     return answer.gids;
 }
 
-bool AppendId(VLIB_SZ_LIST &list, gid_t gid) noexcept
+Fault AppendId(VLIB_SZ_LIST &list, gid_t gid) noexcept
 {
     char text[16];
     const char *const pEnd = std::to_chars(text, text + sizeof(text), gid).ptr;
@@ -70,7 +70,7 @@ VLIB_SZ_LIST *ListOf(const std::vector<gid_t> &gids)
     VLIB_SZ_LIST *const pList = VLIBCSzListAlloc(static_cast<int>(gids.size()));
     if (pList == nullptr) throw std::bad_alloc();
     for (const gid_t gid : gids) {
-        if (AppendId(*pList, gid)) continue;
+        if (!AppendId(*pList, gid)) continue;
         VLIBCSzListFree(pList);
         throw std::bad_alloc();
     }

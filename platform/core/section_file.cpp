@@ -1,13 +1,13 @@
-// Section files on disk. Reading takes no lock: a file is only ever replaced whole, so whoever
-// opens it sees the old text or the new one. Enumerating a file and then reading its sections takes
-// one pass, see section_listing.cpp.
+// Section files on disk. A reader takes no lock: files are replaced whole, so that it sees either the
+// old text or the new one. Enumerating a file and reading its sections then opens it once, see
+// section_listing.cpp.
 //
-// Two kinds of writers. Settings (set, add) must not lose each other's changes: a writer holds a
-// write lock on the file from before it reads it until the new file has taken its place. The lock
-// belongs to the open file (OFD), so it excludes threads of one process too, and goes when its
-// holder dies. Every writer leaves another file under the name: a lock counts only if the name still
-// leads to the locked file once it is granted. Removing a section also serves files that are
-// rewritten many times a second: there it takes its turn like their writers, see
+// Writers of settings (set, add) must not lose each other's changes. A writer holds a write lock on
+// the file from before it reads it until it has put the new file in its place. The lock belongs to the
+// open file (OFD): it keeps out other threads of the process as well, and the kernel releases it when
+// its holder dies. Each writer leaves another file under the name, so a lock counts only if the name
+// still leads to the locked file once the lock is granted. Removing a section also serves files that
+// are rewritten many times a second: there it takes its turn like their writers, see
 // base/replace_file.hpp.
 #include "base/replace_file.hpp"
 #include "platform/internal/frame.hpp"
@@ -175,7 +175,7 @@ Change WriteSection(const char *szPath, const char *szSection, const VLIB_SZ_HAS
     Bytes oldText;
     Bytes pairs;
     if (const Fault fault = file.get().ReadWhole(oldText)) return {fault};
-    if (!WritePairs(pairs, hash)) return {kNoMemory};
+    if (const Fault fault = WritePairs(pairs, hash)) return {fault};
     Pieces newText;
     const Change set = SetPairs(oldText.view(), szSection, pairs.view(), newText);
     if (set.fault || (!set.isMade && ifAbsent == IfAbsent::kLeave)) return set;
@@ -184,7 +184,7 @@ Change WriteSection(const char *szPath, const char *szSection, const VLIB_SZ_HAS
         const std::string_view text = oldText.view();
         if (!text.empty() && !text.ends_with('\n') && added.Append("\n")) return {kNoMemory};
         if (!text.empty() && !text.ends_with("\n\n") && added.Append("\n")) return {kNoMemory};
-        if (!WriteHeader(added, szSection) || added.Append(pairs.view())) return {kNoMemory};
+        if (WriteHeader(added, szSection) || added.Append(pairs.view())) return {kNoMemory};
         if (newText.Append(added.view())) return {kNoMemory};
     }
     const Fault fault = Replace(place, file.get().stat(), newText);
@@ -204,22 +204,9 @@ std::optional<std::string_view> LinesOf(std::string_view text, std::string_view 
     return std::nullopt;
 }
 
-// Whoever walks over a file asks about each of its lines: most need no second look, and so not the
-// room on the stack that one takes.
 bool MayBeHeader(const char *szLine, int cbLine) noexcept
 {
     return szLine != nullptr && cbLine > 0 && *szLine == '[';
-}
-
-[[gnu::noinline]] int LookForHeader(const char *szLine, int cbLine) noexcept
-{
-    return ReadLine({szLine, static_cast<size_t>(cbLine)}).kind == LineKind::kHeader ? 1 : 0;
-}
-
-[[gnu::noinline]] int LookForHeaderOf(const char *szLine, int cbLine,
-                                      const char *szSection) noexcept
-{
-    return IsHeaderOf({szLine, static_cast<size_t>(cbLine)}, szSection) ? 1 : 0;
 }
 
 } // namespace
@@ -238,7 +225,8 @@ int VLIBCFileGetSection(const char *szPath, const char *szSection, VLIB_SZ_HASH 
         lines = LinesOf(file.text.view(), szSection);
     }
     if (!lines) return 0;
-    return TakePairs(*lines, **ppHash) ? 1 : ZEVO_FAIL(kNoMemory);
+    const Fault fault = TakePairs(*lines, **ppHash);
+    return fault ? ZEVO_FAIL(fault) : 1;
 }
 
 int VLIBCFileSetSection(const char *szPath, const char *szSection, const char *,
@@ -285,7 +273,8 @@ int VLIBCFileEnumSection(const char *szPath, VLIB_SZ_LIST **ppList) noexcept
     VLIB_SZ_LIST &list = **ppList;
     const int32_t nBefore = list.nItem;
     SectionIndex index;
-    if (!index.Build(file.text.view()) || !index.AppendNames(list)) return ZEVO_FAIL(kNoMemory);
+    if (const Fault fault = index.Build(file.text.view())) return ZEVO_FAIL(fault);
+    if (const Fault fault = index.AppendNames(list)) return ZEVO_FAIL(fault);
     Listing::Begin(szPath, std::move(file), std::move(index), list);
     return list.nItem - nBefore;
 }
@@ -296,18 +285,21 @@ int VLIBCFileHash2File(FILE *pFile, const char *szSection, const VLIB_SZ_HASH *p
         return ZEVO_FAIL(kBadArgument);
     const CancelScope cancel;
     Bytes text;
-    if (!WriteHeader(text, szSection) || !WritePairs(text, *pHash)) return ZEVO_FAIL(kNoMemory);
+    if (const Fault fault = WriteHeader(text, szSection)) return ZEVO_FAIL(fault);
+    if (const Fault fault = WritePairs(text, *pHash)) return ZEVO_FAIL(fault);
     const size_t cbWritten = std::fwrite(text.view().data(), 1, text.size(), pFile);
     return cbWritten == text.size() ? 0 : ZEVO_FAIL(kCannotWrite);
 }
 
 int VLIBCIFileIsSection(const char *szLine, int cbLine) noexcept
 {
-    return MayBeHeader(szLine, cbLine) ? LookForHeader(szLine, cbLine) : 0;
+    if (!MayBeHeader(szLine, cbLine)) return 0;
+    return ReadLine({szLine, static_cast<size_t>(cbLine)}).kind == LineKind::kHeader ? 1 : 0;
 }
 
 int VLIBCIFileMatchSection(const char *szLine, int cbLine, const char *szSection) noexcept
 {
     if (!MayBeHeader(szLine, cbLine) || szSection == nullptr) return 0;
-    return LookForHeaderOf(szLine, cbLine, szSection);
+    const Line line = ReadLine({szLine, static_cast<size_t>(cbLine)});
+    return line.kind == LineKind::kHeader && IsWord(line.name, szSection) ? 1 : 0;
 }

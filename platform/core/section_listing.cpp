@@ -86,23 +86,24 @@ bool FileText::IsCurrent(const char *szPath) const noexcept
 
 // ---- index ----
 
-bool SectionIndex::Build(std::string_view text) noexcept
+Fault SectionIndex::Build(std::string_view text) noexcept
 try {
     sections_.reserve(text.size() / kUsualSectionBytes + 1);
-    if (names_.Reserve(text.size())) return false; // so that the names stay where they are
+    // All at once, so that the names stay where they are.
+    if (const Fault fault = names_.Reserve(text.size())) return fault;
     Reader reader(text);
     std::string_view before;
     for (Line header; reader.NextHeader(header, before);) {
         if (!sections_.empty()) sections_.back().lines = before;
         const size_t at = names_.size();
-        if (!AppendMeaning(names_, header.name)) return false;
+        if (const Fault fault = AppendMeaning(names_, header.name)) return fault;
         sections_.push_back({names_.view().substr(at), {}});
     }
     if (!sections_.empty()) sections_.back().lines = before;
     DropRepeated();
-    return true;
+    return kNoFault;
 } catch (const std::bad_alloc &) {
-    return false;
+    return kNoMemory;
 }
 
 // Sorts, because that stays quick whatever names a stranger has put into the file.
@@ -126,15 +127,16 @@ void SectionIndex::DropRepeated()
         std::erase_if(sections_, [](const Section &s) { return s.name.data() == nullptr; });
 }
 
-bool SectionIndex::AppendNames(VLIB_SZ_LIST &list) const noexcept
+Fault SectionIndex::AppendNames(VLIB_SZ_LIST &list) const noexcept
 {
     const int32_t nBefore = list.nItem;
     for (const Section &section : sections_) {
-        if (ListAppend(list, section.name)) continue;
-        ListCut(list, nBefore);
-        return false;
+        if (const Fault fault = ListAppend(list, section.name)) {
+            ListCut(list, nBefore);
+            return fault;
+        }
     }
-    return true;
+    return kNoFault;
 }
 
 // ---- listing ----

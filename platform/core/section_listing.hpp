@@ -32,10 +32,10 @@ public:
         std::string_view lines;
     };
 
-    // Works through the text, which has to outlive the index. false without memory.
-    bool Build(std::string_view text) noexcept;
-    // Appends all names. false, with the list as it was, without memory.
-    bool AppendNames(VLIB_SZ_LIST &list) const noexcept;
+    // Works through the text, which has to outlive the index.
+    Fault Build(std::string_view text) noexcept;
+    // Appends all names; leaves the list as it was on failure.
+    Fault AppendNames(VLIB_SZ_LIST &list) const noexcept;
     const std::vector<Section> &sections() const noexcept { return sections_; }
 
 private:

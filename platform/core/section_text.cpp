@@ -1,29 +1,31 @@
-// The text of section files. A line is read by the first byte that decides: ';' or '#' a comment,
-// '[' a header or junk, anything else a pair, a blank line or junk. A text that begins with a quote
-// ends at the next unescaped one; any other is taken as it stands, less the blanks around it. The
-// writer follows from that: it quotes exactly the texts that would not come back equal, and those a
-// terminal or an editor would mangle.
+// The text of section files. The first byte of a line decides what it may be: ';' and '#' begin a
+// comment, '[' begins a header, any other byte a pair. A word that begins with a quote ends at the
+// next unescaped quote; any other is taken as it stands, less the blanks around it. The writer quotes
+// exactly the texts that would not come back equal, and those that a terminal or an editor would
+// mangle.
 #include "section_text.hpp"
-
-#include <algorithm>
-#include <array>
-#include <cstring>
 
 namespace zevo {
 namespace {
 
-constexpr std::string_view kBlanks = " \t\r"; // "\r": files that were edited elsewhere
+bool IsBlank(char byte) noexcept
+{
+    return byte == ' ' || byte == '\t' || byte == '\r'; // "\r": files that were edited elsewhere
+}
 
 std::string_view TrimFront(std::string_view text) noexcept
 {
-    const size_t first = text.find_first_not_of(kBlanks);
-    return first == text.npos ? std::string_view() : text.substr(first);
+    while (!text.empty() && IsBlank(text.front()))
+        text.remove_prefix(1);
+    return text;
 }
 
 std::string_view Trim(std::string_view text) noexcept
 {
-    const std::string_view rest = TrimFront(text);
-    return rest.substr(0, rest.find_last_not_of(kBlanks) + 1);
+    text = TrimFront(text);
+    while (!text.empty() && IsBlank(text.back()))
+        text.remove_suffix(1);
+    return text;
 }
 
 int HexDigit(char digit) noexcept
@@ -34,8 +36,8 @@ int HexDigit(char digit) noexcept
     return -1;
 }
 
-// The byte that an escape stands for, taken off the front behind its backslash; 0 for no escape:
-// texts hold no NUL.
+// Takes an escape off the front, behind its backslash, and returns the byte that it stands for. 0: it
+// is none. No text holds a NUL.
 char TakeEscape(std::string_view &rest) noexcept
 {
     if (rest.empty()) return 0;
@@ -103,7 +105,7 @@ bool TakeWord(std::string_view &text, char endMark, Word &word) noexcept
     return !word.raw.empty();
 }
 
-// Whether a byte that needs none is written as an escape.
+// Whether a byte that needs no escape is written as one.
 bool HasNeedlessEscape(const Word &word) noexcept
 {
     if (!word.hasEscapes) return false;
@@ -115,8 +117,9 @@ bool HasNeedlessEscape(const Word &word) noexcept
     return false;
 }
 
-// A section's name has one spelling, but for the quotes: who looks for one need look only where the
-// name's bytes stand. A name with an escape that none of ours has is another's and means itself.
+// A section's name has one spelling, but for the quotes, so that a search for its bytes finds every
+// header that may be its own. A name with an escape that our writer never writes stands for itself,
+// backslashes included.
 bool ReadHeader(std::string_view text, Line &line) noexcept
 {
     text.remove_prefix(1);
@@ -125,8 +128,25 @@ bool ReadHeader(std::string_view text, Line &line) noexcept
     return true;
 }
 
+// Whether a text has neither a quote nor anything to trim where a word begins and ends.
+bool HasPlainEnds(std::string_view text) noexcept
+{
+    return static_cast<unsigned char>(text.front()) > ' ' && text.front() != '"' &&
+           static_cast<unsigned char>(text.back()) > ' ';
+}
+
 bool ReadPair(std::string_view text, Line &line) noexcept
 {
+    // Most pairs need no closer look: this saves 7 % of a listing of ten transfers.
+    const size_t equal = text.find('=');
+    if (equal == text.npos || equal == 0) return false;
+    const std::string_view key = text.substr(0, equal);
+    const std::string_view value = text.substr(equal + 1);
+    if (HasPlainEnds(key) && (value.empty() || HasPlainEnds(value))) {
+        line.name.raw = key;
+        line.value.raw = value;
+        return true;
+    }
     if (!TakeWord(text, '=', line.name)) return false;
     text = Trim(text);
     if (text.empty() || text.front() != '"') {
@@ -138,11 +158,10 @@ bool ReadPair(std::string_view text, Line &line) noexcept
 
 LineKind Classify(std::string_view text, Line &line) noexcept
 {
-    if (Trim(text).empty()) return LineKind::kBlank;
+    if (text.empty() || text.find('\0') != text.npos) return LineKind::kOther;
     if (text.front() == ';' || text.front() == '#') return LineKind::kComment;
-    if (text.find('\0') != text.npos) return LineKind::kJunk;
-    if (text.front() == '[') return ReadHeader(text, line) ? LineKind::kHeader : LineKind::kJunk;
-    return ReadPair(text, line) ? LineKind::kPair : LineKind::kJunk;
+    if (text.front() == '[') return ReadHeader(text, line) ? LineKind::kHeader : LineKind::kOther;
+    return ReadPair(text, line) ? LineKind::kPair : LineKind::kOther;
 }
 
 bool Within(std::string_view text, size_t at, unsigned low, unsigned high) noexcept
@@ -152,8 +171,8 @@ bool Within(std::string_view text, size_t at, unsigned low, unsigned high) noexc
     return low <= byte && byte <= high;
 }
 
-// The length of the character at the front when it is fit to be seen, else 0: control characters,
-// those above ASCII included, and bytes that are no UTF-8.
+// The length in bytes of the character at the front. 0 for a control character, be it of ASCII or
+// above, and for a byte that is no UTF-8.
 size_t ReadableLength(std::string_view text) noexcept
 {
     const unsigned first = static_cast<unsigned char>(text.front());
@@ -171,36 +190,6 @@ size_t ReadableLength(std::string_view text) noexcept
     return 0;
 }
 
-// Copies eight characters. false when one of them is beyond ASCII, for control, or the mark.
-inline bool CopyEight(const char *pFrom, char mark, char *pTo) noexcept
-{
-    constexpr uint64_t kEach = 0x0101010101010101;
-    uint64_t bytes;
-    std::memcpy(&bytes, pFrom, sizeof(bytes));
-    std::memcpy(pTo, &bytes, sizeof(bytes));
-    const uint64_t unlike = bytes ^ kEach * static_cast<unsigned char>(mark);
-    const uint64_t odd = bytes | (bytes + kEach) | (bytes - kEach * ' ') | (unlike - kEach);
-    return (odd & kEach * 0x80) == 0;
-}
-
-// Copies a text of which nothing is beyond printable ASCII, nor the mark. Most are like that; false
-// for any other, which is looked at by the rules.
-inline bool CopySimple(std::string_view text, char mark, char *pTo) noexcept
-{
-    constexpr size_t kStep = 8;
-    if (text.size() < kStep) {
-        for (const char byte : text) {
-            if (byte < ' ' || byte > '~' || byte == mark) return false;
-            *pTo++ = byte;
-        }
-        return true;
-    }
-    for (size_t i = 0; i + kStep < text.size(); i += kStep)
-        if (!CopyEight(text.data() + i, mark, pTo + i)) return false;
-    const size_t last = text.size() - kStep;
-    return CopyEight(text.data() + last, mark, pTo + last);
-}
-
 bool IsReadable(std::string_view text) noexcept
 {
     while (!text.empty()) {
@@ -211,142 +200,54 @@ bool IsReadable(std::string_view text) noexcept
     return true;
 }
 
-// What a text must not begin with that stands without quotes.
-constexpr std::string_view kNotFirstOfKey = "\"[;#";
-constexpr std::string_view kNotFirstOfValue = "\"";
-
-bool HasPlainEnds(std::string_view text, std::string_view notFirst) noexcept
-{
-    if (text.empty() || text.front() == ' ' || text.back() == ' ') return false;
-    for (const char first : notFirst)
-        if (text.front() == first) return false;
-    return true;
-}
-
-// Whether a text may stand without quotes: endMark would end it.
+// Whether a text may stand without quotes: a reader would stop at endMark, and take one of notFirst
+// at the front for something else.
 bool IsPlain(std::string_view text, char endMark, std::string_view notFirst) noexcept
 {
-    return HasPlainEnds(text, notFirst) && text.find(endMark) == text.npos && IsReadable(text);
+    return !text.empty() && text.front() != ' ' && text.back() != ' ' &&
+           notFirst.find(text.front()) == notFirst.npos && text.find(endMark) == text.npos &&
+           IsReadable(text);
 }
 
-bool WriteEscape(Bytes &out, char byte) noexcept
+// The writers below write to memory that is large enough and return where they stopped. A byte takes
+// at most four, and a word two quotes.
+constexpr size_t kMaxEscapeBytes = 4;
+constexpr size_t kQuotes = 2;
+
+char *WriteEscape(char byte, char *pTo) noexcept
 {
-    switch (byte) {
-    case '\n':
-        return !out.Append("\\n");
-    case '\r':
-        return !out.Append("\\r");
-    case '\t':
-        return !out.Append("\\t");
-    case '"':
-        return !out.Append("\\\"");
-    case '\\':
-        return !out.Append("\\\\");
-    default:
-        break;
-    }
+    constexpr std::string_view kBytes = "\n\r\t\"\\";
+    constexpr char kLetters[] = "nrt\"\\";
     constexpr char kDigits[] = "0123456789ABCDEF";
+    const size_t known = kBytes.find(byte);
+    *pTo++ = '\\';
+    if (known != kBytes.npos) {
+        *pTo++ = kLetters[known];
+        return pTo;
+    }
     const unsigned value = static_cast<unsigned char>(byte);
-    const char escape[] = {'\\', 'x', kDigits[value >> 4], kDigits[value & 15]};
-    return !out.Append({escape, sizeof(escape)});
+    *pTo++ = 'x';
+    *pTo++ = kDigits[value >> 4];
+    *pTo++ = kDigits[value & 15];
+    return pTo;
 }
 
-bool WriteQuoted(Bytes &out, std::string_view text) noexcept
+char *WriteWord(std::string_view text, bool isPlain, char *pTo) noexcept
 {
-    if (out.Append("\"")) return false;
+    if (isPlain) return pTo + text.copy(pTo, text.size());
+    *pTo++ = '"';
     while (!text.empty()) {
         const char first = text.front();
         const size_t cb = first == '"' || first == '\\' ? 0 : ReadableLength(text);
-        const bool written = cb == 0 ? WriteEscape(out, first) : !out.Append(text.substr(0, cb));
-        if (!written) return false;
+        pTo = cb == 0 ? WriteEscape(first, pTo) : pTo + text.copy(pTo, cb);
         text.remove_prefix(cb == 0 ? 1 : cb);
     }
-    return !out.Append("\"");
+    *pTo++ = '"';
+    return pTo;
 }
 
-bool WriteWord(Bytes &out, std::string_view text, bool isPlain) noexcept
-{
-    return isPlain ? !out.Append(text) : WriteQuoted(out, text);
-}
-
-bool WritePair(Bytes &out, std::string_view key, std::string_view value) noexcept
-{
-    const size_t cbSimple = key.size() + value.size() + 2;
-    if (out.Reserve(cbSimple)) return false;
-    char *const pKey = out.end();
-    char *const pValue = pKey + key.size() + 1;
-    if (HasPlainEnds(key, kNotFirstOfKey) && CopySimple(key, '=', pKey) &&
-        (value.empty() ||
-         (HasPlainEnds(value, kNotFirstOfValue) && CopySimple(value, '\0', pValue)))) {
-        pValue[-1] = '=';
-        pValue[value.size()] = '\n';
-        out.Grow(cbSimple);
-        return true;
-    }
-    const bool plainValue = value.empty() || IsPlain(value, '\0', kNotFirstOfValue);
-    return WriteWord(out, key, IsPlain(key, '=', kNotFirstOfKey)) && !out.Append("=") &&
-           WriteWord(out, value, plainValue) && !out.Append("\n");
-}
-
-// Whether a byte at the end of a word is one that neither is trimmed nor begins a quoted text.
-constexpr bool IsInner(char byte) noexcept
-{
-    return static_cast<unsigned char>(byte) > ' ' && byte != '"';
-}
-
-// Whether the value behind a key is neither quoted nor has blanks at its ends.
-bool HasPlainValue(const char *pLine, size_t cbKey, size_t cbLine) noexcept
-{
-    const char *const pValue = pLine + cbKey + 1;
-    return pValue == pLine + cbLine ||
-           (IsInner(*pValue) && static_cast<unsigned char>(pLine[cbLine - 1]) > ' ');
-}
-
-// Takes key and value where they stand, each ended by a NUL, from a line that needs no second look.
-// false: nothing has been touched.
-bool TakePlainPair(char *pLine, size_t cbLine, std::string_view &key,
-                   std::string_view &value) noexcept
-{
-    const char *const pEqual = static_cast<const char *>(std::memchr(pLine, '=', cbLine));
-    if (pEqual == nullptr || pEqual == pLine) return false;
-    const char first = *pLine;
-    if (!IsInner(first) || first == '[' || first == ';' || first == '#' ||
-        static_cast<unsigned char>(pEqual[-1]) <= ' ')
-        return false;
-    const auto cbKey = static_cast<size_t>(pEqual - pLine);
-    if (!HasPlainValue(pLine, cbKey, cbLine)) return false;
-    pLine[cbKey] = pLine[cbLine] = '\0';
-    key = {pLine, cbKey};
-    value = {pLine + cbKey + 1, cbLine - cbKey - 1};
-    return true;
-}
-
-// By byte: whether it continues a header's plain name.
-constexpr std::array<bool, 256> kContinuesName = [] {
-    std::array<bool, 256> continues = {};
-    for (size_t byte = 0; byte < continues.size(); ++byte)
-        continues[byte] = IsInner(static_cast<char>(byte)) && byte != ']';
-    return continues;
-}();
-
-// A header at the front that has nothing but a plain name, as most do; any other is looked at by the
-// rules.
-bool TakePlainHeader(std::string_view text, Line &line) noexcept
-{
-    constexpr size_t kMostName = 64;
-    const size_t most = text.size() < kMostName ? text.size() : kMostName;
-    size_t i = 1;
-    while (i < most && kContinuesName[static_cast<unsigned char>(text[i])])
-        ++i;
-    if (i == 1 || i + 1 >= most || text[i] != ']' || text[i + 1] != '\n') return false;
-    line.kind = LineKind::kHeader;
-    line.whole = text.substr(0, i + 2);
-    line.name.raw = text.substr(1, i - 1);
-    return true;
-}
-
-// Writes the bytes that a quoted text stands for, which are no more than its own: pTo may be where it
-// begins. Returns how many.
+// Writes the bytes that a quoted text stands for and returns their number, which is never larger than
+// the text's own: pTo may be where the text begins.
 size_t Decode(std::string_view quoted, char *pTo) noexcept
 {
     char *pNext = pTo;
@@ -355,24 +256,13 @@ size_t Decode(std::string_view quoted, char *pTo) noexcept
     return static_cast<size_t>(pNext - pTo);
 }
 
-// Any line, by the rules, with key and value where they stand; false without memory.
-bool TakePair(char *pLine, size_t cbLine, VLIB_SZ_HASH &hash) noexcept
+// Gives a word of a text that may be changed its meaning and a NUL behind it, where it stands.
+std::string_view DecodeInPlace(const Word &word) noexcept
 {
-    const Line line = ReadLine({pLine, cbLine});
-    if (line.kind != LineKind::kPair) return true;
-    const auto settle = [pLine, cbLine](const Word &word, size_t &cb) {
-        cb = word.raw.size();
-        char *const pText =
-            pLine + (cb == 0 ? cbLine : static_cast<size_t>(word.raw.data() - pLine));
-        if (word.hasEscapes) cb = Decode(word.raw, pText);
-        pText[cb] = '\0';
-        return pText;
-    };
-    size_t cbKey = 0;
-    size_t cbValue = 0;
-    const char *const szKey = settle(line.name, cbKey);
-    char *const szValue = settle(line.value, cbValue);
-    return hash.Adopt({szKey, cbKey}, szValue, cbValue);
+    char *const pText = const_cast<char *>(word.raw.data());
+    const size_t cb = word.hasEscapes ? Decode(word.raw, pText) : word.raw.size();
+    pText[cb] = '\0';
+    return {pText, cb};
 }
 
 } // namespace
@@ -388,34 +278,21 @@ bool IsWord(const Word &word, std::string_view text) noexcept
     return rest.empty() && text.empty();
 }
 
-bool AppendMeaning(Bytes &out, const Word &word) noexcept
+Fault AppendMeaning(Bytes &out, const Word &word) noexcept
 {
-    if (!word.hasEscapes) return !out.Append(word.raw);
-    if (out.Reserve(word.raw.size())) return false;
+    if (!word.hasEscapes) return out.Append(word.raw);
+    if (const Fault fault = out.Reserve(word.raw.size())) return fault;
     out.Grow(Decode(word.raw, out.end()));
-    return true;
+    return kNoFault;
 }
 
 Line ReadLine(std::string_view text) noexcept
 {
-    Line plain;
-    if (!text.empty() && text.front() == '[' && TakePlainHeader(text, plain)) return plain;
     const size_t end = text.find('\n');
     Line line;
     line.whole = text.substr(0, end == text.npos ? end : end + 1);
     line.kind = Classify(text.substr(0, end), line);
     return line;
-}
-
-bool IsHeaderOf(std::string_view text, std::string_view name) noexcept
-{
-    // Without a quote the name stands as it is: most others differ within their first bytes.
-    const bool isBare = text.size() > 1 && IsInner(text[1]);
-    if (isBare && text.compare(1, name.size(), name) != 0) return false;
-    Line line;
-    if (TakePlainHeader(text, line)) return line.name.raw.size() == name.size() && isBare;
-    line = ReadLine(text);
-    return line.kind == LineKind::kHeader && IsWord(line.name, name);
 }
 
 bool Reader::Next(Line &line) noexcept
@@ -426,100 +303,70 @@ bool Reader::Next(Line &line) noexcept
     return true;
 }
 
-// Brackets are rarer than lines: look for them, and then whether they begin one.
-bool Reader::NextHeader(Line &line) noexcept
-{
-    for (;;) {
-        const size_t bracket = text_.find('[', at_);
-        if (bracket == text_.npos) {
-            at_ = text_.size();
-            return false;
-        }
-        at_ = bracket + 1;
-        if (bracket != 0 && text_[bracket - 1] != '\n') {
-            const size_t end = text_.find('\n', at_); // a stranger's line may be all brackets
-            at_ = end == text_.npos ? text_.size() : end + 1;
-            continue;
-        }
-        line = ReadLine(text_.substr(bracket));
-        if (line.kind != LineKind::kHeader) continue;
-        at_ = bracket + line.whole.size();
-        return true;
-    }
-}
-
+// Searches for brackets, which are rarer than lines, and then looks whether they begin one.
 bool Reader::NextHeader(Line &line, std::string_view &before) noexcept
 {
     const size_t from = at_;
-    const bool isThere = NextHeader(line);
-    before = text_.substr(from, at_ - from - (isThere ? line.whole.size() : 0));
-    return isThere;
-}
-
-// Copies the lines once and takes the texts from the copy. Sections that are read one after the other
-// mostly have the same keys in the same order: as long as a section follows the last one's shape, its
-// keys need neither be looked for nor compared with each other.
-bool TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept
-{
-    char *const pLines = hash.Room(lines.size() + Shape::kKeyBytes); // to look beyond the last line
-    if (pLines == nullptr) return false;
-    lines.copy(pLines, lines.size());
-    std::memset(pLines + lines.size(), 0, Shape::kKeyBytes);
-    const bool isPlain = lines.find('\0') == lines.npos;
-    const bool isFirst = hash.pairs().empty();
-    bool isAlike = isPlain && isFirst;
-    const Shape::Key *pNext = hash.shape().begin();
-    for (size_t at = 0; at < lines.size();) {
-        char *const pLine = pLines + at;
-        const size_t cbLine = std::min(lines.find('\n', at), lines.size()) - at;
-        at += cbLine + 1;
-        if (cbLine == 0) continue;
-        isAlike = isAlike && pNext != hash.shape().end() && pNext->Begins(pLine, cbLine) &&
-                  HasPlainValue(pLine, pNext->cb, cbLine);
-        if (isAlike) {
-            const size_t cbKey = (pNext++)->cb;
-            pLine[cbKey] = pLine[cbLine] = '\0';
-            if (!hash.AdoptAlike(pNext[-1], pLine, pLine + cbKey + 1, cbLine - cbKey - 1))
-                return false;
-            continue;
-        }
-        std::string_view key;
-        std::string_view value;
-        if (isPlain && TakePlainPair(pLine, cbLine, key, value)) {
-            if (!hash.Adopt(key, pLine + key.size() + 1, value.size())) return false;
-        } else if (!TakePair(pLine, cbLine, hash)) {
-            return false;
-        }
-    }
-    if (isFirst && !isAlike) hash.NoteShape();
-    return true;
-}
-
-bool EndLine(Bytes &out) noexcept
-{
-    return out.size() == 0 || out.view().back() == '\n' || !out.Append("\n");
-}
-
-bool WriteHeader(Bytes &out, std::string_view name) noexcept
-{
-    constexpr size_t kBrackets = 3; // and the end of the line
-    if (out.Reserve(name.size() + kBrackets)) return false;
-    char *const pName = out.end() + 1;
-    if (HasPlainEnds(name, kNotFirstOfValue) && CopySimple(name, ']', pName)) {
-        pName[-1] = '[';
-        pName[name.size()] = ']';
-        pName[name.size() + 1] = '\n';
-        out.Grow(name.size() + kBrackets);
+    for (size_t bracket; (bracket = text_.find('[', at_)) != text_.npos;) {
+        const bool beginsLine = bracket == 0 || text_[bracket - 1] == '\n';
+        line = ReadLine(text_.substr(bracket)); // to its end: a stranger's line may be all brackets
+        at_ = bracket + line.whole.size();
+        if (!beginsLine || line.kind != LineKind::kHeader) continue;
+        before = text_.substr(from, bracket - from);
         return true;
     }
-    return !out.Append("[") && WriteWord(out, name, IsPlain(name, ']', kNotFirstOfValue)) &&
-           !out.Append("]\n");
+    at_ = text_.size();
+    before = text_.substr(from);
+    return false;
 }
 
-bool WritePairs(Bytes &out, const VLIB_SZ_HASH &hash) noexcept
+// The hash gets one copy of all lines. Each key and value stays where it stands in that copy, and the
+// NUL behind it takes the place of the byte that ended it.
+Fault TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept
 {
-    return std::all_of(hash.pairs().begin(), hash.pairs().end(),
-                       [&out](const Pair &pair) { return WritePair(out, pair.key, pair.szValue); });
+    char *const pLines = hash.Allocate(lines.size() + 1); // the last line may lack its end
+    if (pLines == nullptr) return kNoMemory;
+    lines.copy(pLines, lines.size());
+    Reader reader({pLines, lines.size()});
+    for (Line line; reader.Next(line);) {
+        if (line.kind != LineKind::kPair) continue;
+        const std::string_view key = DecodeInPlace(line.name);
+        const std::string_view value = DecodeInPlace(line.value);
+        char *const szValue = pLines + (value.data() - pLines);
+        if (const Fault fault = hash.SetAllocated(key, szValue, value.size())) return fault;
+    }
+    return kNoFault;
+}
+
+Fault WriteHeader(Bytes &out, std::string_view name) noexcept
+{
+    constexpr size_t kMarks = 3; // the brackets and the end of the line
+    if (const Fault fault = out.Reserve(name.size() * kMaxEscapeBytes + kQuotes + kMarks))
+        return fault;
+    char *pEnd = out.end();
+    *pEnd++ = '[';
+    pEnd = WriteWord(name, IsPlain(name, ']', "\""), pEnd);
+    *pEnd++ = ']';
+    *pEnd++ = '\n';
+    out.Grow(static_cast<size_t>(pEnd - out.end()));
+    return kNoFault;
+}
+
+Fault WritePairs(Bytes &out, const VLIB_SZ_HASH &hash) noexcept
+{
+    constexpr size_t kMarks = 2; // '=' and the end of the line
+    for (const Pair &pair : hash.pairs()) {
+        const std::string_view key = pair.key;
+        const std::string_view value = pair.szValue;
+        const size_t cbMax = (key.size() + value.size()) * kMaxEscapeBytes + 2 * kQuotes + kMarks;
+        if (const Fault fault = out.Reserve(cbMax)) return fault;
+        char *pEnd = WriteWord(key, IsPlain(key, '=', "\"[;#"), out.end());
+        *pEnd++ = '=';
+        pEnd = WriteWord(value, value.empty() || IsPlain(value, '\0', "\""), pEnd);
+        *pEnd++ = '\n';
+        out.Grow(static_cast<size_t>(pEnd - out.end()));
+    }
+    return kNoFault;
 }
 
 } // namespace zevo

@@ -1,4 +1,4 @@
-// The string list. Its header is read by callers directly, so it is plain C storage.
+// The string list. Callers read its header directly, so it is plain C storage.
 #include "sz_list.hpp"
 
 #include <algorithm>
@@ -10,46 +10,47 @@
 
 namespace {
 
-// The public header and what stands behind it.
+// What VLIBCSzListAlloc() makes: the public header and what only this file knows.
 struct WholeList : VLIB_SZ_LIST {
     zevo::FreeHook onFree;
 };
 
 WholeList &WholeOf(VLIB_SZ_LIST &list) noexcept
 {
-    return static_cast<WholeList &>(list); // every list comes from VLIBCSzListAlloc()
+    return static_cast<WholeList &>(list);
 }
 
 constexpr int32_t kMaxItems = std::numeric_limits<int32_t>::max();
 
-bool Widen(VLIB_SZ_LIST &list, int32_t nCapacity) noexcept
+// Makes room for that many items.
+zevo::Fault Widen(VLIB_SZ_LIST &list, int32_t nCapacity) noexcept
 {
-    if (nCapacity <= list.nCapacity) return true;
+    if (nCapacity <= list.nCapacity) return zevo::kNoFault;
     void *const pItems =
         std::realloc(list.ppszItem, static_cast<size_t>(nCapacity) * sizeof(list.ppszItem[0]));
-    if (pItems == nullptr) return false;
+    if (pItems == nullptr) return zevo::kNoMemory;
     list.ppszItem = static_cast<char **>(pItems);
     list.nCapacity = nCapacity;
-    return true;
+    return zevo::kNoFault;
 }
 
 } // namespace
 
 namespace zevo {
 
-bool ListAppend(VLIB_SZ_LIST &list, std::string_view text) noexcept
+Fault ListAppend(VLIB_SZ_LIST &list, std::string_view text) noexcept
 {
-    if (list.nItem == kMaxItems) return false;
+    if (list.nItem == kMaxItems) return kNoMemory;
     if (list.nItem == list.nCapacity) {
         const int32_t nCapacity = list.nCapacity > kMaxItems / 2 ? kMaxItems : list.nCapacity * 2;
-        if (!Widen(list, std::max(nCapacity, 16))) return false;
+        if (const Fault fault = Widen(list, std::max(nCapacity, 16))) return fault;
     }
     char *const szItem = static_cast<char *>(std::malloc(text.size() + 1));
-    if (szItem == nullptr) return false;
+    if (szItem == nullptr) return kNoMemory;
     text.copy(szItem, text.size());
     szItem[text.size()] = '\0';
     list.ppszItem[list.nItem++] = szItem;
-    return true;
+    return kNoFault;
 }
 
 void ListCut(VLIB_SZ_LIST &list, int32_t nItem) noexcept
@@ -68,7 +69,7 @@ void ListOnFree(VLIB_SZ_LIST &list, FreeHook onFree) noexcept
 VLIB_SZ_LIST *VLIBCSzListAlloc(int capacity) noexcept
 {
     auto *const pList = static_cast<WholeList *>(std::calloc(1, sizeof(WholeList)));
-    if (pList != nullptr && Widen(*pList, capacity)) return pList;
+    if (pList != nullptr && !Widen(*pList, capacity)) return pList;
     std::free(pList);
     ZEVO_FAIL(zevo::kNoMemory);
     return nullptr;

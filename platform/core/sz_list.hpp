@@ -4,12 +4,13 @@
 
 #include <string_view>
 
+#include "base/fault.hpp"
 #include "zevocore.h"
 
 namespace zevo {
 
-// Appends a copy of the text; false, with the list as it was, without memory.
-bool ListAppend(VLIB_SZ_LIST &list, std::string_view text) noexcept;
+// Appends a copy of the text; leaves the list as it was on failure.
+Fault ListAppend(VLIB_SZ_LIST &list, std::string_view text) noexcept;
 
 // Drops the items from nItem on.
 void ListCut(VLIB_SZ_LIST &list, int32_t nItem) noexcept;

@@ -1,6 +1,6 @@
-// Making directories. The path is walked one component at a time, each relative to the one before,
-// so that nobody can exchange a part of it that has been passed. Links among the parents are the
-// administrator's and followed; at the last component a link is no directory.
+// Making directories. Each component of the path is opened relative to the one before, so that nobody
+// can exchange a part of the path behind our back. A link among the parents is followed: the
+// administrator has set it. A link at the last component is no directory.
 #include <climits>
 #include <cstring>
 
@@ -21,7 +21,7 @@ public:
 
     bool AtEnd() const noexcept { return *szRest_ == '\0'; }
 
-    // Takes the next one; false when it is too long to be a name.
+    // Takes the next one; false if it is too long to be a name.
     bool Take(char (&szName)[NAME_MAX + 1]) noexcept
     {
         const size_t cb = std::strcspn(szRest_, "/");
@@ -48,14 +48,14 @@ Fd OpenDirectory(int dirFd, const char *szName, int flags) noexcept
     return Fd(RetryInterrupted([&] { return ::openat(dirFd, szName, kFlags | flags); }));
 }
 
-// Opens a directory, making it when nothing stands there; tells whether it was made.
+// Opens a directory; makes it first where nothing stands, and notes that in made.
 Fd Enter(int dirFd, const char *szName, int flags, mode_t mode, bool &made) noexcept
 {
     Fd dir = OpenDirectory(dirFd, szName, flags);
     if (dir || errno != ENOENT) return dir;
     made = ::mkdirat(dirFd, szName, mode) == 0;
     if (!made && errno != EEXIST) return dir; // EEXIST: another process was faster
-    // Everybody must be able to pass through, whatever mask the host runs with.
+    // All users pass through the parents, whatever the host's creation mask is.
     if (made && mode == kUsualMode && ::fchmodat(dirFd, szName, mode, 0) < 0) return dir;
     return OpenDirectory(dirFd, szName, flags);
 }
@@ -66,7 +66,7 @@ bool SetOwner(const Fd &dir, uid_t owner, gid_t group) noexcept
     return ::fchownat(dir.get(), "", owner, group, AT_EMPTY_PATH) == 0;
 }
 
-// The last component; one that cannot be given its owner is not left behind.
+// Makes the last component, and takes it away again if it cannot be given its owner.
 bool MakeLast(int dirFd, const char *szName, uid_t owner, gid_t group, mode_t mode) noexcept
 {
     bool made = false;

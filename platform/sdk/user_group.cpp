@@ -1,4 +1,4 @@
-// Users and groups, as the system's user database tells them. A record and its name are one block.
+// Users and groups, from the system's user database. A record and its name are one block of memory.
 #include <cstdlib>
 #include <cstring>
 
@@ -10,7 +10,7 @@ using namespace zevo;
 
 namespace {
 
-// A zero-filled record with a copy of its name behind it; nullptr without memory.
+// Makes a zero-filled record with a copy of its name behind it; nullptr without memory.
 template <class Record> Record *NewRecord(const char *szName) noexcept
 {
     const size_t cbName = std::strlen(szName) + 1;

@@ -24,11 +24,11 @@ packages_of() { # GROUP
     case $1 in
     build) echo g++ cmake ninja-build libcli11-dev libncurses-dev nlohmann-json3-dev psmisc ;;
     test)
-        echo libgtest-dev libgmock-dev libbenchmark-dev util-linux mount uidmap tmux zsh fish \
+        echo libgtest-dev libgmock-dev util-linux mount uidmap procps tmux zsh fish \
             python3-jsonschema mandoc locales pkgconf
         ;;
     run) echo util-linux mount ;; # what the sandbox needs
-    reference) echo python3 doxygen ;;
+    reference) echo doxygen ;; # the library's reference and section 3 of the manual
     pictures) echo python3 python3-rich tmux ;;
     plot) echo gnuplot-nox ;;
     measure) echo pv ;; # what the cost is compared with
@@ -36,7 +36,7 @@ packages_of() { # GROUP
     peer_server) echo proftpd-core ;; # apart: it cannot be installed beside another FTP server
     package) echo build-essential debhelper lintian git ;;
     abi) echo abigail-tools g++-multilib ;;
-    check) echo clang-format clang-tidy shellcheck ;;
+    check) echo clang-format clang-tidy shellcheck git ;;
     fuzz) echo clang libclang-rt-14-dev gcovr ;;
     *) die "no package group '$1'" ;;
     esac

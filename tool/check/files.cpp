@@ -35,7 +35,6 @@ namespace {
 constexpr std::string_view kAddonDirectory = "addon";
 constexpr std::string_view kRulePrefix = "bandwidth.";
 constexpr std::string_view kRuleSuffix = ".conf";
-constexpr std::time_t kLeftoverAfterSeconds = 10;
 constexpr std::size_t kTemporaryLetters = 6;
 constexpr int kMostFaultsOfFile = 20;
 constexpr std::size_t kMostStaleSections = 10000; // forgotten at once; the rest the next time
@@ -94,7 +93,7 @@ std::string_view NameOfTemporary(std::string_view file)
 
 bool IsOld(const struct stat &status)
 {
-    return status.st_mtime < std::time(nullptr) - kLeftoverAfterSeconds;
+    return status.st_mtime < std::time(nullptr) - ZEVO_BW_LEFTOVER_AFTER_SECONDS;
 }
 
 bool RemoveLeftover(const std::string &path)
@@ -323,7 +322,7 @@ void LookOver::HintAtPolicy(const std::string &path, std::int32_t protocol)
 
 void LookOver::CheckStatusDirectory()
 {
-    const std::string directory = kStatusDirectory;
+    const std::string directory = ZEVO_BW_STATUS_DIRECTORY;
     if (!CheckDirectory(directory, WantedOfTransfers)) return;
     for (const Entry &entry : List(directory)) {
         const std::string path = directory + "/" + entry.name;

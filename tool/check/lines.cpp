@@ -1,119 +1,97 @@
-// The readers of these files pass over what they do not understand; this one tells it. It takes a
-// line apart in the simplest way and is stricter than they are: what needs escapes is a file name,
-// which may be anything, or nothing that belongs here.
+// The readers of these files pass over what they do not understand; this one tells it. What a line means
+// the platform's reader decides: it reads each line by itself, as a section of a scratch file.
 #include "check/lines.hpp"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <map>
 #include <optional>
-#include <span>
-
-#include <zevocore.h>
+#include <sstream>
+#include <vector>
 
 #include "model/plan.hpp"
+#include "model/scratch_file.hpp"
+#include "model/section.hpp"
 #include "model/store.hpp"
+#include "output.hpp"
 
 namespace tool {
 
 namespace {
 
-// ---- lines ----
-
-constexpr std::string_view kBlanks = " \t\r";
-
-std::string_view Trim(std::string_view text)
-{
-    const std::size_t first = text.find_first_not_of(kBlanks);
-    if (first == text.npos) return {};
-    return text.substr(first, text.find_last_not_of(kBlanks) + 1 - first);
-}
-
-std::string Unquoted(std::string_view text)
-{
-    const bool isQuoted = text.size() > 1 && text.front() == '"' && text.back() == '"';
-    return std::string(isQuoted ? text.substr(1, text.size() - 2) : text);
-}
-
-enum class LineKind { kHeader, kPair, kPassedOver, kJunk };
-
-struct Line {
-    LineKind kind = LineKind::kJunk;
-    std::string name; // of the section, or the key
-    std::string value;
-};
-
-Line ReadHeader(std::string_view text)
-{
-    if (VLIBCIFileIsSection(text.data(), static_cast<int>(text.size())) == 0) return {};
-    const std::string_view inside = text.substr(1, text.rfind(']') - 1);
-    return {LineKind::kHeader, Unquoted(Trim(inside)), ""};
-}
-
-Line ReadPair(std::string_view text)
-{
-    const std::size_t keyEnd = text.front() == '"' ? text.find('"', 1) : 0;
-    const std::size_t equals = text.find('=', keyEnd);
-    if (keyEnd == text.npos || equals == text.npos) return {};
-    const std::string_view key = Trim(text.substr(0, equals));
-    const std::string_view value = Trim(text.substr(equals + 1));
-    const bool isOpen = value.starts_with('"') && (value.size() == 1 || !value.ends_with('"'));
-    if (key.empty() || isOpen) return {};
-    return {LineKind::kPair, Unquoted(key), Unquoted(value)};
-}
-
-Line ReadLine(std::string_view whole)
-{
-    const std::string_view text = Trim(whole);
-    if (text.empty() || whole.front() == ';' || whole.front() == '#')
-        return {LineKind::kPassedOver, "", ""};
-    if (text.find('\0') != text.npos) return {};
-    return whole.front() == '[' ? ReadHeader(whole) : ReadPair(text);
-}
-
 // ---- what belongs into a section ----
 
-enum class Takes { kNumber, kName, kProtocol, kPlan, kAnything };
+// The keys of a record, each with a value that the library has written for it.
+using Keys = std::map<std::string, std::string, std::less<>>;
 
-struct Key {
+std::string TextOf(const Hash &hash)
+{
+    return Written([&hash](FILE *fp) { return VLIBCFileHash2File(fp, "", hash.get(), 0); });
+}
+
+template <typename Record>
+Keys KeysOf(int (*toHash)(VLIB_SZ_HASH **, const Record *), const Record &sample)
+{
+    VLIB_SZ_HASH *filled = NewHash().release(); // may be replaced by a larger one
+    static_cast<void>(toHash(&filled, &sample));
+    std::istringstream lines(TextOf(Hash(filled, &VLIBCSzHashFree)));
+    Keys keys;
+    std::string line;
+    std::getline(lines, line); // the header
+    while (std::getline(lines, line)) {
+        const std::size_t equals = std::min(line.find('='), line.size() - 1);
+        keys.emplace(line.substr(0, equals), line.substr(equals + 1));
+    }
+    return keys;
+}
+
+Keys RuleKeys(const Owner &owner, std::int32_t protocol)
+{
+    ZEVO_BANDWIDTH_CONF rule{};
+    rule.ownerType = owner.type;
+    rule.id = owner.account.id;
+    rule.protocolType = protocol;
+    return KeysOf(ZEVOBandwidthInitHashFromConf, rule);
+}
+
+const Keys &RuleKeys()
+{
+    static const Keys keys = RuleKeys({}, ZEVO_BW_PROTOCOL_FTP);
+    return keys;
+}
+
+const Keys &PolicyKeys()
+{
+    ZEVO_BANDWIDTH_GLOBAL_CONF policy{};
+    policy.interGroupPolicy = ZEVO_BW_INTER_GROUP_POLICY_MAX;
+    static const Keys keys = KeysOf(ZEVOBandwidthInitHashFromGlobalConf, policy);
+    return keys;
+}
+
+const Keys &TransferKeys()
+{
+    ZEVO_BANDWIDTH_STATUS transfer{};
+    transfer.owner_type = ZEVO_BW_OWNER_USER;
+    transfer.protocol_type = ZEVO_BW_PROTOCOL_FTP;
+    transfer.transfer_type = ZEVO_BW_TRANSFER_UPLOAD;
+    static const Keys keys = KeysOf(ZEVOBandwidthInitHashFromStatus, transfer);
+    return keys;
+}
+
+// The keys whose values are names.
+struct NamedKey {
     std::string_view name;
-    Takes takes;
-    const ZEVO_BW_ENUM_ENTRY *names = nullptr;
+    const ZEVO_BW_ENUM_ENTRY *names;
 };
 
-constexpr std::array kRuleKeys = {
-    Key{"id", Takes::kNumber},
-    Key{"state", Takes::kName, ZEVO_BW_STATE_LIST},
-    Key{"owner type", Takes::kName, ZEVO_BW_OWNER_TYPE_LIST},
-    Key{"protocol type", Takes::kProtocol},
-    Key{"upload rate", Takes::kNumber},
-    Key{"download rate", Takes::kNumber},
-    Key{"upload rate custom", Takes::kNumber},
-    Key{"download rate custom", Takes::kNumber},
-    Key{"schedule plan", Takes::kPlan},
-};
-
-constexpr std::array kPolicyKeys = {
-    Key{"state", Takes::kName, ZEVO_BW_STATE_LIST},
-    Key{"user-group policy", Takes::kName, ZEVO_BW_USER_GROUP_POLICY_LIST},
-    Key{"inter-group policy", Takes::kName, ZEVO_BW_INTER_GROUP_POLICY_LIST},
-    Key{"occupy policy", Takes::kName, ZEVO_BW_OCCUPY_POLICY_LIST},
-    Key{"schedule plan", Takes::kPlan},
-};
-
-constexpr std::array kTransferKeys = {
-    Key{"pid", Takes::kNumber},
-    Key{"id", Takes::kNumber},
-    Key{"uid", Takes::kNumber},
-    Key{"active", Takes::kNumber},
-    Key{"timestamp", Takes::kNumber},
-    Key{"current speed", Takes::kNumber},
-    Key{"expect speed", Takes::kNumber},
-    Key{"filename", Takes::kAnything},
-    Key{"owner type", Takes::kName, ZEVO_BW_OWNER_TYPE_LIST},
-    Key{"protocol type", Takes::kProtocol},
-    Key{"transfer type", Takes::kName, ZEVO_BW_TRANSFER_TYPE_LIST},
-    Key{"progress", Takes::kNumber},
+constexpr std::array kNamedKeys = {
+    NamedKey{"state", ZEVO_BW_STATE_LIST},
+    NamedKey{"owner type", ZEVO_BW_OWNER_TYPE_LIST},
+    NamedKey{"transfer type", ZEVO_BW_TRANSFER_TYPE_LIST},
+    NamedKey{"user-group policy", ZEVO_BW_USER_GROUP_POLICY_LIST},
+    NamedKey{"inter-group policy", ZEVO_BW_INTER_GROUP_POLICY_LIST},
+    NamedKey{"occupy policy", ZEVO_BW_OCCUPY_POLICY_LIST},
 };
 
 std::optional<std::uint64_t> Number(const std::string &text)
@@ -127,48 +105,38 @@ std::optional<std::uint64_t> Number(const std::string &text)
 
 bool IsNameOf(const ZEVO_BW_ENUM_ENTRY *table, const std::string &name)
 {
-    for (const auto *row = table; row->name != nullptr; ++row)
-        if (name == row->name) return true;
-    return false;
+    const std::vector<std::string> names = ValueNames(table);
+    return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// What is wrong with the value, as a sentence goes on after it; empty when nothing is.
-std::string FaultOf(const Key &key, const std::string &value,
+// What is wrong with the value, as a sentence goes on after it; empty when nothing is. sample: a value
+// that the library has written.
+std::string FaultOf(std::string_view key, const std::string &value, const std::string &sample,
                     const std::set<std::string> &protocols)
 {
-    switch (key.takes) {
-    case Takes::kNumber:
-        return Number(value) ? "" : "is no number";
-    case Takes::kName:
-        return IsNameOf(key.names, value) ? "" : "is no name known here";
-    case Takes::kProtocol:
-        return protocols.contains(value) ? "" : "is no protocol known here";
-    case Takes::kPlan:
-        if (value.empty() || HasWholePlan(value)) return "";
+    for (const NamedKey &named : kNamedKeys)
+        if (named.name == key) return IsNameOf(named.names, value) ? "" : "is no name known here";
+    if (key == "protocol type") return protocols.contains(value) ? "" : "is no protocol known here";
+    if (key == "schedule plan" && !value.empty() && !HasWholePlan(value))
         return "has " + std::to_string(value.size()) + " characters instead of " +
                std::to_string(kHoursOfWeek);
-    case Takes::kAnything:
-        break;
-    }
-    return "";
+    return Number(sample) && !Number(value) ? "is no number" : "";
 }
 
 // "\"state\" is no name known here: \"on\""
-std::string FaultText(const Key &key, const std::string &fault, const std::string &value)
+std::string FaultText(std::string_view key, const std::string &fault, const std::string &value)
 {
-    constexpr std::size_t kMostShown = 200;
-    return "\"" + std::string(key.name) + "\" " + fault + ": \"" + value.substr(0, kMostShown) +
-           "\"";
+    constexpr std::size_t kMaxShown = 200;
+    return "\"" + std::string(key) + "\" " + fault + ": \"" + value.substr(0, kMaxShown) + "\"";
 }
 
-std::string UnknownName(std::span<const Key> keys, const VLIB_SZ_HASH &section)
+std::string UnknownName(const Keys &keys, const VLIB_SZ_HASH &section)
 {
-    for (const Key &key : keys) {
-        if (key.takes != Takes::kName) continue;
-        const char *const value = VLIBCSzHashGetValue(&section, key.name.data());
-        if (value == nullptr) continue;
-        const std::string fault = FaultOf(key, value, {});
-        if (!fault.empty()) return FaultText(key, fault, value);
+    for (const NamedKey &named : kNamedKeys) {
+        const char *const value = VLIBCSzHashGetValue(&section, named.name.data());
+        if (value == nullptr || !keys.contains(named.name)) continue;
+        const std::string fault = FaultOf(named.name, value, "", {});
+        if (!fault.empty()) return FaultText(named.name, fault, value);
     }
     return "";
 }
@@ -176,12 +144,28 @@ std::string UnknownName(std::span<const Key> keys, const VLIB_SZ_HASH &section)
 // ---- the walk ----
 
 constexpr const char *kMendLine = "correct or remove the line in an editor";
+constexpr std::size_t kLinesAtOnce = 1000;
+
+struct Line {
+    int number;
+    std::string_view text;
+    bool IsHeader() const
+    {
+        return VLIBCIFileIsSection(text.data(), static_cast<int>(text.size())) == 1;
+    }
+};
+
+bool IsPassedOver(std::string_view line)
+{
+    return line.find_first_not_of(" \t\r") == line.npos || line.front() == ';' ||
+           line.front() == '#';
+}
 
 // Goes through a file and tells what is wrong with single lines. What sections mean is up to those
 // who derive from it.
 class Walk {
 public:
-    Walk(std::span<const Key> keys, const std::set<std::string> &protocols, const TellFault &tell)
+    Walk(const Keys &keys, const std::set<std::string> &protocols, const TellFault &tell)
         : keys_(keys), protocols_(protocols), tell_(tell)
     {
     }
@@ -191,68 +175,94 @@ public:
 
     void Run(std::string_view text)
     {
-        while (!text.empty()) {
-            const std::size_t end = text.find('\n');
-            ++line_;
-            Take(text.substr(0, end));
-            text.remove_prefix(end == text.npos ? text.size() : end + 1);
+        std::vector<Line> lines;
+        for (int number = 1; !text.empty(); ++number) {
+            const std::string_view line = text.substr(0, text.find('\n'));
+            text.remove_prefix(std::min(line.size() + 1, text.size()));
+            if (!IsPassedOver(line)) lines.push_back({number, line});
+            if (lines.size() < kLinesAtOnce && !text.empty()) continue;
+            Take(lines);
+            lines.clear();
         }
         End();
     }
 
 protected:
-    // True when the section belongs to somebody: else its lines are nobody's business.
+    // True when the section belongs to somebody: else its pairs are nobody's business.
     virtual bool Begin(const std::string &section) = 0;
-    virtual void Pair(const Key & /*key*/, const std::string & /*value*/) {}
+    virtual void Pair(const std::string & /*key*/, const std::string & /*value*/) {}
     virtual void End() {} // of the section before the next one begins, and of the file
 
     void Tell(const std::string &what, const std::string &remedy) { tell_(line_, what, remedy); }
     const std::set<std::string> &protocols() const { return protocols_; }
     int line() const { return line_; }
+    // Only the first section of a name is ever read.
+    bool IsSecond(const std::string &section) { return !seen_.insert(section).second; }
 
 private:
-    void Take(std::string_view text)
+    void Take(const std::vector<Line> &lines)
     {
-        const Line line = ReadLine(text);
-        if (line.kind == LineKind::kPassedOver) return;
-        if (line.kind == LineKind::kHeader) {
-            End();
-            section_ = line.name;
-            isKnown_ = Begin(line.name);
-        } else if (line.kind == LineKind::kJunk) {
-            Tell("the line is no section, setting or comment, and is passed over", kMendLine);
-        } else if (isKnown_) {
-            TakePair(line);
+        std::string text;
+        for (const Line &line : lines)
+            if (!line.IsHeader())
+                text += "[" + std::to_string(line.number) + "]\n" + std::string(line.text) + "\n";
+        const ScratchFile file("lines.conf", text);
+        const List sections = ListSections(file.path()); // makes the reading in order quick
+        for (const Line &line : lines) {
+            line_ = line.number;
+            if (line.IsHeader()) {
+                TakeHeader(line.text);
+                continue;
+            }
+            static_cast<void>(ReadSection(file.path(), std::to_string(line.number).c_str(), pair_));
+            TakePair();
         }
     }
 
-    void TakePair(const Line &line)
+    // A name is told without its quotes. One that a protocol has may need escapes.
+    void TakeHeader(std::string_view text)
     {
-        for (const Key &key : keys_) {
-            if (key.name != line.name) continue;
-            const std::string fault = FaultOf(key, line.value, protocols_);
+        constexpr std::string_view kAround = " \t\"";
+        End();
+        const std::string_view inside = text.substr(1, text.rfind(']') - 1);
+        const std::size_t first = std::min(inside.find_first_not_of(kAround), inside.size());
+        section_ = inside.substr(first, inside.find_last_not_of(kAround) + 1 - first);
+        for (const std::string &protocol : protocols_)
+            if (VLIBCIFileMatchSection(text.data(), static_cast<int>(text.size()),
+                                       protocol.c_str()) == 1)
+                section_ = protocol;
+        isKnown_ = Begin(section_);
+    }
+
+    void TakePair()
+    {
+        for (const auto &[key, sample] : keys_) {
+            const char *const value = VLIBCSzHashGetValue(pair_.get(), key.c_str());
+            if (value == nullptr) continue;
+            if (!isKnown_) return;
+            const std::string fault = FaultOf(key, value, sample, protocols_);
             if (!fault.empty())
-                Tell("section [" + section_ + "]: " + FaultText(key, fault, line.value), kMendLine);
-            return Pair(key, line.value);
+                Tell("section [" + section_ + "]: " + FaultText(key, fault, value), kMendLine);
+            return Pair(key, value);
         }
-        Tell("section [" + section_ + "]: unknown setting \"" + line.name + "\"", kMendLine);
+        const std::string text = TextOf(pair_);
+        const std::string pair = text.substr(text.find('\n') + 1);
+        if (pair.empty())
+            Tell("the line is no section, setting or comment, and is passed over", kMendLine);
+        else if (isKnown_)
+            Tell("section [" + section_ + "]: unknown setting \"" + pair.substr(0, pair.find('=')) +
+                     "\"",
+                 kMendLine);
     }
 
-    std::span<const Key> keys_;
+    const Keys &keys_;
     const std::set<std::string> &protocols_;
     const TellFault &tell_;
     int line_ = 0;
     bool isKnown_ = false;
     std::string section_;
-};
-
-// Only the first section of a name is ever read.
-class UniqueSections {
-public:
-    bool IsSecond(const std::string &section) { return !seen_.insert(section).second; }
-
-private:
     std::set<std::string> seen_;
+    Hash pair_ = NewHash(); // of the line in turn
 };
 
 constexpr const char *kSecondSection = "a second section of this name, which is never read: [";
@@ -262,8 +272,7 @@ constexpr const char *kMendSection = "correct its name or remove it in an editor
 class RuleWalk : public Walk {
 public:
     RuleWalk(std::int32_t protocol, const std::set<std::string> &protocols, const TellFault &tell)
-        : Walk(kRuleKeys, protocols, tell), protocol_(protocol),
-          protocolName_(ProtocolName(protocol))
+        : Walk(RuleKeys(), protocols, tell), protocol_(protocol)
     {
     }
     bool hasRules() const { return hasRules_; }
@@ -274,27 +283,24 @@ protected:
         const auto owner = ParseOwner(section);
         if (!owner)
             Tell(kNobodysSection + section + "]", kMendSection);
-        else if (unique_.IsSecond(section))
+        else if (IsSecond(section))
             Tell(kSecondSection + section + "]", kMendSection);
         hasRules_ = hasRules_ || owner;
         owner_ = owner;
-        if (owner)
-            expected_ = {{"id", std::to_string(owner->account.id)},
-                         {"owner type", ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner->type)},
-                         {"protocol type", protocolName_}};
+        if (owner) expected_ = RuleKeys(*owner, protocol_);
         return owner.has_value();
     }
 
-    void Pair(const Key &key, const std::string &value) override
+    void Pair(const std::string &key, const std::string &value) override
     {
         // A rule that was cleared is none, whoever's it was.
-        if (std::string_view(key.name) == "state" && value != "NotExisted" && !IsKnown(*owner_))
+        if (key == "state" && value != "NotExisted" && !IsKnown(*owner_))
             TellUnknown(OwnerById(owner_->type, owner_->account.id));
-        const auto expected = expected_.find(key.name);
-        if (expected == expected_.end() || expected->second == value) return;
-        Tell("\"" + std::string(key.name) + "\" contradicts the section and its file: \"" + value +
-                 "\" instead of \"" + expected->second + "\"",
-             kMendLine);
+        const bool isOwners = key == "id" || key == "owner type" || key == "protocol type";
+        if (isOwners && expected_[key] != value)
+            Tell("\"" + key + "\" contradicts the section and its file: \"" + value +
+                     "\" instead of \"" + expected_[key] + "\"",
+                 kMendLine);
     }
 
 private:
@@ -305,17 +311,15 @@ private:
     }
 
     const std::int32_t protocol_;
-    const std::string protocolName_;
-    UniqueSections unique_;
     decltype(ParseOwner("")) owner_; // of the section
     bool hasRules_ = false;
-    std::map<std::string_view, std::string> expected_;
+    Keys expected_; // what the library would write for it
 };
 
 class PolicyWalk : public Walk {
 public:
     PolicyWalk(const std::set<std::string> &protocols, const TellFault &tell)
-        : Walk(kPolicyKeys, protocols, tell)
+        : Walk(PolicyKeys(), protocols, tell)
     {
     }
 
@@ -326,13 +330,10 @@ protected:
         if (!isKnown)
             Tell("the policy of an unknown protocol: [" + section + "]",
                  "put the add-on's file back ('zevobandwidth addon list'), or remove the section");
-        else if (unique_.IsSecond(section))
+        else if (IsSecond(section))
             Tell(kSecondSection + section + "]", kMendSection);
         return isKnown;
     }
-
-private:
-    UniqueSections unique_;
 };
 
 // "4711-1": a process and a direction.
@@ -351,7 +352,8 @@ class TransferWalk : public Walk {
 public:
     TransferWalk(const std::set<std::string> &protocols, std::time_t now, const TellFault &tell,
                  const std::function<void(int, const std::string &)> &stale)
-        : Walk(kTransferKeys, protocols, tell), now_(static_cast<std::uint64_t>(now)), stale_(stale)
+        : Walk(TransferKeys(), protocols, tell), now_(static_cast<std::uint64_t>(now)),
+          stale_(stale)
     {
     }
 
@@ -369,14 +371,15 @@ protected:
         return false;
     }
 
-    void Pair(const Key &key, const std::string &value) override
+    void Pair(const std::string &key, const std::string &value) override
     {
-        if (key.name == "timestamp") savedAt_ = Number(value).value_or(0);
+        if (key == "timestamp") savedAt_ = Number(value).value_or(0);
     }
 
     void End() override
     {
-        if (!section_.empty() && savedAt_ + kStaleAfterSeconds < now_) stale_(begin_, section_);
+        if (!section_.empty() && savedAt_ + ZEVO_BW_STALE_AFTER_SECONDS < now_)
+            stale_(begin_, section_);
     }
 
 private:
@@ -391,12 +394,12 @@ private:
 
 std::string UnknownNameInRule(const VLIB_SZ_HASH &section)
 {
-    return UnknownName(kRuleKeys, section);
+    return UnknownName(RuleKeys(), section);
 }
 
 std::string UnknownNameInPolicy(const VLIB_SZ_HASH &section)
 {
-    return UnknownName(kPolicyKeys, section);
+    return UnknownName(PolicyKeys(), section);
 }
 
 bool CheckRules(std::string_view text, std::int32_t protocol,

@@ -1,5 +1,4 @@
-// What is wrong with the text of a rule file, the global file or a status file. Judges a text that
-// was read whole and holds no more of it than a line, however large it is.
+// What is wrong with the text of a rule file, the global file or a status file, which was read whole.
 #ifndef ZEVOBW_TOOL_CHECK_LINES_HPP
 #define ZEVOBW_TOOL_CHECK_LINES_HPP
 
@@ -19,9 +18,6 @@ namespace tool {
 // the default: "\"state\" is no name known here: \"on\""; empty when there is none.
 std::string UnknownNameInRule(const VLIB_SZ_HASH &section);
 std::string UnknownNameInPolicy(const VLIB_SZ_HASH &section);
-
-// Seconds after its last save at which a transfer is taken for dead.
-inline constexpr std::time_t kStaleAfterSeconds = 30;
 
 // line: counted from 1.
 using TellFault = std::function<void(int line, const std::string &what, const std::string &remedy)>;

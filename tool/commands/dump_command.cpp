@@ -1,11 +1,7 @@
 // "dump": the library's own fixed tables, for programs that read them, byte for byte. As JSON the
 // same records are told as the other commands tell them.
 #include <array>
-#include <cstdio>
-#include <cstdlib>
-#include <functional>
 #include <memory>
-#include <new>
 #include <vector>
 
 #include "command.hpp"
@@ -24,26 +20,10 @@ struct DumpArguments {
     std::string protocol;
 };
 
-using Printer = std::function<int(FILE *)>;
-
-// What the library writes to a stream; empty when it refuses the record.
-std::string Catch(const Printer &print)
-{
-    char *text = nullptr;
-    std::size_t size = 0;
-    FILE *const stream = ::open_memstream(&text, &size);
-    if (stream == nullptr) throw std::bad_alloc();
-    const bool isPrinted = print(stream) == 0;
-    const bool isWhole = std::fclose(stream) == 0;
-    const std::unique_ptr<char, decltype(&std::free)> guard(text, &std::free);
-    if (!isWhole) throw std::bad_alloc();
-    return isPrinted ? std::string(text, size) : std::string();
-}
-
 // One call, one line; the library ends it itself.
-bool Emit(const Printer &print)
+bool Emit(const StreamPrinter &print)
 {
-    std::string line = Catch(print);
+    std::string line = Written(print);
     if (line.empty()) return false;
     line.pop_back();
     PrintExactLine(line);

@@ -3,11 +3,10 @@
 #include <memory>
 #include <set>
 
-#include <zevocore.h>
-
 #include "check/lines.hpp"
 #include "command.hpp"
 #include "model/config_json.hpp"
+#include "model/section.hpp"
 #include "model/whole_file.hpp"
 #include "options.hpp"
 #include "output.hpp"
@@ -18,17 +17,6 @@ namespace {
 
 using Faults = std::vector<std::string>;
 
-using Hash = std::unique_ptr<VLIB_SZ_HASH, decltype(&VLIBCSzHashFree)>;
-
-// The pairs of a section; none when it has gone meanwhile.
-Hash ReadPairs(const std::string &path, const std::string &section)
-{
-    VLIB_SZ_HASH *hash = VLIBCSzHashAlloc(0);
-    if (hash == nullptr) throw std::bad_alloc();
-    static_cast<void>(VLIBCFileGetSection(path.c_str(), section.c_str(), &hash));
-    return {hash, &VLIBCSzHashFree};
-}
-
 // The record of such a section holds a default, which the copy would turn into what was meant.
 void AddUnknownNames(const std::vector<std::int32_t> &protocols, Faults &faults)
 {
@@ -36,18 +24,19 @@ void AddUnknownNames(const std::vector<std::int32_t> &protocols, Faults &faults)
     const auto add = [&faults](const std::string &place, const std::string &fault) {
         if (!fault.empty()) faults.push_back(place + ": " + fault);
     };
+    Hash pairs = NewHash();
     for (const std::int32_t protocol : protocols) {
         const std::string path = ConfPath(protocol);
         names.insert(ProtocolName(protocol));
         for (const std::string &section : SectionNames(path, "rules of " + ProtocolName(protocol)))
-            if (const auto owner = ParseOwner(section))
-                add(PlaceOfRule(*owner, protocol), UnknownNameInRule(*ReadPairs(path, section)));
+            if (const auto owner = ParseOwner(section);
+                owner && ReadSection(path, section.c_str(), pairs))
+                add(PlaceOfRule(*owner, protocol), UnknownNameInRule(*pairs));
     }
     const std::string path = ConfPath(ZEVO_BW_PROTOCOL_ALL);
     for (const std::string &section : SectionNames(path, "policies"))
-        if (names.contains(section))
-            add(PlaceOfPolicy(FindProtocol(section)),
-                UnknownNameInPolicy(*ReadPairs(path, section)));
+        if (names.contains(section) && ReadSection(path, section.c_str(), pairs))
+            add(PlaceOfPolicy(FindProtocol(section)), UnknownNameInPolicy(*pairs));
 }
 
 // JSON is UTF-8 and nothing else.

@@ -7,9 +7,8 @@
 #include <string>
 #include <vector>
 
-#include <zevocore.h>
-
 #include "command.hpp"
+#include "model/section.hpp"
 #include "model/transfer_list.hpp"
 #include "options.hpp"
 #include "output.hpp"
@@ -32,14 +31,12 @@ Pids PidsOfSections(const std::string &path)
 {
     Pids pids;
     if (VLIBCFileExist(path.c_str()) != 1) return pids;
-    VLIB_SZ_LIST *list = VLIBCSzListAlloc(0);
-    const int count = list == nullptr ? 0 : VLIBCFileEnumSection(path.c_str(), &list);
-    const std::unique_ptr<VLIB_SZ_LIST, decltype(&VLIBCSzListFree)> guard(list, &VLIBCSzListFree);
-    for (int i = 0; i < count; ++i) {
+    const List list = ListSections(path);
+    if (!list) return pids;
+    for (const char *const section : Items(list)) {
         int pid = 0;
         int direction = 0;
-        if (std::sscanf(VLIBCSzListGet(list, i), "%d-%d", &pid, &direction) == 2 && pid > 0)
-            pids.insert(pid);
+        if (std::sscanf(section, "%d-%d", &pid, &direction) == 2 && pid > 0) pids.insert(pid);
     }
     return pids;
 }

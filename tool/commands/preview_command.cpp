@@ -6,12 +6,11 @@
 #include <memory>
 #include <optional>
 
-#include <zevocore.h>
-
 #include "command.hpp"
 #include "model/evaluation.hpp"
 #include "model/moment.hpp"
 #include "model/rate.hpp"
+#include "model/section.hpp"
 #include "options.hpp"
 #include "output.hpp"
 
@@ -142,14 +141,12 @@ struct RuleView {
 
 std::vector<std::uint32_t> GroupsOf(const Account &user)
 {
-    const std::unique_ptr<VLIB_SZ_LIST, decltype(&VLIBCSzListFree)> list(
-        VLIBGroupInfoListGet(user.name.c_str(), 0), &VLIBCSzListFree);
+    const List list(VLIBGroupInfoListGet(user.name.c_str(), 0), &VLIBCSzListFree);
     if (!list)
         throw Failure(kFailed, "the groups of user " + ShownName(user) + " cannot be looked up");
     std::vector<std::uint32_t> gids;
-    gids.reserve(static_cast<std::size_t>(list->nItem));
-    for (int i = 0; i < list->nItem; ++i)
-        gids.push_back(static_cast<std::uint32_t>(std::stoul(VLIBCSzListGet(list.get(), i))));
+    for (const char *const gid : Items(list))
+        gids.push_back(static_cast<std::uint32_t>(std::stoul(gid)));
     return gids;
 }
 

@@ -1,6 +1,6 @@
-// "rule edit": one rule as a text in the administrator's editor. The text lies in a directory of
-// its own that nobody else may enter, for editors leave copies beside what they edit; it is kept
-// whenever it holds work that could not be stored.
+// "rule edit": one rule as a text in the administrator's editor. The text has a directory of its own,
+// because editors leave copies beside what they edit. It is kept when it holds work that could not be
+// stored.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -11,15 +11,14 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 
 #include "base/regular_file.hpp"
-#include "base/write_file.hpp"
 
 #include "command.hpp"
 #include "commands/rule_command.hpp"
 #include "model/rule_form.hpp"
+#include "model/scratch_file.hpp"
 #include "options.hpp"
 #include "output.hpp"
 
@@ -33,80 +32,31 @@ struct EditArguments {
     ChangeOptions change;
 };
 
-// A text in a file of its own; gone with the object unless it is kept.
-class Draft {
-public:
-    explicit Draft(const std::string &text);
-    ~Draft();
-    Draft(const Draft &) = delete;
-    Draft &operator=(const Draft &) = delete;
-
-    const std::string &path() const { return path_; }
-    // Throws Failure when something else lies in its place, and keeps that.
-    std::string Read();
-    // Returns words that tell where it is.
-    std::string Keep();
-
-private:
-    void Remove() const;
-
-    std::string directory_;
-    std::string path_;
-    bool isKept_ = false;
-};
-
-Draft::Draft(const std::string &text)
+// The text as the editor left it. Throws Failure when something else lies in its place, and keeps that.
+std::string ReadAgain(ScratchFile &draft)
 {
-    const char *const chosen = std::getenv("TMPDIR");
-    directory_ = chosen != nullptr && *chosen != '\0' ? chosen : "/tmp";
-    directory_ += "/zevobandwidth.XXXXXX";
-    if (::mkdtemp(directory_.data()) == nullptr)
-        throw Failure(kFailed, "cannot make a directory for the text in " + directory_ + ": " +
-                                   std::strerror(errno) + "; set TMPDIR to another place");
-    path_ = directory_ + "/rule.conf";
-    const zevo::Place place(path_.c_str());
-    const zevo::Fd file =
-        zevo::OpenAt(place.dir(), place.name(), O_WRONLY | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR);
-    if (file && !zevo::WriteAll(file.get(), text)) return;
-    const int error = errno;
-    Remove();
-    throw Failure(kFailed, "cannot write " + path_ + ": " + std::strerror(error) +
-                               "; make room there, or set TMPDIR to another place");
-}
-
-Draft::~Draft()
-{
-    if (!isKept_) Remove();
-}
-
-void Draft::Remove() const
-{
-    std::error_code ignored; // nothing is lost with it
-    std::filesystem::remove_all(directory_, ignored);
-}
-
-std::string Draft::Read()
-{
-    const zevo::Place place(path_.c_str());
+    const zevo::Place place(draft.path().c_str());
     const zevo::RegularFile file(place, O_RDONLY);
     zevo::Bytes text;
     if (!file.fault() && !file.ReadWhole(text)) return std::string(text.view());
     const int error = errno;
-    isKept_ = true;
-    throw Failure(kFailed, "cannot read " + path_ + " again, which must be a regular file: " +
-                               std::strerror(error) + "; nothing is changed, and what the editor " +
-                               "left is kept in " + directory_);
+    draft.Keep();
+    throw Failure(kFailed, "cannot read " + draft.path() +
+                               " again, which must be a regular file: " + std::strerror(error) +
+                               "; nothing is changed, and what the editor left is kept in " +
+                               draft.directory());
 }
 
-std::string Draft::Keep()
+// Returns words that tell where it is.
+std::string Keep(ScratchFile &draft)
 {
-    isKept_ = true;
-    // An editor may have put another file in its place, readable for others; nobody else gets into
+    draft.Keep();
+    // An editor may have put another file in its place that others may read. Nobody else can enter
     // the directory.
-    const zevo::Place place(path_.c_str());
+    const zevo::Place place(draft.path().c_str());
     if (const zevo::RegularFile file(place, O_RDONLY); !file.fault())
         static_cast<void>(::fchmod(file.get(), S_IRUSR | S_IWUSR));
-    return "nothing is changed; the text is kept in " + path_;
+    return "nothing is changed; the text is kept in " + draft.path();
 }
 
 // What the environment names, as words for a shell: "code --wait" is an editor too.
@@ -173,13 +123,13 @@ std::string HowItEnded(int status)
 }
 
 // The edited text; throws Failure when the editor failed.
-std::string Edit(Draft &draft, const std::string &text)
+std::string Edit(ScratchFile &draft, const std::string &text)
 {
     const int status = RunEditor(draft.path());
-    if (status == 0) return draft.Read();
-    const bool isTouched = draft.Read() != text;
+    if (status == 0) return ReadAgain(draft);
+    const bool isTouched = ReadAgain(draft) != text;
     throw Failure(kFailed, "the editor " + HowItEnded(status) + ": " +
-                               (isTouched ? draft.Keep() : "nothing is changed") +
+                               (isTouched ? Keep(draft) : "nothing is changed") +
                                ". VISUAL or EDITOR names the editor to use");
 }
 
@@ -192,11 +142,10 @@ bool IsSame(const ZEVO_BANDWIDTH_CONF &a, const ZEVO_BANDWIDTH_CONF &b)
 void EditRule(const EditArguments &arguments)
 {
     const std::int32_t protocol = FindProtocol(arguments.protocol);
-    const Owner owner = arguments.owner.FindStored(
-        [protocol](const Owner &stored) { return IsStored(stored, protocol); });
+    const Owner owner = arguments.owner.FindOfRule(protocol);
     const ZEVO_BANDWIDTH_CONF old = ReadRule(owner, protocol);
     const std::string text = RuleToForm(owner, old);
-    Draft draft(text);
+    ScratchFile draft("rule.conf", text);
     const std::string edited = Edit(draft, text);
     if (edited == text) return PrintNote("The text was left as it is: nothing is changed.");
     try {
@@ -205,7 +154,7 @@ void EditRule(const EditArguments &arguments)
             throw Failure(kFailed, "somebody else has changed the rule meanwhile");
         StoreRule(owner, rule, arguments.change);
     } catch (const Failure &failure) {
-        throw Failure(failure.status(), failure.what() + std::string("; ") + draft.Keep());
+        throw Failure(failure.status(), failure.what() + std::string("; ") + Keep(draft));
     }
 }
 

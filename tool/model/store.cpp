@@ -10,13 +10,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string_view>
 #include <tuple>
 
-#include <zevocore.h>
-
 #include "failure.hpp"
+#include "model/section.hpp"
 #include "output.hpp"
 
 namespace tool {
@@ -229,14 +227,10 @@ std::vector<std::string> SectionNames(const std::string &path, const std::string
     RequirePermission(path, R_OK);
     std::vector<std::string> names;
     if (VLIBCFileExist(path.c_str()) == 0) return names;
-
-    VLIB_SZ_LIST *list = VLIBCSzListAlloc(0);
-    const int count = list == nullptr ? -1 : VLIBCFileEnumSection(path.c_str(), &list);
-    const std::unique_ptr<VLIB_SZ_LIST, decltype(&VLIBCSzListFree)> guard(list, &VLIBCSzListFree);
-    if (count < 0)
-        throw Failure(kFailed, "the " + what + " cannot be listed: " + Reason(path, "*"));
-    for (int i = 0; i < count; ++i)
-        names.emplace_back(VLIBCSzListGet(list, i));
+    const List list = ListSections(path);
+    if (!list) throw Failure(kFailed, "the " + what + " cannot be listed: " + Reason(path, "*"));
+    for (const char *const name : Items(list))
+        names.emplace_back(name);
     return names;
 }
 

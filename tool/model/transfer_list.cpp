@@ -47,7 +47,7 @@ RunningTransfer FromRecord(const ZEVO_BANDWIDTH_STATUS &record, std::int32_t own
 [[noreturn]] void RefuseDirectory(int error)
 {
     const std::string what =
-        std::string(kStatusDirectory) + " cannot be read: " + std::strerror(error);
+        std::string(ZEVO_BW_STATUS_DIRECTORY " cannot be read: ") + std::strerror(error);
     if (error == EACCES || error == EPERM)
         throw Failure(kNotPermitted, what +
                                          "; it should be open to everybody: 'zevobandwidth check "
@@ -59,15 +59,17 @@ RunningTransfer FromRecord(const ZEVO_BANDWIDTH_STATUS &record, std::int32_t own
 void RequireDirectory()
 {
     struct stat attributes {};
-    if (::lstat(kStatusDirectory, &attributes) != 0) return; // nothing has been limited yet
+    if (::lstat(ZEVO_BW_STATUS_DIRECTORY, &attributes) != 0) return; // nothing has been limited yet
     if (!S_ISDIR(attributes.st_mode)) RefuseDirectory(ENOTDIR);
-    if (::faccessat(AT_FDCWD, kStatusDirectory, X_OK, AT_EACCESS) != 0) RefuseDirectory(errno);
+    if (::faccessat(AT_FDCWD, ZEVO_BW_STATUS_DIRECTORY, X_OK, AT_EACCESS) != 0)
+        RefuseDirectory(errno);
 }
 
 std::vector<std::uint32_t> OwnersWithStatusFiles(std::int32_t ownerType)
 {
     std::vector<std::uint32_t> ids;
-    const int fd = ::open(kStatusDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    const int fd =
+        ::open(ZEVO_BW_STATUS_DIRECTORY, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0 && errno == ENOENT) return ids; // nothing has been limited since the last start
     DIR *const opened = fd < 0 ? nullptr : ::fdopendir(fd);
     if (opened == nullptr) RefuseDirectory(errno);
@@ -123,13 +125,13 @@ bool IsAlive(pid_t pid)
 
 std::string StatusFile(std::int32_t ownerType, std::uint32_t id)
 {
-    return std::string(kStatusDirectory) + "/" + ValueName(ZEVO_BW_OWNER_TYPE_LIST, ownerType) +
-           "-" + std::to_string(id);
+    return ZEVO_BW_STATUS_DIRECTORY "/" + ValueName(ZEVO_BW_OWNER_TYPE_LIST, ownerType) + "-" +
+           std::to_string(id);
 }
 
 bool MayChangeStatusFiles()
 {
-    return ::faccessat(AT_FDCWD, kStatusDirectory, W_OK | X_OK, AT_EACCESS) == 0;
+    return ::faccessat(AT_FDCWD, ZEVO_BW_STATUS_DIRECTORY, W_OK | X_OK, AT_EACCESS) == 0;
 }
 
 bool TransferList::Passes(const RunningTransfer &transfer) const

@@ -83,8 +83,6 @@ private:
     ExitStatus status_ = kFailed;
 };
 
-constexpr const char *kStatusDirectory = "/tmp/bandwidth";
-
 // "/tmp/bandwidth/user-2001".
 std::string StatusFile(std::int32_t ownerType, std::uint32_t id);
 

@@ -1,82 +1,42 @@
-// The count is for pacing alone. So sections are taken as they stand: what nobody knows is passed over
-// without a word, since the throttle calls tell of it.
+// The count only sets the pace. A section that cannot be read is left out here; the throttle calls tell
+// of it.
 #include "pipe/sharers.hpp"
 
-#include <cstdlib>
 #include <ctime>
 #include <memory>
 #include <set>
 #include <string>
-#include <string_view>
 
-#include <zevocore.h>
-
-#include "model/names.hpp"
+#include "model/section.hpp"
 #include "model/transfer_list.hpp"
 
 namespace tool {
-
-namespace {
-
-constexpr std::int64_t kStaleAfterSeconds = 30;
-
-class Section {
-public:
-    Section() : hash_(VLIBCSzHashAlloc(0), &VLIBCSzHashFree) {}
-    explicit operator bool() const noexcept { return hash_ != nullptr; }
-
-    bool Read(const std::string &path, const char *name)
-    {
-        VLIB_SZ_HASH *hash = hash_.get();
-        (void)VLIBCHashRemoveAll(hash);
-        return VLIBCFileGetSection(path.c_str(), name, &hash) == 1;
-    }
-    std::string_view Text(const char *key) const
-    {
-        const char *const value = VLIBCSzHashGetValue(hash_.get(), key);
-        return value == nullptr ? "" : value;
-    }
-    // 0 where there is none.
-    std::int64_t Number(const char *key) const
-    {
-        const char *const value = VLIBCSzHashGetValue(hash_.get(), key);
-        return value == nullptr ? 0 : std::strtoll(value, nullptr, 10);
-    }
-
-private:
-    std::unique_ptr<VLIB_SZ_HASH, decltype(&VLIBCSzHashFree)> hash_;
-};
-
-} // namespace
 
 std::optional<Sharing> CountSharers(const ZEVO_BANDWIDTH_CONF &rule, std::uint64_t rateBps,
                                     const ZEVO_BANDWIDTH_STATUS &own)
 {
     const std::string path = StatusFile(rule.ownerType, rule.id);
-    VLIB_SZ_LIST *list = VLIBCSzListAlloc(0);
-    const int count = list == nullptr ? -1 : VLIBCFileEnumSection(path.c_str(), &list);
-    const std::unique_ptr<VLIB_SZ_LIST, decltype(&VLIBCSzListFree)> names(list, &VLIBCSzListFree);
-    Section section;
-    if (count < 0 || !section) return std::nullopt;
-
-    const std::string protocol = ProtocolName(static_cast<std::int32_t>(own.protocol_type));
-    const std::string direction = ValueName(ZEVO_BW_TRANSFER_TYPE_LIST, own.transfer_type);
-    const std::int64_t freshSince = std::time(nullptr) - kStaleAfterSeconds;
-    std::set<std::int64_t> otherUsers;
+    const List sections = ListSections(path);
+    if (!sections) return std::nullopt;
+    Hash hash = NewHash();
+    const auto other = std::make_unique<ZEVO_BANDWIDTH_STATUS>();
+    const std::int64_t freshSince = std::time(nullptr) - ZEVO_BW_STALE_AFTER_SECONDS;
+    std::set<std::uint32_t> otherUsers;
     std::uint64_t sameUser = 1;
     Sharing sharing;
-    for (int i = 0; i < count; ++i) {
-        if (!section.Read(path, VLIBCSzListGet(list, i))) continue;
-        if (section.Number("active") == 0 || section.Number("pid") == own.pid) continue;
-        if (section.Number("timestamp") < freshSince) continue;
-        if (section.Text("protocol type") != protocol) continue;
-        if (section.Text("transfer type") != direction) continue;
-        const std::int64_t uid = section.Number("uid");
-        if (uid == own.uid)
+    for (const char *const section : Items(sections)) {
+        *other = {};
+        if (!ReadSection(path, section, hash) ||
+            ZEVOBandwidthInitStatusFromHash(other.get(), hash.get()) != 0)
+            continue;
+        if (other->active == 0 || other->pid == own.pid || other->timestamp < freshSince) continue;
+        if (other->protocol_type != own.protocol_type) continue;
+        if (other->transfer_type != own.transfer_type) continue;
+        if (other->uid == own.uid)
             ++sameUser;
         else
-            otherUsers.insert(uid);
-        if (section.Number("current speed") != 0) ++sharing.transfers;
+            otherUsers.insert(other->uid);
+        if (other->current_speed != 0) ++sharing.transfers;
     }
     sharing.equalBps = rateBps / (sameUser * (otherUsers.size() + 1));
     return sharing;

@@ -23,7 +23,7 @@ namespace {
 // The library has told the system log in full; here stands what the administrator can do.
 [[noreturn]] void FailWith(const std::string &what, const zevobw::Error &error)
 {
-    const std::string directory = kStatusDirectory;
+    const std::string directory = ZEVO_BW_STATUS_DIRECTORY;
     switch (error.code()) {
     case ZEVO_BW_ERROR_STOPPED:
         throw Failure(kFailed, "an administrator has stopped this transfer");

@@ -2,8 +2,8 @@
  * zevocore: the platform's core library, libzevocore.so.7.
  *
  * String hashes, string lists, section files, the error slot, running a program, pid files and the
- * groups of a user. It knows nothing of bandwidth. C99 and C++; every function may be called from
- * any thread, an object from one thread at a time. No function throws, none prints.
+ * groups of a user. It knows nothing of bandwidth. C99 and C++. Any thread may call any function; only
+ * one thread at a time may use an object. No function throws or prints.
  *
  * Section files. A text file of named sections:
  *
@@ -14,12 +14,11 @@
  *     note=" blanks at the ends, \n, \", \\ and \x07 need quotes "
  *
  * A header is a line that begins with '[' and holds a name and its ']'; a section runs to the next
- * header or the end of the file. Names, keys and values are any bytes but NUL; what would be
- * misread (control bytes, bytes that are no UTF-8, blanks at the ends, and what could be taken for
- * a header, a comment, a quote or a separator) stands in double quotes with the escapes \\ \" \n \r
- * \t \xHH. Blanks around an unquoted name, key or value do not count. A line that is none of these
- * belongs to nobody: it is passed over by readers and kept by writers. The file's last line counts
- * like any other when it lacks its line end.
+ * header or the end of the file. Names, keys and values are any bytes but NUL. Where a reader would
+ * misread one (control bytes, bytes that are no UTF-8, blanks at the ends, and what looks like a
+ * header, a comment, a quote or a separator) it stands in double quotes with the escapes \\ \" \n \r
+ * \t \xHH. Blanks around an unquoted name, key or value do not count. Readers pass over any other
+ * line, writers keep it. The last line of a file may lack its line end.
  */
 #ifndef ZEVOCORE_H
 #define ZEVOCORE_H
@@ -87,14 +86,14 @@ ZEVOCORE_API void VLIBCSzListFree(VLIB_SZ_LIST *pList) ZEVOCORE_NOEXCEPT;
 
 /* ---- section files ----
  *
- * Every operation opens the parent directory without following a link at its last component and
- * works relative to it; it follows no link at the file's own name, takes regular files of at most
- * 64 MiB only (else 0x0900) and never blocks on anything but the lock named below. Errors of all:
- * 0x0D00 null argument, 0x0200 no memory, 0x0900 cannot be opened or created, 0x2700 fstat fails,
- * 0x0A00 reading fails, 0x0B00 writing, syncing or the mode fails, 0x2800 rename fails.
+ * Every operation opens the parent directory, without following a link at its last component, and
+ * works relative to it. It follows no link at the file's own name, takes only regular files of at most
+ * 64 MiB (else 0x0900), and waits for nothing but the lock named below. The errors are 0x0D00 null
+ * argument, 0x0200 no memory, 0x0900 cannot be opened or created, 0x2700 fstat fails, 0x0A00 reading
+ * fails, 0x0B00 writing, syncing or setting the mode fails, 0x2800 rename fails.
  */
 
-/** Reads the (first) section of that name into *ppHash, beside what the hash holds already.
+/** Reads the first section of that name into *ppHash; other keys that the hash holds stay.
  *  Returns 1, 0 when the file has no such section (hash untouched), -1 on failure. */
 ZEVOCORE_API int VLIBCFileGetSection(const char *szPath, const char *szSection,
                                      VLIB_SZ_HASH **ppHash) ZEVOCORE_NOEXCEPT;
@@ -102,8 +101,8 @@ ZEVOCORE_API int VLIBCFileGetSection(const char *szPath, const char *szSection,
 /**
  * Replaces the pairs of a section by those of pHash, in their order. The section's comments stay;
  * everything outside it stays byte for byte; further sections of the same name go. The file is
- * replaced whole (temporary file, fsync, rename, fsync of the directory); writers of one file wait
- * for each other on a write lock that dies with its holder and that a mere reader cannot take.
+ * replaced whole (temporary file, fsync, rename, fsync of the directory). Writers of one file wait for
+ * each other: each holds a write lock, which needs write permission and ends with its process.
  * szReserved is NULL, flags 0.
  * Returns 1, 0 when the file has no such section (nothing written), -1 on failure (old file stays).
  */
@@ -111,14 +110,14 @@ ZEVOCORE_API int VLIBCFileSetSection(const char *szPath, const char *szSection,
                                      const char *szReserved, const VLIB_SZ_HASH *pHash,
                                      int flags) ZEVOCORE_NOEXCEPT;
 
-/** Adds a section at the end, or replaces it where another writer has added it meanwhile; the way
- *  of VLIBCFileSetSection(). The file must exist. flags is 0. Returns 0, or -1 on failure. */
+/** Adds a section at the end, in the same way as VLIBCFileSetSection(), or replaces it if another
+ *  writer has added it meanwhile. The file must exist. flags is 0. Returns 0, or -1 on failure. */
 ZEVOCORE_API int VLIBCFileAddSection(const char *szPath, const char *szSection,
                                      const VLIB_SZ_HASH *pHash, int flags) ZEVOCORE_NOEXCEPT;
 
 /**
- * Removes a section of a file that many processes rewrite without locking: the file is replaced
- * whole, and started over, at most five times, when another process was faster.
+ * Removes a section, also of a file that many processes rewrite without locking. The file is replaced
+ * whole; when another process has replaced it first, the removal starts over, at most five times.
  * Returns 1, 0 when there was none (file untouched), -1 on failure.
  */
 ZEVOCORE_API int VLIBCFileRemoveSection(const char *szPath,
@@ -143,27 +142,29 @@ ZEVOCORE_API int VLIBCFileHash2File(FILE *pFile, const char *szSection, const VL
 /** 1 when the line (cbLine bytes, with or without its "\n") is a section header, else 0. */
 ZEVOCORE_API int VLIBCIFileIsSection(const char *szLine, int cbLine) ZEVOCORE_NOEXCEPT;
 
-/** 1 when the line is the header of that section, else 0. Demanded of any platform: a name of ASCII
- *  characters, but for control characters, quotes and backslashes, stands in its header as it is. Who
- *  looks for one section of a long file asks about the lines that hold its name, and no others. */
+/** 1 when the line is the header of that section, else 0. A name of printable ASCII characters other
+ *  than quotes and backslashes stands in its header as it is, on any platform: a caller that searches
+ *  a long file need only ask about lines that hold the name. */
 ZEVOCORE_API int VLIBCIFileMatchSection(const char *szLine, int cbLine,
                                         const char *szSection) ZEVOCORE_NOEXCEPT;
 
 /* ---- files and processes ---- */
 
-/** 1 when something stands at the path (a dangling link included) or when that cannot be told, so
- *  that the next operation on it says why; else 0. */
+/** 1 when something stands at the path, be it a dangling link, or when lstat() fails for any other
+ *  reason than its absence: the next operation on the path tells that reason. Else 0. */
 ZEVOCORE_API int VLIBCFileExist(const char *szPath) ZEVOCORE_NOEXCEPT;
 
-/** Creates an empty file, 0666 less the creation mask, unless something stands at the path.
+/** Creates an empty file with mode 0666 less the creation mask, unless something stands at the path.
  *  Returns 0, or -1 (0x0900). */
 ZEVOCORE_API int VLIBCFileTouch(const char *szPath) ZEVOCORE_NOEXCEPT;
 
 /**
- * Runs a program and waits for it: no shell, no PATH, /dev/null as its three standard streams, no
- * other descriptor. The arguments after szProgram end at the first NULL. Works in hosts that ignore
- * SIGCHLD or reap every child.
- * Returns its exit status 0 to 255, 128 + the signal that ended it, or -1 when it could not be run.
+ * Runs a program and waits for its end: no shell, no PATH, /dev/null as its three standard streams, no
+ * other descriptor, all signals at their defaults and none blocked. The arguments after szProgram end
+ * at the first NULL. To the host it is a child like any other, and SIGCHLD tells of its end.
+ * Returns its exit status 0 to 255, 128 + the signal that ended it, or -1 (0x0900) when it could not be
+ * run. In a host that ignores SIGCHLD, or another part of which reaps the child first, the exit status
+ * is lost: 0 then says that the program has run and ended.
  */
 ZEVOCORE_API int VLIBCExec(const char *szProgram, const char *szArg1, const char *szArg2,
                            const char *szArg3, const char *szArg4) ZEVOCORE_NOEXCEPT;
@@ -173,8 +174,8 @@ ZEVOCORE_API int VLIBCExec(const char *szProgram, const char *szArg1, const char
 ZEVOCORE_API pid_t VLIBCReadPidFile(const char *szPath) ZEVOCORE_NOEXCEPT;
 
 /** The decimal ids of the groups a user belongs to, the primary one included, from the system's
- *  user database; the caller frees the list. flags is 0. NULL on failure (0x0D00; 0x0200 when
- *  memory, descriptors or the disk fail the database; 0x2000 for an unknown user). */
+ *  user database; the caller frees the list. flags is 0. NULL on failure (0x0D00; 0x0200 when the
+ *  database lacks memory or descriptors or cannot read the disk; 0x2000 for an unknown user). */
 ZEVOCORE_API VLIB_SZ_LIST *VLIBGroupInfoListGet(const char *szUserName,
                                                 int flags) ZEVOCORE_NOEXCEPT;
 

@@ -1,10 +1,10 @@
 /**
  * zevosdk: the platform's SDK library, libzevosdk.so.7.
  *
- * Users and groups as the system's user database knows them (NSS), and directories. It knows
- * nothing of bandwidth. C99 and C++; every function may be called from any thread, none throws or
- * prints. Failures are recorded in zevocore's error slot: 0x0D00 null argument, 0x0200 no memory,
- * 0x2000 no such user or group, 0x0900 a directory cannot be made.
+ * Users and groups of the system's user database (NSS), and making directories. It knows nothing of
+ * bandwidth. C99 and C++. Any thread may call any function; none throws or prints. Failures are
+ * recorded in zevocore's error slot: 0x0D00 null argument, 0x0200 no memory, 0x2000 no such user or
+ * group, 0x0900 a directory cannot be made.
  */
 #ifndef ZEVOSDK_H
 #define ZEVOSDK_H
@@ -42,7 +42,7 @@ ZEVOSDK_API int ZEVOUserGet(const char *szName, ZEVO_USER **ppUser) ZEVOSDK_NOEX
 /** Looks a user up by id; otherwise as ZEVOUserGet(). */
 ZEVOSDK_API int ZEVOUserGetByUID(uid_t uid, ZEVO_USER **ppUser) ZEVOSDK_NOEXCEPT;
 
-/** The ids of a user; pGid may be NULL. Returns 0 with the ids, else -1. */
+/** Looks the ids of a user up by name; pGid may be NULL. Returns 0 with the ids, else -1. */
 ZEVOSDK_API int ZEVOUserGetUGID(const char *szName, uid_t *pUid, gid_t *pGid) ZEVOSDK_NOEXCEPT;
 
 /** Releases a user record; NULL does nothing. */
@@ -59,8 +59,8 @@ ZEVOSDK_API void ZEVOGroupFree(ZEVO_GROUP *pGroup) ZEVOSDK_NOEXCEPT;
  * at the path's last component.
  * @param reserved  0
  * @param flags     1
- * @param owner     owner of the directory made, (uid_t)-1 leaves it as it falls
- * @param group     its group, (gid_t)-1 leaves it as it falls
+ * @param owner     owner of the directory made; (uid_t)-1 leaves the one that the kernel gives it
+ * @param group     its group; (gid_t)-1 leaves the one that the kernel gives it
  * @param mode      its mode less the creation mask; -1, as for the parents made, is 0755 whatever
  *                  the mask
  * @return          0, also when it was there; -1 on failure, also when it is no directory
