@@ -143,6 +143,13 @@ TEST_F(Query, OneBadSectionHidesNoOther)
     EXPECT_NE(box.Read("user-2001").find(bad), std::string::npos) << "it stays";
 }
 
+TEST_F(Query, ASectionThatLacksKeysHasNothingOfTheOneBeforeIt)
+{
+    const std::string bare = "[2-1]\nprotocol type=ftp\ntransfer type=upload\ntimestamp=";
+    box.Write("user-2001", Of(1, "rsync").Text() + bare + std::to_string(kNow) + "\n");
+    EXPECT_THAT(List(ZEVO_BW_PROTOCOL_FTP), ElementsAre("0:0/0"));
+}
+
 TEST_F(Query, AMillionUnknownNamesNeitherFillTheLogNorAreSearchedFor)
 {
     Box("/usr/zevo/etc/bandwidth/addon").Make();
