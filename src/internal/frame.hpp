@@ -10,6 +10,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include <syslog.h>
 
@@ -75,17 +76,19 @@ public:
     // The next search, if it is the same, is not made: most of a file's sections name one protocol.
     static void NoteMissed(const char *szPattern) noexcept
     {
-        if (pCurrent != nullptr)
-            (void)std::snprintf(pCurrent->szMissed_, sizeof(szMissed_), "%s", szPattern);
+        if (pCurrent == nullptr) return;
+        const size_t cb = std::string_view(szPattern).copy(pCurrent->szMissed_, kMissedBytes - 1);
+        pCurrent->szMissed_[cb] = '\0'; // a pattern that is cut equals no other
     }
 
 private:
+    static constexpr size_t kMissedBytes = 256;
     static inline thread_local StrangersFileScope *pCurrent = nullptr; // of the calling thread
 
     const char *const szFile_;
     int64_t linesLeft_ = 64; // negative once they are used up
     int64_t searchesLeft_ = 64;
-    char szMissed_[256] = "";
+    char szMissed_[kMissedBytes] = "";
 };
 
 // Cleaning up after a failure: while it lives nothing is logged, and at its end the error slot names

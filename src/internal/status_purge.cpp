@@ -42,8 +42,9 @@ zevo::Fault Purge::DecideByCopy(const char *szCopy) noexcept
 {
     const Hash hash;
     isStale_ = AllocateArray<bool>(static_cast<size_t>(nSections_));
+    if (!hash || !isStale_) return zevo::kNoMemory;
     VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
-    if (!hash || !isStale_ || pNames == nullptr) return zevo::kNoMemory;
+    if (pNames == nullptr) return zevo::kNoMemory;
     const int nRead = ::VLIBCFileEnumSection(szCopy, &pNames);
     const List names(pNames);
     if (nRead < 0) return zevo::kRecorded;
