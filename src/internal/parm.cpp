@@ -141,9 +141,8 @@ int RecordFromHash(void *pRecord, const VLIB_SZ_HASH *pHash, const ZEVO_BW_PARM 
             NameFromText(*row, pField, szText, site);
         } else if (!NumberFromText(*row, pField, szText)) {
             Record(ZEVO_BW_ERROR_BAD_NUMBER, site);
-            BW_LOG_AT(site, "parm_table[%d].fnFromHashStr failed.",
-                      static_cast<int>(row - parm_table));
-            return BW_PASS_UNLOGGED;
+            return BW_LOG_AND_PASS_AT(site, "parm_table[%d].fnFromHashStr failed.",
+                                      static_cast<int>(row - parm_table));
         }
     }
     return 0;
