@@ -21,16 +21,13 @@ bool Holds(std::string_view text, const char *szSection) noexcept
 }
 
 // Puts a copy in the place of a file that has other names, too.
-zevo::Fault ReplaceByCopy(const zevo::Place &place, const zevo::RegularFile &file) noexcept
+zevo::Fault ReplaceByCopy(const zevo::Place &place, std::string_view text, mode_t mode) noexcept
 {
-    zevo::Bytes text;
-    if (const zevo::Fault fault = file.ReadWhole(text)) return fault;
     zevo::TempFile copy(place);
     if (const zevo::Fault fault = copy.fault()) return fault;
-    if (const zevo::Fault fault = copy.Write(text.view())) return fault;
+    if (const zevo::Fault fault = copy.Write(text)) return fault;
     if (const zevo::Fault fault = copy.Sync()) return fault;
-    if (const zevo::Fault fault = copy.SetMode(file.stat().st_mode & zevo::kPermissionBits))
-        return fault;
+    if (const zevo::Fault fault = copy.SetMode(mode & zevo::kPermissionBits)) return fault;
     return copy.Replace();
 }
 
@@ -66,12 +63,13 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
         if (const zevo::Fault fault = file.fault()) return BW_FAIL_WITH(fault);
         const nlink_t nNames = place.CountNames(file.stat());
         if (nNames == 0) continue;
-        if (nNames > 1) {
-            if (const zevo::Fault fault = ReplaceByCopy(place, file)) return BW_FAIL_WITH(fault);
-            continue;
-        }
         zevo::Bytes text;
         if (file.ReadWhole(text)) return BW_PASS_UNLOGGED; // no code of its own is promised
+        if (nNames > 1) {
+            const zevo::Fault fault = ReplaceByCopy(place, text.view(), file.stat().st_mode);
+            if (fault) return BW_FAIL_WITH(fault);
+            continue;
+        }
         if (Holds(text.view(), szSection)) return isWritten ? 1 : 0;
         if (const zevo::Fault fault = Append(file, text.view(), szSection, pHash))
             return BW_FAIL_WITH(fault);
