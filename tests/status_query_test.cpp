@@ -225,6 +225,14 @@ TEST_F(Query, EveryStaleSectionOfANameThatStandsTwiceGoes)
     EXPECT_EQ(box.Read("user-2001"), Of(2, "ftp").Text() + Of(1, "ftp").Text());
 }
 
+TEST_F(Query, APlatformMayPutALargerHashInTheCallersPlace)
+{
+    Write({Aged(1, 31), Of(2, "ftp"), Aged(3, 31)});
+    platform::ReplaceHashes();
+    EXPECT_THAT(List(), ElementsAre("2:100/1000"));
+    EXPECT_EQ(box.Read("user-2001"), Of(2, "ftp").Text());
+}
+
 TEST_F(Query, AFileThatChangesFasterIsPurgedAnotherTime)
 {
     Write({Aged(1, 31), Of(2, "ftp")});

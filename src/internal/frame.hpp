@@ -155,7 +155,10 @@ inline bool MayLog(Site site) noexcept
 // A callee found it.
 #define BW_PASS_AT(site, fmt, ...) (BW_LOG_SLOT_AT(site, fmt __VA_OPT__(, ) __VA_ARGS__), -1)
 #define BW_PASS(fmt, ...) BW_PASS_AT(BW_HERE, fmt __VA_OPT__(, ) __VA_ARGS__)
-// A callee found it, and what was to be said has been said, or nothing is to be.
+// The same with a line that does not tell what the slot holds.
+#define BW_LOG_AND_PASS_AT(site, fmt, ...) (BW_LOG_AT(site, fmt __VA_OPT__(, ) __VA_ARGS__), -1)
+#define BW_LOG_AND_PASS(fmt, ...) BW_LOG_AND_PASS_AT(BW_HERE, fmt __VA_OPT__(, ) __VA_ARGS__)
+// A callee found it, and nothing is to be logged, or no more.
 #define BW_PASS_UNLOGGED (-1)
 
 // An argument is wrong. The text is interface and therefore not made from the condition.
