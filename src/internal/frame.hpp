@@ -76,7 +76,8 @@ public:
     static void NoteMissed(const char *szPattern) noexcept
     {
         if (pCurrent != nullptr)
-            (void)std::snprintf(pCurrent->szMissed_, sizeof(szMissed_), "%s", szPattern);
+            (void)std::snprintf(pCurrent->szMissed_, sizeof(szMissed_), "%.*s",
+                                static_cast<int>(sizeof(szMissed_)) - 1, szPattern);
     }
 
 private:
