@@ -1,6 +1,7 @@
 // Running a program. The host's other parts are not disturbed more than by any child: nothing of the
 // host but its environment reaches the program, and what becomes of the program's exit status is the
 // host's choice, see zevocore.h.
+#include <cerrno>
 #include <csignal>
 #include <initializer_list>
 
@@ -66,7 +67,8 @@ private:
 int ResultOf(pid_t pid) noexcept
 {
     int status = 0;
-    if (RetryInterrupted([&] { return ::waitpid(pid, &status, 0); }) < 0) return 0;
+    if (RetryInterrupted([&] { return ::waitpid(pid, &status, 0); }) < 0)
+        return errno == ECHILD ? 0 : ZEVO_FAIL(kCannotOpen);
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
