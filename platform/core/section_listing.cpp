@@ -14,7 +14,6 @@
 // memory or no thread key there is no listing, and each read opens the file.
 #include "section_listing.hpp"
 
-#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -23,6 +22,7 @@
 #include <pthread.h>
 
 #include "sz_list.hpp"
+#include "text_index.hpp"
 
 namespace zevo {
 namespace {
@@ -91,40 +91,24 @@ try {
     sections_.reserve(text.size() / kUsualSectionBytes + 1);
     // All at once, so that the names stay where they are.
     if (const Fault fault = names_.Reserve(text.size())) return fault;
-    Reader reader(text);
+    TextIndex known;
+    bool isFirst = false; // of its name, the header that was read last
     std::string_view before;
+    Reader reader(text);
     for (Line header; reader.NextHeader(header, before);) {
-        if (!sections_.empty()) sections_.back().lines = before;
+        if (isFirst) sections_.back().lines = before;
         const size_t at = names_.size();
         if (const Fault fault = AppendMeaning(names_, header.name)) return fault;
-        sections_.push_back({names_.view().substr(at), {}});
+        const std::string_view name = names_.view().substr(at);
+        isFirst = known.Find(name) == TextIndex::kAbsent;
+        if (!isFirst) continue;
+        if (const Fault fault = known.Add(name)) return fault;
+        sections_.push_back({name, {}});
     }
-    if (!sections_.empty()) sections_.back().lines = before;
-    DropRepeated();
+    if (isFirst) sections_.back().lines = before;
     return kNoFault;
 } catch (const std::bad_alloc &) {
     return kNoMemory;
-}
-
-// Sorts, because that stays quick whatever names a stranger has put into the file.
-void SectionIndex::DropRepeated()
-{
-    std::vector<Section *> sorted;
-    sorted.reserve(sections_.size());
-    for (Section &section : sections_)
-        sorted.push_back(&section);
-    std::sort(sorted.begin(), sorted.end(), [](const Section *pA, const Section *pB) {
-        const int order = pA->name.compare(pB->name);
-        return order != 0 ? order < 0 : pA < pB; // of equal names the first in the file comes first
-    });
-    bool hasRepeated = false;
-    for (size_t i = sorted.size(); i-- > 1;) {
-        if (sorted[i]->name != sorted[i - 1]->name) continue;
-        sorted[i]->name = {}; // without data, unlike a name that is empty
-        hasRepeated = true;
-    }
-    if (hasRepeated)
-        std::erase_if(sections_, [](const Section &s) { return s.name.data() == nullptr; });
 }
 
 Fault SectionIndex::AppendNames(VLIB_SZ_LIST &list) const noexcept

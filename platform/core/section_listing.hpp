@@ -39,8 +39,6 @@ public:
     const std::vector<Section> &sections() const noexcept { return sections_; }
 
 private:
-    void DropRepeated();
-
     Bytes names_;
     std::vector<Section> sections_;
 };

@@ -1,6 +1,4 @@
-// The string hash. Most hold one section: a dozen keys, among which a linear search is the quickest.
-// In a larger one a tree knows all pairs but the last few. Keys may come from files that strangers
-// write; unlike a hash table, a tree stays quick whatever keys they choose.
+// The string hash: pairs, found by an index of their keys. Most hold one section, a dozen pairs.
 #include "sz_hash.hpp"
 
 #include <algorithm>
@@ -13,7 +11,6 @@
 namespace {
 
 constexpr size_t kUsualPairs = 16;
-constexpr size_t kMaxUnindexed = 32;
 
 // The text may be the hash's own.
 void CopyText(char *szTo, std::string_view text) noexcept
@@ -31,9 +28,9 @@ VLIB_SZ_HASH::VLIB_SZ_HASH()
 
 zevo::Fault VLIB_SZ_HASH::Set(std::string_view key, std::string_view value) noexcept
 {
-    const size_t found = Find(key);
+    const size_t found = keys_.Find(key);
     size_t cbRoom = value.size() + 1;
-    if (found != kAbsent) {
+    if (found != zevo::TextIndex::kAbsent) {
         const zevo::Pair &old = pairs_[found];
         if (cbRoom <= old.cbRoom) {
             CopyText(old.szValue, value);
@@ -42,11 +39,11 @@ zevo::Fault VLIB_SZ_HASH::Set(std::string_view key, std::string_view value) noex
         key = old.key;
         cbRoom = std::max(cbRoom, old.cbRoom * 2); // keeps what is lost below what is in use
     }
-    const size_t cbKey = found == kAbsent ? key.size() + 1 : 0;
+    const size_t cbKey = found == zevo::TextIndex::kAbsent ? key.size() + 1 : 0;
     char *const pTexts = Allocate(cbKey + cbRoom);
     if (pTexts == nullptr) return zevo::kNoMemory;
     CopyText(pTexts + cbKey, value);
-    if (found == kAbsent) {
+    if (found == zevo::TextIndex::kAbsent) {
         CopyText(pTexts, key);
         key = {pTexts, key.size()};
     }
@@ -55,13 +52,13 @@ zevo::Fault VLIB_SZ_HASH::Set(std::string_view key, std::string_view value) noex
 
 const char *VLIB_SZ_HASH::Get(std::string_view key) const noexcept
 {
-    const size_t found = Find(key);
-    return found == kAbsent ? nullptr : pairs_[found].szValue;
+    const size_t found = keys_.Find(key);
+    return found == zevo::TextIndex::kAbsent ? nullptr : pairs_[found].szValue;
 }
 
 void VLIB_SZ_HASH::RemoveAll() noexcept
 {
-    index_.clear();
+    keys_.Clear();
     pairs_.clear();
     texts_.release();
 }
@@ -75,31 +72,21 @@ try {
 
 zevo::Fault VLIB_SZ_HASH::SetAllocated(std::string_view key, char *szValue, size_t cbValue) noexcept
 {
-    return Put(Find(key), {key, szValue, cbValue + 1});
-}
-
-// The number of the pair, or kAbsent.
-size_t VLIB_SZ_HASH::Find(std::string_view key) const noexcept
-{
-    if (const auto found = index_.find(key); found != index_.end()) return found->second;
-    for (size_t i = index_.size(); i < pairs_.size(); ++i)
-        if (pairs_[i].key == key) return i;
-    return kAbsent;
+    return Put(keys_.Find(key), {key, szValue, cbValue + 1});
 }
 
 // Puts the pair in the place of the one found, which has the same key, or behind all others.
 zevo::Fault VLIB_SZ_HASH::Put(size_t found, const zevo::Pair &pair) noexcept
 try {
-    if (found != kAbsent) {
+    if (found != zevo::TextIndex::kAbsent) {
         pairs_[found].szValue = pair.szValue;
         pairs_[found].cbRoom = pair.cbRoom;
         return zevo::kNoFault;
     }
-    if (pairs_.size() - index_.size() >= kMaxUnindexed)
-        for (size_t i = index_.size(); i < pairs_.size(); ++i)
-            index_.emplace(pairs_[i].key, i);
     pairs_.push_back(pair);
-    return zevo::kNoFault;
+    const zevo::Fault fault = keys_.Add(pair.key);
+    if (fault) pairs_.pop_back();
+    return fault;
 } catch (const std::bad_alloc &) {
     return zevo::kNoMemory;
 }

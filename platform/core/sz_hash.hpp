@@ -4,12 +4,11 @@
 #define SZ_HASH_HPP
 
 #include <cstddef>
-#include <map>
 #include <memory_resource>
 #include <string_view>
 #include <vector>
 
-#include "base/fault.hpp"
+#include "text_index.hpp"
 #include "zevocore.h"
 
 namespace zevo {
@@ -39,15 +38,12 @@ public:
     zevo::Fault SetAllocated(std::string_view key, char *szValue, size_t cbValue) noexcept;
 
 private:
-    static constexpr size_t kAbsent = ~size_t{0};
-
-    size_t Find(std::string_view key) const noexcept;
     zevo::Fault Put(size_t found, const zevo::Pair &pair) noexcept;
 
     char firstTexts_[4000]; // enough for most hashes
     std::pmr::monotonic_buffer_resource texts_{firstTexts_, sizeof(firstTexts_)};
     std::vector<zevo::Pair> pairs_;
-    std::map<std::string_view, size_t> index_; // numbers of pairs: the first index_.size() of them
+    zevo::TextIndex keys_; // numbered as the pairs are
 };
 
 #endif // SZ_HASH_HPP
