@@ -21,7 +21,7 @@ enum Mode { kRemove = 0, kSet = 1 };
 class SectionRewrite final : public zevo::Composer {
 public:
     SectionRewrite(const char *szSection, const VLIB_SZ_HASH *pHash, Mode mode,
-                   IfStopped ifStopped = IfStopped::kReplace) noexcept
+                   IfStopped ifStopped) noexcept
         : szSection_(szSection), pHash_(pHash), mode_(mode), ifStopped_(ifStopped)
     {
     }
