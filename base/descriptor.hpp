@@ -15,7 +15,8 @@ namespace zevo {
 constexpr size_t kPathBytes = 4096;                // with the NUL
 constexpr size_t kMaxFileBytes = size_t{64} << 20; // a larger file is neither read nor written
 
-// A descriptor of ours: closed on exec, and never 0 to 2, which a host may have closed.
+// A descriptor of ours: closed on exec, and above 2. In a host that has closed its standard streams
+// other code would read and write our file as one of them.
 class Fd {
 public:
     Fd() noexcept = default;

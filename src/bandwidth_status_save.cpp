@@ -81,8 +81,8 @@ int MakeMissing(const char *szFile) noexcept
 }
 
 // Nearly every save finds directory and file, so they are looked for only after a failure. A section
-// that is neither there to be replaced nor absent to be appended comes and goes, as when a purge puts
-// back what it had taken: then these values follow at the next save.
+// may appear between the attempt to replace it and the attempt to append it. Both are then tried again;
+// when that happens each time, these values follow at the next save.
 int ZEVOBandwidthIStatusRecordSave(int32_t owner_type, uint32_t id, const char *szSection,
                                    const VLIB_SZ_HASH *pHash, IfStopped ifStopped) noexcept
 {
@@ -105,7 +105,7 @@ int ZEVOBandwidthIStatusRecordSave(int32_t owner_type, uint32_t id, const char *
     return 0;
 }
 
-// Lets a record pass for a group's copy, and gives it back as it was.
+// Turns a record into a group's copy for a while, and then back.
 class GroupCopyScope {
 public:
     GroupCopyScope(ZEVO_BANDWIDTH_STATUS &status, uint32_t uid) noexcept

@@ -1,9 +1,9 @@
-// Replacing or dropping one section of a status file. The file is read once and written once, to a
+// Replacing or removing one section of a status file. The file is read once and written once, to a
 // temporary file beside it that is renamed over it; readers see the old file or the new one. How
 // writers take turns, and what happens when another one is faster, is told in base/replace_file.hpp.
 //
-// A transfer's own save leaves its section when that is marked inactive by then: an administrator may
-// stop the transfer between its last look and this rewrite.
+// A transfer's own save leaves its section as it is when that is marked inactive: an administrator may
+// have stopped the transfer since it last looked.
 
 #include "internal/frame.hpp"
 #include "internal/guard.hpp"
@@ -31,7 +31,7 @@ public:
     // header of that name.
     zevo::Change Compose(std::string_view oldText, zevo::Pieces &newText) noexcept override
     {
-        if (const zevo::Fault fault = SpellStop()) return {fault};
+        if (const zevo::Fault fault = LearnStopLine()) return {fault};
         bool isInside = false;
         bool isFound = false;
         const char *pKept = oldText.data(); // where what is to be copied next begins
@@ -56,16 +56,16 @@ public:
     }
 
 private:
-    // Only the platform knows how it writes the pair that stops a transfer: on a line of its own, the
-    // last one of a section that holds nothing else.
-    zevo::Fault SpellStop() noexcept
+    // Finds out how the platform writes the pair that stops a transfer: it is the last line of a
+    // section with this pair alone.
+    zevo::Fault LearnStopLine() noexcept
     {
         if (ifStopped_ == IfStopped::kReplace || !stopLine_.empty()) return zevo::kNoFault;
         Hash hash;
         if (!hash || ::VLIBCSzHashSetValue(hash.address(), "active", "0") < 0)
             return zevo::kNoMemory;
-        if (const zevo::Fault fault = stopped_.Compose(szSection_, hash.get())) return fault;
-        Lines lines(stopped_.view());
+        if (const zevo::Fault fault = stopSection_.Compose(szSection_, hash.get())) return fault;
+        Lines lines(stopSection_.view());
         for (std::string_view line; lines.Next(line);)
             stopLine_ = line;
         return zevo::kNoFault;
@@ -86,7 +86,7 @@ private:
     const Mode mode_;
     const IfStopped ifStopped_;
     SectionText section_;
-    SectionText stopped_;
+    SectionText stopSection_;
     std::string_view stopLine_; // empty: no line is
     bool isStopped_ = false;
 };
