@@ -47,6 +47,11 @@ public:
 
     int Run() noexcept
     {
+        if (std::strchr(szFile_, '.') != nullptr) {
+            DeleteLeftover(szFile_, now_);
+            return 0;
+        }
+        if (::VLIBCFileExist(szFile_) != 1) return 0;
         Hash hash;
         if (!hash) return BW_PASS_UNLOGGED;
         const StrangersFileScope strangers(szFile_);
@@ -129,17 +134,6 @@ private:
     size_t nStale_ = 0;
 };
 
-int WalkFile(const char *szFile, int64_t now, int32_t protocolMask, uint32_t transferMask,
-             StatusVisitor &visitor) noexcept
-{
-    if (std::strchr(szFile, '.') != nullptr) {
-        DeleteLeftover(szFile, now);
-        return 0;
-    }
-    if (::VLIBCFileExist(szFile) != 1) return 0;
-    return Walk(szFile, now, protocolMask, transferMask, visitor).Run();
-}
-
 // Puts the records into a list, the last one first.
 class ListBuilder final : public StatusVisitor {
 public:
@@ -203,7 +197,7 @@ int bandwidth::WalkStatuses(int32_t ownerType, uint32_t id, int32_t protocolMask
 {
     StatusPath path;
     if (path.Compose(ownerType, id, BW_HERE) < 0) return BW_PASS_UNLOGGED;
-    return WalkFile(path.get(), std::time(nullptr), protocolMask, transferMask, visitor);
+    return Walk(path.get(), std::time(nullptr), protocolMask, transferMask, visitor).Run();
 }
 
 int ZEVOBandwidthIStatusGetAll(const char *szStatusFile, int32_t protocol_mask,
@@ -215,7 +209,7 @@ int ZEVOBandwidthIStatusGetAll(const char *szStatusFile, int32_t protocol_mask,
     BW_REQUIRE(szStatusFile != nullptr, "((void *)0) != szStatusFile");
     BW_REQUIRE(pStatusList != nullptr, "NULL != pStatusList");
     ListBuilder builder(blMerge == kMerge);
-    if (WalkFile(szStatusFile, now, protocol_mask, transfer_mask, builder) < 0)
+    if (Walk(szStatusFile, now, protocol_mask, transfer_mask, builder).Run() < 0)
         return BW_PASS_UNLOGGED;
     if (builder.count() > 0) *pStatusList = builder.Detach();
     return builder.count();
