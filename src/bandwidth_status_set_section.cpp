@@ -16,13 +16,10 @@ using namespace bandwidth;
 
 namespace {
 
-enum Mode { kRemove = 0, kSet = 1 };
-
 class SectionRewrite final : public zevo::Composer {
 public:
-    SectionRewrite(const char *szSection, const VLIB_SZ_HASH *pHash, Mode mode,
-                   IfStopped ifStopped) noexcept
-        : szSection_(szSection), pHash_(pHash), mode_(mode), ifStopped_(ifStopped)
+    SectionRewrite(const char *szSection, const VLIB_SZ_HASH *pHash, Mode mode) noexcept
+        : szSection_(szSection), pHash_(pHash), mode_(mode)
     {
     }
     bool isStopped() const noexcept { return isStopped_; }
@@ -60,7 +57,7 @@ private:
     // section with this pair alone.
     zevo::Fault LearnStopLine() noexcept
     {
-        if (ifStopped_ == IfStopped::kReplace || !stopLine_.empty()) return zevo::kNoFault;
+        if (mode_ != Mode::kSetUnlessStopped || !stopLine_.empty()) return zevo::kNoFault;
         Hash hash;
         if (!hash || ::VLIBCSzHashSetValue(hash.address(), "active", "0") < 0)
             return zevo::kNoMemory;
@@ -73,7 +70,7 @@ private:
     // A planted file may repeat the header many times, so the section is spelled once.
     zevo::Fault AppendNew(zevo::Pieces &newText) noexcept
     {
-        if (mode_ == kRemove) return zevo::kNoFault;
+        if (mode_ == Mode::kRemove) return zevo::kNoFault;
         if (section_.view().empty()) {
             if (const zevo::Fault fault = section_.Compose(szSection_, pHash_)) return fault;
         }
@@ -84,20 +81,20 @@ private:
     const char *const szSection_;
     const VLIB_SZ_HASH *const pHash_;
     const Mode mode_;
-    const IfStopped ifStopped_;
     SectionText section_;
     SectionText stopSection_;
     std::string_view stopLine_; // empty: no line is
     bool isStopped_ = false;
 };
 
-int ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection,
-                                       const VLIB_SZ_HASH *pHash, Mode mode,
-                                       IfStopped ifStopped = IfStopped::kReplace) noexcept
+} // namespace
+
+int bandwidth::ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection,
+                                                  const VLIB_SZ_HASH *pHash, Mode mode) noexcept
 {
     BW_REQUIRE(szFile != nullptr, "((void *)0) != szFile");
     BW_REQUIRE(szSection != nullptr, "NULL != szSection");
-    SectionRewrite rewrite(szSection, pHash, mode, ifStopped);
+    SectionRewrite rewrite(szSection, pHash, mode);
     zevo::TurnWait wait;
     const zevo::Change change = zevo::ReplaceFile(szFile, rewrite, wait);
     if (change.fault) return BW_FAIL_WITH(change.fault);
@@ -107,23 +104,15 @@ int ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection
     return 0;
 }
 
-} // namespace
-
-int bandwidth::SetSection(const char *szFile, const char *szSection, const VLIB_SZ_HASH *pHash,
-                          IfStopped ifStopped) noexcept
-{
-    return ZEVOBandwidthIStatusSectionRewrite(szFile, szSection, pHash, kSet, ifStopped);
-}
-
 int ZEVOBandwidthStatusSetSection(const char *szFile, const char *szSection,
                                   const VLIB_SZ_HASH *pHash) noexcept
 {
     const CancelScope cancel;
-    return ZEVOBandwidthIStatusSectionRewrite(szFile, szSection, pHash, kSet);
+    return ZEVOBandwidthIStatusSectionRewrite(szFile, szSection, pHash, Mode::kSet);
 }
 
 int ZEVOBandwidthStatusRemoveSection(const char *szFile, const char *szSection) noexcept
 {
     const CancelScope cancel;
-    return ZEVOBandwidthIStatusSectionRewrite(szFile, szSection, nullptr, kRemove);
+    return ZEVOBandwidthIStatusSectionRewrite(szFile, szSection, nullptr, Mode::kRemove);
 }

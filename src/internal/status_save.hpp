@@ -6,14 +6,18 @@
 
 namespace bandwidth {
 
-// What a save does with a section that is marked inactive.
-enum class IfStopped { kReplace, kLeave };
+enum class Mode {
+    kRemove,
+    kSet,
+    kSetUnlessStopped, // leaves a section that is marked inactive as it is
+};
 
 constexpr int kStopped = 2;
 
-// ZEVOBandwidthStatusSetSection(), or kStopped when it has left a section that is marked inactive.
-int SetSection(const char *szFile, const char *szSection, const VLIB_SZ_HASH *pHash,
-               IfStopped ifStopped) noexcept;
+// Rewrites a status file with another text for one section, or without it: 1, 0 when there is no such
+// section, kStopped when it was left, -1 on failure.
+int ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection,
+                                       const VLIB_SZ_HASH *pHash, Mode mode) noexcept;
 
 // ZEVOBandwidthStatusSave() for the transfer itself, which must not undo a stop that has come since it
 // last looked: kStopped then, and nothing is logged.
