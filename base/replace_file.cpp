@@ -87,7 +87,11 @@ Change ReplaceFile(const char *szPath, Composer &composer, TurnWait &wait,
         const bool isLast = attempt == kMaxRetries;
         if (isBeaten && !isLast) continue;
         if (isBeaten && ifBeaten == IfBeaten::kGiveUp) return {};
-        if (const Fault fault = temp.Replace()) return {fault};
+        if (const Fault fault = temp.Replace()) {
+            // Any writer of the directory can have removed the temporary file.
+            if (errno == ENOENT && !isLast) continue;
+            return {fault};
+        }
         if (isContended) (void)temp.Sync(); // the new file is in place: nothing failed
         return {kNoFault, true};
     }

@@ -2,6 +2,7 @@
 // stopping them.
 #include "library_box.hpp"
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 
@@ -16,7 +17,9 @@ using standins::Call;
 using standins::FailNext;
 using standins::FailNth;
 using standins::TakeLog;
+using testing::Contains;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {
@@ -141,6 +144,22 @@ TEST_F(Query, OneBadSectionHidesNoOther)
                             "bandwidth_status_get_all.cpp:# Init status from hash failed. [0x4000 "
                             "bandwidth_status_convert.cpp:#]"));
     EXPECT_NE(box.Read("user-2001").find(bad), std::string::npos) << "it stays";
+}
+
+TEST_F(Query, WhatStrangersWroteReachesTheLogEscapedAndCut)
+{
+    const std::string forged = "x\\nsshd[1]: Accepted password\\x1B[2J\\x9B";
+    box.Write("user-2001", "[1-1]\nprotocol type=\"" + forged + "\"\n[2-1]\nprotocol type=" +
+                               std::string(3'000, 'y') + "\n[3-1]\ntransfer type=\xC3\xBC\n");
+    EXPECT_THAT(List(), IsEmpty());
+    const Lines lines = TakeLog();
+    EXPECT_THAT(lines, Contains(HasSubstr("protocol=x\\x0Asshd[1]: Accepted password\\x1B[2J")));
+    for (const std::string &line : lines) {
+        EXPECT_LT(line.size(), 1'024U);
+        EXPECT_TRUE(std::all_of(line.begin(), line.end(), [](char byte) {
+            return byte >= ' ' && byte <= '~';
+        })) << line;
+    }
 }
 
 TEST_F(Query, ASectionThatLacksKeysHasNothingOfTheOneBeforeIt)

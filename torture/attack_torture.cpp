@@ -110,22 +110,6 @@ void MakeOutside()
 
 // ---- what is planted ----
 
-// Processes that belong to what was planted, such as the holder of a lease.
-class Accomplices {
-public:
-    ~Accomplices()
-    {
-        for (const pid_t pid : pids_) {
-            ::kill(pid, SIGKILL);
-            (void)WaitFor(pid);
-        }
-    }
-    void Add(pid_t pid) { pids_.push_back(pid); }
-
-private:
-    std::vector<pid_t> pids_;
-};
-
 void PlantFile(const std::string &path, mode_t mode, uid_t owner, const std::string &text = kText)
 {
     WriteFile(path, text);
@@ -173,7 +157,7 @@ void PlantSocket(const std::string &path)
     ::close(fd);
 }
 
-void PlantLease(const std::string &path, int type, Accomplices &accomplices)
+void PlantLease(const std::string &path, int type, Children &accomplices)
 {
     PlantFile(path, 0666, kStranger);
     int ready[2];
@@ -196,7 +180,7 @@ void PlantLease(const std::string &path, int type, Accomplices &accomplices)
 
 struct Plant {
     std::string name;
-    std::function<void(const std::string &path, Accomplices &)> make;
+    std::function<void(const std::string &path, Children &)> make;
     bool mustWork = false; // a save finds it fit to go on with
 };
 
@@ -379,7 +363,7 @@ void TryPlant(const Plant &plant, bool inPlaceOfDirectory, const Options &option
                                      std::to_string(uid) + " on " + plant.name;
             Clear();
             MakeOutside();
-            Accomplices accomplices;
+            Children accomplices;
             if (!inPlaceOfDirectory) MakeDirectory(0777, 0);
             plant.make(kAlicesFile, accomplices);
             if (!inPlaceOfDirectory) plant.make(kStaffFile, accomplices);
@@ -396,7 +380,7 @@ void TryUse(const Plant &plant, bool inPlaceOfDirectory, Row &row)
 {
     Clear();
     MakeOutside();
-    Accomplices accomplices;
+    Children accomplices;
     if (!inPlaceOfDirectory) MakeDirectory(0777, 0);
     plant.make(kAlicesFile, accomplices);
     const pid_t pid = Fork([] {
@@ -467,7 +451,7 @@ void TrySwaps(const Options &options, Rows rows)
     Clear();
     MakeOutside();
     MakeDirectory(0777, 0);
-    Accomplices accomplices;
+    Children accomplices;
     const Inventory before = TakeInventory();
     for (std::uint64_t stream = 1; stream <= 2; ++stream)
         accomplices.Add(Fork([&]() -> int { Swap(options.seed, stream); }));

@@ -1,5 +1,6 @@
 #include "fault_trap.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -73,48 +74,22 @@ struct iovec FirstPiece(const struct seccomp_data &call)
 
 bool MayChange(const struct seccomp_data &call)
 {
-    switch (call.nr) {
-    case SYS_openat:
-        return (call.args[2] & (O_WRONLY | O_RDWR | O_CREAT)) != 0;
-    case SYS_write:
-    case SYS_writev:
-    case SYS_fsync:
-    case SYS_fchmod:
-    case SYS_renameat:
-    case SYS_rename:
-    case SYS_unlinkat:
-    case SYS_unlink:
-    case SYS_mkdirat:
-    case SYS_mkdir:
-        return true;
-    default:
-        return false;
-    }
+    constexpr int kChanging[] = {SYS_write,  SYS_writev, SYS_fsync,    SYS_fchmod,  SYS_renameat,
+                                 SYS_rename, SYS_unlink, SYS_unlinkat, SYS_mkdirat, SYS_mkdir};
+    if (call.nr == SYS_openat) return (call.args[2] & (O_WRONLY | O_RDWR | O_CREAT)) != 0;
+    return std::find(std::begin(kChanging), std::end(kChanging), call.nr) != std::end(kChanging);
 }
 
-// The file that a call concerns, as far as one can tell.
+// The file that a call concerns, as far as one can tell: by its name, or by the descriptor.
 void FindPath(const struct seccomp_data &call, char (&szPath)[256])
 {
-    szPath[0] = '\0';
-    const char *szName = nullptr;
-    switch (call.nr) {
-    case SYS_openat:
-    case SYS_newfstatat:
-    case SYS_mkdirat:
-    case SYS_unlinkat:
-        szName = reinterpret_cast<const char *>(call.args[1]);
-        break;
-    case SYS_open:
-    case SYS_access:
-        szName = reinterpret_cast<const char *>(call.args[0]);
-        break;
-    default:
-        break;
-    }
-    if (szName != nullptr && szName[0] != '\0') {
-        (void)std::snprintf(szPath, sizeof(szPath), "%s", szName);
-        return;
-    }
+    const bool isAt = call.nr == SYS_openat || call.nr == SYS_newfstatat ||
+                      call.nr == SYS_mkdirat || call.nr == SYS_unlinkat;
+    const bool isNamed = isAt || call.nr == SYS_open || call.nr == SYS_access;
+    const char *const szName =
+        isNamed ? reinterpret_cast<const char *>(call.args[isAt ? 1 : 0]) : "";
+    (void)std::snprintf(szPath, sizeof(szPath), "%s", szName == nullptr ? "" : szName);
+    if (szPath[0] != '\0') return;
     char szLink[64];
     (void)std::snprintf(szLink, sizeof(szLink), "/proc/self/fd/%d", static_cast<int>(call.args[0]));
     const ssize_t cb = ::readlink(szLink, szPath, sizeof(szPath) - 1);
@@ -249,6 +224,20 @@ std::uint64_t AskForFds()
     return fds;
 }
 
+// From here on another thread answers the system calls of this one.
+void BeginAnswering()
+{
+    const std::int64_t heldBefore = g_heldBytes;
+    std::thread(Answer, static_cast<pid_t>(::syscall(SYS_gettid))).detach();
+    g_heldBytes = heldBefore; // the thread's own memory stays as long as the process
+    const int listener = InstallFilter();
+    if (listener < 0) Die("no seccomp filter: %s", std::strerror(errno));
+#ifdef SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP
+    (void)::ioctl(listener, SECCOMP_IOCTL_NOTIF_SET_FLAGS, SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP);
+#endif
+    g_listener = listener;
+}
+
 } // namespace
 
 const char *WhyNoFilter()
@@ -277,24 +266,6 @@ std::uint64_t OpenFds()
         if (::fcntl(fd, F_GETFD) >= 0) open |= std::uint64_t{1} << fd;
     return open;
 }
-
-namespace {
-
-// From here on another thread answers the system calls of this one.
-void BeginAnswering()
-{
-    const std::int64_t heldBefore = g_heldBytes;
-    std::thread(Answer, static_cast<pid_t>(::syscall(SYS_gettid))).detach();
-    g_heldBytes = heldBefore; // the thread's own memory stays as long as the process
-    const int listener = InstallFilter();
-    if (listener < 0) Die("no seccomp filter: %s", std::strerror(errno));
-#ifdef SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP
-    (void)::ioctl(listener, SECCOMP_IOCTL_NOTIF_SET_FLAGS, SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP);
-#endif
-    g_listener = listener;
-}
-
-} // namespace
 
 int RunTrapped(Report &report, const Fault &fault, const std::function<int()> &call,
                const std::function<void()> &beforeChange)
@@ -379,19 +350,6 @@ void *memalign(std::size_t alignment, std::size_t cb)
     return torture::IsRefused() ? nullptr : torture::Held(__libc_memalign(alignment, cb));
 }
 
-void *aligned_alloc(std::size_t alignment, std::size_t cb)
-{
-    return ::memalign(alignment, cb);
-}
-
-int posix_memalign(void **pp, std::size_t alignment, std::size_t cb)
-{
-    void *const p = ::memalign(alignment, cb);
-    if (p == nullptr) return ENOMEM;
-    *pp = p;
-    return 0;
-}
-
 void free(void *p)
 {
     const int saved = errno;
@@ -414,13 +372,11 @@ namespace torture {
 {
     if (g_pReport == nullptr || !g_isUnderTest) return;
     Report &report = *g_pReport;
+    char szLine[1024];
+    (void)std::vsnprintf(szLine, sizeof(szLine), szFormat, arguments);
     const std::size_t used = std::strlen(report.szLog);
-    if (priority != LOG_ERR)
-        (void)std::snprintf(report.szLog + used, sizeof(report.szLog) - used, "(priority!) ");
-    const std::size_t at = std::strlen(report.szLog);
-    (void)std::vsnprintf(report.szLog + at, sizeof(report.szLog) - at, szFormat, arguments);
-    const std::size_t end = std::strlen(report.szLog);
-    if (end + 2 < sizeof(report.szLog)) std::strcpy(report.szLog + end, "\n");
+    (void)std::snprintf(report.szLog + used, sizeof(report.szLog) - used, "%s%s\n",
+                        priority == LOG_ERR ? "" : "(priority!) ", szLine);
     ++report.lines;
 }
 

@@ -33,10 +33,13 @@ namespace {
 constexpr unsigned kMostSeconds = 20; // one trial; without a fault it takes milliseconds
 constexpr int kErrors[] = {EIO,    EINTR,  ENOSPC, EDQUOT, EMFILE,
                            ENFILE, EACCES, EPERM,  EROFS,  ENOMEM};
-// Those that may last; the second ones only where something would be changed. An EINTR that never ends
-// is nobody's to get over.
-constexpr int kLastingErrors[] = {EIO, EMFILE, ENOMEM};
-constexpr int kLastingErrorsOfChanges[] = {ENOSPC, EDQUOT, EACCES, EROFS};
+// Those that may last; some only where something would be changed. An EINTR that never ends is nobody's
+// to get over.
+constexpr struct {
+    int error;
+    bool isOfChanges;
+} kLastingErrors[] = {{EIO, false},   {EMFILE, false}, {ENOMEM, false}, {ENOSPC, true},
+                      {EDQUOT, true}, {EACCES, true},  {EROFS, true}};
 
 // What the faultless call does.
 struct Reference {
@@ -84,40 +87,36 @@ void Stage(const Operation &operation)
     if (operation.stage != nullptr) operation.stage();
 }
 
+// The files as they were seen, path and text in turns, each with its NUL.
+struct Seen {
+    std::size_t cb;
+    char text[std::size_t{64} << 20];
+};
+
 // Runs it without a fault, and looks at the files before each change.
-Reference Record(const Operation &operation, Report &report)
+Reference Record(const Operation &operation, Report &report, Seen &seen)
 {
     Reference reference;
     Stage(operation);
     reference.before = SceneFiles();
-    int changes[2];
-    int looked[2];
-    if (::pipe(changes) < 0 || ::pipe(looked) < 0) Die("no pipe: %s", std::strerror(errno));
+    seen.cb = 0;
     const auto look = [&] {
         for (const auto &[path, text] : SceneFiles())
-            reference.texts[path].insert(text);
+            for (const std::string &part : {path, text}) {
+                if (part.size() >= sizeof(seen.text) - seen.cb) ::_exit(4);
+                std::strcpy(seen.text + seen.cb, part.c_str());
+                seen.cb += part.size() + 1;
+            }
     };
-    // The looking is done here, in this process, for which the child waits.
-    const pid_t runner = Fork([&] {
-        ::close(changes[0]);
-        ::close(looked[1]);
-        return Run(operation, {}, report, [&] {
-            char byte = 0;
-            if (::write(changes[1], &byte, 1) != 1 || ::read(looked[0], &byte, 1) != 1) ::_exit(4);
-        });
-    });
-    ::close(changes[1]);
-    ::close(looked[0]);
-    char byte = 0;
-    while (::read(changes[0], &byte, 1) == 1) {
-        look();
-        if (::write(looked[1], &byte, 1) != 1) Die("the faultless run has ended");
-    }
-    ::close(changes[0]);
-    ::close(looked[1]);
-    if (const int status = WaitFor(runner); status != 0 || !report.isDone)
+    if (const int status = Run(operation, {}, report, look); status != 0 || !report.isDone)
         Die("%s without a fault ended with %d", operation.name, status);
     look();
+    for (const char *p = seen.text; p < seen.text + seen.cb;) {
+        const std::string path = p;
+        const std::string text = p + path.size() + 1;
+        reference.texts[path].insert(text);
+        p += path.size() + text.size() + 2;
+    }
     reference.after = SceneFiles();
     reference.result = report.result;
     reference.calls = report.calls;
@@ -328,54 +327,34 @@ private:
 using Trials = std::vector<Trial>;
 
 // The faults of a kind that an operation can meet, by what it does without one.
-using Faults = std::vector<Fault>;
-
-Faults EachError(const Reference &reference)
+std::vector<Fault> FaultsOf(const Fault &fault, const Reference &reference)
 {
-    Faults faults;
-    for (int at = 1; at <= reference.calls; ++at)
-        for (const int error : kErrors)
-            faults.push_back({.kind = Fault::Kind::kError, .at = at, .error = error});
-    return faults;
-}
-
-Faults EachLastingError(const Reference &reference)
-{
-    Faults faults;
-    const auto add = [&](int at, int error, bool isOfChanges) {
-        faults.push_back({.kind = Fault::Kind::kError,
-                          .at = at,
-                          .isLasting = true,
-                          .error = error,
-                          .isOfChanges = isOfChanges});
-    };
-    for (int at = 1; at <= reference.calls; ++at) {
-        for (const int error : kLastingErrors)
-            add(at, error, false);
-        for (const int error : kLastingErrorsOfChanges)
-            add(at, error, true);
+    std::vector<Fault> faults;
+    const bool isAllocation = fault.kind == Fault::Kind::kAllocation;
+    Fault next = fault;
+    for (next.at = 1; next.at <= (isAllocation ? reference.allocations : reference.calls);
+         ++next.at) {
+        if (isAllocation) {
+            faults.push_back(next);
+        } else if (fault.kind == Fault::Kind::kShort) {
+            for (const int form : {0, 1, 2, 3}) {
+                next.isTiny = form / 2 != 0;
+                next.isLasting = form % 2 != 0;
+                faults.push_back(next);
+            }
+        } else if (fault.isLasting) {
+            for (const auto &[error, isOfChanges] : kLastingErrors) {
+                next.error = error;
+                next.isOfChanges = isOfChanges;
+                faults.push_back(next);
+            }
+        } else {
+            for (const int error : kErrors) {
+                next.error = error;
+                faults.push_back(next);
+            }
+        }
     }
-    return faults;
-}
-
-Faults EachShort(const Reference &reference)
-{
-    Faults faults;
-    for (int at = 1; at <= reference.calls; ++at)
-        for (const bool isTiny : {false, true})
-            for (const bool isLasting : {false, true})
-                faults.push_back({.kind = Fault::Kind::kShort,
-                                  .at = at,
-                                  .isLasting = isLasting,
-                                  .isTiny = isTiny});
-    return faults;
-}
-
-template <bool isLasting> Faults EachAllocation(const Reference &reference)
-{
-    Faults faults;
-    for (int at = 1; at <= reference.allocations; ++at)
-        faults.push_back({.kind = Fault::Kind::kAllocation, .at = at, .isLasting = isLasting});
     return faults;
 }
 
@@ -383,18 +362,23 @@ constexpr std::uint64_t kSlowness = kCountsAllocations ? 1 : 4; // of forks unde
 
 struct Kind {
     const char *szRow;
-    Faults (*each)(const Reference &);
+    Fault fault;
     std::uint64_t shortCount;
     double share;
-    bool wantsAllocations;
 };
 
 constexpr Kind kKinds[] = {
-    {"Functions with a system call that fails", EachError, 250, 0.45, false},
-    {"Functions with system calls that fail from one on", EachLastingError, 100, 0.2, false},
-    {"Functions with short reads and writes", EachShort, 100, 0.15, false},
-    {"Functions with an allocation that fails", EachAllocation<false>, 200, 0.1, true},
-    {"Functions with allocations that fail from one on", EachAllocation<true>, 200, 0.1, true},
+    {"Functions with a system call that fails", {.kind = Fault::Kind::kError}, 250, 0.45},
+    {"Functions with system calls that fail from one on",
+     {.kind = Fault::Kind::kError, .isLasting = true},
+     100,
+     0.2},
+    {"Functions with short reads and writes", {.kind = Fault::Kind::kShort}, 100, 0.15},
+    {"Functions with an allocation that fails", {.kind = Fault::Kind::kAllocation}, 200, 0.1},
+    {"Functions with allocations that fail from one on",
+     {.kind = Fault::Kind::kAllocation, .isLasting = true},
+     200,
+     0.1},
 };
 
 // In an order by the seed, so that a short run tries something of everything.
@@ -427,13 +411,14 @@ int main(int argc, char **argv)
     }
     ::umask(022);
     auto *const pReport = Share<Report>();
+    auto *const pSeen = Share<Seen>();
     std::vector<Reference> references;
     references.reserve(kOperations.size());
     for (const Operation &operation : kOperations) {
         Stage(operation);
         Scratch warm(kOwnPid, kNow); // what libc keeps for its own use it has then
         (void)operation.run(warm);
-        references.push_back(Record(operation, *pReport));
+        references.push_back(Record(operation, *pReport, *pSeen));
         if (std::getenv("ZEVOBW_TORTURE_TELL") != nullptr)
             std::fprintf(stderr, "%-32s %5d calls %4d allocations, result %d\n", operation.name,
                          references.back().calls, references.back().allocations,
@@ -443,14 +428,14 @@ int main(int argc, char **argv)
     Table table(options.seed);
     Random random(options.seed, 0);
     for (const Kind &kind : kKinds) {
-        if (kind.wantsAllocations && !kCountsAllocations) {
+        if (kind.fault.kind == Fault::Kind::kAllocation && !kCountsAllocations) {
             std::fprintf(stderr, "left out, for the sanitizer allocates by itself: %s\n",
                          kind.szRow);
             continue;
         }
         Trials trials;
         for (std::size_t i = 0; i < references.size(); ++i)
-            for (const Fault &fault : kind.each(references[i]))
+            for (const Fault &fault : FaultsOf(kind.fault, references[i]))
                 trials.push_back({&kOperations[i], &references[i], fault});
         Shuffle(trials, random);
         TryAll(table.Add(kind.szRow), trials,

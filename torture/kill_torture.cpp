@@ -2,6 +2,7 @@
 // what must be: every other section byte for byte, the own one old, new or (half an append) never
 // taken for a running transfer, temporary files gone once they are old enough and asked about, and
 // the file fit to go on with.
+#include "operations.hpp"
 #include "row.hpp"
 
 #include <atomic>
@@ -18,17 +19,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "zevobandwidth.h"
-#include "zevocore.h"
-
 using namespace torture;
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char kDirectory[] = "/tmp/bandwidth";
-constexpr char kFile[] = "/tmp/bandwidth/user-2001";
-constexpr std::uint32_t kUid = 2001;
 constexpr int kOwnPid = 4711;
 constexpr int kNextPid = 4600;   // whoever appends next
 constexpr int kForeignPid = 100; // the first of them
@@ -53,31 +48,14 @@ std::string NameOf(int pid)
 // number has a long file name: sections then cross the borders of pages, where writes tear.
 ZEVO_BANDWIDTH_STATUS Record(int pid, std::uint64_t number, std::int64_t timestamp)
 {
-    ZEVO_BANDWIDTH_STATUS status = {};
-    status.pid = pid;
-    status.id = status.uid = kUid;
-    status.active = 1;
-    status.timestamp = timestamp;
+    ZEVO_BANDWIDTH_STATUS status = AlicesUpload(pid, timestamp);
     status.current_speed = number;
     status.expect_speed = number * 3 + 1;
     const std::size_t cbName = number % 2 == 0 ? 20 : number * 2'654'435'761u % kMostFilename;
     const std::string name = "/" + std::to_string(number) + "/" + std::string(cbName, 'x');
     (void)std::snprintf(status.filename, sizeof(status.filename), "%s", name.c_str());
-    status.owner_type = ZEVO_BW_OWNER_USER;
-    status.protocol_type = ZEVO_BW_PROTOCOL_FTP;
-    status.transfer_type = ZEVO_BW_TRANSFER_UPLOAD;
     status.progress = static_cast<std::uint32_t>(number * 7'919 % 10'000);
     return status;
-}
-
-bool IsWhole(const ZEVO_BANDWIDTH_STATUS &status)
-{
-    const ZEVO_BANDWIDTH_STATUS whole = Record(status.pid, status.current_speed, status.timestamp);
-    return status.id == whole.id && status.uid == whole.uid && status.active == whole.active &&
-           status.expect_speed == whole.expect_speed &&
-           std::strcmp(status.filename, whole.filename) == 0 &&
-           status.owner_type == whole.owner_type && status.protocol_type == whole.protocol_type &&
-           status.transfer_type == whole.transfer_type && status.progress == whole.progress;
 }
 
 class Hash {
@@ -98,26 +76,19 @@ private:
 
 std::string TextOf(const ZEVO_BANDWIDTH_STATUS &status)
 {
-    char *pText = nullptr;
-    std::size_t cbText = 0;
-    std::FILE *const pStream = ::open_memstream(&pText, &cbText);
-    const Hash hash(status);
-    if (pStream == nullptr ||
-        VLIBCFileHash2File(pStream, NameOf(status.pid).c_str(), hash.get(), 0) < 0)
-        Die("no text of a record");
-    std::fclose(pStream);
-    const std::string text(pText, cbText);
-    std::free(pText);
-    return text;
+    return SectionText(NameOf(status.pid).c_str(), Hash(status).get());
+}
+
+bool IsWhole(const ZEVO_BANDWIDTH_STATUS &status)
+{
+    return TextOf(status) == TextOf(Record(status.pid, status.current_speed, status.timestamp));
 }
 
 // The running transfers that anybody who asks is told of.
-std::vector<ZEVO_BANDWIDTH_STATUS> Listed()
+std::vector<ZEVO_BANDWIDTH_STATUS> Listed(const char *szPath = kAlicesFile)
 {
     ZEVO_BANDWIDTH_STATUS *pList = nullptr;
-    if (ZEVOBandwidthIStatusGetAll(kFile, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL, &pList, 0) <
-        0)
-        return {};
+    (void)ZEVOBandwidthIStatusGetAll(szPath, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL, &pList, 0);
     std::vector<ZEVO_BANDWIDTH_STATUS> all;
     for (const ZEVO_BANDWIDTH_STATUS *p = pList; p != nullptr; p = p->next)
         all.push_back(*p);
@@ -167,7 +138,7 @@ private:
 };
 
 // One way of changing a file: how it begins, what a child does again and again, what may be left.
-struct Operation {
+struct Change {
     const char *szName;
     void (*Prepare)(const Scene &scene);
     void (*Repeat)(const Scene &scene, Progress &progress);
@@ -194,14 +165,14 @@ const char *Unless(bool isGood, const char *szWhat)
 
 void PrepareRewrite(const Scene &scene)
 {
-    WriteFile(kFile, scene.TextWith(TextOf(Record(kOwnPid, 0, scene.now()))));
+    WriteFile(kAlicesFile, scene.TextWith(TextOf(Record(kOwnPid, 0, scene.now()))));
 }
 
 void Rewrite(const Scene &scene, Progress &progress)
 {
     Count(progress, [&](std::uint64_t number) {
         const Hash hash(Record(kOwnPid, number, scene.now()));
-        return ZEVOBandwidthStatusSetSection(kFile, NameOf(kOwnPid).c_str(), hash.get()) == 1;
+        return ZEVOBandwidthStatusSetSection(kAlicesFile, NameOf(kOwnPid).c_str(), hash.get()) == 1;
     });
 }
 
@@ -218,7 +189,7 @@ std::string JudgeRewrite(const Scene &scene, const Progress &progress, const std
 
 void PrepareAppend(const Scene &scene)
 {
-    WriteFile(kFile, scene.Text() + scene.Tail());
+    WriteFile(kAlicesFile, scene.Text() + scene.Tail());
 }
 
 void Append(const Scene &scene, Progress &progress)
@@ -227,7 +198,7 @@ void Append(const Scene &scene, Progress &progress)
         // Sections of other names, so that one child appends many times.
         const int pid = kOwnPid + static_cast<int>(number) * 10;
         const Hash hash(Record(pid, number, scene.now()));
-        return ZEVOBandwidthStatusAddSection(kFile, NameOf(pid).c_str(), hash.get()) == 1;
+        return ZEVOBandwidthStatusAddSection(kAlicesFile, NameOf(pid).c_str(), hash.get()) == 1;
     });
 }
 
@@ -264,7 +235,7 @@ std::string StaleSections()
 void PreparePurge(const Scene &scene)
 {
     WriteFile("/tmp/prepared", scene.TextWith(StaleSections()));
-    fs::rename("/tmp/prepared", kFile);
+    fs::rename("/tmp/prepared", kAlicesFile);
 }
 
 void Purge(const Scene &scene, Progress &progress)
@@ -293,20 +264,20 @@ std::string JudgePurge(const Scene &scene, const Progress &, const std::string &
 
 void PrepareCreation(const Scene &)
 {
-    fs::remove_all(kDirectory);
+    fs::remove_all(kStatusDirectory);
 }
 
 bool Save(std::uint64_t number, std::int64_t now)
 {
     ZEVO_BANDWIDTH_STATUS status = Record(kOwnPid, number, now);
-    return ZEVOBandwidthStatusSave(kUid, nullptr, &status) == 0;
+    return ZEVOBandwidthStatusSave(kAlice, nullptr, &status) == 0;
 }
 
 void Create(const Scene &scene, Progress &progress)
 {
     Count(progress, [&](std::uint64_t number) {
         const bool isGood = Save(number, scene.now());
-        if (isGood) fs::remove_all(kDirectory);
+        if (isGood) fs::remove_all(kStatusDirectory);
         return isGood;
     });
 }
@@ -316,14 +287,14 @@ std::string JudgeCreation(const Scene &scene, const Progress &progress, const st
     const std::string whole = "\n" + TextOf(Record(kOwnPid, progress.begun, scene.now()));
     if (!whole.starts_with(text)) return "not a part of the first section";
     struct stat status = {};
-    if (::stat(kDirectory, &status) == 0 && (status.st_mode & 07777) != 0777)
+    if (::stat(kStatusDirectory, &status) == 0 && (status.st_mode & 07777) != 0777)
         return "the directory's mode is not 0777";
-    if (::stat(kFile, &status) == 0 && (status.st_mode & 07777) != 0666)
+    if (::stat(kAlicesFile, &status) == 0 && (status.st_mode & 07777) != 0666)
         return "the file's mode is not 0666";
     return "";
 }
 
-constexpr Operation kOperations[] = {
+constexpr Change kChanges[] = {
     {"a section is rewritten", PrepareRewrite, Rewrite, JudgeRewrite},
     {"a section is appended", PrepareAppend, Append, JudgeAppend},
     {"stale sections are purged", PreparePurge, Purge, JudgePurge},
@@ -340,7 +311,7 @@ struct Met {
 };
 
 struct Attempt {
-    const Operation &operation;
+    const Change &operation;
     const Scene &scene;
     Progress &progress;
     Row &row;
@@ -357,7 +328,7 @@ void Violate(const Attempt &attempt, const std::string &what, const std::string 
                         detail.c_str());
 }
 
-void Kill(const Attempt &attempt)
+void CutShort(const Attempt &attempt)
 {
     attempt.progress.Reset();
     const pid_t pid = Fork([&] {
@@ -365,8 +336,7 @@ void Kill(const Attempt &attempt)
         return 0;
     });
     SleepUs(attempt.delayUs);
-    ::kill(pid, SIGKILL);
-    if (const int status = WaitFor(pid); status != 128 + SIGKILL)
+    if (const int status = Kill(pid); status != 128 + SIGKILL)
         Violate(attempt, "the operation failed", "exit status " + std::to_string(status));
     attempt.met.cutShort += attempt.progress.begun != attempt.progress.done;
 }
@@ -378,19 +348,16 @@ bool Exists(const std::string &path)
 
 void Ask(const std::string &path)
 {
-    ZEVO_BANDWIDTH_STATUS *pList = nullptr;
-    if (ZEVOBandwidthIStatusGetAll(path.c_str(), ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL, &pList,
-                                   0) != 0)
-        Die("%s is listed", path.c_str());
+    if (!Listed(path.c_str()).empty()) Die("%s is listed", path.c_str());
 }
 
 // A leftover may belong to a writer at work for 10 seconds, and is anybody's to remove then.
 void CheckLeftovers(const Attempt &attempt)
 {
-    if (!Exists(kDirectory)) return;
-    for (const std::string &name : Files(kDirectory)) {
-        const std::string path = std::string(kDirectory) + "/" + name;
-        if (path == kFile) continue;
+    if (!Exists(kStatusDirectory)) return;
+    for (const std::string &name : Files(kStatusDirectory)) {
+        const std::string path = std::string(kStatusDirectory) + "/" + name;
+        if (path == kAlicesFile) continue;
         ++attempt.met.leftovers;
         if (name.find('.') == name.npos) Violate(attempt, "a file of an unknown kind", name);
         Ask(path);
@@ -415,9 +382,9 @@ void CheckListed(const Attempt &attempt, int more)
     }
     const bool isAlone = attempt.operation.Prepare == PrepareCreation;
     if (!isAlone && foreign != attempt.scene.count())
-        Violate(attempt, "somebody else is not listed", ReadFile(kFile));
+        Violate(attempt, "somebody else is not listed", ReadFile(kAlicesFile));
     if (more != 0 && !isMoreThere)
-        Violate(attempt, "whoever came next is not listed", ReadFile(kFile));
+        Violate(attempt, "whoever came next is not listed", ReadFile(kAlicesFile));
 }
 
 // Whoever appends next starts on a line of his own and finds his section whole.
@@ -428,21 +395,21 @@ void CheckNext(const Attempt &attempt)
         return CheckListed(attempt, kOwnPid);
     }
     const ZEVO_BANDWIDTH_STATUS next = Record(kNextPid, 2, attempt.scene.now());
-    std::string expected = ReadFile(kFile);
+    std::string expected = ReadFile(kAlicesFile);
     if (expected.empty() || expected.back() != '\n') expected += "\n";
     expected += TextOf(next);
     const Hash hash(next);
-    if (ZEVOBandwidthStatusAddSection(kFile, NameOf(kNextPid).c_str(), hash.get()) != 1 ||
-        ReadFile(kFile) != expected)
-        Violate(attempt, "the next append is not on a line of its own", ReadFile(kFile));
+    if (ZEVOBandwidthStatusAddSection(kAlicesFile, NameOf(kNextPid).c_str(), hash.get()) != 1 ||
+        ReadFile(kAlicesFile) != expected)
+        Violate(attempt, "the next append is not on a line of its own", ReadFile(kAlicesFile));
     CheckListed(attempt, kNextPid);
 }
 
 void Try(const Attempt &attempt)
 {
     attempt.operation.Prepare(attempt.scene);
-    Kill(attempt);
-    const std::string text = ReadFile(kFile);
+    CutShort(attempt);
+    const std::string text = ReadFile(kAlicesFile);
     attempt.met.tornTails += !text.empty() && text.back() != '\n';
     if (const std::string wrong = attempt.operation.Judge(attempt.scene, attempt.progress, text);
         !wrong.empty())
@@ -456,7 +423,7 @@ void Try(const Attempt &attempt)
 // ---- a row of kills ----
 
 // How long the operation takes here, with what forking takes: the kills are spread over some of them.
-std::int64_t CycleUs(const Operation &operation, const Scene &scene, Progress &progress)
+std::int64_t CycleUs(const Change &operation, const Scene &scene, Progress &progress)
 {
     operation.Prepare(scene);
     progress.Reset();
@@ -467,12 +434,11 @@ std::int64_t CycleUs(const Operation &operation, const Scene &scene, Progress &p
     });
     while (progress.done < 5 && NowUs() - beganUs < 1'000'000)
         SleepUs(100);
-    ::kill(pid, SIGKILL);
-    WaitFor(pid);
+    (void)Kill(pid);
     return (NowUs() - beganUs) / 5;
 }
 
-void Work(const Operation &operation, Row &row, Met &met, const Budget &budget, Random random)
+void Work(const Change &operation, Row &row, Met &met, const Budget &budget, Random random)
 {
     Progress *const pProgress = Share<Progress>();
     const Scene first(random, std::time(nullptr));
@@ -481,17 +447,15 @@ void Work(const Operation &operation, Row &row, Met &met, const Budget &budget, 
         const Scene scene(random, std::time(nullptr));
         // Some of the delays are so short that the child has hardly begun.
         const std::int64_t boundUs = random.Below(4) == 0 ? spreadUs / 4 : spreadUs;
-        const std::int64_t delayUs =
-            static_cast<std::int64_t>(random.Below(static_cast<std::uint64_t>(boundUs) + 1));
-        Try({operation, scene, *pProgress, row, met, delayUs});
+        Try({operation, scene, *pProgress, row, met, random.UsBelow(boundUs + 1)});
     }
 }
 
 void KillAt(const std::string &parent, const std::string &placeName, const Options &options,
-            Table &table, const Operation &operation, double share, std::uint64_t fullCount)
+            Table &table, const Change &operation, double share, std::uint64_t fullCount)
 {
-    const std::uint64_t stream = (placeName == "disk" ? 100 : 200) +
-                                 static_cast<std::uint64_t>(&operation - kOperations) * 10;
+    const std::uint64_t stream =
+        (placeName == "disk" ? 100 : 200) + static_cast<std::uint64_t>(&operation - kChanges) * 10;
     Row &row = table.Add("kills while " + std::string(operation.szName) + ", " + placeName);
     Met &met = *Share<Met>();
     const Directory places(parent);
@@ -501,8 +465,8 @@ void KillAt(const std::string &parent, const std::string &placeName, const Optio
         fs::create_directory(place);
         Cover("/tmp", place);
         if (operation.Prepare != PrepareCreation) {
-            fs::create_directory(kDirectory);
-            fs::permissions(kDirectory, fs::perms{0777});
+            fs::create_directory(kStatusDirectory);
+            fs::permissions(kStatusDirectory, fs::perms{0777});
         }
         Work(operation, row, met, budget,
              Random(options.seed, stream + static_cast<std::uint64_t>(worker)));
@@ -519,11 +483,11 @@ int main(int argc, char **argv)
     const Options options = ParseOptions(argc, argv);
     Table table(options.seed);
     const double places = options.disk.empty() ? 1 : 2;
-    const double share = 1 / (static_cast<double>(std::size(kOperations)) * places);
-    for (const Operation &operation : kOperations)
+    const double share = 1 / (static_cast<double>(std::size(kChanges)) * places);
+    for (const Change &operation : kChanges)
         KillAt("/tmp", "tmpfs", options, table, operation, share, 10'000);
     if (!options.disk.empty())
-        for (const Operation &operation : kOperations)
+        for (const Change &operation : kChanges)
             KillAt(options.disk, "disk", options, table, operation, share, 2'000);
     return table.Print();
 }

@@ -27,6 +27,7 @@ constexpr int kFtp = ZEVO_BW_PROTOCOL_FTP;
 constexpr int kUp = ZEVO_BW_TRANSFER_UPLOAD;
 constexpr int kDown = ZEVO_BW_TRANSFER_DOWNLOAD;
 constexpr int kHashSize = 64;
+constexpr pid_t kOtherPid = 12345;
 constexpr std::uint64_t kBlockBytes = 65'536;
 constexpr std::int64_t kUsPerSecond = 1'000'000;
 
@@ -153,7 +154,7 @@ void StageScene(std::int64_t now, int pid)
     texts["/usr/zevo/etc/bandwidth/bandwidth.global.conf"] = kPolicies;
     texts[addons + "/" + kAddonName + "_" + std::to_string(kAddon) + ".json"] = "{}";
     texts[kPidFile] = "4000000\n"; // above every process id
-    texts[kOtherPidFile] = "12345\n";
+    texts[kOtherPidFile] = std::to_string(kOtherPid) + "\n";
     for (const auto &[path, text] : texts)
         WriteFile(path, text);
 }
@@ -234,19 +235,33 @@ std::string TextOf(const ZEVO_BANDWIDTH_STATUS &status)
     return text + "\n";
 }
 
-std::string TextOf(const VLIB_SZ_HASH *pHash)
+} // namespace
+
+std::string SectionText(const char *szName, const VLIB_SZ_HASH *pHash)
 {
     char *pText = nullptr;
     std::size_t cbText = 0;
     std::FILE *const pStream = ::open_memstream(&pText, &cbText);
-    if (pStream == nullptr || VLIBCFileHash2File(pStream, "s", pHash, 0) < 0) Die("no hash's text");
+    if (pStream == nullptr || VLIBCFileHash2File(pStream, szName, pHash, 0) < 0)
+        Die("no section's text");
     std::fclose(pStream);
     const std::string text(pText, cbText);
     std::free(pText);
     return text;
 }
 
-} // namespace
+ZEVO_BANDWIDTH_STATUS AlicesUpload(int pid, std::int64_t now)
+{
+    ZEVO_BANDWIDTH_STATUS status = {};
+    status.pid = pid;
+    status.id = status.uid = kAlice;
+    status.active = 1;
+    status.timestamp = now;
+    status.owner_type = ZEVO_BW_OWNER_USER;
+    status.protocol_type = kFtp;
+    status.transfer_type = kUp;
+    return status;
+}
 
 Scratch::Scratch(int pidOfSections, std::int64_t now)
     : pid(pidOfSections), config(Config()), otherConfig(Config()),
@@ -257,15 +272,9 @@ Scratch::Scratch(int pidOfSections, std::int64_t now)
     rule.uploadRate = 4321;
     policy = config.globalConf;
     policy.userGroupPolicy = ZEVO_BW_USER_GROUP_POLICY_SUM;
-    status.pid = pid;
-    status.id = status.uid = kAlice;
-    status.active = 1;
-    status.timestamp = now;
+    status = AlicesUpload(pid, now);
     status.current_speed = 1001;
     status.expect_speed = 2002;
-    status.owner_type = ZEVO_BW_OWNER_USER;
-    status.protocol_type = kFtp;
-    status.transfer_type = kUp;
     status.progress = 77;
     std::strcpy(status.filename, "/a file");
     timeUs = static_cast<std::uint64_t>((now - 10) * kUsPerSecond);
@@ -294,7 +303,8 @@ Scratch::~Scratch()
 std::string Scratch::Given() const
 {
     std::string given = TextOf(config) + TextOf(otherConfig) + TextOf(status) +
-                        TextOf(otherStatus) + TextOf(pHash) + TextOf(pOtherHash) + text + "\n";
+                        TextOf(otherStatus) + SectionText("s", pHash) +
+                        SectionText("s", pOtherHash) + text + "\n";
     for (const ZEVO_BANDWIDTH_STATUS *p = pList; p != nullptr; p = p->next)
         given += TextOf(*p);
     for (const std::uint64_t speed : speeds)
@@ -315,269 +325,182 @@ std::string Scratch::Given() const
 
 // ---- the operations ----
 
+namespace {
+
+constexpr std::uint32_t kGroups[] = {kStaff, kGuests};
+
+int List(Scratch &s, const char *szFile, int merge)
+{
+    return ZEVOBandwidthIStatusGetAll(szFile, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL, &s.pList,
+                                      merge);
+}
+
+int Loop(Scratch &s)
+{
+    return ZEVOBandwidthSleepInLoop(&s.config, kBlockBytes, 88, &s.timeUs, &s.status);
+}
+
+template <class Container>
+int MakeAndFree(Container *(*pMake)(int) noexcept, void (*pFree)(Container *) noexcept)
+{
+    Container *const pMade = pMake(kHashSize);
+    pFree(pMade);
+    return pMade == nullptr ? -1 : 0;
+}
+
+} // namespace
+
 // A single call, of the scratch s.
 #define RUN(...) []([[maybe_unused]] Scratch &s) { return __VA_ARGS__; }
 
+// clang-format off
 const std::vector<Operation> kOperations = {
     // names, add-ons and paths
     {"EnumToName",
      RUN(ZEVOBandwidthEnumToName(ZEVO_BW_PROTOCOL_TYPE_LIST, kAddon, s.text, sizeof(s.text))),
      kRemembers},
     {"EnumToValue",
-     RUN(ZEVOBandwidthEnumToValue(ZEVO_BW_PROTOCOL_TYPE_LIST, kAddonName)),
-     kRemembers},
+     RUN(ZEVOBandwidthEnumToValue(ZEVO_BW_PROTOCOL_TYPE_LIST, kAddonName)), kRemembers},
     {"EnumToNameAddon",
-     RUN(ZEVOBandwidthEnumToNameAddon(kAddon, s.text, sizeof(s.text))),
-     kRemembers},
-    {"EnumToValueAddon", RUN(ZEVOBandwidthEnumToValueAddon(kAddonName)),
-     kRemembers},
+     RUN(ZEVOBandwidthEnumToNameAddon(kAddon, s.text, sizeof(s.text))), kRemembers},
+    {"EnumToValueAddon", RUN(ZEVOBandwidthEnumToValueAddon(kAddonName)), kRemembers},
     {"GetAddonConfigPath",
-     RUN(ZEVOBandwidthGetAddonConfigPath(kAddon, s.text, sizeof(s.text))),
-     kRemembers},
-    {"ConfPath", RUN(ZEVOBandwidthConfPath(kAddon, s.text, sizeof(s.text))),
-     kRemembers},
+     RUN(ZEVOBandwidthGetAddonConfigPath(kAddon, s.text, sizeof(s.text))), kRemembers},
+    {"ConfPath", RUN(ZEVOBandwidthConfPath(kAddon, s.text, sizeof(s.text))), kRemembers},
     // records and hashes
-    {"InitHashFromConf",
-     RUN(ZEVOBandwidthInitHashFromConf(&s.pOtherHash, &s.rule)), kSilent},
-    {"InitConfFromHash",
-     RUN(ZEVOBandwidthInitConfFromHash(&s.rule, s.pHash))},
+    {"InitHashFromConf", RUN(ZEVOBandwidthInitHashFromConf(&s.pOtherHash, &s.rule)), kSilent},
+    {"InitConfFromHash", RUN(ZEVOBandwidthInitConfFromHash(&s.rule, s.pHash))},
     {"InitHashFromGlobalConf",
-     RUN(ZEVOBandwidthInitHashFromGlobalConf(&s.pOtherHash, &s.policy)),
-     kSilent},
-    {"InitGlobalConfFromHash",
-     RUN(ZEVOBandwidthInitGlobalConfFromHash(&s.policy, s.pHash))},
-    {"InitHashFromStatus",
-     RUN(ZEVOBandwidthInitHashFromStatus(&s.pOtherHash, &s.status)), kSilent},
-    {"InitStatusFromHash",
-     RUN(ZEVOBandwidthInitStatusFromHash(&s.otherStatus, s.pHash))},
+     RUN(ZEVOBandwidthInitHashFromGlobalConf(&s.pOtherHash, &s.policy)), kSilent},
+    {"InitGlobalConfFromHash", RUN(ZEVOBandwidthInitGlobalConfFromHash(&s.policy, s.pHash))},
+    {"InitHashFromStatus", RUN(ZEVOBandwidthInitHashFromStatus(&s.pOtherHash, &s.status)), kSilent},
+    {"InitStatusFromHash", RUN(ZEVOBandwidthInitStatusFromHash(&s.otherStatus, s.pHash))},
     // rules and policies
-    {"ConfGetByID",
-     RUN(ZEVOBandwidthConfGetByID(ZEVO_BW_OWNER_USER, kAlice, kFtp, &s.rule))},
+    {"ConfGetByID", RUN(ZEVOBandwidthConfGetByID(ZEVO_BW_OWNER_USER, kAlice, kFtp, &s.rule))},
     {"ConfSetByID", RUN(ZEVOBandwidthConfSetByID(&s.rule))},
-    {"ConfSetByID, a new section",
-     [](Scratch &s) {
-         s.rule.id = kBob;
-         return ZEVOBandwidthConfSetByID(&s.rule);
-     }},
-    {"ConfSetByID, a new file", RUN(ZEVOBandwidthConfSetByID(&s.rule)), 0,
-     StageNoFiles},
-    {"GlobalConfGet", RUN(ZEVOBandwidthGlobalConfGet(kFtp, &s.policy)),
-     kSilent},
+    {"ConfSetByID, a new section", RUN((s.rule.id = kBob, ZEVOBandwidthConfSetByID(&s.rule)))},
+    {"ConfSetByID, a new file", RUN(ZEVOBandwidthConfSetByID(&s.rule)), 0, StageNoFiles},
+    {"GlobalConfGet", RUN(ZEVOBandwidthGlobalConfGet(kFtp, &s.policy)), kSilent},
     {"GlobalConfSet", RUN(ZEVOBandwidthGlobalConfSet(&s.policy))},
-    {"GlobalConfSet, a new file", RUN(ZEVOBandwidthGlobalConfSet(&s.policy)),
-     0, StageNoFiles},
+    {"GlobalConfSet, a new file", RUN(ZEVOBandwidthGlobalConfSet(&s.policy)), 0, StageNoFiles},
     {"ConfDumpHeader", RUN(ZEVOBandwidthConfDumpHeader(s.pStream))},
     {"ConfDump", RUN(ZEVOBandwidthConfDump(s.pStream, &s.rule))},
-    {"ConfDump of a group",
-     RUN(ZEVOBandwidthConfDump(s.pStream, &s.config.pLimit[1].conf))},
-    {"GlobalConfDumpHeader",
-     RUN(ZEVOBandwidthGlobalConfDumpHeader(s.pStream))},
-    {"GlobalConfDump",
-     RUN(ZEVOBandwidthGlobalConfDump(s.pStream, &s.policy))},
+    {"ConfDump of a group", RUN(ZEVOBandwidthConfDump(s.pStream, &s.config.pLimit[1].conf))},
+    {"GlobalConfDumpHeader", RUN(ZEVOBandwidthGlobalConfDumpHeader(s.pStream))},
+    {"GlobalConfDump", RUN(ZEVOBandwidthGlobalConfDump(s.pStream, &s.policy))},
     // effective configuration
     {"ConfigGet",
-     [](Scratch &s) {
-         ZEVOBandwidthConfigFree(&s.config);
-         return ZEVOBandwidthConfigGet(kAlice, kFtp, &s.config);
-     }},
-    {"LimitInit",
-     RUN(ZEVOBandwidthLimitInit(kAlice, &s.config.globalConf, &s.pLimits, &s.flags[0], &s.flags[1]))},
-    {"InitConfig",
-     [](Scratch &s) {
-         s.config.pLimit[0].conf.state = ZEVO_BW_STATE_SCHEDULE;
-         return ZEVOBandwidthInitConfig(&s.config, 0);
-     },
-     kBlind},
-    {"IsUserGroupLimitEnable",
-     RUN(ZEVOBandwidthIsUserGroupLimitEnable(&s.config))},
+     RUN((ZEVOBandwidthConfigFree(&s.config), ZEVOBandwidthConfigGet(kAlice, kFtp, &s.config)))},
+    {"LimitInit", RUN(ZEVOBandwidthLimitInit(kAlice, &s.config.globalConf, &s.pLimits, &s.flags[0],
+     &s.flags[1]))},
+    {"InitConfig", RUN((s.config.pLimit[0].conf.state = ZEVO_BW_STATE_SCHEDULE,
+                        ZEVOBandwidthInitConfig(&s.config, 0))), kBlind},
+    {"IsUserGroupLimitEnable", RUN(ZEVOBandwidthIsUserGroupLimitEnable(&s.config))},
     {"ConfCheckEnabled", RUN(ZEVOBandwidthConfCheckEnabled(&s.config))},
-    {"OccGroupsGet",
-     RUN(ZEVOBandwidthOccGroupsGet(s.groups, &s.groupCount, &s.config))},
+    {"OccGroupsGet", RUN(ZEVOBandwidthOccGroupsGet(s.groups, &s.groupCount, &s.config))},
     {"ExpectSpeedEstimate",
-     RUN(ZEVOBandwidthExpectSpeedEstimate(kAlice, &s.rule, kUp, s.speeds, s.pid)),
-     kOpens | kTells},
+     RUN(ZEVOBandwidthExpectSpeedEstimate(kAlice, &s.rule, kUp, s.speeds, s.pid)), kOpens | kTells},
     {"ExpectSpeedEstimateByPolicy",
      RUN(ZEVOBandwidthExpectSpeedEstimateByPolicy(kUp, &s.config, s.speeds, 1)),
      kOpensBoth | kTells},
     // status files
-    {"StatusSave", RUN(ZEVOBandwidthStatusSave(kAlice, &s.config, &s.status)),
-     kOpensBoth | kTorn},
+    {"StatusSave", RUN(ZEVOBandwidthStatusSave(kAlice, &s.config, &s.status)), kOpensBoth | kTorn},
     {"StatusSave, new files",
-     RUN(ZEVOBandwidthStatusSave(kAlice, &s.config, &s.status)), kTorn,
-     StageNoFiles},
+     RUN(ZEVOBandwidthStatusSave(kAlice, &s.config, &s.status)), kTorn, StageNoFiles},
     {"StatusSetSection",
-     RUN(ZEVOBandwidthStatusSetSection(kAlicesFile, "100-1", s.pHash)),
-     kOpens | kSilent},
+     RUN(ZEVOBandwidthStatusSetSection(kAlicesFile, "100-1", s.pHash)), kOpens | kSilent},
     {"StatusSetSection, absent",
-     RUN(ZEVOBandwidthStatusSetSection(kAlicesFile, "1-1", s.pHash)),
-     kSilent},
+     RUN(ZEVOBandwidthStatusSetSection(kAlicesFile, "1-1", s.pHash)), kSilent},
     {"StatusRemoveSection",
-     RUN(ZEVOBandwidthStatusRemoveSection(kAlicesFile, "100-1")),
-     kOpens | kSilent},
+     RUN(ZEVOBandwidthStatusRemoveSection(kAlicesFile, "100-1")), kOpens | kSilent},
     {"StatusAddSection",
-     RUN(ZEVOBandwidthStatusAddSection(kAlicesFile, "1-1", s.pHash)),
-     kOpens | kMute | kTorn},
+     RUN(ZEVOBandwidthStatusAddSection(kAlicesFile, "1-1", s.pHash)), kOpens | kMute | kTorn},
     {"StatusAddSection, a torn tail",
-     RUN(ZEVOBandwidthStatusAddSection(kStaffFile, "1-1", s.pHash)),
-     kMute | kTorn, StageTornTail},
+     RUN(ZEVOBandwidthStatusAddSection(kStaffFile, "1-1", s.pHash)), kMute | kTorn, StageTornTail},
     {"StatusAddSection, a new file",
-     RUN(ZEVOBandwidthStatusAddSection("/tmp/bandwidth/user-2004", "1-1", s.pHash)),
-     kMute | kTorn},
-    {"IStatusGetAll",
-     RUN(ZEVOBandwidthIStatusGetAll(kAlicesFile, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL, &s.pList, 0)),
-     kOpens | kSilent | kTells},
-    {"IStatusGetAll, merged",
-     RUN(ZEVOBandwidthIStatusGetAll(kAlicesFile, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL, &s.pList, 1)),
-     kOpens | kSilent | kTells},
-    {"IStatusGetAll, stale ones",
-     RUN(ZEVOBandwidthIStatusGetAll(kAlicesFile, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL, &s.pList, 0)),
-     kSilent | kTells, StageStale},
-    {"IStatusGetAll, a leftover",
-     RUN(ZEVOBandwidthIStatusGetAll(kLeftover, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL, &s.pList, 0)),
-     kBlind, StageLeftover},
+     RUN(ZEVOBandwidthStatusAddSection("/tmp/bandwidth/user-2004", "1-1", s.pHash)), kMute | kTorn},
+    {"IStatusGetAll", RUN(List(s, kAlicesFile, 0)), kOpens | kSilent | kTells},
+    {"IStatusGetAll, merged", RUN(List(s, kAlicesFile, 1)), kOpens | kSilent | kTells},
+    {"IStatusGetAll, stale ones", RUN(List(s, kAlicesFile, 0)), kSilent | kTells, StageStale},
+    {"IStatusGetAll, a leftover", RUN(List(s, kLeftover, 0)), kBlind, StageLeftover},
     {"StatusGetAll",
-     RUN(ZEVOBandwidthStatusGetAll(ZEVO_BW_OWNER_GROUP, kStaff, ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL, &s.pList)),
-     kOpens | kSilent | kTells},
+     RUN(ZEVOBandwidthStatusGetAll(ZEVO_BW_OWNER_GROUP, kStaff, ZEVO_BW_PROTOCOL_ALL,
+                                   ZEVO_BW_TRANSFER_ALL, &s.pList)), kOpens | kSilent | kTells},
     {"IStatusGet",
      RUN(ZEVOBandwidthIStatusGet(ZEVO_BW_OWNER_USER, kAlice, 100, kUp, &s.otherStatus)),
      kOpens | kSilent},
-    {"StatusGet",
-     RUN(ZEVOBandwidthStatusGet(ZEVO_BW_OWNER_USER, kAlice, kUp, &s.otherStatus)),
+    {"StatusGet", RUN(ZEVOBandwidthStatusGet(ZEVO_BW_OWNER_USER, kAlice, kUp, &s.otherStatus)),
      kOpens | kSilent},
     {"StatusDump", RUN(ZEVOBandwidthStatusDump(s.pStream, &s.status))},
-    {"StatusDump of a group's",
-     [](Scratch &s) {
-         s.status.owner_type = ZEVO_BW_OWNER_GROUP;
-         s.status.id = kStaff;
-         return ZEVOBandwidthStatusDump(s.pStream, &s.status);
-     }},
-    {"StatusRemove",
-     RUN(ZEVOBandwidthStatusRemove(&s.config, ZEVO_BW_TRANSFER_ALL)),
-     kOpensBoth},
+    {"StatusDump of a group's", RUN((s.status.owner_type = ZEVO_BW_OWNER_GROUP,
+                                     s.status.id = kStaff,
+                                     ZEVOBandwidthStatusDump(s.pStream, &s.status)))},
+    {"StatusRemove", RUN(ZEVOBandwidthStatusRemove(&s.config, ZEVO_BW_TRANSFER_ALL)), kOpensBoth},
     {"StatusRemoveByOccGroups",
-     [](Scratch &) {
-         constexpr std::uint32_t kGroups[] = {kStaff, kGuests};
-         return ZEVOBandwidthStatusRemoveByOccGroups(kGroups, 2, ZEVO_BW_TRANSFER_ALL);
-     },
-     kOpens},
+     RUN(ZEVOBandwidthStatusRemoveByOccGroups(kGroups, 2, ZEVO_BW_TRANSFER_ALL)), kOpens},
     {"StatusForceRemoveAllByUserName",
      RUN(ZEVOBandwidthStatusForceRemoveAllByUserName("alice", ZEVO_BW_TRANSFER_ALL, s.pid)),
      kOpensBoth},
     {"StatusForceRemoveAllByUID",
-     RUN(ZEVOBandwidthStatusForceRemoveAllByUID(kAlice, ZEVO_BW_TRANSFER_ALL)),
-     kOpensBoth},
+     RUN(ZEVOBandwidthStatusForceRemoveAllByUID(kAlice, ZEVO_BW_TRANSFER_ALL)), kOpensBoth},
     {"StatusSetActiveByUserName",
-     RUN(ZEVOBandwidthStatusSetActiveByUserName("alice", kUp, 100, 0)),
-     kOpens | kTorn},
+     RUN(ZEVOBandwidthStatusSetActiveByUserName("alice", kUp, 100, 0)), kOpens | kTorn},
     // the life of a transfer
-    {"StatusInit",
-     RUN(ZEVOBandwidthStatusInit(&s.config, kUp, "/some/file", &s.timeUs, &s.status)),
+    {"StatusInit", RUN(ZEVOBandwidthStatusInit(&s.config, kUp, "/some/file", &s.timeUs, &s.status)),
      kOpensBoth | kTells | kTorn},
     {"TransferSizeEstimate",
      RUN(ZEVOBandwidthTransferSizeEstimate(&s.config, kUp, kBlockBytes, s.speeds))},
-    {"SleepInLoop",
-     [](Scratch &s) {
-         s.timeUs += static_cast<std::uint64_t>(10 * kUsPerSecond - 100);
-         return ZEVOBandwidthSleepInLoop(&s.config, kBlockBytes, 88, &s.timeUs, &s.status);
-     },
+    {"SleepInLoop", RUN((s.timeUs += 10 * kUsPerSecond - 100, Loop(s))),
      kOpensBoth | kTells | kTorn},
-    {"SleepInLoop, new files",
-     RUN(ZEVOBandwidthSleepInLoop(&s.config, kBlockBytes, 88, &s.timeUs, &s.status)),
-     kTells | kTorn, StageNoFiles},
-    {"SleepInLoop, stopped",
-     RUN(ZEVOBandwidthSleepInLoop(&s.config, kBlockBytes, 88, &s.timeUs, &s.status)),
-     kTells | kTorn | kSilent | kGoesOn, StageStopped},
+    {"SleepInLoop, new files", RUN(Loop(s)), kTells | kTorn, StageNoFiles},
+    {"SleepInLoop, stopped", RUN(Loop(s)), kTells | kTorn | kSilent | kGoesOn, StageStopped},
     {"SleepInLoop, no longer limited",
-     [](Scratch &s) {
-         s.config.globalConf.state = s.config.globalConf.currentState = ZEVO_BW_STATE_DISABLED;
-         return ZEVOBandwidthSleepInLoop(&s.config, kBlockBytes, 88, &s.timeUs, &s.status);
-     }},
-    {"CurrTimeGet",
-     [](Scratch &s) {
-         s.timeUs = ZEVOBandwidthCurrTimeGet();
-         return 0;
-     }},
+     RUN((s.config.globalConf.state = s.config.globalConf.currentState = ZEVO_BW_STATE_DISABLED,
+     Loop(s)))},
+    {"CurrTimeGet", RUN((s.timeUs = ZEVOBandwidthCurrTimeGet(), 0))},
     {"the functions that only calculate",
-     [](Scratch &s) {
-         s.speeds[0] = ZEVOBandwidthSpeedEstimate(200'000, 65'536);
-         s.speeds[1] = ZEVOBandwidthSum(1, 2);
-         return static_cast<int>(ZEVOBandwidthSleepEstimate(200'000, 65'536, 65'536)) +
-                ZEVOBandwidthIsLessThan(1, 2) + ZEVOBandwidthIsLargerThan(1, 2);
-     }},
+     RUN((s.speeds[0] = ZEVOBandwidthSpeedEstimate(200'000, 65'536),
+          s.speeds[1] = ZEVOBandwidthSum(1, 2),
+          static_cast<int>(ZEVOBandwidthSleepEstimate(200'000, 65'536, 65'536)) +
+              ZEVOBandwidthIsLessThan(1, 2) + ZEVOBandwidthIsLargerThan(1, 2)))},
     // notices
-    {"HupDocuhall",
-     [](Scratch &) {
-         ZEVOBandwidthHupDocuhall();
-         return 0;
-     },
-     kBlind},
+    {"HupDocuhall", RUN((ZEVOBandwidthHupDocuhall(), 0)), kBlind},
     {"HupWebDAV", RUN(ZEVOBandwidthHupWebDAV()), kBlind},
     {"HupSimulator", RUN(ZEVOBandwidthHupSimulator()), kSilent},
-    {"HupRecv", RUN(ZEVOBandwidthHupRecv(&s.config, &s.status, &s.timeUs)),
-     kOpensBoth},
+    {"HupRecv", RUN(ZEVOBandwidthHupRecv(&s.config, &s.status, &s.timeUs)), kOpensBoth},
     {"HupRecv, no longer limited",
-     RUN(ZEVOBandwidthHupRecv(&s.config, &s.status, &s.timeUs)),
-     kTells | kSilent, StagePolicyOff},
+     RUN(ZEVOBandwidthHupRecv(&s.config, &s.status, &s.timeUs)), kTells | kSilent, StagePolicyOff},
     // preview and simulation
     {"Preview", RUN(ZEVOBandwidthPreview(kAlice, kFtp, s.speeds))},
-    {"Simulate", RUN(ZEVOBandwidthSimulate("alice", kFtp, kUp, 64)),
-     kOpensBoth | kTells | kTorn | kAlone},
+    {"Simulate",
+     RUN(ZEVOBandwidthSimulate("alice", kFtp, kUp, 64)), kOpensBoth | kTells | kTorn | kAlone},
     // the platform's
     {"VLIBCSzHashSetValue",
-     RUN(VLIBCSzHashSetValue(&s.pOtherHash, "a key", "a value that is not so short")),
-     kSilent},
-    {"VLIBCSzHashAlloc",
-     [](Scratch &) {
-         VLIB_SZ_HASH *const pHash = VLIBCSzHashAlloc(kHashSize);
-         VLIBCSzHashFree(pHash);
-         return pHash == nullptr ? -1 : 0;
-     },
-     kSilent},
-    {"VLIBCSzListAlloc",
-     [](Scratch &) {
-         VLIB_SZ_LIST *const pList = VLIBCSzListAlloc(kHashSize);
-         VLIBCSzListFree(pList);
-         return pList == nullptr ? -1 : 0;
-     },
-     kSilent},
+     RUN(VLIBCSzHashSetValue(&s.pOtherHash, "a key", "a value that is not so short")), kSilent},
+    {"VLIBCSzHashAlloc", RUN(MakeAndFree(VLIBCSzHashAlloc, VLIBCSzHashFree)), kSilent},
+    {"VLIBCSzListAlloc", RUN(MakeAndFree(VLIBCSzListAlloc, VLIBCSzListFree)), kSilent},
     {"VLIBCFileGetSection",
      RUN(VLIBCFileGetSection(kFtpFile, "user-2001", &s.pOtherHash)), kSilent},
     {"VLIBCFileSetSection",
-     RUN(VLIBCFileSetSection(kFtpFile, "user-2001", nullptr, s.pHash, 0)),
-     kSilent},
-    {"VLIBCFileAddSection",
-     RUN(VLIBCFileAddSection(kFtpFile, "user-2002", s.pHash, 0)), kSilent},
-    {"VLIBCFileRemoveSection",
-     RUN(VLIBCFileRemoveSection(kAlicesFile, "100-1")), kSilent},
+     RUN(VLIBCFileSetSection(kFtpFile, "user-2001", nullptr, s.pHash, 0)), kSilent},
+    {"VLIBCFileAddSection", RUN(VLIBCFileAddSection(kFtpFile, "user-2002", s.pHash, 0)), kSilent},
+    {"VLIBCFileRemoveSection", RUN(VLIBCFileRemoveSection(kAlicesFile, "100-1")), kSilent},
     {"VLIBCFileEnumSection",
      RUN(VLIBCFileEnumSection(kAlicesFile, &s.pNames)), kSilent | kRemembers},
-    {"VLIBCFileHash2File",
-     RUN(VLIBCFileHash2File(s.pStream, "a section", s.pHash, 0)), kSilent},
+    {"VLIBCFileHash2File", RUN(VLIBCFileHash2File(s.pStream, "a section", s.pHash, 0)), kSilent},
     {"VLIBCFileExist", RUN(VLIBCFileExist(kAlicesFile))},
     {"VLIBCFileTouch", RUN(VLIBCFileTouch("/tmp/bandwidth/new")), kSilent},
-    {"ZEVOFSMkdirP", RUN(ZEVOFSMkdirP("/tmp/bandwidth/a/b/c", 0, 1, 0, 0, -1)),
-     kSilent},
-    {"VLIBCExec",
-     RUN(VLIBCExec("/bin/true", "an argument", nullptr, nullptr, nullptr)),
-     kSilent},
-    {"VLIBCReadPidFile",
-     [](Scratch &) {
-         const pid_t pid = VLIBCReadPidFile(kOtherPidFile);
-         return pid == 0 ? -1 : static_cast<int>(pid);
-     },
-     kMute},
+    {"ZEVOFSMkdirP", RUN(ZEVOFSMkdirP("/tmp/bandwidth/a/b/c", 0, 1, 0, 0, -1)), kSilent},
+    {"VLIBCExec", RUN(VLIBCExec("/bin/true", "an argument", nullptr, nullptr, nullptr)), kSilent},
+    {"VLIBCReadPidFile", RUN(VLIBCReadPidFile(kOtherPidFile) == kOtherPid ? 1 : -1), kMute},
     {"VLIBGroupInfoListGet",
-     [](Scratch &s) {
-         s.pGids = VLIBGroupInfoListGet("alice", 0);
-         return s.pGids == nullptr ? -1 : 0;
-     },
-     kSilent},
+     RUN((s.pGids = VLIBGroupInfoListGet("alice", 0), s.pGids == nullptr ? -1 : 0)), kSilent},
     {"ZEVOUserGet", RUN(ZEVOUserGet("alice", &s.pUser)), kSilent},
     {"ZEVOUserGetByUID", RUN(ZEVOUserGetByUID(kAlice, &s.pUser)), kSilent},
-    {"ZEVOUserGetUGID",
-     RUN(ZEVOUserGetUGID("alice", &s.flags[0], &s.flags[1])), kSilent},
+    {"ZEVOUserGetUGID", RUN(ZEVOUserGetUGID("alice", &s.flags[0], &s.flags[1])), kSilent},
     {"ZEVOGroupGetByGID", RUN(ZEVOGroupGetByGID(kStaff, &s.pGroup)), kSilent},
 };
+// clang-format on
 
 std::vector<const Operation *> OpeningOperations()
 {

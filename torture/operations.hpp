@@ -64,6 +64,12 @@ struct Scratch {
     char streamBuffer[16384] = {};
 };
 
+// A running upload of alice's by ftp; what is not said by that is 0.
+ZEVO_BANDWIDTH_STATUS AlicesUpload(int pid, std::int64_t now);
+
+// The section of that name, as it stands in a file.
+std::string SectionText(const char *szName, const VLIB_SZ_HASH *pHash);
+
 // What an operation does not promise, and what else is to be known of it.
 enum Waiver : unsigned {
     kSilent = 1,     // a failure is told by the error slot, not by the log

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include <sched.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -220,6 +221,18 @@ int WaitFor(pid_t pid)
     while (::waitpid(pid, &status, 0) < 0)
         if (errno != EINTR) Die("cannot wait for %d: %s", pid, std::strerror(errno));
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+int Kill(pid_t pid)
+{
+    ::kill(pid, SIGKILL);
+    return WaitFor(pid);
+}
+
+Children::~Children()
+{
+    for (const pid_t pid : pids_)
+        (void)Kill(pid);
 }
 
 void RunWorkers(int count, const std::function<void(int)> &body)

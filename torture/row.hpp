@@ -51,6 +51,10 @@ public:
     // The stream tells workers and rows of one seed from each other.
     Random(std::uint64_t seed, std::uint64_t stream);
     std::uint64_t Below(std::uint64_t bound); // 0 to bound - 1
+    std::int64_t UsBelow(std::int64_t boundUs)
+    {
+        return static_cast<std::int64_t>(Below(static_cast<std::uint64_t>(boundUs)));
+    }
     std::string Letters(std::size_t count);
 
 private:
@@ -118,8 +122,23 @@ private:
 pid_t Fork(const std::function<int()> &body);
 // Waits for it: its exit status, or 128 + the signal that ended it.
 int WaitFor(pid_t pid);
+// Ends it, and waits for it likewise.
+int Kill(pid_t pid);
 // Runs the body in so many processes at once and waits for them; Die when one does not end with 0.
 void RunWorkers(int count, const std::function<void(int)> &body);
+
+// Processes that are killed when the object goes.
+class Children {
+public:
+    Children() = default;
+    ~Children();
+    Children(const Children &) = delete;
+    Children &operator=(const Children &) = delete;
+    void Add(pid_t pid) { pids_.push_back(pid); }
+
+private:
+    std::vector<pid_t> pids_;
+};
 
 // Shared memory, zero-filled, as long as the program lives.
 void *Share(std::size_t cb);

@@ -1,5 +1,6 @@
 // Status files under many writers: how many updates another writer undoes, whether a fresh save is
 // ever purged, and whether a stop holds.
+#include "operations.hpp"
 #include "row.hpp"
 
 #include <atomic>
@@ -10,26 +11,16 @@
 #include <ctime>
 #include <filesystem>
 #include <string>
-#include <vector>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "zevobandwidth.h"
-#include "zevocore.h"
 
 using namespace torture;
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char kDirectory[] = "/tmp/bandwidth";
-constexpr char kUserFile[] = "/tmp/bandwidth/user-2001";
 constexpr char kUserName[] = "alice";
-constexpr std::uint32_t kUid = 2001;
 constexpr std::int64_t kUsPerSecond = 1'000'000;
 constexpr std::int64_t kSaveEveryUs = 100'000;
 
@@ -39,34 +30,20 @@ std::string SectionOf(pid_t pid)
 }
 
 // A transfer of this process; its number is its current speed.
-ZEVO_BANDWIDTH_STATUS Record(std::uint64_t number)
-{
-    ZEVO_BANDWIDTH_STATUS status = {};
-    status.pid = getpid();
-    status.id = status.uid = kUid;
-    status.active = 1;
-    status.timestamp = std::time(nullptr);
-    status.current_speed = number;
-    status.expect_speed = 1'000;
-    (void)std::snprintf(status.filename, sizeof(status.filename), "/volume1/a file");
-    status.owner_type = ZEVO_BW_OWNER_USER;
-    status.protocol_type = ZEVO_BW_PROTOCOL_FTP;
-    status.transfer_type = ZEVO_BW_TRANSFER_UPLOAD;
-    return status;
-}
-
 bool Save(std::uint64_t number, std::int64_t ageSeconds = 0)
 {
-    ZEVO_BANDWIDTH_STATUS status = Record(number);
-    status.timestamp -= ageSeconds;
-    return ZEVOBandwidthStatusSave(kUid, nullptr, &status) == 0;
+    ZEVO_BANDWIDTH_STATUS status = AlicesUpload(getpid(), std::time(nullptr) - ageSeconds);
+    status.current_speed = number;
+    status.expect_speed = 1'000;
+    std::strcpy(status.filename, "/volume1/a file");
+    return ZEVOBandwidthStatusSave(kAlice, nullptr, &status) == 0;
 }
 
 // The number that stands in the own section; 0 when there is none.
 std::uint64_t Saved()
 {
     ZEVO_BANDWIDTH_STATUS status = {};
-    if (ZEVOBandwidthStatusGet(ZEVO_BW_OWNER_USER, kUid, ZEVO_BW_TRANSFER_UPLOAD, &status) < 0)
+    if (ZEVOBandwidthStatusGet(ZEVO_BW_OWNER_USER, kAlice, ZEVO_BW_TRANSFER_UPLOAD, &status) < 0)
         return 0;
     return status.current_speed;
 }
@@ -80,8 +57,8 @@ template <class Scenario> void RunAt(Place place, const Options &options, Scenar
     const Directory directory(place == Place::kDisk ? options.disk : "/tmp");
     fs::permissions(directory.path(), fs::perms{0777});
     RunWorkers(1, [&](int) {
-        fs::create_directories(kDirectory);
-        Cover(kDirectory, directory.path());
+        fs::create_directories(kStatusDirectory);
+        Cover(kStatusDirectory, directory.path());
         scenario();
     });
 }
@@ -131,16 +108,14 @@ constexpr Losses kLosses[] = {
 std::uint64_t WriteAndLook(const Losses &losses, Row &row, const Budget &budget, Random &random)
 {
     std::uint64_t lost = 0;
-    SleepUs(static_cast<std::int64_t>(random.Below(static_cast<std::uint64_t>(losses.toUs))));
+    SleepUs(random.UsBelow(losses.toUs));
     for (std::uint64_t number = 1; budget.Allows(row.tried()); ++number) {
         if (number > 1) {
             lost += Saved() != number - 1;
             row.Try();
         }
         const std::int64_t nextUs =
-            NowUs() + losses.fromUs +
-            static_cast<std::int64_t>(
-                random.Below(static_cast<std::uint64_t>(losses.toUs - losses.fromUs) + 1));
+            NowUs() + losses.fromUs + random.UsBelow(losses.toUs - losses.fromUs + 1);
         if (!Save(number)) Die("cannot save");
         SleepUs(nextUs - NowUs());
     }
@@ -170,9 +145,9 @@ void Revive(Row &row, const Budget &budget, Random &random)
 {
     for (std::uint64_t number = 1; budget.Allows(row.tried()); ++number) {
         if (!Save(1'000'000 + number, 100)) Die("cannot save");
-        SleepUs(static_cast<std::int64_t>(random.Below(number % kQuietEach == 0 ? 12'000 : 300)));
+        SleepUs(random.UsBelow(number % kQuietEach == 0 ? 12'000 : 300));
         if (!Save(number)) Die("cannot save");
-        SleepUs(static_cast<std::int64_t>(random.Below(1'000)));
+        SleepUs(random.UsBelow(1'000));
         row.Try();
         if (Saved() == number) continue;
         SleepUs(50'000); // a purge may be putting back what it has taken
@@ -185,23 +160,20 @@ void TryPurges(const Options &options, Table &table, double share)
     Row &row = table.Add("fresh saves beside purging readers, tmpfs, purged");
     const Budget budget(options, share, 300, 50'000);
     RunAt(Place::kMemory, options, [&] {
-        std::vector<pid_t> readers;
+        Children readers;
         for (int i = 0; i < 3; ++i)
-            readers.push_back(Fork([] {
+            readers.Add(Fork([] {
                 for (;;) {
                     ZEVO_BANDWIDTH_STATUS *pList = nullptr;
-                    (void)ZEVOBandwidthStatusGetAll(ZEVO_BW_OWNER_USER, kUid, ZEVO_BW_PROTOCOL_ALL,
-                                                    ZEVO_BW_TRANSFER_ALL, &pList);
+                    (void)ZEVOBandwidthStatusGetAll(ZEVO_BW_OWNER_USER, kAlice,
+                                                    ZEVO_BW_PROTOCOL_ALL, ZEVO_BW_TRANSFER_ALL,
+                                                    &pList);
                     ZEVOBandwidthStatusListFree(&pList);
                 }
                 return 0;
             }));
         Random random(options.seed, 2'000);
         Revive(row, budget, random);
-        for (const pid_t pid : readers) {
-            ::kill(pid, SIGKILL);
-            WaitFor(pid);
-        }
     });
 }
 
@@ -213,15 +185,15 @@ void TryPurges(const Options &options, Table &table, double share)
     for (std::uint64_t number = 1;; ++number) {
         ZEVO_BANDWIDTH_STATUS saved = {};
         saved.active = 1;
-        if (ZEVOBandwidthStatusGet(ZEVO_BW_OWNER_USER, kUid, ZEVO_BW_TRANSFER_UPLOAD, &saved) ==
+        if (ZEVOBandwidthStatusGet(ZEVO_BW_OWNER_USER, kAlice, ZEVO_BW_TRANSFER_UPLOAD, &saved) ==
                 0 &&
             saved.active == 0) {
             const std::string section = SectionOf(getpid());
-            (void)ZEVOBandwidthStatusRemoveSection(kUserFile, section.c_str());
+            (void)ZEVOBandwidthStatusRemoveSection(kAlicesFile, section.c_str());
             ::_exit(0);
         }
         if (!Save(number)) ::_exit(1);
-        SleepUs(2'000 + static_cast<std::int64_t>(random.Below(3'000)));
+        SleepUs(2'000 + random.UsBelow(3'000));
     }
 }
 
@@ -230,9 +202,8 @@ int Tool(const std::string &pid, const char *szSeconds)
     const char *const szTool = std::getenv("ZEVOBW_TOOL");
     if (szTool == nullptr) Die("ZEVOBW_TOOL does not name the tool");
     return WaitFor(Fork([&] {
-        const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-        ::dup2(nowhere, STDOUT_FILENO);
-        ::dup2(nowhere, STDERR_FILENO);
+        for (std::FILE *const pStream : {stdout, stderr})
+            if (std::freopen("/dev/null", "w", pStream) == nullptr) return 126;
         ::execl(szTool, szTool, "stop", "-u", kUserName, "--pid", pid.c_str(), "--wait", szSeconds,
                 nullptr);
         return 127;
@@ -253,7 +224,7 @@ void TryStop(Row &row, const char *szSeconds, Random &random)
 {
     const std::uint64_t stream = random.Below(UINT32_MAX);
     const pid_t pid = Fork([&]() -> int { SaveUntilStopped(Random(stream, 0)); });
-    while (ReadFile(kUserFile).find("[" + SectionOf(pid) + "]") == std::string::npos)
+    while (ReadFile(kAlicesFile).find("[" + SectionOf(pid) + "]") == std::string::npos)
         SleepUs(1'000);
     const int status = Tool(std::to_string(pid), szSeconds);
     row.Try();
@@ -261,8 +232,7 @@ void TryStop(Row &row, const char *szSeconds, Random &random)
     if (status != 0) row.Violate("stop --wait %s ended with %d", szSeconds, status);
     if (HasEnded(pid, 2 * kUsPerSecond)) return;
     row.Violate("the transfer goes on after stop --wait %s", szSeconds);
-    ::kill(pid, SIGKILL);
-    WaitFor(pid);
+    (void)Kill(pid);
 }
 
 void TryStops(const Options &options, Table &table, double share)
@@ -270,18 +240,14 @@ void TryStops(const Options &options, Table &table, double share)
     Row &row = table.Add("stops beside 8 writers every 2 to 5 ms, tmpfs, undone");
     const Budget budget(options, share, 4, 1'000);
     RunAt(Place::kMemory, options, [&] {
-        std::vector<pid_t> writers;
+        Children writers;
         for (int i = 0; i < 8; ++i)
-            writers.push_back(Fork([&, i]() -> int {
+            writers.Add(Fork([&, i]() -> int {
                 SaveUntilStopped(Random(options.seed, 3'000 + static_cast<std::uint64_t>(i)));
             }));
         Random random(options.seed, 3'100);
         while (budget.Allows(row.tried()))
             TryStop(row, row.tried() % 2 == 0 ? "10" : "0", random);
-        for (const pid_t pid : writers) {
-            ::kill(pid, SIGKILL);
-            WaitFor(pid);
-        }
     });
 }
 

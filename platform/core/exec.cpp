@@ -1,5 +1,6 @@
 // Running a program as a child of the host. Of the host only its environment reaches the program. A
 // host that reaps all its children may take the exit status away, see zevocore.h.
+#include <cerrno>
 #include <csignal>
 #include <initializer_list>
 
@@ -65,7 +66,8 @@ private:
 int ResultOf(pid_t pid) noexcept
 {
     int status = 0;
-    if (RetryInterrupted([&] { return ::waitpid(pid, &status, 0); }) < 0) return 0;
+    if (RetryInterrupted([&] { return ::waitpid(pid, &status, 0); }) < 0)
+        return errno == ECHILD ? 0 : ZEVO_FAIL(kCannotOpen);
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 

@@ -26,6 +26,9 @@ struct Site {
     int line;
 };
 
+// Logs the place and the text, at most 1 KiB, with what is not printable ASCII escaped.
+void LogLine(Site site, const char *szFormat, ...) noexcept __attribute__((format(printf, 2, 3)));
+
 inline void Record(unsigned code, Site site) noexcept
 {
     ::VLIBCErrSetEx(code, site.szFile, site.line);
@@ -64,8 +67,7 @@ public:
     {
         if (pCurrent == nullptr || pCurrent->linesLeft_-- > 0) return true;
         if (pCurrent->linesLeft_ == -1)
-            WriteLog(LOG_ERR, "%s:%d Too much to log about [%s], the rest is left out", site.szFile,
-                     site.line, pCurrent->szFile_);
+            LogLine(site, "Too much to log about [%s], the rest is left out", pCurrent->szFile_);
         return false;
     }
     static bool MaySearch(const char *szPattern) noexcept
@@ -130,8 +132,7 @@ inline bool MayLog(Site site) noexcept
 #define BW_HERE (::bandwidth::Site{__FILE_NAME__, __LINE__})
 
 #define BW_LOG_AT(site, fmt, ...)                                                                  \
-    (::bandwidth::MayLog(site) ? ::bandwidth::WriteLog(LOG_ERR, "%s:%d " fmt, (site).szFile,       \
-                                                       (site).line __VA_OPT__(, ) __VA_ARGS__)     \
+    (::bandwidth::MayLog(site) ? ::bandwidth::LogLine((site), fmt __VA_OPT__(, ) __VA_ARGS__)      \
                                : void())
 #define BW_LOG(fmt, ...) BW_LOG_AT(BW_HERE, fmt __VA_OPT__(, ) __VA_ARGS__)
 
