@@ -38,10 +38,11 @@ public:
         return kNoFault;
     }
 
-    // For who writes into the block itself: room() bytes from end() on, then Grow().
+    // For a caller that writes into the block itself: Reserve(), at most freeBytes() bytes from end()
+    // on, then Grow().
     Fault Reserve(size_t cbMore) noexcept
     {
-        if (room() >= cbMore) return kNoFault;
+        if (freeBytes() >= cbMore) return kNoFault;
         constexpr size_t kFirstBytes = 1000; // holds the sections of a few transfers
         size_t cbWanted = capacity_ == 0 ? kFirstBytes : capacity_ * 2;
         if (cbWanted < size_ + cbMore) cbWanted = size_ + cbMore;
@@ -53,7 +54,7 @@ public:
     }
     char *begin() noexcept { return data_; }
     char *end() noexcept { return data_ + size_; }
-    size_t room() const noexcept { return capacity_ - size_; }
+    size_t freeBytes() const noexcept { return capacity_ - size_; }
     void Grow(size_t cb) noexcept { size_ += cb; }
 
 private:

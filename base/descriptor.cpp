@@ -56,8 +56,9 @@ bool Place::LeadsTo(const struct stat &opened) const noexcept
     return FindsSame(*this, opened, now);
 }
 
-// The kernel follows the path first and counts the names then. In between somebody may remove a name
-// that lies elsewhere, so a count of 1 is believed only when a second look says it again.
+// The kernel follows the path first and reads the count afterwards. When somebody takes this name away
+// in between, a count of 1 means a name elsewhere. So 1 is believed only when a second look finds the
+// file here, too.
 nlink_t Place::CountNames(const struct stat &opened) const noexcept
 {
     struct stat now = {};

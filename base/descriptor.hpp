@@ -16,7 +16,8 @@ constexpr size_t kPathBytes = 4096;                // with the NUL
 // A larger file is neither read nor written: it would hold 23 000 transfers, or as many rules.
 constexpr size_t kMaxFileBytes = size_t{8} << 20;
 
-// A descriptor of ours: closed on exec, and never 0 to 2, which a host may have closed.
+// A descriptor of ours: closed on exec, and above 2. In a host that has closed its standard streams
+// other code would read and write our file as one of them.
 class Fd {
 public:
     Fd() noexcept = default;

@@ -28,11 +28,11 @@ Fault RegularFile::ReadWhole(Bytes &bytes) const noexcept
         const size_t cbMissing = cbFile < cbExpected ? cbExpected - cbFile : 0;
         if (const Fault fault = bytes.Reserve(cbMissing + 1)) return fault;
         const ssize_t cbRead = RetryInterrupted([&] {
-            return ::pread(fd_.get(), bytes.end(), bytes.room(), static_cast<off_t>(cbFile));
+            return ::pread(fd_.get(), bytes.end(), bytes.freeBytes(), static_cast<off_t>(cbFile));
         });
         if (cbRead < 0) return kCannotRead;
         bytes.Grow(static_cast<size_t>(cbRead));
-        if (cbRead == 0 || (bytes.room() > 0 && bytes.size() - begin >= cbExpected))
+        if (cbRead == 0 || (bytes.freeBytes() > 0 && bytes.size() - begin >= cbExpected))
             return kNoFault;
     }
     errno = EFBIG; // it has grown since it was opened

@@ -10,7 +10,7 @@ namespace zevo {
 
 class RegularFile {
 public:
-    // flags: O_RDONLY or O_RDWR, with O_APPEND or without; never makes or cuts a file.
+    // flags: O_RDONLY or O_RDWR, with O_APPEND or without; never creates or truncates a file.
     RegularFile(const Place &place, int flags) noexcept;
 
     // kCannotOpen, also for what is no regular file or too large, or kCannotStat.
@@ -21,9 +21,9 @@ public:
     // Appends the whole file to the bytes, up to where it ends by now.
     Fault ReadWhole(Bytes &bytes) const noexcept;
 
-    // Whether nobody has replaced the file, which takes a name from it, or appended to the cbKnown
-    // bytes that were read. Does not see that the file was moved away; a look at the path would, and
-    // costs more.
+    // Whether the file still has its names and its size, the cbKnown bytes that were read: replacing
+    // it takes a name away, appending makes it longer. Does not see that the file was moved away; a
+    // look at the path would, and costs more.
     bool IsUnchanged(size_t cbKnown) const noexcept;
 
 private:

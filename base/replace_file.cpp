@@ -45,12 +45,13 @@ void TurnFile::TakeTurn(TurnWait &wait) noexcept
 
 namespace {
 
-// Waiting for the disk takes long. Where writers meet, each would wait for all others and be beaten
-// in the end: there the data are on their way before the rename, and waited for after it.
-Fault Fill(TempFile &temp, Pieces &text, mode_t mode, bool isMeeting) noexcept
+// Waiting for the disk takes long. Where several writers rewrite the file, a writer that waits before
+// its rename is overtaken by another one each time. There it only starts writing the data to the disk,
+// and waits for that after the rename.
+Fault Fill(TempFile &temp, Pieces &text, mode_t mode, bool isContended) noexcept
 {
     if (const Fault fault = temp.Write(text)) return fault;
-    if (isMeeting) {
+    if (isContended) {
         temp.StartSync();
     } else if (const Fault fault = temp.Sync()) {
         return fault;
@@ -78,20 +79,20 @@ Change ReplaceFile(const char *szPath, Composer &composer, TurnWait &wait,
 
         TempFile temp(place);
         if (temp.fault()) return {temp.fault()};
-        const bool isMeeting = attempt > 0 || wait.waitedUs() != 0;
+        const bool isContended = attempt > 0 || wait.waitedUs() != 0;
         const mode_t mode = in.stat().st_mode & kPermissionBits;
-        if (const Fault fault = Fill(temp, newText, mode, isMeeting)) return {fault};
+        if (const Fault fault = Fill(temp, newText, mode, isContended)) return {fault};
 
         const bool isBeaten = !in.IsUnchanged(oldText.size());
         const bool isLast = attempt == kMaxRetries;
         if (isBeaten && !isLast) continue;
         if (isBeaten && ifBeaten == IfBeaten::kGiveUp) return {};
         if (const Fault fault = temp.Replace()) {
-            // Somebody has removed the temporary file: whoever may write the directory may do that.
+            // Any writer of the directory can have removed the temporary file.
             if (errno == ENOENT && !isLast) continue;
             return {fault};
         }
-        if (isMeeting) (void)temp.Sync(); // the file stands: there is no failure to report
+        if (isContended) (void)temp.Sync(); // the new file is in place: nothing failed
         return {kNoFault, true};
     }
 }

@@ -20,7 +20,7 @@ constexpr int kMaxRetries = 5; // of a writer that is beaten
 // How long one writer has waited for all its turns: 25 ms at most.
 class TurnWait {
 public:
-    // Sleeps a little; false, at once, when that was enough.
+    // Sleeps a little. Returns false, without sleeping, when the 25 ms are used up.
     bool Sleep() noexcept;
     long waitedUs() const noexcept { return waitedUs_; }
 
@@ -52,7 +52,7 @@ struct [[nodiscard]] Change {
 class Composer {
 public:
     // Puts the new text together, of pieces of the old one and of what outlives the rewrite. Called
-    // again when the rewrite starts over. No change: the file stays as it is.
+    // again when the rewrite starts over. Without a change the file stays as it is.
     virtual Change Compose(std::string_view oldText, Pieces &newText) noexcept = 0;
 
 protected:

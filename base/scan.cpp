@@ -1,5 +1,5 @@
-// The word is searched by one of its bytes: a mark, if it has one, for letters and digits are
-// everywhere. A block of 64 bytes is compared with that byte at once.
+// Searches for one byte of the word, in blocks of 64 bytes, and compares the word only where that byte
+// stands. A mark, neither letter nor digit, serves best: a status file has few of each.
 #include "scan.hpp"
 
 #include <algorithm>

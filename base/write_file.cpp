@@ -12,16 +12,16 @@ namespace {
 
 constexpr int kMaxNames = 100; // tried for one temporary file
 
-// Writes the pieces, whose addresses and lengths are used up.
+// Writes all pieces. Their addresses and lengths count down and are of no use afterwards.
 Fault WritePieces(int fd, struct iovec *pPiece, size_t count) noexcept
 {
     if (count == 0) return kNoFault;
     const FileSizeScope limit;
     while (count > 0) {
-        const int most = static_cast<int>(std::min(count, size_t{IOV_MAX}));
+        const int nNow = static_cast<int>(std::min(count, size_t{IOV_MAX}));
         const ssize_t cb = RetryInterrupted([&] {
-            return most == 1 ? ::write(fd, pPiece->iov_base, pPiece->iov_len)
-                             : ::writev(fd, pPiece, most);
+            return nNow == 1 ? ::write(fd, pPiece->iov_base, pPiece->iov_len)
+                             : ::writev(fd, pPiece, nNow);
         });
         if (cb <= 0) return kCannotWrite;
         size_t cbWritten = static_cast<size_t>(cb);
@@ -90,7 +90,7 @@ void TempFile::Make(uint64_t number) noexcept
     char letters[kLettersUsed + 1] = {};
     for (int i = 0; i < kLettersUsed; ++i, number /= kCount)
         letters[i] = kLetters[number % kCount];
-    // Of a name that fills the room its end is left out.
+    // A name that leaves no room for the dot and the letters loses its end.
     constexpr int kMaxKept = NAME_MAX - 1 - kLettersUsed;
     (void)std::snprintf(szName_, sizeof(szName_), "%.*s.%s", kMaxKept, place_.name(), letters);
     const int fd = RetryInterrupted([&] {
@@ -152,7 +152,7 @@ Fault TempFile::TakeFreeName() noexcept
 Fault RenameUnlessTaken(int dirFd, const char *szFrom, const char *szTo) noexcept
 {
     if (::renameat2(dirFd, szFrom, dirFd, szTo, RENAME_NOREPLACE) == 0) return kNoFault;
-    // A file system that cannot do this, as those of other machines, can link.
+    // Some file systems, such as those of other machines, cannot do this but can link files.
     if (errno != EINVAL || ::linkat(dirFd, szFrom, dirFd, szTo, 0) < 0) return kCannotRename;
     const KeepErrno keep;
     ::unlinkat(dirFd, szFrom, 0);

@@ -384,8 +384,7 @@ ZEVO_BW_API int ZEVOBandwidthEnumToValue(const ZEVO_BW_ENUM_ENTRY *enum_list,
  * @param cbProtocol  size of szProtocol in bytes
  * @return            1 with the name (it may be empty), -1 on failure
  * Errors:  0x0D00; 0x0600 no such file; 0xA300 several files; 0xBE00 a malformed name.
- * Threads: any. An atomic flag guards the remembered names. No thread waits for it, so that the
- *          child of a fork never blocks: while another thread holds it, the directory is searched.
+ * Threads: any. No thread waits for another one, and neither does the child of a fork.
  */
 ZEVO_BW_API int ZEVOBandwidthEnumToNameAddon(int32_t iProtocol, char *szProtocol,
                                              size_t cbProtocol) ZEVO_BW_NOEXCEPT;
@@ -624,8 +623,9 @@ ZEVO_BW_API void ZEVOBandwidthConfigFree(ZEVO_BANDWIDTH_CONFIG *pConfig) ZEVO_BW
  * @param uid               user
  * @param pGlobalConf       the policy; its protocolType and userGroupPolicy are used
  * @param ppLimit           out: a new array, or NULL when there is no rule; unchanged on failure
- * @param pblUserConfExist  out: 1 when the user's own rule is in the list, else 0
- * @param pblGroupConfExist out: 1 when a group's rule is in the list, else 0
+ * @param pblUserConfExist  out: 1 when the user's own rule is in the list, else 0; changed also on
+ *                          failure
+ * @param pblGroupConfExist out: 1 when a group's rule is in the list, else 0; 0 on failure
  * @return                  number of entries, or -1 on failure
  * Errors:    0x0D00, 0x0200, 0x4000; otherwise the platform's.
  * Ownership: the caller releases *ppLimit with free(), or through ZEVOBandwidthConfigFree().
@@ -814,7 +814,7 @@ ZEVO_BW_API int ZEVOBandwidthStatusRemoveSection(const char *szFile,
  * @param szSection  process and direction, "4711-1" for an upload of process 4711
  * @param pHash      string hash with the keys and values
  * @return           1 written, 0 already there, -1 on failure; a failed write may leave a part
- * Errors:  0x0D00 (not logged), 0x0200, 0x0900, 0x0B00; none when reading fails.
+ * Errors:  0x0D00 (not logged), 0x0200, 0x0900, 0x0B00, 0x2700, 0x2800; none when reading fails.
  * Threads: as ZEVOBandwidthStatusSetSection().
  */
 ZEVO_BW_API int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
@@ -884,7 +884,8 @@ ZEVO_BW_API void ZEVOBandwidthStatusListFree(ZEVO_BANDWIDTH_STATUS **pStatusList
  * @param id             the owner's uid or gid
  * @param pid            process that runs the transfer; (pid_t)-1 is refused
  * @param transfer_type  upload or download; ZEVO_BW_TRANSFER_ALL is refused
- * @param pStatus        out: the record; a field whose key the section lacks is left unchanged
+ * @param pStatus        out: the record; a field whose key the section lacks is left unchanged. A
+ *                       malformed number is a failure, after which it may be partly filled.
  * @return               0, or -1 on failure and when there is no such section
  * Errors:  0x0D00, 0x4000, or the platform's; none of its own when the file or section is missing.
  */
@@ -897,7 +898,8 @@ ZEVO_BW_API int ZEVOBandwidthIStatusGet(int32_t owner_type, uint32_t id, pid_t p
  * @param owner_type     ZEVO_BW_OWNER_USER or ZEVO_BW_OWNER_GROUP
  * @param id             the owner's uid or gid
  * @param transfer_type  upload or download; ZEVO_BW_TRANSFER_ALL is refused
- * @param pStatus        out: the record; a field whose key the section lacks is left unchanged
+ * @param pStatus        out: the record; a field whose key the section lacks is left unchanged. A
+ *                       malformed number is a failure, after which it may be partly filled.
  * @return               0, or -1 on failure and when there is no such section
  * Errors:  as ZEVOBandwidthIStatusGet().
  */
@@ -950,10 +952,10 @@ ZEVO_BW_API int ZEVOBandwidthStatusRemove(const ZEVO_BANDWIDTH_CONFIG *pConfig,
 /**
  * Removes the calling process's sections from the status files of some groups.
  * @param pOccGroups     group ids
- * @param iOccGroups     number of ids
+ * @param iOccGroups     number of ids; 0 or less removes nothing
  * @param transfer_mask  1 upload, 2 download, 3 both
  * @return               0, or -1 on failure
- * Errors:  0x0D00; otherwise as ZEVOBandwidthStatusRemoveSection().
+ * Errors:  as ZEVOBandwidthStatusRemoveSection().
  */
 ZEVO_BW_API int ZEVOBandwidthStatusRemoveByOccGroups(const uint32_t *pOccGroups, int32_t iOccGroups,
                                                      uint32_t transfer_mask) ZEVO_BW_NOEXCEPT;

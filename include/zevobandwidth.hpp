@@ -473,7 +473,7 @@ public:
         std::uint64_t bps = ConfiguredBps().value();
         if (ZEVOBandwidthIsLessThan(AllowedBps(), bps) == 1) bps = AllowedBps();
         if (bps == 0) return wanted;
-        const std::uint64_t most = std::min(bps, UINT64_MAX / kMostSeconds) * kMostSeconds;
+        const std::uint64_t most = std::min(bps, UINT64_MAX / kMaxSeconds) * kMaxSeconds;
         return std::min(wanted, most);
     }
 
@@ -585,7 +585,7 @@ public:
     }
 
 private:
-    static constexpr std::uint64_t kMostSeconds = 5;
+    static constexpr std::uint64_t kMaxSeconds = 5;
 
     static Result<Transfer> Register(Transfer &begun, std::int32_t direction,
                                      const char *szFileName) noexcept

@@ -1,4 +1,4 @@
-// The effective configuration of a user: gathering it, evaluating it at a moment, letting it go.
+// The effective configuration of a user: gathering it, evaluating it at a moment, releasing it.
 
 #include "internal/frame.hpp"
 #include "internal/guard.hpp"
@@ -14,14 +14,14 @@ namespace {
 
 constexpr size_t kHoursPerDay = 24;
 
-// The index into a schedule plan that governs a moment; timeUs 0 is now.
+// The index of a moment in a plan; timeUs 0 is now.
 size_t PlanIndex(int64_t timeUs) noexcept
 {
     const time_t seconds = timeUs == 0
                                ? std::time(nullptr)
                                : static_cast<time_t>(timeUs / static_cast<int64_t>(kUsPerSecond));
     struct tm local = {};
-    (void)::localtime_r(&seconds, &local); // a year beyond all calendars reads as Sunday, midnight
+    (void)::localtime_r(&seconds, &local); // fails only for absurd years: Sunday, midnight
     return static_cast<size_t>(local.tm_wday) * kHoursPerDay + static_cast<size_t>(local.tm_hour);
 }
 
@@ -68,7 +68,7 @@ int ZEVOBandwidthConfigGet(uint32_t uid, int32_t protocol_type,
                                      &pConfig->blUserConfExist, &pConfig->blGroupConfExist);
         if (pConfig->iLimit < 0) return BW_PASS("ZEVOBandwidthLimitGet failed. uid:[%u] ", uid);
     }
-    (void)::ZEVOBandwidthInitConfig(pConfig, 0); // says whether there is a schedule, no more
+    (void)::ZEVOBandwidthInitConfig(pConfig, 0); // the result only says whether there is a plan
     return 0;
 }
 

@@ -2,7 +2,7 @@
 // file in the add-on directory whose name carries all that counts here: NAME_NUMBER.json. The file
 // is never opened.
 //
-// What a search found is remembered for the life of the process, one memory for each direction.
+// What a search found is remembered for the life of the process, in a list for each direction.
 
 #include "internal/enum.hpp"
 
@@ -90,8 +90,8 @@ private:
     const int result_;
 };
 
-// Whether a name matched the file by its letters. A pattern that matched is answered but not
-// remembered: strangers write the names in status files, and patterns are endless.
+// Whether the file was found by its own name. A name with wildcards finds files, too, but is not
+// remembered: strangers write the names in status files, and could think of ever new ones.
 bool IsLiteral(const char *szName, const char *szPath) noexcept
 {
     const char *const szFile = std::strrchr(szPath, '/') + 1;

@@ -7,76 +7,59 @@
 #include "internal/speed.hpp"
 #include "internal/status_walk.hpp"
 
+#include "base/bytes.hpp"
+
 #include <algorithm>
-#include <cstddef>
-#include <cstring>
 
 using namespace bandwidth;
 
 namespace {
 
-// The users whose transfers a walk has seen. Each run of one user's records is one number: the uid in
-// the upper half, then the place in the walk, and in the lowest bit whether the run's last record
-// counts.
-class Users {
+// The other users whose transfers a walk has seen. Records of one user that follow each other are one
+// run. A run is one number, so that runs can be sorted: the uid in the upper half, then the run's
+// place in the walk, and in the lowest bit whether the run's last record counts.
+class OtherUsers {
 public:
-    ~Users()
-    {
-        const zevo::KeepErrno keep;
-        std::free(pRuns_);
-    }
-    Users() noexcept = default;
-    Users(const Users &) = delete;
-    Users &operator=(const Users &) = delete;
-
     // false without memory.
     bool Note(uint32_t uid, bool counts) noexcept
     {
-        const bool isSameAgain = nRuns_ > 0 && pRuns_[nRuns_ - 1] >> kUidShift == uid;
-        if (!isSameAgain && nRuns_ == nRoom_ && !Widen()) return false;
-        if (!isSameAgain) ++nRuns_;
-        pRuns_[nRuns_ - 1] = uint64_t{uid} << kUidShift | uint64_t{nRuns_} << 1 | (counts ? 1 : 0);
+        const bool isNew = nRuns() == 0 || UidOf(runs()[nRuns() - 1]) != uid;
+        if (isNew && runs_.Reserve(sizeof(uint64_t))) return false;
+        if (isNew) runs_.Grow(sizeof(uint64_t));
+        runs()[nRuns() - 1] = uint64_t{uid} << kUidShift | nRuns() << 1 | (counts ? 1 : 0);
         return true;
     }
-    // A user counts if the last of its records does: in the list of the transfers, which begins with
-    // the last of the file, that one is the user's first.
+    // A user counts if the user's last record does: a list of transfers begins with the last one of
+    // the file, and of each user its first record decides.
     uint64_t Count() noexcept
     {
-        std::sort(pRuns_, pRuns_ + nRuns_);
+        std::sort(runs(), runs() + nRuns());
         uint64_t count = 0;
-        for (size_t i = 0; i < nRuns_; ++i)
-            if (i + 1 == nRuns_ || pRuns_[i] >> kUidShift != pRuns_[i + 1] >> kUidShift)
-                count += pRuns_[i] & 1;
+        for (size_t i = 0; i < nRuns(); ++i)
+            if (i + 1 == nRuns() || UidOf(runs()[i]) != UidOf(runs()[i + 1]))
+                count += runs()[i] & 1;
         return count;
     }
 
 private:
     static constexpr int kUidShift = 32;
 
-    bool Widen() noexcept
-    {
-        const size_t nRoom = nRoom_ == 0 ? 256 : nRoom_ * 2;
-        void *const pWider = std::realloc(pRuns_, nRoom * sizeof(pRuns_[0]));
-        if (pWider == nullptr) return false;
-        pRuns_ = static_cast<uint64_t *>(pWider);
-        nRoom_ = nRoom;
-        return true;
-    }
+    static uint64_t UidOf(uint64_t run) noexcept { return run >> kUidShift; }
+    uint64_t *runs() noexcept { return reinterpret_cast<uint64_t *>(runs_.begin()); }
+    size_t nRuns() const noexcept { return runs_.size() / sizeof(uint64_t); }
 
-    uint64_t *pRuns_ = nullptr;
-    size_t nRuns_ = 0;
-    size_t nRoom_ = 0;
+    zevo::Bytes runs_; // of uint64_t
 };
 
-// The other transfers under the rule.
-class Others final : public StatusVisitor {
+// Counts the other transfers under the rule, and what they use of its rate.
+class OtherTransfers final : public StatusVisitor {
 public:
-    Others(uint32_t uid, pid_t pid, uint64_t rateBps) noexcept
+    OtherTransfers(uint32_t uid, pid_t pid, uint64_t rateBps) noexcept
         : uid_(uid), pid_(pid), rateBps_(rateBps), remainingBps_(rateBps)
     {
     }
 
-    // The same record for all. Nobody looks at its file name, which is most of it.
+    // The same record for all: only Visit() looks at it, and never at its file name.
     ZEVO_BANDWIDTH_STATUS *NextRecord() noexcept override
     {
         ClearButName(record_);
@@ -104,7 +87,7 @@ private:
     const uint64_t rateBps_;
     uint64_t remainingBps_;
     uint64_t sameUser_ = 1;
-    Users users_;
+    OtherUsers users_;
     ZEVO_BANDWIDTH_STATUS record_ = {};
 };
 
@@ -124,7 +107,7 @@ int ZEVOBandwidthExpectSpeedEstimate(uint32_t uid, const ZEVO_BANDWIDTH_CONF *pC
         *pMaxSpeedBps = 0;
         return 0;
     }
-    Others others(uid, pid, rateBps);
+    OtherTransfers others(uid, pid, rateBps);
     if (WalkStatuses(pConf->ownerType, pConf->id, pConf->protocolType,
                      static_cast<uint32_t>(transfer_type), others) < 0)
         return BW_PASS("ZEVOBandwidthStatusGetAll failed. id:[%u] ", pConf->id);

@@ -1,6 +1,5 @@
 // Notices that limits have changed: sending them to the services that run transfers, and what a
-// transfer does with one. Nothing is locked and nothing kept; the senders run in the tool's
-// process.
+// transfer does with one. Nothing is locked and nothing is kept between calls.
 
 #include "internal/frame.hpp"
 #include "internal/guard.hpp"
@@ -60,7 +59,8 @@ bool IsDocuhallWorker(const char *szWord) noexcept
     return false;
 }
 
-// Whether a limit still falls to the transfer. Where that cannot be told it stays registered.
+// Whether the transfer is still limited; also when that cannot be worked out, so that it stays
+// registered.
 bool StaysLimited(ZEVO_BANDWIDTH_CONFIG &config, int32_t transferType) noexcept
 {
     if (config.globalConf.currentState == ZEVO_BW_STATE_DISABLED) return false;

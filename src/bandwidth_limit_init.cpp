@@ -1,5 +1,5 @@
-// Gathering the rules that apply to a user: the user's own and, unless the policy is user-only, those
-// of every group that the user belongs to.
+// Gathering the rules that can apply to a user: the user's own and, unless the policy is user-only,
+// those of every group that the user belongs to.
 
 #include "internal/frame.hpp"
 #include "internal/group.hpp"

@@ -27,7 +27,7 @@ void NoteHup(int)
     hupReceived = 1;
 }
 
-// No flags, as every receiver of notices sets its handler.
+// Without SA_RESTART, as the services that receive notices install theirs.
 void CatchHup() noexcept
 {
     struct sigaction action = {};

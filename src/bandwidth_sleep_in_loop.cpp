@@ -24,7 +24,7 @@ namespace {
 std::atomic<uint64_t> lastScheduleCheckUs{0};
 
 // The groups that the transfer is charged to under the configured rates.
-struct OccupiedGroups {
+struct ChargedGroups {
     uint32_t ids[ZEVO_BW_MOST_OCC_GROUPS];
     int32_t count = 0;
 };
@@ -51,8 +51,8 @@ bool IsLimited(const ZEVO_BANDWIDTH_CONFIG &config) noexcept
            ::ZEVOBandwidthIsUserGroupLimitEnable(&config) == 1;
 }
 
-// Evaluates the plans when the hour of the day is another than at the last look, which may have
-// been a whole day ago. false: they switch the limits off now.
+// Evaluates the plans unless the last look was in the same hour, if only of another day. false when
+// they switch the limits off now.
 bool StaysLimitedBySchedule(ZEVO_BANDWIDTH_CONFIG &config, uint64_t nowUs) noexcept
 {
     if (!HasSchedule(config)) return true;
@@ -62,8 +62,8 @@ bool StaysLimitedBySchedule(ZEVO_BANDWIDTH_CONFIG &config, uint64_t nowUs) noexc
     return IsLimited(config);
 }
 
-// Sleeps the block down to its speed. false when a signal cut the sleep short.
-bool SleepOff(int64_t sleepUs) noexcept
+// false when a signal cut the sleep short.
+bool Sleep(int64_t sleepUs) noexcept
 {
     if (sleepUs <= 0) return true;
     if (::usleep(static_cast<useconds_t>(sleepUs)) == 0) return true;
@@ -85,7 +85,7 @@ bool IsStopped(const ZEVO_BANDWIDTH_STATUS &status) noexcept
 // The speed that the transfer may have, and the groups that are charged before sharing changes the
 // weights: 1, 0 when no limit applies to it, -1 on failure.
 int EstimateSpeed(ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STATUS *pStatus,
-                  OccupiedGroups &groups) noexcept
+                  ChargedGroups &groups) noexcept
 {
     const int32_t transferType = static_cast<int32_t>(pStatus->transfer_type);
     if (::ZEVOBandwidthExpectSpeedEstimateByPolicy(transferType, pConfig, &pStatus->expect_speed,
@@ -104,8 +104,8 @@ int EstimateSpeed(ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STATUS *pStatus
 uint64_t Throttle(uint64_t bytes, uint64_t nowUs, uint64_t lastUs,
                   ZEVO_BANDWIDTH_STATUS &status) noexcept
 {
-    const bool slept = SleepOff(::ZEVOBandwidthSleepEstimate(static_cast<int64_t>(nowUs - lastUs),
-                                                             bytes, status.expect_speed));
+    const bool slept = Sleep(::ZEVOBandwidthSleepEstimate(static_cast<int64_t>(nowUs - lastUs),
+                                                          bytes, status.expect_speed));
     const uint64_t endUs = ::ZEVOBandwidthCurrTimeGet();
     status.timestamp = std::time(nullptr);
     // A notice cut the sleep short: the time that passed says nothing about the speed, so the
@@ -116,20 +116,20 @@ uint64_t Throttle(uint64_t bytes, uint64_t nowUs, uint64_t lastUs,
     return endUs;
 }
 
-int RemoveCopies(const OccupiedGroups &groups, const ZEVO_BANDWIDTH_STATUS &status) noexcept
+int RemoveCopies(const ChargedGroups &groups, const ZEVO_BANDWIDTH_STATUS &status) noexcept
 {
     if (groups.count == 0) return 0;
     return ::ZEVOBandwidthStatusRemoveByOccGroups(groups.ids, groups.count, status.transfer_type);
 }
 
 // Removes the copies after a failure, which stays in the error slot; false when that fails, too.
-bool CleanUpCopies(const OccupiedGroups &groups, const ZEVO_BANDWIDTH_STATUS &status) noexcept
+bool CleanUpCopies(const ChargedGroups &groups, const ZEVO_BANDWIDTH_STATUS &status) noexcept
 {
     const CleanUpScope cleanUp;
     return RemoveCopies(groups, status) == 0;
 }
 
-int Stop(const OccupiedGroups &groups, const ZEVO_BANDWIDTH_STATUS &status) noexcept
+int Stop(const ChargedGroups &groups, const ZEVO_BANDWIDTH_STATUS &status) noexcept
 {
     (void)CleanUpCopies(groups, status); // a copy that cannot be removed becomes stale
     return BW_FAIL(ZEVO_BW_ERROR_STOPPED);
@@ -137,7 +137,7 @@ int Stop(const OccupiedGroups &groups, const ZEVO_BANDWIDTH_STATUS &status) noex
 
 // The copies should have been removed before the save. When they cannot be, their file is what the
 // save failed for.
-int FailSave(const OccupiedGroups &groups, const ZEVO_BANDWIDTH_STATUS &status) noexcept
+int FailSave(const ChargedGroups &groups, const ZEVO_BANDWIDTH_STATUS &status) noexcept
 {
     if (!CleanUpCopies(groups, status))
         return BW_PASS("ZEVOBandwidthStatusRemove failed. uid:[%u] ", status.id);
@@ -152,12 +152,12 @@ bool IsChargedTo(const ZEVO_BANDWIDTH_CONFIG &config, uint32_t gid) noexcept
 }
 
 // The groups that were charged and have a copy which the next save does not replace.
-OccupiedGroups NoLongerCharged(const ZEVO_BANDWIDTH_CONFIG &config, const OccupiedGroups &groups,
-                               const ZEVO_BANDWIDTH_STATUS &status) noexcept
+ChargedGroups NoLongerCharged(const ZEVO_BANDWIDTH_CONFIG &config, const ChargedGroups &groups,
+                              const ZEVO_BANDWIDTH_STATUS &status) noexcept
 {
-    // Sections are removed by the number of this process, and saved by that of the record.
+    // A section is removed under the id of this process and saved under that of the record.
     const bool isOurs = status.pid == ::getpid();
-    OccupiedGroups left;
+    ChargedGroups left;
     for (int32_t i = 0; i < groups.count; ++i)
         if (!isOurs || !IsChargedTo(config, groups.ids[i])) left.ids[left.count++] = groups.ids[i];
     return left;
@@ -167,9 +167,9 @@ OccupiedGroups NoLongerCharged(const ZEVO_BANDWIDTH_CONFIG &config, const Occupi
 // of the groups that are no longer charged are removed. A group that is charged again keeps its copy
 // until the save replaces it: meanwhile the other transfers would divide the limit without this one.
 int Publish(const ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STATUS *pStatus,
-            const OccupiedGroups &groups) noexcept
+            const ChargedGroups &groups) noexcept
 {
-    const OccupiedGroups left = NoLongerCharged(*pConfig, groups, *pStatus);
+    const ChargedGroups left = NoLongerCharged(*pConfig, groups, *pStatus);
     if (RemoveCopies(left, *pStatus) < 0)
         return BW_PASS("ZEVOBandwidthStatusRemove failed. uid:[%u] ", pStatus->id);
     if (IsStopped(*pStatus)) return Stop(groups, *pStatus);
@@ -221,7 +221,7 @@ int ZEVOBandwidthSleepInLoop(ZEVO_BANDWIDTH_CONFIG *pConfig, uint64_t bytes, uin
         return 0;
     }
 
-    OccupiedGroups groups;
+    ChargedGroups groups;
     if (const int limited = EstimateSpeed(pConfig, pStatus, groups); limited <= 0) return limited;
     const uint64_t endUs = Throttle(bytes, nowUs, *pTimeLast, *pStatus);
     pStatus->progress = progress;

@@ -22,7 +22,7 @@ int64_t AtLeastOne(int64_t elapsedUs) noexcept
 uint64_t ZEVOBandwidthCurrTimeGet(void) noexcept
 {
     struct timeval now = {};
-    (void)::gettimeofday(&now, nullptr); // 0 then
+    (void)::gettimeofday(&now, nullptr); // on failure the time stays 0
     return static_cast<uint64_t>(now.tv_sec) * kUsPerSecond + static_cast<uint64_t>(now.tv_usec);
 }
 

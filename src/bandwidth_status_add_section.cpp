@@ -63,7 +63,7 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
     const CancelScope cancel;
     if (szFile == nullptr || szSection == nullptr || pHash == nullptr)
         return BW_FAIL(ZEVO_BW_ERROR_BAD_ARGUMENT);
-    // O_CREAT on a file that is there fails in a sticky directory, even for root: made apart.
+    // Opening it with O_CREAT would fail in a sticky directory when another user owns it, even for root.
     if (::VLIBCFileExist(szFile) != 1) (void)::VLIBCFileTouch(szFile); // the open below tells
 
     const zevo::Place place(szFile);

@@ -1,8 +1,7 @@
-// Listing the running transfers of one status file, and clearing it on the way: a section that has
-// not been saved for more than 30 seconds belongs to a transfer that died. Every listing removes all
-// stale sections at its end, whatever it looks for. Nothing is locked: others may change the file
-// between any two operations of the platform. A listing hands out records; the expected speed only
-// looks at them, in a walk that keeps none.
+// Listing the running transfers of one status file. A section that has not been saved for more than 30
+// seconds belongs to a process that died: every listing removes all stale sections at its end, whatever
+// it looks for. Nothing is locked: others may change the file between any two operations of the
+// platform.
 
 #include "internal/status_walk.hpp"
 
@@ -48,6 +47,11 @@ public:
 
     int Run() noexcept
     {
+        if (std::strchr(szFile_, '.') != nullptr) {
+            DeleteLeftover(szFile_, now_);
+            return 0;
+        }
+        if (::VLIBCFileExist(szFile_) != 1) return 0;
         Hash hash;
         if (!hash) return BW_PASS_UNLOGGED;
         const StrangersFileScope strangers(szFile_);
@@ -130,29 +134,18 @@ private:
     size_t nStale_ = 0;
 };
 
-int WalkFile(const char *szFile, int64_t now, int32_t protocolMask, uint32_t transferMask,
-             StatusVisitor &visitor) noexcept
-{
-    if (std::strchr(szFile, '.') != nullptr) {
-        DeleteLeftover(szFile, now);
-        return 0;
-    }
-    if (::VLIBCFileExist(szFile) != 1) return 0;
-    return Walk(szFile, now, protocolMask, transferMask, visitor).Run();
-}
-
 // Puts the records into a list, the last one first.
-class Lister final : public StatusVisitor {
+class ListBuilder final : public StatusVisitor {
 public:
-    explicit Lister(bool merge) noexcept : merge_(merge) {}
-    ~Lister() { ::ZEVOBandwidthStatusListFree(&pHead_); }
-    Lister(const Lister &) = delete;
-    Lister &operator=(const Lister &) = delete;
+    explicit ListBuilder(bool merge) noexcept : merge_(merge) {}
+    ~ListBuilder() { ::ZEVOBandwidthStatusListFree(&pHead_); }
+    ListBuilder(const ListBuilder &) = delete;
+    ListBuilder &operator=(const ListBuilder &) = delete;
 
     ZEVO_BANDWIDTH_STATUS *NextRecord() noexcept override
     {
-        isUsed_ = static_cast<bool>(record_); // the last section was not taken
-        if (isUsed_) {
+        isReused_ = static_cast<bool>(record_); // the last section was not taken
+        if (isReused_) {
             ClearButName(*record_);
             record_->filename[0] = '\0';
         } else {
@@ -163,12 +156,13 @@ public:
     }
     bool Visit() noexcept override
     {
-        if (isUsed_) ClearBehindName(*record_);
-        if (ZEVO_BANDWIDTH_STATUS *const pAlike = merge_ ? FindAlike() : nullptr;
-            pAlike != nullptr) {
-            pAlike->current_speed =
-                ::ZEVOBandwidthSum(pAlike->current_speed, record_->current_speed);
-            pAlike->expect_speed = ::ZEVOBandwidthSum(pAlike->expect_speed, record_->expect_speed);
+        if (isReused_) ClearBehindName(*record_);
+        if (ZEVO_BANDWIDTH_STATUS *const pSameKind = merge_ ? FindSameKind() : nullptr;
+            pSameKind != nullptr) {
+            pSameKind->current_speed =
+                ::ZEVOBandwidthSum(pSameKind->current_speed, record_->current_speed);
+            pSameKind->expect_speed =
+                ::ZEVOBandwidthSum(pSameKind->expect_speed, record_->expect_speed);
             return true;
         }
         record_->next = pHead_;
@@ -180,7 +174,7 @@ public:
     ZEVO_BANDWIDTH_STATUS *Detach() noexcept { return std::exchange(pHead_, nullptr); }
 
 private:
-    ZEVO_BANDWIDTH_STATUS *FindAlike() const noexcept
+    ZEVO_BANDWIDTH_STATUS *FindSameKind() const noexcept
     {
         ZEVO_BANDWIDTH_STATUS *p = pHead_;
         while (p != nullptr && (p->protocol_type != record_->protocol_type ||
@@ -191,7 +185,7 @@ private:
 
     const bool merge_;
     Status record_;
-    bool isUsed_ = false; // a longer name may have stood in it
+    bool isReused_ = false; // a longer name may have stood in it
     ZEVO_BANDWIDTH_STATUS *pHead_ = nullptr;
     int count_ = 0;
 };
@@ -203,7 +197,7 @@ int bandwidth::WalkStatuses(int32_t ownerType, uint32_t id, int32_t protocolMask
 {
     StatusPath path;
     if (path.Compose(ownerType, id, BW_HERE) < 0) return BW_PASS_UNLOGGED;
-    return WalkFile(path.get(), std::time(nullptr), protocolMask, transferMask, visitor);
+    return Walk(path.get(), std::time(nullptr), protocolMask, transferMask, visitor).Run();
 }
 
 int ZEVOBandwidthIStatusGetAll(const char *szStatusFile, int32_t protocol_mask,
@@ -214,11 +208,11 @@ int ZEVOBandwidthIStatusGetAll(const char *szStatusFile, int32_t protocol_mask,
     const int64_t now = std::time(nullptr);
     BW_REQUIRE(szStatusFile != nullptr, "((void *)0) != szStatusFile");
     BW_REQUIRE(pStatusList != nullptr, "NULL != pStatusList");
-    Lister lister(blMerge == kMerge);
-    if (WalkFile(szStatusFile, now, protocol_mask, transfer_mask, lister) < 0)
+    ListBuilder builder(blMerge == kMerge);
+    if (Walk(szStatusFile, now, protocol_mask, transfer_mask, builder).Run() < 0)
         return BW_PASS_UNLOGGED;
-    if (lister.count() > 0) *pStatusList = lister.Detach();
-    return lister.count();
+    if (builder.count() > 0) *pStatusList = builder.Detach();
+    return builder.count();
 }
 
 int ZEVOBandwidthStatusGetAll(int32_t owner_type, uint32_t id, int32_t protocol_mask,

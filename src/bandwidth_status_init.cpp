@@ -34,7 +34,7 @@ int ZEVOBandwidthStatusInit(ZEVO_BANDWIDTH_CONFIG *pConfig, int32_t transfer_typ
     if (::ZEVOBandwidthExpectSpeedEstimateByPolicy(transfer_type, pConfig, &pStatus->expect_speed,
                                                    1) < 0)
         return BW_PASS("ZEVOBandwidthExpectSpeedEstimateByPolicy failed. uid:[%u] ", uid);
-    if (pStatus->expect_speed == 0) return 0; // no limit falls to this transfer
+    if (pStatus->expect_speed == 0) return 0; // nothing limits this transfer
 
     pStatus->timestamp = std::time(nullptr);
     pStatus->progress = 0;

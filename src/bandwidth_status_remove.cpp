@@ -146,7 +146,7 @@ int ZEVOBandwidthStatusSetActiveByUserName(const char *szUserName, int32_t trans
     ZEVO_BANDWIDTH_STATUS status = {};
     if (::ZEVOBandwidthIStatusGet(ZEVO_BW_OWNER_USER, user->uid, pid, transfer_type, &status) < 0)
         return BW_PASS("ZEVOBandwidthStatusGet failed. name:[%s] ", szUserName);
-    // Back under the name it was found by, whatever the section says of itself.
+    // Under the name by which it was found, whatever its keys say.
     status.pid = pid;
     status.transfer_type = static_cast<uint32_t>(transfer_type);
     status.active = static_cast<uint32_t>(active);

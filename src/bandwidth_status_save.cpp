@@ -81,16 +81,16 @@ int MakeMissing(const char *szFile) noexcept
 }
 
 // Nearly every save finds directory and file, so they are looked for only after a failure. A section
-// that is neither there to be replaced nor absent to be appended comes and goes, as when a purge puts
-// back what it had taken: then these values follow at the next save.
+// may appear between the attempt to replace it and the attempt to append it. Both are then tried again;
+// when that happens each time, these values follow at the next save.
 int ZEVOBandwidthIStatusRecordSave(int32_t owner_type, uint32_t id, const char *szSection,
-                                   const VLIB_SZ_HASH *pHash, IfStopped ifStopped) noexcept
+                                   const VLIB_SZ_HASH *pHash, Mode mode) noexcept
 {
     BW_REQUIRE(pHash != nullptr, "NULL != pHash");
     StatusPath path;
     if (path.Compose(owner_type, id, BW_HERE) < 0) return BW_PASS_UNLOGGED;
     for (int attempt = 0; attempt <= kMaxRepeats; ++attempt) {
-        const int replaced = SetSection(path.get(), szSection, pHash, ifStopped);
+        const int replaced = ZEVOBandwidthIStatusSectionRewrite(path.get(), szSection, pHash, mode);
         if (replaced > 0) return replaced == kStopped ? kStopped : 0;
         if (replaced < 0) {
             const int made = MakeMissing(path.get());
@@ -105,7 +105,7 @@ int ZEVOBandwidthIStatusRecordSave(int32_t owner_type, uint32_t id, const char *
     return 0;
 }
 
-// Lets a record pass for a group's copy, and gives it back as it was.
+// Turns a record into a group's copy for a while, and then back.
 class GroupCopyScope {
 public:
     GroupCopyScope(ZEVO_BANDWIDTH_STATUS &status, uint32_t uid) noexcept
@@ -149,7 +149,7 @@ int SaveGroupCopies(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG &config,
         if (::ZEVOBandwidthInitHashFromStatus(hash.address(), pStatus) < 0)
             return BW_PASS("Init hash from status failed. ");
         if (ZEVOBandwidthIStatusRecordSave(ZEVO_BW_OWNER_GROUP, limit.conf.id, szSection,
-                                           hash.get(), IfStopped::kReplace) < 0)
+                                           hash.get(), Mode::kSet) < 0)
             return BW_PASS("Save record for uid: [%u], section:[%s] failed. ", uid, szSection);
     }
     return 0;
@@ -157,7 +157,7 @@ int SaveGroupCopies(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG &config,
 
 // 0, kStopped, or -1.
 int Save(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STATUS *pStatus,
-         IfStopped ifStopped) noexcept
+         Mode mode) noexcept
 {
     BW_REQUIRE(uid != static_cast<uid_t>(-1), "(uid_t)((uid_t) -1) != uid");
     BW_REQUIRE(pStatus != nullptr, "NULL != pStatus");
@@ -170,8 +170,8 @@ int Save(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STAT
     if (::ZEVOBandwidthInitHashFromStatus(hash.address(), pStatus) < 0)
         return BW_PASS("Init hash from status failed. ");
     const StatusSection section(pStatus->pid, static_cast<int32_t>(pStatus->transfer_type));
-    const int saved = ZEVOBandwidthIStatusRecordSave(ZEVO_BW_OWNER_USER, uid, section.get(),
-                                                     hash.get(), ifStopped);
+    const int saved =
+        ZEVOBandwidthIStatusRecordSave(ZEVO_BW_OWNER_USER, uid, section.get(), hash.get(), mode);
     if (saved < 0)
         return BW_PASS("Save record for uid: [%u], section:[%s] failed. ", uid, section.get());
     if (saved == kStopped || pConfig == nullptr || pConfig->blGroupConfExist == 0) return saved;
@@ -183,12 +183,12 @@ int Save(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STAT
 int bandwidth::SaveUnlessStopped(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig,
                                  ZEVO_BANDWIDTH_STATUS *pStatus) noexcept
 {
-    return Save(uid, pConfig, pStatus, IfStopped::kLeave);
+    return Save(uid, pConfig, pStatus, Mode::kSetUnlessStopped);
 }
 
 int ZEVOBandwidthStatusSave(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig,
                             ZEVO_BANDWIDTH_STATUS *pStatus) noexcept
 {
     const CancelScope cancel;
-    return Save(uid, pConfig, pStatus, IfStopped::kReplace);
+    return Save(uid, pConfig, pStatus, Mode::kSet);
 }

@@ -1,9 +1,9 @@
-// Replacing or dropping one section of a status file. The file is read once and written once, to a
+// Replacing or removing one section of a status file. The file is read once and written once, to a
 // temporary file beside it that is renamed over it; readers see the old file or the new one. How
 // writers take turns, and what happens when another one is faster, is told in base/replace_file.hpp.
 //
-// A transfer's own save leaves its section when that is marked inactive by then: an administrator may
-// stop the transfer between its last look and this rewrite.
+// A transfer's own save leaves its section as it is when that is marked inactive: an administrator may
+// have stopped the transfer since it last looked.
 
 #include "internal/frame.hpp"
 #include "internal/guard.hpp"
@@ -16,13 +16,10 @@ using namespace bandwidth;
 
 namespace {
 
-enum Mode { kRemove = 0, kSet = 1 };
-
 class SectionRewrite final : public zevo::Composer {
 public:
-    SectionRewrite(const char *szSection, const VLIB_SZ_HASH *pHash, Mode mode,
-                   IfStopped ifStopped = IfStopped::kReplace) noexcept
-        : szSection_(szSection), pHash_(pHash), mode_(mode), ifStopped_(ifStopped)
+    SectionRewrite(const char *szSection, const VLIB_SZ_HASH *pHash, Mode mode) noexcept
+        : szSection_(szSection), pHash_(pHash), mode_(mode)
     {
     }
     bool isStopped() const noexcept { return isStopped_; }
@@ -31,7 +28,7 @@ public:
     // header of that name.
     zevo::Change Compose(std::string_view oldText, zevo::Pieces &newText) noexcept override
     {
-        if (const zevo::Fault fault = SpellStop()) return {fault};
+        if (const zevo::Fault fault = LearnStopLine()) return {fault};
         bool isInside = false;
         bool isFound = false;
         const char *pKept = oldText.data(); // where what is to be copied next begins
@@ -56,16 +53,16 @@ public:
     }
 
 private:
-    // Only the platform knows how it writes the pair that stops a transfer: on a line of its own, the
-    // last one of a section that holds nothing else.
-    zevo::Fault SpellStop() noexcept
+    // Finds out how the platform writes the pair that stops a transfer: it is the last line of a
+    // section with this pair alone.
+    zevo::Fault LearnStopLine() noexcept
     {
-        if (ifStopped_ == IfStopped::kReplace || !stopLine_.empty()) return zevo::kNoFault;
+        if (mode_ != Mode::kSetUnlessStopped || !stopLine_.empty()) return zevo::kNoFault;
         Hash hash;
         if (!hash || ::VLIBCSzHashSetValue(hash.address(), "active", "0") < 0)
             return zevo::kNoMemory;
-        if (const zevo::Fault fault = stopped_.Compose(szSection_, hash.get())) return fault;
-        Lines lines(stopped_.view());
+        if (const zevo::Fault fault = stopSection_.Compose(szSection_, hash.get())) return fault;
+        Lines lines(stopSection_.view());
         for (std::string_view line; lines.Next(line);)
             stopLine_ = line;
         return zevo::kNoFault;
@@ -73,7 +70,7 @@ private:
     // A planted file may repeat the header many times, so the section is spelled once.
     zevo::Fault AppendNew(zevo::Pieces &newText) noexcept
     {
-        if (mode_ == kRemove) return zevo::kNoFault;
+        if (mode_ == Mode::kRemove) return zevo::kNoFault;
         if (section_.view().empty()) {
             if (const zevo::Fault fault = section_.Compose(szSection_, pHash_)) return fault;
         }
@@ -84,20 +81,20 @@ private:
     const char *const szSection_;
     const VLIB_SZ_HASH *const pHash_;
     const Mode mode_;
-    const IfStopped ifStopped_;
     SectionText section_;
-    SectionText stopped_;
+    SectionText stopSection_;
     std::string_view stopLine_; // empty: no line is
     bool isStopped_ = false;
 };
 
-int ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection,
-                                       const VLIB_SZ_HASH *pHash, Mode mode,
-                                       IfStopped ifStopped = IfStopped::kReplace) noexcept
+} // namespace
+
+int bandwidth::ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection,
+                                                  const VLIB_SZ_HASH *pHash, Mode mode) noexcept
 {
     BW_REQUIRE(szFile != nullptr, "((void *)0) != szFile");
     BW_REQUIRE(szSection != nullptr, "NULL != szSection");
-    SectionRewrite rewrite(szSection, pHash, mode, ifStopped);
+    SectionRewrite rewrite(szSection, pHash, mode);
     zevo::TurnWait wait;
     const zevo::Change change = zevo::ReplaceFile(szFile, rewrite, wait);
     if (change.fault) return BW_FAIL_WITH(change.fault);
@@ -107,23 +104,15 @@ int ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection
     return 0;
 }
 
-} // namespace
-
-int bandwidth::SetSection(const char *szFile, const char *szSection, const VLIB_SZ_HASH *pHash,
-                          IfStopped ifStopped) noexcept
-{
-    return ZEVOBandwidthIStatusSectionRewrite(szFile, szSection, pHash, kSet, ifStopped);
-}
-
 int ZEVOBandwidthStatusSetSection(const char *szFile, const char *szSection,
                                   const VLIB_SZ_HASH *pHash) noexcept
 {
     const CancelScope cancel;
-    return ZEVOBandwidthIStatusSectionRewrite(szFile, szSection, pHash, kSet);
+    return ZEVOBandwidthIStatusSectionRewrite(szFile, szSection, pHash, Mode::kSet);
 }
 
 int ZEVOBandwidthStatusRemoveSection(const char *szFile, const char *szSection) noexcept
 {
     const CancelScope cancel;
-    return ZEVOBandwidthIStatusSectionRewrite(szFile, szSection, nullptr, kRemove);
+    return ZEVOBandwidthIStatusSectionRewrite(szFile, szSection, nullptr, Mode::kRemove);
 }

@@ -1,6 +1,5 @@
-// Running a program. The host's other parts are not disturbed more than by any child: nothing of the
-// host but its environment reaches the program, and what becomes of the program's exit status is the
-// host's choice, see zevocore.h.
+// Running a program as a child of the host. Of the host only its environment reaches the program. A
+// host that reaps all its children may take the exit status away, see zevocore.h.
 #include <cerrno>
 #include <csignal>
 #include <initializer_list>

@@ -14,23 +14,23 @@ namespace {
 constexpr int kMaxTries = 4;
 
 // The groups that the database named, and the errno that it left.
-struct Answer {
+struct FoundGroups {
     std::vector<gid_t> gids;
     int error = 0;
 };
 
-Answer Ask(const char *szUserName, gid_t primary)
+FoundGroups AskDatabase(const char *szUserName, gid_t primary)
 {
-    Answer answer = {std::vector<gid_t>(32)};
+    FoundGroups found = {std::vector<gid_t>(32)};
     for (;;) {
-        int nGids = static_cast<int>(answer.gids.size());
+        int nGids = static_cast<int>(found.gids.size());
         errno = 0;
-        const bool fits = ::getgrouplist(szUserName, primary, answer.gids.data(), &nGids) >= 0;
-        answer.error = errno;
+        const bool fits = ::getgrouplist(szUserName, primary, found.gids.data(), &nGids) >= 0;
+        found.error = errno;
         // It asks for no more room, so it lacks memory of its own.
-        if (!fits && static_cast<size_t>(nGids) <= answer.gids.size()) throw std::bad_alloc();
-        answer.gids.resize(static_cast<size_t>(nGids));
-        if (fits) return answer;
+        if (!fits && static_cast<size_t>(nGids) <= found.gids.size()) throw std::bad_alloc();
+        found.gids.resize(static_cast<size_t>(nGids));
+        if (fits) return found;
     }
 }
 
@@ -51,11 +51,11 @@ bool IsShortage(int error) noexcept
 // ask again. A shortage that lasts is a failure; any other unusual errno that lasts is taken as it is.
 std::vector<gid_t> GroupsOf(const char *szUserName, gid_t primary)
 {
-    Answer answer = Ask(szUserName, primary);
-    for (int tries = 1; !IsUsual(answer.error) && tries < kMaxTries; ++tries)
-        answer = Ask(szUserName, primary);
-    if (IsShortage(answer.error)) throw std::bad_alloc();
-    return answer.gids;
+    FoundGroups found = AskDatabase(szUserName, primary);
+    for (int tries = 1; !IsUsual(found.error) && tries < kMaxTries; ++tries)
+        found = AskDatabase(szUserName, primary);
+    if (IsShortage(found.error)) throw std::bad_alloc();
+    return found.gids;
 }
 
 Fault AppendId(VLIB_SZ_LIST &list, gid_t gid) noexcept

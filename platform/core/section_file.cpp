@@ -60,8 +60,8 @@ private:
     bool isLocked_ = false;
 };
 
-// The way of a file's lines to the new text. What lies outside of the section goes over unread, from
-// header to header, for a file of thousands of rules is written once for each.
+// Walks over the headers of a text and the lines of one section. All other lines are appended to the
+// new text without being read one by one: a file of thousands of rules is rewritten for each of them.
 class SectionLines {
 public:
     SectionLines(std::string_view oldText, const char *szSection) noexcept
@@ -103,21 +103,21 @@ Change SetPairs(std::string_view oldText, const char *szSection, std::string_vie
 {
     SectionLines lines(oldText, szSection);
     bool isFound = false;
-    bool isAwaited = false; // the pairs, once the comments at the head are over
+    bool isDue = false; // the pairs are still to be written, below the comments at the head
     for (Line line; lines.Next(line, newText);) {
         const bool isFirst = lines.isOurHeader() && !isFound;
-        if (isAwaited && line.kind != LineKind::kComment) {
-            isAwaited = false;
+        if (isDue && line.kind != LineKind::kComment) {
+            isDue = false;
             if (const Fault fault = newText.Append(pairs)) return {fault};
         }
         const bool isOld = line.kind == LineKind::kHeader || line.kind == LineKind::kPair;
         if (lines.isInside() && isOld && !isFirst) continue;
         if (const Fault fault = newText.Append(line.whole)) return {fault};
         isFound = isFound || isFirst;
-        isAwaited = isAwaited || isFirst;
+        isDue = isDue || isFirst;
     }
     if (lines.fault()) return {lines.fault()};
-    if (!isAwaited) return {kNoFault, isFound};
+    if (!isDue) return {kNoFault, isFound};
     if (!oldText.ends_with('\n')) {
         if (const Fault fault = newText.Append("\n")) return {fault};
     }
@@ -162,7 +162,7 @@ Fault Replace(const Place &place, const struct stat &old, Pieces &text) noexcept
 
 enum class IfAbsent { kLeave, kAdd };
 
-// No change: the section is not there and left so.
+// No change: the section is not there, and is not to be added.
 Change WriteSection(const char *szPath, const char *szSection, const VLIB_SZ_HASH &hash,
                     IfAbsent ifAbsent) noexcept
 {

@@ -63,8 +63,6 @@ const ThreadSlot threadSlot;
 
 } // namespace
 
-// ---- text ----
-
 Fault FileText::Read(const char *szPath) noexcept
 {
     const CancelScope cancel;
@@ -83,8 +81,6 @@ bool FileText::IsCurrent(const char *szPath) const noexcept
            now.st_size == stat.st_size && IsSameTime(now.st_mtim, stat.st_mtim) &&
            IsSameTime(now.st_ctim, stat.st_ctim);
 }
-
-// ---- index ----
 
 Fault SectionIndex::Build(std::string_view text) noexcept
 try {
@@ -122,8 +118,6 @@ Fault SectionIndex::AppendNames(VLIB_SZ_LIST &list) const noexcept
     }
     return kNoFault;
 }
-
-// ---- listing ----
 
 void Listing::Begin(const char *szPath, FileText &&file, SectionIndex &&index,
                     VLIB_SZ_LIST &list) noexcept

@@ -36,8 +36,8 @@ int HexDigit(char digit) noexcept
     return -1;
 }
 
-// Takes an escape off the front, behind its backslash, and returns the byte that it stands for. 0: it
-// is none. No text holds a NUL.
+// Takes an escape off the front, whose backslash has been taken already. Returns the byte that it
+// stands for, or 0 when it is malformed: no text holds a NUL.
 char TakeEscape(std::string_view &rest) noexcept
 {
     if (rest.empty()) return 0;

@@ -29,25 +29,26 @@ VLIB_SZ_HASH::VLIB_SZ_HASH()
 zevo::Fault VLIB_SZ_HASH::Set(std::string_view key, std::string_view value) noexcept
 {
     const size_t found = keys_.Find(key);
-    size_t cbRoom = value.size() + 1;
+    size_t cbCapacity = value.size() + 1;
     if (found != zevo::TextIndex::kAbsent) {
         const zevo::Pair &old = pairs_[found];
-        if (cbRoom <= old.cbRoom) {
+        if (cbCapacity <= old.cbCapacity) {
             CopyText(old.szValue, value);
             return zevo::kNoFault;
         }
         key = old.key;
-        cbRoom = std::max(cbRoom, old.cbRoom * 2); // keeps what is lost below what is in use
+        cbCapacity =
+            std::max(cbCapacity, old.cbCapacity * 2); // or giving up memory would have no end
     }
     const size_t cbKey = found == zevo::TextIndex::kAbsent ? key.size() + 1 : 0;
-    char *const pTexts = Allocate(cbKey + cbRoom);
+    char *const pTexts = Allocate(cbKey + cbCapacity);
     if (pTexts == nullptr) return zevo::kNoMemory;
     CopyText(pTexts + cbKey, value);
     if (found == zevo::TextIndex::kAbsent) {
         CopyText(pTexts, key);
         key = {pTexts, key.size()};
     }
-    return Put(found, {key, pTexts + cbKey, cbRoom});
+    return Put(found, {key, pTexts + cbKey, cbCapacity});
 }
 
 const char *VLIB_SZ_HASH::Get(std::string_view key) const noexcept
@@ -80,7 +81,7 @@ zevo::Fault VLIB_SZ_HASH::Put(size_t found, const zevo::Pair &pair) noexcept
 try {
     if (found != zevo::TextIndex::kAbsent) {
         pairs_[found].szValue = pair.szValue;
-        pairs_[found].cbRoom = pair.cbRoom;
+        pairs_[found].cbCapacity = pair.cbCapacity;
         return zevo::kNoFault;
     }
     pairs_.push_back(pair);

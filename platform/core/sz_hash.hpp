@@ -16,7 +16,7 @@ namespace zevo {
 struct Pair {
     std::string_view key; // with a NUL behind it
     char *szValue;
-    size_t cbRoom; // how long szValue may become in place, with its NUL
+    size_t cbCapacity; // how long szValue may become in place, with its NUL
 };
 
 } // namespace zevo

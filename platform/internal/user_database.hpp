@@ -14,7 +14,8 @@ namespace zevo {
 // One look-up. Record is passwd or group; its texts live in this object.
 template <class Record> class NssEntry {
 public:
-    // call(record, buffer, cbBuffer, result) is one of getpwnam_r and its kin, with its key bound.
+    // call(record, buffer, cbBuffer, result) is getpwnam_r() or another of these functions, with its
+    // key bound.
     template <class Call> explicit NssEntry(Call call) noexcept
     {
         constexpr size_t kMaxBytes = size_t{64} << 20;
@@ -22,7 +23,7 @@ public:
             buffer_.Clear();
             // NOLINTBEGIN(clang-analyzer-unix.Malloc): the buffer's own destructor frees it
             if (buffer_.Reserve(cb)) break;
-            const int error = call(&record_, buffer_.end(), buffer_.room(), &found_);
+            const int error = call(&record_, buffer_.end(), buffer_.freeBytes(), &found_);
             // NOLINTEND(clang-analyzer-unix.Malloc)
             if (error == EINTR) continue;
             if (error != ERANGE) {

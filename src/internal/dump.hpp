@@ -15,7 +15,7 @@ inline const char *Column(const Hash &hash, const char *szKey) noexcept
     return szValue == nullptr ? kNoName : szValue;
 }
 
-// The name of a record's owner in the user database; tests false when he is not known.
+// The name of a record's owner in the user database; tests false when there is no such owner.
 class OwnerName {
 public:
     OwnerName(bool isUser, uint32_t id) noexcept

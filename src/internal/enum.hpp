@@ -1,4 +1,4 @@
-// The name of a value, as the library's own callers want it.
+// Look-ups in the name tables, for the library itself.
 #ifndef INTERNAL_ENUM_HPP
 #define INTERNAL_ENUM_HPP
 
@@ -19,7 +19,7 @@ inline const ZEVO_BW_ENUM_ENTRY *FindName(const ZEVO_BW_ENUM_ENTRY *table,
     return nullptr;
 }
 
-// Looks a name up; false when nobody knows one, or it is empty, as an add-on's may be.
+// The name of a value, also of an add-on; false when there is none or it is empty.
 inline bool NameOf(const ZEVO_BW_ENUM_ENTRY *table, int32_t value,
                    char (&szName)[kNameBytes]) noexcept
 {

@@ -48,8 +48,8 @@ inline int FailWith(zevo::Fault fault, Site site) noexcept
 
 // Bounds on what strangers may cost a thread that walks over a file of theirs: a million sections must
 // neither fill the system log nor cost a million searches of the add-on directory. After 64 lines one
-// more says that the rest is left out; after 64 searches no other add-on is found. Of scopes within
-// each other the outer one counts.
+// more says that the rest is left out; after 64 searches no other add-on is found. Of
+// nested scopes the outermost counts.
 class StrangersFileScope {
 public:
     explicit StrangersFileScope(const char *szFile) noexcept : szFile_(szFile)
@@ -75,7 +75,7 @@ public:
         if (pCurrent == nullptr) return true;
         return std::strcmp(pCurrent->szMissed_, szPattern) != 0 && pCurrent->searchesLeft_-- > 0;
     }
-    // The next search, if it is the same, is not made: most of a file's sections name one protocol.
+    // The same search is not made again at once: most sections of a file name the same protocol.
     static void NoteMissed(const char *szPattern) noexcept
     {
         if (pCurrent == nullptr) return;
@@ -146,7 +146,7 @@ inline bool MayLog(Site site) noexcept
 #define BW_FAIL(code) ::bandwidth::Fail((code), BW_HERE)
 // The same for a fault of base/, unless it is in the slot already.
 #define BW_FAIL_WITH(fault) ::bandwidth::FailWith((fault), BW_HERE)
-// The same, where the promised order is to record first and to speak afterwards.
+// The same, where the promised order is to record first and to log afterwards.
 #define BW_FAIL_AND_LOG(code, fmt, ...)                                                            \
     (::bandwidth::Record((code), BW_HERE), BW_LOG(fmt __VA_OPT__(, ) __VA_ARGS__), -1)
 // Nothing fails, but the slot should tell.

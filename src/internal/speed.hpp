@@ -1,4 +1,4 @@
-// Units, where rates become speeds, and who is charged.
+// Units, the one place where a rate becomes a speed, and whether a group is charged.
 #ifndef INTERNAL_SPEED_HPP
 #define INTERNAL_SPEED_HPP
 

@@ -1,8 +1,7 @@
-// The rewrite that drops stale sections. Since the listing a transfer may have saved its section again,
-// so what is stale is decided once, about the very text that is being rewritten. Only the platform
-// reads sections, and only files: the text is written to a temporary file beside the status file, with
-// numbers for names, so that a name that stands twice is two sections. A file that changes faster than
-// that is left to the next listing.
+// The rewrite that removes stale sections. A transfer may have saved its section since the listing: what
+// is stale is decided about the very text that is rewritten. Only the platform can read sections, and
+// it reads files. So the text is written to a temporary file beside the status file. There the sections
+// are numbered: a name may stand in a status file twice.
 
 #include "internal/status_purge.hpp"
 
@@ -38,7 +37,7 @@ zevo::Fault NumberSections(std::string_view text, zevo::Bytes &out, int32_t &nSe
 
 } // namespace
 
-zevo::Fault Purge::DecideByCopy(const char *szCopy) noexcept
+zevo::Fault Purge::FindStaleInCopy(const char *szCopy) noexcept
 {
     Hash hash;
     isStale_ = AllocateArray<bool>(static_cast<size_t>(nSections_));
@@ -60,7 +59,7 @@ zevo::Fault Purge::DecideByCopy(const char *szCopy) noexcept
     return zevo::kNoFault;
 }
 
-zevo::Fault Purge::Decide(std::string_view oldText) noexcept
+zevo::Fault Purge::FindStale(std::string_view oldText) noexcept
 {
     zevo::Bytes numbered;
     if (const zevo::Fault fault = NumberSections(oldText, numbered, nSections_)) return fault;
@@ -71,13 +70,13 @@ zevo::Fault Purge::Decide(std::string_view oldText) noexcept
     char szCopy[zevo::kPathBytes];
     const int cbDirectory = static_cast<int>(place.name() - szFile_);
     (void)std::snprintf(szCopy, sizeof(szCopy), "%.*s%s", cbDirectory, szFile_, copy.name());
-    return DecideByCopy(szCopy);
+    return FindStaleInCopy(szCopy);
 }
 
 // As with any removal the comments of a dropped section stay.
 zevo::Change Purge::Compose(std::string_view oldText, zevo::Pieces &newText) noexcept
 {
-    if (const zevo::Fault fault = Decide(oldText)) return {fault};
+    if (const zevo::Fault fault = FindStale(oldText)) return {fault};
     bool isChanged = false;
     bool isDropping = false;
     size_t nSeen = 0;

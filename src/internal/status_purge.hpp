@@ -1,4 +1,4 @@
-// Clearing a status file of the sections that dead transfers have left behind, all in one rewrite.
+// Removing the stale sections of a status file, all in one rewrite.
 #ifndef INTERNAL_STATUS_PURGE_HPP
 #define INTERNAL_STATUS_PURGE_HPP
 
@@ -13,20 +13,20 @@ inline bool IsStale(const ZEVO_BANDWIDTH_STATUS &status, int64_t now) noexcept
     return status.timestamp < now - ZEVO_BW_STALE_AFTER_SECONDS;
 }
 
-// Drops what is stale in the file as it stands when it is rewritten.
+// Removes what is stale in the text that is rewritten, which may be newer than the listed one.
 class Purge final : public zevo::Composer {
 public:
     // now: the moment of the listing, seconds since the epoch.
     Purge(const char *szFile, int64_t now) noexcept : szFile_(szFile), now_(now) {}
 
-    // 0, also when others rewrite the file so often that the next listing must do it; -1 when the
-    // file cannot be rewritten, the code recorded.
+    // 0, also when other writers were faster each time: then the next listing does it. -1 when the
+    // file cannot be rewritten, with the code recorded.
     int Run() noexcept;
 
 private:
     zevo::Change Compose(std::string_view oldText, zevo::Pieces &newText) noexcept override;
-    zevo::Fault Decide(std::string_view oldText) noexcept;
-    zevo::Fault DecideByCopy(const char *szCopy) noexcept;
+    zevo::Fault FindStale(std::string_view oldText) noexcept;
+    zevo::Fault FindStaleInCopy(const char *szCopy) noexcept;
 
     const char *szFile_;
     const int64_t now_;

@@ -6,17 +6,21 @@
 
 namespace bandwidth {
 
-// What becomes of a section of the transfer that stands in its user's status file marked inactive.
-enum class IfStopped { kReplace, kLeave };
+enum class Mode {
+    kRemove,
+    kSet,
+    kSetUnlessStopped, // leaves a section that is marked inactive as it is
+};
 
 constexpr int kStopped = 2;
 
-// ZEVOBandwidthStatusSetSection(), but kStopped where it leaves a stopped section as it is.
-int SetSection(const char *szFile, const char *szSection, const VLIB_SZ_HASH *pHash,
-               IfStopped ifStopped) noexcept;
+// Rewrites a status file with another text for one section, or without it: 1, 0 when there is no such
+// section, kStopped when it was left, -1 on failure.
+int ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection,
+                                       const VLIB_SZ_HASH *pHash, Mode mode) noexcept;
 
-// ZEVOBandwidthStatusSave() for the transfer itself: kStopped, and nothing is logged, where a stop
-// came since the transfer looked for one. A stop must not be lost to the transfer's own save.
+// ZEVOBandwidthStatusSave() for the transfer itself, which must not undo a stop that has come since it
+// last looked: kStopped then, and nothing is logged.
 int SaveUnlessStopped(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig,
                       ZEVO_BANDWIDTH_STATUS *pStatus) noexcept;
 

@@ -28,8 +28,8 @@ inline bool IsComment(std::string_view line) noexcept
     return line.front() == ';' || line.front() == '#';
 }
 
-// Walks over the lines of a text, each with its "\n", which the last one may lack. Which line is a
-// header is for the platform to say.
+// Walks over the lines of a text, each with its "\n", which the last one may lack. Only the platform
+// says which line is a header.
 class Lines {
 public:
     explicit Lines(std::string_view text) noexcept : text_(text) {}
@@ -38,7 +38,7 @@ public:
     bool Next(std::string_view &line) noexcept
     {
         const size_t end = text_.find('\n', at_);
-        return Take(end, line);
+        return PassTo(end, line);
     }
 
     // Passes over the lines before the next header of a section. false at the end.
@@ -53,8 +53,8 @@ public:
     }
 
 private:
-    // Takes the line up to its end, or to that of the text.
-    bool Take(size_t end, std::string_view &line) noexcept
+    // Gives the line from here to its "\n" at end, or to the end of the text, and passes over it.
+    bool PassTo(size_t end, std::string_view &line) noexcept
     {
         const size_t begin = at_;
         at_ = end == text_.npos ? text_.size() : end + 1;
@@ -69,7 +69,7 @@ private:
         const size_t end = text_.find('\n', at_ + found);
         const size_t newline = text_.rfind('\n', at_ + found);
         at_ = std::max(at_, newline == text_.npos ? 0 : newline + 1);
-        return Take(end, line);
+        return PassTo(end, line);
     }
     // Whether the platform writes the name into its header as it is: then only lines that hold it
     // need to be asked about. The names of transfers are digits and a hyphen.
@@ -91,7 +91,7 @@ public:
     zevo::Fault Compose(const char *szSection, const VLIB_SZ_HASH *pHash) noexcept
     {
         cookie_io_functions_t sink = {};
-        sink.write = &SectionText::Take;
+        sink.write = &SectionText::OnWrite;
         FILE *const pStream = ::fopencookie(this, "w", sink);
         if (pStream == nullptr) return zevo::kNoMemory;
         char buffer[kUsualBytes]; // else libc allocates one
@@ -108,7 +108,7 @@ public:
 private:
     static constexpr size_t kUsualBytes = 512;
 
-    static ssize_t Take(void *pText, const char *pBytes, size_t cb) noexcept
+    static ssize_t OnWrite(void *pText, const char *pBytes, size_t cb) noexcept
     {
         auto &text = *static_cast<SectionText *>(pText);
         text.fault_ = text.text_.Append(std::string_view(pBytes, cb));

@@ -1,5 +1,6 @@
-// The walk over the running transfers of one status file: the listing makes a list of them, the
-// expected speed only looks at them. Purges, skips and logs as ZEVOBandwidthIStatusGetAll() promises.
+// The walk over the running transfers of one status file, for the listing, which makes a list of them,
+// and for the expected speed, which keeps none. Both purge, skip and log as
+// ZEVOBandwidthIStatusGetAll() promises.
 #ifndef INTERNAL_STATUS_WALK_HPP
 #define INTERNAL_STATUS_WALK_HPP
 
@@ -19,7 +20,7 @@ inline void ClearButName(ZEVO_BANDWIDTH_STATUS &record) noexcept
     std::memset(pBytes + kBehindName, 0, sizeof(record) - kBehindName);
 }
 
-// Clears the file name behind its end.
+// Clears what stands behind the NUL of the file name.
 inline void ClearBehindName(ZEVO_BANDWIDTH_STATUS &record) noexcept
 {
     const size_t cbName = ::strnlen(record.filename, sizeof(record.filename));
