@@ -13,7 +13,8 @@
 namespace zevo {
 
 constexpr size_t kPathBytes = 4096;                // with the NUL
-constexpr size_t kMaxFileBytes = size_t{64} << 20; // a larger file is neither read nor written
+// A larger file is neither read nor written: it would hold 23 000 transfers, or as many rules.
+constexpr size_t kMaxFileBytes = size_t{8} << 20;
 
 // A descriptor of ours: closed on exec, and never 0 to 2, which a host may have closed.
 class Fd {

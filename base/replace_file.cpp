@@ -86,7 +86,11 @@ Change ReplaceFile(const char *szPath, Composer &composer, TurnWait &wait,
         const bool isLast = attempt == kMaxRetries;
         if (isBeaten && !isLast) continue;
         if (isBeaten && ifBeaten == IfBeaten::kGiveUp) return {};
-        if (const Fault fault = temp.Replace()) return {fault};
+        if (const Fault fault = temp.Replace()) {
+            // Somebody has removed the temporary file: whoever may write the directory may do that.
+            if (errno == ENOENT && !isLast) continue;
+            return {fault};
+        }
         if (isMeeting) (void)temp.Sync(); // the file stands: there is no failure to report
         return {kNoFault, true};
     }

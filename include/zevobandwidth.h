@@ -784,7 +784,7 @@ ZEVO_BW_API int ZEVOBandwidthStatusSave(uint32_t uid, const ZEVO_BANDWIDTH_CONFI
  * @return           1 replaced; 0 not there, which records 0x2000 and leaves the file unchanged; -1
  *                   on failure with the file unchanged
  * Errors:  0x0D00; 0x0900 the file cannot be opened (it is missing, a link, no regular file, or
- *          above 64 MiB) or no temporary file can be made; 0x0200, 0x0A00, 0x0B00, 0x2700, 0x2800.
+ *          above 8 MiB) or no temporary file can be made; 0x0200, 0x0A00, 0x0B00, 0x2700, 0x2800.
  * Threads: any. Writers of a file take turns; it waits for its turns 25 ms at most in all, and then
  *          goes on without. It starts over, at most five times, when another writer was faster;
  *          then the later rename wins.

@@ -28,26 +28,26 @@ static_assert(sizeof(ZEVO_BW_ENUM_ENTRY) == Pinned(16, 8, 8));
 
 // clang-format off
 constexpr ZEVO_BW_PARM kRuleParms[] = {
-    // key                    field, capacity            names                       to text    from text
-    {"id",                   RULE(id),                  nullptr,                    U32ToText, U32FromText},
-    {"state",                RULE(state),               ZEVO_BW_STATE_LIST,         nullptr,   nullptr},
-    {"owner type",           RULE(ownerType),           ZEVO_BW_OWNER_TYPE_LIST,    nullptr,   nullptr},
-    {"protocol type",        RULE(protocolType),        ZEVO_BW_PROTOCOL_TYPE_LIST, nullptr,   nullptr},
-    {"upload rate",          RULE(uploadRate),          nullptr,                    U64ToText, U64FromText},
-    {"download rate",        RULE(downloadRate),        nullptr,                    U64ToText, U64FromText},
-    {"upload rate custom",   RULE(uploadRateCustom),    nullptr,                    U64ToText, U64FromText},
-    {"download rate custom", RULE(downloadRateCustom),  nullptr,                    U64ToText, U64FromText},
-    {"schedule plan",        RULE(szSchedulePlan),      nullptr,                    nullptr,   nullptr},
+    // key                   field, capacity            kind             name table
+    {"id",                   RULE(id),                  Kind::kUnsigned},
+    {"state",                RULE(state),               Kind::kName, ZEVO_BW_STATE_LIST},
+    {"owner type",           RULE(ownerType),           Kind::kName, ZEVO_BW_OWNER_TYPE_LIST},
+    {"protocol type",        RULE(protocolType),        Kind::kName, ZEVO_BW_PROTOCOL_TYPE_LIST},
+    {"upload rate",          RULE(uploadRate),          Kind::kUnsigned},
+    {"download rate",        RULE(downloadRate),        Kind::kUnsigned},
+    {"upload rate custom",   RULE(uploadRateCustom),    Kind::kUnsigned},
+    {"download rate custom", RULE(downloadRateCustom),  Kind::kUnsigned},
+    {"schedule plan",        RULE(szSchedulePlan),      Kind::kText},
     {}, // the end
 };
 
 constexpr ZEVO_BW_PARM kGlobalParms[] = {
-    // key                 field, capacity           names                            to text  from text
-    {"state",              GLOBAL(state),            ZEVO_BW_STATE_LIST,              nullptr, nullptr},
-    {"user-group policy",  GLOBAL(userGroupPolicy),  ZEVO_BW_USER_GROUP_POLICY_LIST,  nullptr, nullptr},
-    {"inter-group policy", GLOBAL(interGroupPolicy), ZEVO_BW_INTER_GROUP_POLICY_LIST, nullptr, nullptr},
-    {"occupy policy",      GLOBAL(occupyPolicy),     ZEVO_BW_OCCUPY_POLICY_LIST,      nullptr, nullptr},
-    {"schedule plan",      GLOBAL(szSchedulePlan),   nullptr,                         nullptr, nullptr},
+    // key                 field, capacity           kind             name table
+    {"state",              GLOBAL(state),            Kind::kName, ZEVO_BW_STATE_LIST},
+    {"user-group policy",  GLOBAL(userGroupPolicy),  Kind::kName, ZEVO_BW_USER_GROUP_POLICY_LIST},
+    {"inter-group policy", GLOBAL(interGroupPolicy), Kind::kName, ZEVO_BW_INTER_GROUP_POLICY_LIST},
+    {"occupy policy",      GLOBAL(occupyPolicy),     Kind::kName, ZEVO_BW_OCCUPY_POLICY_LIST},
+    {"schedule plan",      GLOBAL(szSchedulePlan),   Kind::kText},
     {}, // the end
 };
 // clang-format on

@@ -19,20 +19,15 @@ int ZEVOBandwidthConfGetByID(int32_t owner_type, uint32_t id, int32_t protocol_t
     if (::ZEVOBandwidthConfPath(protocol_type, szFile, sizeof(szFile) - 1) < 0)
         return BW_PASS("ZEVOBandwidthConfPath failed for protocol [%d] ", protocol_type);
     Hash hash;
-    if (!hash) {
-        BW_LOG("malloc failed");
-        return BW_PASS_UNLOGGED;
-    }
+    if (!hash) return BW_LOG_AND_PASS("malloc failed");
     *pConf = {};
     pConf->id = id;
     pConf->protocolType = protocol_type;
     pConf->ownerType = owner_type;
 
     char szOwner[kNameBytes];
-    if (!NameOf(ZEVO_BW_OWNER_TYPE_LIST, owner_type, szOwner)) {
-        BW_LOG("ZEVOBandwidthEnumToName failed, id=%d", owner_type);
-        return BW_PASS_UNLOGGED;
-    }
+    if (!NameOf(ZEVO_BW_OWNER_TYPE_LIST, owner_type, szOwner))
+        return BW_LOG_AND_PASS("ZEVOBandwidthEnumToName failed, id=%d", owner_type);
     char szSection[kSectionNameBytes];
     (void)std::snprintf(szSection, sizeof(szSection), "%s-%u", szOwner, id);
     const int found = LoadSection(szFile, szSection, hash, BW_HERE);

@@ -20,10 +20,8 @@ int ZEVOBandwidthConfSetByID(const ZEVO_BANDWIDTH_CONF *pConf) noexcept
     if (::ZEVOBandwidthInitHashFromConf(hash.address(), pConf) < 0)
         return BW_PASS("Init hash from conf failed. ");
     char szOwner[kNameBytes];
-    if (!NameOf(ZEVO_BW_OWNER_TYPE_LIST, pConf->ownerType, szOwner)) {
-        BW_LOG("ZEVOBandwidthEnumToName failed, protocol=%d", pConf->ownerType);
-        return BW_PASS_UNLOGGED;
-    }
+    if (!NameOf(ZEVO_BW_OWNER_TYPE_LIST, pConf->ownerType, szOwner))
+        return BW_LOG_AND_PASS("ZEVOBandwidthEnumToName failed, protocol=%d", pConf->ownerType);
     char szSection[kSectionNameBytes];
     (void)std::snprintf(szSection, sizeof(szSection), "%s-%u", szOwner, pConf->id);
     return StoreSection(szFile, szSection, hash, BW_HERE);

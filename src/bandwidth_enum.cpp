@@ -21,47 +21,48 @@ using namespace bandwidth;
 
 namespace {
 
-constexpr size_t kNumberBytes = 16; // holds every 32-bit integer
 constexpr char kAddonDirectory[] = ZEVO_BW_ADDON_DIRECTORY "/";
 
 // What searches in one direction have found. Entries are added in front, never change and are never
 // freed: a reader waits for nobody, and the child of a fork inherits no lock.
-class AddonMemory {
+class FoundAddons {
 public:
-    // The value; nullptr when the key has not been found yet.
-    const char *Find(const char *szKey) const noexcept
+    struct Entry {
+        Entry *pNext;
+        int32_t number;
+        const char *szName;
+    };
+
+    // nullptr when no entry matches.
+    template <class Matcher> const Entry *Find(Matcher matches) const noexcept
     {
-        for (const Entry *p = pFirst_.load(std::memory_order_acquire); p != nullptr; p = p->pNext)
-            if (std::strcmp(p->szKey, szKey) == 0) return p->szValue;
-        return nullptr;
+        const Entry *p = pFirst_.load(std::memory_order_acquire);
+        while (p != nullptr && !matches(*p))
+            p = p->pNext;
+        return p;
     }
-    // false without memory. Two threads that find the same at once leave two entries.
-    bool Keep(const char *szKey, const char *szValue) noexcept
+    // Logs that memory ran out. Two threads that find the same add-on at once leave two entries.
+    void Keep(int32_t number, const char *szName) noexcept
     {
-        const size_t cbKey = std::strlen(szKey) + 1;
-        const size_t cbValue = std::strlen(szValue) + 1;
-        void *const pBlock = std::malloc(sizeof(Entry) + cbKey + cbValue);
-        if (pBlock == nullptr) return false;
-        auto *const szTexts = static_cast<char *>(pBlock) + sizeof(Entry);
-        std::memcpy(szTexts, szKey, cbKey);
-        std::memcpy(szTexts + cbKey, szValue, cbValue);
-        auto *const pEntry = new (pBlock) Entry{pFirst_.load(), szTexts, szTexts + cbKey};
+        const size_t cbName = std::strlen(szName) + 1;
+        void *const pBlock = std::malloc(sizeof(Entry) + cbName);
+        if (pBlock == nullptr) {
+            BW_LOG("malloc failed");
+            return;
+        }
+        auto *const szCopy = static_cast<char *>(pBlock) + sizeof(Entry);
+        std::memcpy(szCopy, szName, cbName);
+        auto *const pEntry = new (pBlock) Entry{pFirst_.load(), number, szCopy};
         while (!pFirst_.compare_exchange_weak(pEntry->pNext, pEntry)) {
         }
-        return true;
     }
 
 private:
-    struct Entry {
-        Entry *pNext;
-        const char *szKey;
-        const char *szValue;
-    };
     std::atomic<Entry *> pFirst_{nullptr};
 };
 
-AddonMemory addonNames;  // number as text -> name
-AddonMemory addonValues; // name -> number as text
+FoundAddons foundNumbers; // by searches for a number
+FoundAddons foundNames;   // by searches for a name, which may find what a number does not
 
 // The files that match a pattern.
 class Matches {
@@ -89,11 +90,6 @@ private:
     const int result_;
 };
 
-void NumberText(int32_t number, char (&szNumber)[kNumberBytes]) noexcept
-{
-    (void)std::snprintf(szNumber, sizeof(szNumber), "%d", number);
-}
-
 // Whether a name matched the file by its letters. A pattern that matched is answered but not
 // remembered: strangers write the names in status files, and patterns are endless.
 bool IsLiteral(const char *szName, const char *szPath) noexcept
@@ -101,11 +97,6 @@ bool IsLiteral(const char *szName, const char *szPath) noexcept
     const char *const szFile = std::strrchr(szPath, '/') + 1;
     const size_t cbName = std::strlen(szName);
     return std::strncmp(szFile, szName, cbName) == 0 && szFile[cbName] == '_';
-}
-
-int32_t TextNumber(const char *szNumber) noexcept
-{
-    return static_cast<int32_t>(std::strtol(szNumber, nullptr, 10));
 }
 
 } // namespace
@@ -124,10 +115,8 @@ int ZEVOBandwidthEnumToName(const ZEVO_BW_ENUM_ENTRY *enum_list, int32_t value, 
         (void)std::snprintf(szProtocol, cb, "%s", row->name);
         return 1;
     }
-    if (::ZEVOBandwidthEnumToNameAddon(value, szProtocol, cb) < 0) {
-        BW_LOG("ZEVOBandwidthEnumToNameAddon failed, protocol=%d", value);
-        return BW_PASS_UNLOGGED;
-    }
+    if (::ZEVOBandwidthEnumToNameAddon(value, szProtocol, cb) < 0)
+        return BW_LOG_AND_PASS("ZEVOBandwidthEnumToNameAddon failed, protocol=%d", value);
     return 1;
 }
 
@@ -139,10 +128,8 @@ int ZEVOBandwidthEnumToValue(const ZEVO_BW_ENUM_ENTRY *enum_list, const char *sz
 
     if (const auto *const row = FindName(enum_list, szName); row != nullptr) return row->value;
     const int value = ::ZEVOBandwidthEnumToValueAddon(szName);
-    if (value < 0) {
-        BW_LOG("ZEVOBandwidthEnumToValueAddon failed, protocol=%s", szName);
-        return BW_PASS_UNLOGGED;
-    }
+    if (value < 0)
+        return BW_LOG_AND_PASS("ZEVOBandwidthEnumToValueAddon failed, protocol=%s", szName);
     if (value == 0) BW_RECORD(ZEVO_BW_ERROR_NOT_THERE);
     return value;
 }
@@ -153,15 +140,14 @@ int ZEVOBandwidthEnumToNameAddon(int32_t iProtocol, char *szProtocol, size_t cbP
     if (szProtocol == nullptr || cbProtocol == 0)
         return BW_FAIL_AND_LOG(ZEVO_BW_ERROR_BAD_ARGUMENT, "Bad parameter");
 
-    char szNumber[kNumberBytes];
-    NumberText(iProtocol, szNumber);
-    if (const char *const szKnown = addonNames.Find(szNumber); szKnown != nullptr) {
-        (void)std::snprintf(szProtocol, cbProtocol, "%s", szKnown);
+    const auto isWanted = [=](const FoundAddons::Entry &e) { return e.number == iProtocol; };
+    if (const auto *const pKnown = foundNumbers.Find(isWanted); pKnown != nullptr) {
+        (void)std::snprintf(szProtocol, cbProtocol, "%s", pKnown->szName);
         return 1;
     }
 
     char szPattern[zevo::kPathBytes];
-    (void)std::snprintf(szPattern, sizeof(szPattern), "%s/*_%s.json", kAddonDirectory, szNumber);
+    (void)std::snprintf(szPattern, sizeof(szPattern), "%s/*_%d.json", kAddonDirectory, iProtocol);
     const Matches matches(szPattern);
     if (!matches.found())
         return BW_FAIL_AND_LOG(ZEVO_BW_ERROR_ADDON_SEARCH, "glob failed, iProtocol=%d", iProtocol);
@@ -176,7 +162,7 @@ int ZEVOBandwidthEnumToNameAddon(int32_t iProtocol, char *szProtocol, size_t cbP
                                matches.path());
     (void)std::snprintf(szProtocol, cbProtocol, "%.*s",
                         static_cast<int>(szUnderscore - szSlash - 1), szSlash + 1);
-    if (!addonNames.Keep(szNumber, szProtocol)) BW_LOG("malloc failed");
+    foundNumbers.Keep(iProtocol, szProtocol);
     return 1;
 }
 
@@ -186,14 +172,17 @@ int ZEVOBandwidthEnumToValueAddon(const char *szName) noexcept
     if (szName == nullptr || szName[0] == '\0')
         return BW_FAIL_AND_LOG(ZEVO_BW_ERROR_BAD_ARGUMENT, "Bad parameter");
 
-    if (const char *const szKnown = addonValues.Find(szName); szKnown != nullptr)
-        return TextNumber(szKnown);
+    const auto isWanted = [=](const FoundAddons::Entry &e) {
+        return std::strcmp(e.szName, szName) == 0;
+    };
+    if (const auto *const pKnown = foundNames.Find(isWanted); pKnown != nullptr)
+        return pKnown->number;
 
     // A name with a '/' would lead the search out of the add-on directory.
-    char szPattern[zevo::kPathBytes];
-    (void)std::snprintf(szPattern, sizeof(szPattern), "%s/%s_*.json", kAddonDirectory, szName);
     if (std::strchr(szName, '/') != nullptr)
         return BW_FAIL_AND_LOG(ZEVO_BW_ERROR_ADDON_SEARCH, "glob failed, protocol=%s", szName);
+    char szPattern[zevo::kPathBytes];
+    (void)std::snprintf(szPattern, sizeof(szPattern), "%s/%s_*.json", kAddonDirectory, szName);
     const Matches matches(szPattern);
     if (!matches.found())
         return BW_FAIL_AND_LOG(ZEVO_BW_ERROR_ADDON_SEARCH, "glob failed, protocol=%s", szName);
@@ -205,11 +194,8 @@ int ZEVOBandwidthEnumToValueAddon(const char *szName) noexcept
     if (szUnderscore == nullptr || std::strrchr(matches.path(), '.') == nullptr)
         return BW_FAIL_AND_LOG(ZEVO_BW_ERROR_ADDON_BAD_NAME, "bad path format, path=%s",
                                matches.path());
-    const int32_t number = TextNumber(szUnderscore + 1); // stops at the dot
-    char szNumber[kNumberBytes];
-    NumberText(number, szNumber);
-    if (IsLiteral(szName, matches.path()) && !addonValues.Keep(szName, szNumber))
-        BW_LOG("malloc failed");
+    const auto number = static_cast<int32_t>(std::strtol(szUnderscore + 1, nullptr, 10));
+    if (IsLiteral(szName, matches.path())) foundNames.Keep(number, szName);
     return number;
 }
 
@@ -217,11 +203,8 @@ int ZEVOBandwidthGetAddonConfigPath(int32_t iProtocol, char *szPath, size_t cbPa
 {
     const CancelScope cancel;
     char szName[256] = {};
-    if (::ZEVOBandwidthEnumToNameAddon(iProtocol, szName, sizeof(szName)) != 1 ||
-        szName[0] == '\0') {
-        BW_LOG("ZEVOBandwidthEnumToNameAddon failed");
-        return BW_PASS_UNLOGGED;
-    }
+    if (::ZEVOBandwidthEnumToNameAddon(iProtocol, szName, sizeof(szName)) != 1 || szName[0] == '\0')
+        return BW_LOG_AND_PASS("ZEVOBandwidthEnumToNameAddon failed");
     (void)std::snprintf(szPath, cbPath, "%s/%s_%d.json", kAddonDirectory, szName, iProtocol);
     return 0;
 }

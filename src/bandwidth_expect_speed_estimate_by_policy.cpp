@@ -13,7 +13,7 @@ using namespace bandwidth;
 
 namespace {
 
-// What the walk over the entries has found so far.
+// What the rules that apply leave the transfer: the answers of the entries so far.
 struct Answers {
     bool hasUser = false;
     bool hasGroup = false;
@@ -53,47 +53,44 @@ int AddGroup(Answers &answers, ZEVO_BANDWIDTH_LIMIT &entry, int32_t interGroupPo
         answers.groupBps = ::ZEVOBandwidthSum(answerBps, answers.groupBps);
         return 0;
     default:
-        BW_LOG("unknown inter_group_policy [%d] ", interGroupPolicy);
-        return BW_PASS_UNLOGGED;
-    }
-}
-
-// The user's and the groups' answers, where there are both.
-uint64_t CombineBoth(const Answers &answers, int32_t userGroupPolicy) noexcept
-{
-    const uint64_t userBps = answers.userBps;
-    const uint64_t groupBps = answers.groupBps;
-    switch (userGroupPolicy) {
-    case ZEVO_BW_USER_GROUP_POLICY_GROUP_FIRST:
-        return groupBps;
-    case ZEVO_BW_USER_GROUP_POLICY_MIN:
-        return ::ZEVOBandwidthIsLessThan(groupBps, userBps) != 0 ? groupBps : userBps;
-    case ZEVO_BW_USER_GROUP_POLICY_MAX:
-        return ::ZEVOBandwidthIsLargerThan(groupBps, userBps) != 0 ? groupBps : userBps;
-    case ZEVO_BW_USER_GROUP_POLICY_SUM:
-        return ::ZEVOBandwidthSum(userBps, groupBps);
-    default: // user-first
-        return userBps;
+        return BW_LOG_AND_PASS("unknown inter_group_policy [%d] ", interGroupPolicy);
     }
 }
 
 // A missing answer is 0: without any rule the transfer is unlimited.
 int Combine(const Answers &answers, int32_t userGroupPolicy, uint64_t *pSpeedBps) noexcept
 {
-    if (userGroupPolicy < ZEVO_BW_USER_GROUP_POLICY_USER_ONLY ||
-        userGroupPolicy > ZEVO_BW_USER_GROUP_POLICY_SUM) {
-        BW_LOG("unknown group policy [%d] ", userGroupPolicy);
-        return BW_PASS_UNLOGGED;
+    const uint64_t userBps = answers.userBps;
+    const uint64_t groupBps = answers.groupBps;
+    const uint64_t onlyBps = answers.hasUser ? userBps : groupBps;
+    const bool hasBoth = answers.hasUser && answers.hasGroup;
+    switch (userGroupPolicy) {
+    case ZEVO_BW_USER_GROUP_POLICY_USER_ONLY:
+        *pSpeedBps = userBps;
+        return 0;
+    case ZEVO_BW_USER_GROUP_POLICY_GROUP_ONLY:
+        *pSpeedBps = groupBps;
+        return 0;
+    case ZEVO_BW_USER_GROUP_POLICY_USER_FIRST:
+        *pSpeedBps = onlyBps;
+        return 0;
+    case ZEVO_BW_USER_GROUP_POLICY_GROUP_FIRST:
+        *pSpeedBps = answers.hasGroup ? groupBps : userBps;
+        return 0;
+    case ZEVO_BW_USER_GROUP_POLICY_MIN:
+        *pSpeedBps =
+            hasBoth && ::ZEVOBandwidthIsLessThan(groupBps, userBps) != 0 ? groupBps : onlyBps;
+        return 0;
+    case ZEVO_BW_USER_GROUP_POLICY_MAX:
+        *pSpeedBps =
+            hasBoth && ::ZEVOBandwidthIsLargerThan(groupBps, userBps) != 0 ? groupBps : onlyBps;
+        return 0;
+    case ZEVO_BW_USER_GROUP_POLICY_SUM:
+        *pSpeedBps = hasBoth ? ::ZEVOBandwidthSum(userBps, groupBps) : onlyBps;
+        return 0;
+    default:
+        return BW_LOG_AND_PASS("unknown group policy [%d] ", userGroupPolicy);
     }
-    if (userGroupPolicy == ZEVO_BW_USER_GROUP_POLICY_USER_ONLY)
-        *pSpeedBps = answers.userBps;
-    else if (userGroupPolicy == ZEVO_BW_USER_GROUP_POLICY_GROUP_ONLY)
-        *pSpeedBps = answers.groupBps;
-    else if (answers.hasUser && answers.hasGroup)
-        *pSpeedBps = CombineBoth(answers, userGroupPolicy);
-    else
-        *pSpeedBps = answers.hasUser ? answers.userBps : answers.groupBps;
-    return 0;
 }
 
 // Shares by answer. Entries that do not apply now count with the answer that they had last.

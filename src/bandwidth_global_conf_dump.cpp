@@ -34,10 +34,8 @@ int ZEVOBandwidthGlobalConfDump(FILE *fp, const ZEVO_BANDWIDTH_GLOBAL_CONF *pCon
     if (::ZEVOBandwidthInitHashFromGlobalConf(hash.address(), pConf) < 0)
         return BW_PASS("Init hash from conf failed. ");
     char szProtocol[kNameBytes];
-    if (!NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, pConf->protocolType, szProtocol)) {
-        BW_LOG("ZEVOBandwidthEnumToName failed, protocol=%d", pConf->protocolType);
-        return BW_PASS_UNLOGGED;
-    }
+    if (!NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, pConf->protocolType, szProtocol))
+        return BW_LOG_AND_PASS("ZEVOBandwidthEnumToName failed, protocol=%d", pConf->protocolType);
     (void)std::fprintf(fp, kLine, Column(hash, "state"), szProtocol,
                        Column(hash, "user-group policy"), Column(hash, "inter-group policy"),
                        Column(hash, "occupy policy"), Column(hash, "schedule plan"));

@@ -25,10 +25,8 @@ int ZEVOBandwidthGlobalConfGet(int32_t protocol_type, ZEVO_BANDWIDTH_GLOBAL_CONF
     pConf->occupyPolicy = ZEVO_BW_OCCUPY_POLICY_MAX;
 
     char szProtocol[kNameBytes]; // it is the section's name, too
-    if (!NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, protocol_type, szProtocol)) {
-        BW_LOG("ZEVOBandwidthEnumToName failed, protocol_type=%d", protocol_type);
-        return BW_PASS_UNLOGGED;
-    }
+    if (!NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, protocol_type, szProtocol))
+        return BW_LOG_AND_PASS("ZEVOBandwidthEnumToName failed, protocol_type=%d", protocol_type);
     const int found = LoadSection(szFile, szProtocol, hash, BW_HERE);
     if (found <= 0) return found;
     if (::ZEVOBandwidthInitGlobalConfFromHash(pConf, hash.get()) < 0)

@@ -16,10 +16,8 @@ int ZEVOBandwidthGlobalConfSet(ZEVO_BANDWIDTH_GLOBAL_CONF *pConf) noexcept
     if (::ZEVOBandwidthConfPath(ZEVO_BW_PROTOCOL_ALL, szFile, sizeof(szFile) - 1) < 0)
         return BW_PASS("ZEVOBandwidthConfPath failed for global config ");
     char szProtocol[kNameBytes]; // it is the section's name, too
-    if (!NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, pConf->protocolType, szProtocol)) {
-        BW_LOG("ZEVOBandwidthEnumToName failed, protocol=%d", pConf->protocolType);
-        return BW_PASS_UNLOGGED;
-    }
+    if (!NameOf(ZEVO_BW_PROTOCOL_TYPE_LIST, pConf->protocolType, szProtocol))
+        return BW_LOG_AND_PASS("ZEVOBandwidthEnumToName failed, protocol=%d", pConf->protocolType);
     Hash hash;
     if (!hash) return BW_PASS("VLIBCSzHashAlloc failed.");
     // A stored policy exists, so that its state cannot be NotExisted.

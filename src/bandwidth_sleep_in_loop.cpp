@@ -122,26 +122,25 @@ int RemoveCopies(const OccupiedGroups &groups, const ZEVO_BANDWIDTH_STATUS &stat
     return ::ZEVOBandwidthStatusRemoveByOccGroups(groups.ids, groups.count, status.transfer_type);
 }
 
-// A copy that cannot be removed goes stale.
+// Removes the copies after a failure, which stays in the error slot; false when that fails, too.
+bool CleanUpCopies(const OccupiedGroups &groups, const ZEVO_BANDWIDTH_STATUS &status) noexcept
+{
+    const CleanUpScope cleanUp;
+    return RemoveCopies(groups, status) == 0;
+}
+
 int Stop(const OccupiedGroups &groups, const ZEVO_BANDWIDTH_STATUS &status) noexcept
 {
-    {
-        const CleanUpScope cleanUp;
-        (void)RemoveCopies(groups, status);
-    }
+    (void)CleanUpCopies(groups, status); // a copy that cannot be removed becomes stale
     return BW_FAIL(ZEVO_BW_ERROR_STOPPED);
 }
 
-// The copies of the groups should have been removed before the save. When they cannot be, their file
-// is what the save failed for.
+// The copies should have been removed before the save. When they cannot be, their file is what the
+// save failed for.
 int FailSave(const OccupiedGroups &groups, const ZEVO_BANDWIDTH_STATUS &status) noexcept
 {
-    bool isRemoved = false;
-    {
-        const CleanUpScope cleanUp;
-        isRemoved = RemoveCopies(groups, status) == 0;
-    }
-    if (!isRemoved) return BW_PASS("ZEVOBandwidthStatusRemove failed. uid:[%u] ", status.id);
+    if (!CleanUpCopies(groups, status))
+        return BW_PASS("ZEVOBandwidthStatusRemove failed. uid:[%u] ", status.id);
     return BW_PASS("save info failed. [%u] ", status.id);
 }
 

@@ -1,7 +1,8 @@
 // Appending a section to a status file: in one write, so that the appends of several processes stand
 // beside each other, and on a line of its own, so that the torn tail that a dead process left harms
 // nobody. When the file was replaced meanwhile the section went to a file without a name: the append
-// starts over. A file with a second name is never changed in place but replaced by a copy first.
+// starts over. A file with a second name, or one that is not open to all, is never changed in place: a
+// copy with the section takes its place.
 
 #include "internal/frame.hpp"
 #include "internal/guard.hpp"
@@ -20,30 +21,38 @@ bool Holds(std::string_view text, const char *szSection) noexcept
     return lines.NextHeaderOf(szSection, line);
 }
 
-// Puts a copy in the place of a file that has other names, too.
-zevo::Fault ReplaceByCopy(const zevo::Place &place, const zevo::RegularFile &file) noexcept
+// Whether the file may be changed in place: it has no second name, and is open to all, as the library
+// makes status files. A private file that somebody has moved there is not.
+bool IsOurs(const struct stat &status, nlink_t nNames) noexcept
 {
-    zevo::Bytes text;
-    if (const zevo::Fault fault = file.ReadWhole(text)) return fault;
+    constexpr mode_t kStatusFileMode = 0666;
+    return nNames == 1 && (status.st_mode & zevo::kPermissionBits) == kStatusFileMode;
+}
+
+// Puts a copy with the section in the file's place.
+zevo::Fault AppendToCopy(const zevo::Place &place, const zevo::RegularFile &file,
+                         std::string_view text, std::string_view section) noexcept
+{
     zevo::TempFile copy(place);
     if (const zevo::Fault fault = copy.fault()) return fault;
-    if (const zevo::Fault fault = copy.Write(text.view())) return fault;
+    zevo::Pieces whole;
+    if (const zevo::Fault fault = whole.Append(text)) return fault;
+    if (const zevo::Fault fault = whole.Append(section)) return fault;
+    if (const zevo::Fault fault = copy.Write(whole)) return fault;
     if (const zevo::Fault fault = copy.Sync()) return fault;
     if (const zevo::Fault fault = copy.SetMode(file.stat().st_mode & zevo::kPermissionBits))
         return fault;
     return copy.Replace();
 }
 
-// Appends the section behind the text that the file holds by now.
-zevo::Fault Append(const zevo::RegularFile &file, std::string_view text, const char *szSection,
-                   const VLIB_SZ_HASH *pHash) noexcept
+// The section as it is appended to a text, on a line of its own.
+zevo::Fault Compose(std::string_view text, const char *szSection, const VLIB_SZ_HASH *pHash,
+                    SectionText &section) noexcept
 {
-    SectionText section;
     if (!text.ends_with('\n')) {
         if (const zevo::Fault fault = section.StartLine()) return fault;
     }
-    if (const zevo::Fault fault = section.Compose(szSection, pHash)) return fault;
-    return zevo::AppendOnce(file.get(), section.view());
+    return section.Compose(szSection, pHash);
 }
 
 } // namespace
@@ -66,14 +75,17 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
         if (const zevo::Fault fault = file.fault()) return BW_FAIL_WITH(fault);
         const nlink_t nNames = place.CountNames(file.stat());
         if (nNames == 0) continue;
-        if (nNames > 1) {
-            if (const zevo::Fault fault = ReplaceByCopy(place, file)) return BW_FAIL_WITH(fault);
-            continue;
-        }
         zevo::Bytes text;
         if (file.ReadWhole(text)) return BW_PASS_UNLOGGED; // no code of its own is promised
         if (Holds(text.view(), szSection)) return isWritten ? 1 : 0;
-        if (const zevo::Fault fault = Append(file, text.view(), szSection, pHash))
+        SectionText section;
+        if (const zevo::Fault fault = Compose(text.view(), szSection, pHash, section))
+            return BW_FAIL_WITH(fault);
+        if (!IsOurs(file.stat(), nNames)) {
+            const zevo::Fault fault = AppendToCopy(place, file, text.view(), section.view());
+            return fault ? BW_FAIL_WITH(fault) : 1;
+        }
+        if (const zevo::Fault fault = zevo::AppendOnce(file.get(), section.view()))
             return BW_FAIL_WITH(fault);
         isWritten = true;
         (void)zevo::Sync(file.get()); // the section stands; how soon on the disk is no promise

@@ -23,19 +23,19 @@ static_assert(sizeof(ZEVO_BANDWIDTH_STATUS) == Pinned(4160, 4160, 4156));
 
 // clang-format off
 constexpr ZEVO_BW_PARM kStatusParms[] = {
-    // key            field, capacity        names                       to text    from text
-    {"pid",           STATUS(pid),           nullptr,                    S32ToText, S32FromText},
-    {"id",            STATUS(id),            nullptr,                    U32ToText, U32FromText},
-    {"uid",           STATUS(uid),           nullptr,                    U32ToText, U32FromText},
-    {"active",        STATUS(active),        nullptr,                    U32ToText, U32FromText},
-    {"timestamp",     STATUS(timestamp),     nullptr,                    S64ToText, S64FromText, true},
-    {"current speed", STATUS(current_speed), nullptr,                    U64ToText, U64FromText},
-    {"expect speed",  STATUS(expect_speed),  nullptr,                    U64ToText, U64FromText},
-    {"filename",      STATUS(filename),      nullptr,                    nullptr,   nullptr},
-    {"owner type",    STATUS(owner_type),    ZEVO_BW_OWNER_TYPE_LIST,    nullptr,   nullptr},
-    {"protocol type", STATUS(protocol_type), ZEVO_BW_PROTOCOL_TYPE_LIST, nullptr,   nullptr},
-    {"transfer type", STATUS(transfer_type), ZEVO_BW_TRANSFER_TYPE_LIST, nullptr,   nullptr},
-    {"progress",      STATUS(progress),      nullptr,                    U32ToText, U32FromText},
+    // key            field, capacity        kind             name table
+    {"pid",           STATUS(pid),           Kind::kSigned},
+    {"id",            STATUS(id),            Kind::kUnsigned},
+    {"uid",           STATUS(uid),           Kind::kUnsigned},
+    {"active",        STATUS(active),        Kind::kUnsigned},
+    {"timestamp",     STATUS(timestamp),     Kind::kSigned, nullptr, true},
+    {"current speed", STATUS(current_speed), Kind::kUnsigned},
+    {"expect speed",  STATUS(expect_speed),  Kind::kUnsigned},
+    {"filename",      STATUS(filename),      Kind::kText},
+    {"owner type",    STATUS(owner_type),    Kind::kName, ZEVO_BW_OWNER_TYPE_LIST},
+    {"protocol type", STATUS(protocol_type), Kind::kName, ZEVO_BW_PROTOCOL_TYPE_LIST},
+    {"transfer type", STATUS(transfer_type), Kind::kName, ZEVO_BW_TRANSFER_TYPE_LIST},
+    {"progress",      STATUS(progress),      Kind::kUnsigned},
     {}, // the end
 };
 // clang-format on

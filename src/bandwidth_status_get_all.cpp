@@ -26,40 +26,6 @@ constexpr int32_t kMerge = 1;
 
 using Status = std::unique_ptr<ZEVO_BANDWIDTH_STATUS, Releaser<std::free>>;
 
-// What one walk looks for.
-struct Walk {
-    const char *szFile;
-    int64_t now; // one moment for every age, seconds
-    uint32_t protocolMask;
-    uint32_t transferMask;
-    StatusVisitor &visitor;
-};
-
-// The names of the sections, and which of them the walk has found stale.
-class Sections {
-public:
-    explicit Sections(List names) noexcept : names_(std::move(names)) {}
-
-    int32_t count() const noexcept { return names_->nItem; }
-    const char *name(int32_t i) const noexcept { return ::VLIBCSzListGet(names_.get(), i); }
-
-    // false without memory.
-    bool NoteStale(int32_t i) noexcept
-    {
-        if (!stale_) stale_ = AllocateArray<int32_t>(static_cast<size_t>(count()));
-        if (!stale_) return false;
-        stale_[static_cast<size_t>(nStale_++)] = i;
-        return true;
-    }
-    int32_t staleCount() const noexcept { return nStale_; }
-    const char *staleName(int32_t i) const noexcept { return name(stale_[static_cast<size_t>(i)]); }
-
-private:
-    List names_;
-    Array<int32_t> stale_;
-    int32_t nStale_ = 0;
-};
-
 void DeleteLeftover(const char *szFile, int64_t now) noexcept
 {
     const zevo::Place place(szFile);
@@ -69,60 +35,100 @@ void DeleteLeftover(const char *szFile, int64_t now) noexcept
         (void)::unlinkat(place.dir(), place.name(), 0); // somebody else may have done it
 }
 
-bool Passes(const Walk &walk, const ZEVO_BANDWIDTH_STATUS &status) noexcept
-{
-    return (status.protocol_type & walk.protocolMask) != 0 &&
-           (status.transfer_type & walk.transferMask) != 0;
-}
-
-void LogNotRemoved(const Walk &walk, const char *szSection) noexcept
-{
-    BW_LOG_SLOT("VLIBCFileRemoveSection failed. user:[%s], section:[%s] ", walk.szFile, szSection);
-}
-
-int NoMemory(const char *szSection) noexcept
-{
-    BW_LOG("malloc ZEVO_BANDWIDTH_STATUS failed. key:[%s]", szSection);
-    return BW_FAIL(ZEVO_BW_ERROR_NO_MEMORY);
-}
-
-// Reads one section and does with it what it calls for: 0, or -1 without memory.
-int WalkSection(const Walk &walk, Sections &sections, int32_t index, Hash &hash) noexcept
-{
-    const char *const szSection = sections.name(index);
-    (void)::VLIBCHashRemoveAll(hash.get());
-    const int found = ::VLIBCFileGetSection(walk.szFile, szSection, hash.address());
-    if (found < 0) BW_LOG_SLOT("Get section [%s] from [%s] failed. ", szSection, walk.szFile);
-    if (found <= 0) return 0; // failed, or its owner has just taken it away to save it anew
-    ZEVO_BANDWIDTH_STATUS *const pStatus = walk.visitor.NextRecord();
-    if (pStatus == nullptr) return NoMemory(szSection);
-    if (StatusFromHash(pStatus, hash.get()) < 0) {
-        BW_LOG_SLOT("Init status from hash failed. ");
-        return 0;
+// One walk over a status file.
+class Walk {
+public:
+    // now: the one moment from which all ages count, seconds.
+    Walk(const char *szFile, int64_t now, int32_t protocolMask, uint32_t transferMask,
+         StatusVisitor &visitor) noexcept
+        : szFile_(szFile), now_(now), protocolMask_(static_cast<uint32_t>(protocolMask)),
+          transferMask_(transferMask), visitor_(visitor)
+    {
     }
-    if (IsStale(*pStatus, walk.now)) {
-        if (!sections.NoteStale(index)) {
-            BW_RECORD(ZEVO_BW_ERROR_NO_MEMORY);
-            LogNotRemoved(walk, szSection);
+
+    int Run() noexcept
+    {
+        Hash hash;
+        if (!hash) return BW_PASS_UNLOGGED;
+        const StrangersFileScope strangers(szFile_);
+        VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
+        const int nSections = pNames == nullptr ? -1 : ::VLIBCFileEnumSection(szFile_, &pNames);
+        names_.reset(pNames);
+        if (nSections < 0) return BW_PASS_UNLOGGED;
+        int shown = 0;
+        for (int32_t i = 0; shown == 0 && i < names_->nItem; ++i)
+            shown = ShowSection(i, hash);
+        RemoveStale();
+        return shown;
+    }
+
+private:
+    const char *Name(int32_t i) const noexcept { return ::VLIBCSzListGet(names_.get(), i); }
+
+    bool Passes(const ZEVO_BANDWIDTH_STATUS &status) const noexcept
+    {
+        return (status.protocol_type & protocolMask_) != 0 &&
+               (status.transfer_type & transferMask_) != 0;
+    }
+
+    int FailForMemory(int32_t i) const noexcept
+    {
+        BW_LOG("malloc ZEVO_BANDWIDTH_STATUS failed. key:[%s]", Name(i));
+        return BW_FAIL(ZEVO_BW_ERROR_NO_MEMORY);
+    }
+
+    // Reads a section and shows it to the visitor if it is wanted: 0, or -1 without memory.
+    int ShowSection(int32_t i, Hash &hash) noexcept
+    {
+        (void)::VLIBCHashRemoveAll(hash.get());
+        const int found = ::VLIBCFileGetSection(szFile_, Name(i), hash.address());
+        if (found < 0) BW_LOG_SLOT("Get section [%s] from [%s] failed. ", Name(i), szFile_);
+        if (found <= 0) return 0; // 0: removed since the names were listed
+        ZEVO_BANDWIDTH_STATUS *const pStatus = visitor_.NextRecord();
+        if (pStatus == nullptr) return FailForMemory(i);
+        if (StatusFromHash(pStatus, hash.get()) < 0) {
+            BW_LOG_SLOT("Init status from hash failed. ");
+            return 0;
         }
-        return 0;
+        if (IsStale(*pStatus, now_)) {
+            NoteStale(i);
+            return 0;
+        }
+        return Passes(*pStatus) && !visitor_.Visit() ? FailForMemory(i) : 0;
     }
-    return Passes(walk, *pStatus) && !walk.visitor.Visit() ? NoMemory(szSection) : 0;
-}
 
-int WalkSections(const Walk &walk, Sections &sections, Hash &hash) noexcept
-{
-    for (int32_t i = 0; i < sections.count(); ++i)
-        if (WalkSection(walk, sections, i, hash) < 0) return BW_PASS_UNLOGGED;
-    return 0;
-}
+    void NoteStale(int32_t i) noexcept
+    {
+        if (!stale_) stale_ = AllocateArray<int32_t>(static_cast<size_t>(names_->nItem));
+        if (stale_) {
+            stale_[nStale_++] = i;
+        } else {
+            BW_RECORD(ZEVO_BW_ERROR_NO_MEMORY);
+            LogNotRemoved(i);
+        }
+    }
 
-void RemoveStale(const Walk &walk, const Sections &sections) noexcept
-{
-    if (sections.staleCount() == 0 || Purge(walk.szFile, walk.now).Run() == 0) return;
-    for (int32_t i = 0; i < sections.staleCount(); ++i)
-        LogNotRemoved(walk, sections.staleName(i));
-}
+    void RemoveStale() noexcept
+    {
+        if (nStale_ == 0 || Purge(szFile_, now_).Run() == 0) return;
+        for (size_t i = 0; i < nStale_; ++i)
+            LogNotRemoved(stale_[i]);
+    }
+
+    void LogNotRemoved(int32_t i) const noexcept
+    {
+        BW_LOG_SLOT("VLIBCFileRemoveSection failed. user:[%s], section:[%s] ", szFile_, Name(i));
+    }
+
+    const char *const szFile_;
+    const int64_t now_;
+    const uint32_t protocolMask_;
+    const uint32_t transferMask_;
+    StatusVisitor &visitor_;
+    List names_;           // of the sections
+    Array<int32_t> stale_; // indexes into names_
+    size_t nStale_ = 0;
+};
 
 int WalkFile(const char *szFile, int64_t now, int32_t protocolMask, uint32_t transferMask,
              StatusVisitor &visitor) noexcept
@@ -132,18 +138,7 @@ int WalkFile(const char *szFile, int64_t now, int32_t protocolMask, uint32_t tra
         return 0;
     }
     if (::VLIBCFileExist(szFile) != 1) return 0;
-
-    Hash hash;
-    if (!hash) return BW_PASS_UNLOGGED;
-    const StrangersFileScope strangers(szFile);
-    VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
-    const int nSections = pNames == nullptr ? -1 : ::VLIBCFileEnumSection(szFile, &pNames);
-    Sections sections{List(pNames)};
-    if (nSections < 0) return BW_PASS_UNLOGGED;
-    const Walk walk{szFile, now, static_cast<uint32_t>(protocolMask), transferMask, visitor};
-    const int walked = WalkSections(walk, sections, hash);
-    RemoveStale(walk, sections);
-    return walked;
+    return Walk(szFile, now, protocolMask, transferMask, visitor).Run();
 }
 
 // Puts the records into a list, the last one first.

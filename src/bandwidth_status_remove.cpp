@@ -31,6 +31,15 @@ int ZEVOBandwidthIStatusRemove(int32_t owner_type, uint32_t id, pid_t pid,
     return 0;
 }
 
+// Empty, and logged, when the user is not known.
+User FindUser(const char *szUserName) noexcept
+{
+    ZEVO_USER *pUser = nullptr;
+    if (::ZEVOUserGet(szUserName, &pUser) < 0)
+        BW_LOG_SLOT("ZEVOUserGet failed. name:[%s] ", szUserName);
+    return User(pUser);
+}
+
 int RemoveFromUser(uint32_t uid, pid_t pid, uint32_t transferMask) noexcept
 {
     if (ZEVOBandwidthIStatusRemove(ZEVO_BW_OWNER_USER, uid, pid, transferMask) < 0)
@@ -54,9 +63,8 @@ int ZEVOBandwidthIStatusForceRemoveAll(const char *szUserName, uint32_t uid, uin
     const List groups(::VLIBGroupInfoListGet(szUserName, 0));
     if (!groups) return BW_PASS("VLIBGroupInfoListGet failed. name:[%s] ", szUserName);
     for (int32_t i = 0; i < groups->nItem; ++i) {
-        const char *const szGid = ::VLIBCSzListGet(groups.get(), i);
         uint32_t gid = 0;
-        if (ReadGid(szGid, &gid, BW_HERE) < 0) return BW_PASS_UNLOGGED;
+        if (ReadGid(::VLIBCSzListGet(groups.get(), i), &gid, BW_HERE) < 0) return BW_PASS_UNLOGGED;
         if (RemoveFromGroup(gid, pid, transfer_mask) < 0) return BW_PASS_UNLOGGED;
     }
     return 0;
@@ -113,10 +121,8 @@ int ZEVOBandwidthStatusForceRemoveAllByUserName(const char *szUserName, uint32_t
 {
     const CancelScope cancel;
     BW_REQUIRE(szUserName != nullptr, "((void *)0) != szUserName");
-    ZEVO_USER *pUser = nullptr;
-    if (::ZEVOUserGet(szUserName, &pUser) < 0)
-        return BW_PASS("ZEVOUserGet failed. name:[%s] ", szUserName);
-    const User user(pUser);
+    const User user = FindUser(szUserName);
+    if (!user) return BW_PASS_UNLOGGED;
     return ForceRemoveAllOf(*user, transfer_mask, pid);
 }
 
@@ -135,10 +141,8 @@ int ZEVOBandwidthStatusSetActiveByUserName(const char *szUserName, int32_t trans
 {
     const CancelScope cancel;
     BW_REQUIRE(szUserName != nullptr, "((void *)0) != szUserName");
-    ZEVO_USER *pUser = nullptr;
-    if (::ZEVOUserGet(szUserName, &pUser) < 0)
-        return BW_PASS("ZEVOUserGet failed. name:[%s] ", szUserName);
-    const User user(pUser);
+    const User user = FindUser(szUserName);
+    if (!user) return BW_PASS_UNLOGGED;
     ZEVO_BANDWIDTH_STATUS status = {};
     if (::ZEVOBandwidthIStatusGet(ZEVO_BW_OWNER_USER, user->uid, pid, transfer_type, &status) < 0)
         return BW_PASS("ZEVOBandwidthStatusGet failed. name:[%s] ", szUserName);

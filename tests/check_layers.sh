@@ -96,7 +96,7 @@ done < <(grep -rnE --include='*.[ch]' --include='*.[ch]pp' '^[[:space:]]*#[[:spa
 # One way to fail: only the call frame reaches the log and the error slot, and no exit is mute.
 {
     grep -nwE --include='*.[ch]pp' -r 'v?syslog|VLIBCErrSetEx' src | grep -v '#include' |
-        grep -v '^src/internal/frame\.hpp:' | sed 's/$/   <- only frame.hpp does that/'
+        grep -v '^src/internal/frame\.[ch]pp:' | sed 's/$/   <- only frame.hpp does that/'
     grep -nE --include='*.[ch]pp' -r '\breturn -1;' src | grep -v '^src/internal/frame\.hpp:' |
         sed 's/$/   <- say which failure it is (BW_FAIL, BW_PASS)/'
 } >>"$found" || true

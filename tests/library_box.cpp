@@ -20,6 +20,7 @@ struct Platform {
     std::optional<std::vector<std::string>> gids;
     Lines executed;
     bool readsApart = false;
+    bool replacesHashes = false;
     std::vector<std::function<void()>> beforeReads;
 };
 
@@ -114,6 +115,11 @@ void ReadSectionsApart(std::vector<std::function<void()>> actions)
     });
 }
 
+void ReplaceHashes()
+{
+    Locked([](Platform &all) { all.replacesHashes = true; });
+}
+
 Lines Executed()
 {
     return Locked([](Platform &all) { return all.executed; });
@@ -148,6 +154,8 @@ int VLIBCFileGetSection(const char *szPath, const char *szSection, VLIB_SZ_HASH 
     });
     if (action) action();
     if (isApart) (void)VLIBCFileExist(szPath); // the platform keeps what it has listed no longer
+    if (Locked([](Platform &all) { return all.replacesHashes; }))
+        VLIBCSzHashFree(std::exchange(*ppHash, VLIBCSzHashAlloc(1024)));
     return REAL(VLIBCFileGetSection)(szPath, szSection, ppHash);
 }
 

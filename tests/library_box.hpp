@@ -47,6 +47,8 @@ void FailNextListAlloc();
 // From now on each section that is read is read of the file as it is then, as another platform may do
 // it; before each of the first reads one of the actions is done.
 void ReadSectionsApart(std::vector<std::function<void()>> actions);
+// From now on each read of a section puts another hash in the place of the caller's.
+void ReplaceHashes();
 
 // The programs run since the test began, none of which was really run: the words of each, joined
 // by blanks.

@@ -311,7 +311,7 @@ TEST_F(SectionFile, OnlyRegularFilesOfModerateSizeInRealDirectoriesAreTaken)
     ASSERT_EQ(::mkdir(etc.Path("dir"), 0700), 0);
     ASSERT_EQ(::symlink(etc.c_str(), box.Path("linked")), 0);
     etc.Write("huge", "");
-    ASSERT_EQ(::truncate(etc.Path("huge"), (off_t{64} << 20) + 1), 0);
+    ASSERT_EQ(::truncate(etc.Path("huge"), (off_t{8} << 20) + 1), 0);
     for (const std::string &path :
          {base + "/link", base + "/fifo", base + "/dir", base + "/huge", base + "/missing",
           box.c_str() + std::string("/linked/conf"), box.c_str() + std::string("/linked//conf"),

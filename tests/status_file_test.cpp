@@ -307,7 +307,11 @@ protected:
         return ZEVOBandwidthStatusAddSection(Path(), szSection, hash.get());
     }
     const char *Path() { return box.Path("user-2001"); }
-    void Write(const std::string &text) { box.Write("user-2001", text); }
+    void Write(const std::string &text)
+    {
+        box.Write("user-2001", text);
+        EXPECT_EQ(::chmod(Path(), 0666), 0); // as the library makes it
+    }
     std::string Read() { return box.Read("user-2001"); }
     // As another writer does; -1 when the lock is held.
     int TakeTurn()
@@ -385,14 +389,36 @@ TEST_F(StatusRewrite, AFailureLeavesTheOldFileAndNoTemporaryOne)
     EXPECT_THAT(TakeLog(), IsEmpty()) << "the caller tells";
 }
 
-TEST_F(StatusRewrite, AFileWithASecondNameIsReplacedAndNeverChangedInPlace)
+TEST_F(StatusRewrite, WhatTheLibraryDidNotMakeIsReplacedAndNeverChangedInPlace)
+{
+    for (const bool isLinked : {true, false}) { // a second name, or a private file moved there
+        SCOPED_TRACE(isLinked);
+        Write(kTwo);
+        ASSERT_EQ(::chmod(Path(), isLinked ? 0666 : 0600), 0);
+        const int fd = ::open(Path(), O_RDONLY | O_CLOEXEC);
+        ASSERT_TRUE(!isLinked || ::link(Path(), box.Path("elsewhere")) == 0);
+        EXPECT_EQ(Add("1-2"), 1);
+        char text[1000] = {};
+        EXPECT_GT(::pread(fd, text, sizeof(text) - 1, 0), 0);
+        ::close(fd);
+        EXPECT_EQ(std::string(text), kTwo) << "the old file";
+        EXPECT_EQ(Read(), kTwo + ("\n" + hash.Text().replace(1, 1, "1-2")));
+        EXPECT_EQ(ModeOf(Path()), isLinked ? 0666U : 0600U);
+        (void)::unlink(box.Path("elsewhere"));
+        EXPECT_THAT(box.Files(), ElementsAre("user-2001"));
+    }
+}
+
+TEST_F(StatusRewrite, ATemporaryFileThatSomebodyRemovesIsMadeAgain)
 {
     Write(kTwo);
-    ASSERT_EQ(::link(Path(), box.Path("elsewhere")), 0);
-    EXPECT_EQ(Add("1-2"), 1);
-    EXPECT_EQ(box.Read("elsewhere"), kTwo);
-    EXPECT_EQ(Read(), kTwo + ("\n" + hash.Text().replace(1, 1, "1-2")));
-    EXPECT_THAT(box.Files(), ElementsAre("elsewhere", "user-2001"));
+    Before(Call::Rename, 1, [&] {
+        for (const std::string &name : box.Files())
+            EXPECT_TRUE(name == "user-2001" || ::unlink(box.Path(name)) == 0);
+    });
+    EXPECT_EQ(Set("5-2"), 1);
+    EXPECT_THAT(Read(), HasSubstr("[5-2]\npid=4711\n"));
+    EXPECT_EQ(box.FileCount(), 1);
 }
 
 // ---- beside other processes ----

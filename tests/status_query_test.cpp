@@ -2,6 +2,7 @@
 // stopping them.
 #include "library_box.hpp"
 
+#include <algorithm>
 #include <cstring>
 
 #include <fcntl.h>
@@ -140,6 +141,22 @@ TEST_F(Query, OneBadSectionHidesNoOther)
     EXPECT_NE(box.Read("user-2001").find(bad), std::string::npos) << "it stays";
 }
 
+TEST_F(Query, WhatStrangersWroteReachesTheLogEscapedAndCut)
+{
+    const std::string forged = "x\\nsshd[1]: Accepted password\\x1B[2J\\x9B";
+    box.Write("user-2001", "[1-1]\nprotocol type=\"" + forged + "\"\n[2-1]\nprotocol type=" +
+                               std::string(3'000, 'y') + "\n[3-1]\ntransfer type=\xC3\xBC\n");
+    EXPECT_THAT(List(), IsEmpty());
+    const Lines lines = TakeLog();
+    EXPECT_THAT(lines, Contains(HasSubstr("protocol=x\\x0Asshd[1]: Accepted password\\x1B[2J")));
+    for (const std::string &line : lines) {
+        EXPECT_LT(line.size(), 1'024U);
+        EXPECT_TRUE(std::all_of(line.begin(), line.end(), [](char byte) {
+            return byte >= ' ' && byte <= '~';
+        })) << line;
+    }
+}
+
 TEST_F(Query, ASectionThatLacksKeysHasNothingOfTheOneBeforeIt)
 {
     const std::string bare = "[2-1]\nprotocol type=ftp\ntransfer type=upload\ntimestamp=";
@@ -193,6 +210,14 @@ TEST_F(Query, ASaveThatComesBeforeThePurgeIsNotPurged)
             << "only what is still stale goes";
         EXPECT_EQ(box.FileCount(), 1);
     }
+}
+
+TEST_F(Query, APlatformMayPutALargerHashInTheCallersPlace)
+{
+    Write({Aged(1, 31), Of(2, "ftp"), Aged(3, 31)});
+    platform::ReplaceHashes();
+    EXPECT_THAT(List(), ElementsAre("2:100/1000"));
+    EXPECT_EQ(box.Read("user-2001"), Of(2, "ftp").Text());
 }
 
 TEST_F(Query, AFileThatChangesFasterIsPurgedAnotherTime)

@@ -399,8 +399,10 @@ TEST_F(Throttle, AFailedCallSaysWhereItFailedAndLeavesTheTime)
 
     // The clean-up fails as well: the copies should have been removed before the save.
     box.Write("user-2001", mine.Text());
-    ASSERT_EQ(::unlink(box.Path("group-3001")), 0);
-    ASSERT_EQ(::mkdir(box.Path("group-3001"), 0755), 0);
+    Before(Call::Fsync, 1, [&] { // of the user's file
+        ASSERT_EQ(::unlink(box.Path("group-3001")), 0);
+        ASSERT_EQ(::mkdir(box.Path("group-3001"), 0755), 0);
+    });
     expectFailure("ZEVOBandwidthStatusRemove failed. uid:[2001] [0x0900 "
                   "bandwidth_status_set_section.cpp:#]");
     ExpectSlot(0x0900, "bandwidth_status_set_section.cpp");

@@ -10,6 +10,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include <syslog.h>
 
@@ -24,6 +25,9 @@ struct Site {
     const char *szFile; // no directory, static storage
     int line;
 };
+
+// Logs the place and the text, at most 1 KiB, with what is not printable ASCII escaped.
+void LogLine(Site site, const char *szFormat, ...) noexcept __attribute__((format(printf, 2, 3)));
 
 inline void Record(unsigned code, Site site) noexcept
 {
@@ -63,8 +67,7 @@ public:
     {
         if (pCurrent == nullptr || pCurrent->linesLeft_-- > 0) return true;
         if (pCurrent->linesLeft_ == -1)
-            WriteLog(LOG_ERR, "%s:%d Too much to log about [%s], the rest is left out", site.szFile,
-                     site.line, pCurrent->szFile_);
+            LogLine(site, "Too much to log about [%s], the rest is left out", pCurrent->szFile_);
         return false;
     }
     static bool MaySearch(const char *szPattern) noexcept
@@ -75,18 +78,19 @@ public:
     // The next search, if it is the same, is not made: most of a file's sections name one protocol.
     static void NoteMissed(const char *szPattern) noexcept
     {
-        if (pCurrent != nullptr)
-            (void)std::snprintf(pCurrent->szMissed_, sizeof(szMissed_), "%.*s",
-                                static_cast<int>(sizeof(szMissed_)) - 1, szPattern);
+        if (pCurrent == nullptr) return;
+        const size_t cb = std::string_view(szPattern).copy(pCurrent->szMissed_, kMissedBytes - 1);
+        pCurrent->szMissed_[cb] = '\0'; // a pattern that is cut equals no other
     }
 
 private:
+    static constexpr size_t kMissedBytes = 256;
     static inline thread_local StrangersFileScope *pCurrent = nullptr; // of the calling thread
 
     const char *const szFile_;
     int64_t linesLeft_ = 64; // negative once they are used up
     int64_t searchesLeft_ = 64;
-    char szMissed_[256] = "";
+    char szMissed_[kMissedBytes] = "";
 };
 
 // Cleaning up after a failure: while it lives nothing is logged, and at its end the error slot names
@@ -128,8 +132,7 @@ inline bool MayLog(Site site) noexcept
 #define BW_HERE (::bandwidth::Site{__FILE_NAME__, __LINE__})
 
 #define BW_LOG_AT(site, fmt, ...)                                                                  \
-    (::bandwidth::MayLog(site) ? ::bandwidth::WriteLog(LOG_ERR, "%s:%d " fmt, (site).szFile,       \
-                                                       (site).line __VA_OPT__(, ) __VA_ARGS__)     \
+    (::bandwidth::MayLog(site) ? ::bandwidth::LogLine((site), fmt __VA_OPT__(, ) __VA_ARGS__)      \
                                : void())
 #define BW_LOG(fmt, ...) BW_LOG_AT(BW_HERE, fmt __VA_OPT__(, ) __VA_ARGS__)
 
@@ -152,7 +155,10 @@ inline bool MayLog(Site site) noexcept
 // A callee found it.
 #define BW_PASS_AT(site, fmt, ...) (BW_LOG_SLOT_AT(site, fmt __VA_OPT__(, ) __VA_ARGS__), -1)
 #define BW_PASS(fmt, ...) BW_PASS_AT(BW_HERE, fmt __VA_OPT__(, ) __VA_ARGS__)
-// A callee found it, and what was to be said has been said, or nothing is to be.
+// The same with a line that does not tell what the slot holds.
+#define BW_LOG_AND_PASS_AT(site, fmt, ...) (BW_LOG_AT(site, fmt __VA_OPT__(, ) __VA_ARGS__), -1)
+#define BW_LOG_AND_PASS(fmt, ...) BW_LOG_AND_PASS_AT(BW_HERE, fmt __VA_OPT__(, ) __VA_ARGS__)
+// A callee found it, and nothing is to be logged, or no more.
 #define BW_PASS_UNLOGGED (-1)
 
 // An argument is wrong. The text is interface and therefore not made from the condition.

@@ -18,39 +18,28 @@ constexpr size_t Pinned(size_t on64, size_t on32, size_t on32Packed)
     return alignof(uint64_t) == 8 ? on32 : on32Packed;
 }
 
-// Converters of one number; they record and log in the name of the site they are handed.
-using ToText = int (*)(const void *private_data, char *str, size_t cb, Site site);
-using FromText = int (*)(void *private_data, const char *str, Site site);
+enum class Kind {
+    kText,
+    kName,     // an enumeration, spelled by its name table
+    kSigned,   // a decimal number; text after it is ignored
+    kUnsigned, // a decimal number; text after it is refused (0x4000), and the number is kept
+};
 
-// With a name table: an enumeration. With converters: a number. With neither: a text.
 struct ZEVO_BW_PARM {
-    const char *szKey; // none in the row that ends a table
+    const char *szKey; // nullptr in the row that ends a table
     size_t offset;
-    size_t cbField;
-    const ZEVO_BW_ENUM_ENTRY *names;
-    ToText ToHashStr;
-    FromText fnFromHashStr;
+    size_t cbField; // 4 or 8 for a number
+    Kind kind;
+    const ZEVO_BW_ENUM_ENTRY *names = nullptr; // of a kName
     bool comesLast = false; // its pair is set, and so written, after those of all other rows
 };
 
-int S32ToText(const void *private_data, char *str, size_t cb, Site site) noexcept;
-int U32ToText(const void *private_data, char *str, size_t cb, Site site) noexcept;
-int S64ToText(const void *private_data, char *str, size_t cb, Site site) noexcept;
-int U64ToText(const void *private_data, char *str, size_t cb, Site site) noexcept;
-
-// Text after a signed number is ignored; after an unsigned one it is a failure (0x4000), the field
-// holding what was read before it.
-int S32FromText(void *private_data, const char *str, Site site) noexcept;
-int U32FromText(void *private_data, const char *str, Site site) noexcept;
-int S64FromText(void *private_data, const char *str, Site site) noexcept;
-int U64FromText(void *private_data, const char *str, Site site) noexcept;
-
-// Empties the hash and sets one pair a row, in the table's order, but the last one last. A value
-// without a name is left out.
+// Empties the hash and sets one pair for each row, in the table's order. A value without a name is
+// left out.
 int HashFromRecord(VLIB_SZ_HASH **ppHash, const void *pRecord, const ZEVO_BW_PARM *parm_table,
                    Site site) noexcept;
 
-// Sets the fields whose keys the hash holds. An unknown name leaves its field.
+// Sets the fields whose keys the hash holds. An unknown name leaves its field as it is.
 int RecordFromHash(void *pRecord, const VLIB_SZ_HASH *pHash, const ZEVO_BW_PARM *parm_table,
                    Site site) noexcept;
 

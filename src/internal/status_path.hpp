@@ -21,10 +21,9 @@ public:
     int Compose(int32_t ownerType, uint32_t id, Site site) noexcept
     {
         char szOwner[kNameBytes];
-        if (!NameOf(ZEVO_BW_OWNER_TYPE_LIST, ownerType, szOwner)) {
-            BW_LOG_AT(site, "ZEVOBandwidthEnumToName failed, protocol=%d", ownerType);
-            return BW_PASS_UNLOGGED;
-        }
+        if (!NameOf(ZEVO_BW_OWNER_TYPE_LIST, ownerType, szOwner))
+            return BW_LOG_AND_PASS_AT(site, "ZEVOBandwidthEnumToName failed, protocol=%d",
+                                      ownerType);
         (void)std::snprintf(szPath_, sizeof(szPath_), "%s%s-%u", kStatusDirectory, szOwner, id);
         return 0;
     }

@@ -40,22 +40,22 @@ zevo::Fault NumberSections(std::string_view text, zevo::Bytes &out, int32_t &nSe
 
 zevo::Fault Purge::DecideByCopy(const char *szCopy) noexcept
 {
-    const Hash hash;
+    Hash hash;
     isStale_ = AllocateArray<bool>(static_cast<size_t>(nSections_));
+    if (!hash || !isStale_) return zevo::kNoMemory;
     VLIB_SZ_LIST *pNames = ::VLIBCSzListAlloc(kListSize);
-    if (!hash || !isStale_ || pNames == nullptr) return zevo::kNoMemory;
+    if (pNames == nullptr) return zevo::kNoMemory;
     const int nRead = ::VLIBCFileEnumSection(szCopy, &pNames);
     const List names(pNames);
     if (nRead < 0) return zevo::kRecorded;
     if (nRead != nSections_) return zevo::kCannotRead; // somebody has put another file in its place
     for (int32_t i = 0; i < nSections_; ++i) {
-        VLIB_SZ_HASH *pHash = hash.get();
-        (void)::VLIBCHashRemoveAll(pHash);
-        if (::VLIBCFileGetSection(szCopy, ::VLIBCSzListGet(names.get(), i), &pHash) < 0)
+        (void)::VLIBCHashRemoveAll(hash.get());
+        if (::VLIBCFileGetSection(szCopy, ::VLIBCSzListGet(names.get(), i), hash.address()) < 0)
             return zevo::kRecorded;
         ZEVO_BANDWIDTH_STATUS status = {};
         isStale_[static_cast<size_t>(i)] =
-            StatusFromHash(&status, pHash) == 0 && IsStale(status, now_);
+            StatusFromHash(&status, hash.get()) == 0 && IsStale(status, now_);
     }
     return zevo::kNoFault;
 }

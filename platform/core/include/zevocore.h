@@ -88,7 +88,7 @@ ZEVOCORE_API void VLIBCSzListFree(VLIB_SZ_LIST *pList) ZEVOCORE_NOEXCEPT;
  *
  * Every operation opens the parent directory, without following a link at its last component, and
  * works relative to it. It follows no link at the file's own name, takes only regular files of at most
- * 64 MiB (else 0x0900), and waits for nothing but the lock named below. The errors are 0x0D00 null
+ * 8 MiB (else 0x0900), and waits for nothing but the lock named below. The errors are 0x0D00 null
  * argument, 0x0200 no memory, 0x0900 cannot be opened or created, 0x2700 fstat fails, 0x0A00 reading
  * fails, 0x0B00 writing, syncing or setting the mode fails, 0x2800 rename fails.
  */
