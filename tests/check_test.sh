@@ -9,76 +9,10 @@ finds() { grep -F -- "$2" /tmp/out | grep -qF -- "$1: " || fail "not found: $1: 
 
 # section NAME AGE: a transfer of alice saved so many seconds ago.
 section() {
-    printf '[%s]\npid=%s\nid=2001\nuid=2001\nactive=1\ntimestamp=%s\ncurrent speed=1\n' "$1" \
-        "${1%-*}" "$(($(date +%s) - $2))"
-    printf 'expect speed=2\nfilename="a\\"b\\n"\nowner type=user\nprotocol type=ftp\n'
-    printf 'transfer type=upload\nprogress=0\n\n'
+    transfer user-2001 "$1" ftp upload '"a\"b\n"' |
+        sed "s/^timestamp=.*/timestamp=$(($(date +%s) - $2))/"
 }
 
-zevo check
-exits 0
-prints 'nothing found'
-zevo policy set -p ftp
-zevo rule set -u alice -p ftp --up 1M --plan 'all all-day normal'
-mkdir -m 777 $running
-(umask 0; section 4711-1 0 >$running/user-2001)
-touch $running/user-2001.AbCdEf $conf/bandwidth.ftp.conf.AbCdEf
-zevo check
-exits 0
-prints 'nothing found'
-
-# Every kind of fault in the texts, each with its line.
-cat >$conf/bandwidth.ftp.conf <<'CONF'
-# by hand
-[user-2001]
-state=on
-upload rate=5oo
-download rate=-1
-schedule plan=111
-uplaod rate=5
-id=2002
-this is no setting
-"custom"="x
-[user-4711]
-state=enabled
-[user-02001]
-nonsense=1
-[user-2001]
-[open
-CONF
-cat >$conf/bandwidth.global.conf <<'CONF'
-[ftp]
-user-group policy=best
-inter-group policy=user-first
-[gopher]
-CONF
-printf '[user-2001]\nstate=enabled\n' | tee $conf/bandwidth.gopher.conf >$conf/bandwidth.rsync.conf
-zevo check
-exits 6
-err_has '16 findings'
-while read -r file line what; do
-    finds "$conf/bandwidth.$file.conf:$line" "$what"
-done <<'FAULTS'
-ftp 3 "state" is no name known here: "on"
-ftp 4 "upload rate" is no number: "5oo"
-ftp 5 "download rate" is no number: "-1"
-ftp 6 "schedule plan" has 3 characters instead of 168
-ftp 7 unknown setting "uplaod rate"
-ftp 8 "2002" instead of "2001"
-ftp 9 is no section, setting or comment
-ftp 10 is no section, setting or comment
-ftp 12 unknown user 4711
-ftp 13 belongs to nobody: [user-02001]
-ftp 15 second section of this name
-ftp 16 is no section, setting or comment
-global 2 "user-group policy" is no name known here
-global 3 "inter-group policy" is no name known here
-global 4 unknown protocol: [gopher]
-FAULTS
-finds $conf/bandwidth.gopher.conf 'unknown protocol'
-finds $conf/bandwidth.rsync.conf 'hint: its rules do not bear'
-out_has 'zevobandwidth rule clear -u 4711 -p ftp'
-zevo rule clear -u 4711 -p ftp
 zevo check
 ! grep -q 'unknown user' /tmp/out || fail 'the remedy does not cure'
 ! grep -q 'nonsense' /tmp/out || fail 'lines of an unknown section were judged'
@@ -142,20 +76,16 @@ exits 6
 finds $running 'it is no directory'
 rm $running
 chmod 000 $conf
-status=0
-setpriv --inh-caps=-all --bounding-set=-all "$ZEVOBW_TOOL" check >/tmp/out 2>/tmp/err || status=$?
+as_anybody check
 exits 3
 
 # ---- notify ----
 
 zevo notify nobody
 exits 2
-mkdir -p /tmp/named /run/httpd
-cp "$(command -v sleep)" /tmp/named/zevobandwidth
-(exec 2>/dev/null; /tmp/named/zevobandwidth 60; echo $? >/tmp/ended) & told=$!
-until pgrep -x zevobandwidth >/dev/null; do sleep 0.01; done
-zevo notify all
-exits 0
+mkdir -p /run/httpd
+named_program
+does notify all
 wait $told
 same "$(cat /tmp/ended)" 129
 out_has '1 process told'
@@ -164,44 +94,33 @@ out_has 'docuhall'
 setsid bash -c 'trap "exit 42" USR2; echo $$ >/run/httpd/httpd-webdav.pid
     while :; do sleep 0.05; done' 2>/dev/null & server=$!
 until [[ -s /run/httpd/httpd-webdav.pid ]]; do sleep 0.01; done
-zevo notify webdav
-exits 0
+does notify webdav
 wait $server
 same $? 42
-zevo notify webdav --json
-exits 1
-err_has 'has not been told'
+fails 1 'has not been told' notify webdav --json
 out_has '"result": -1'
 
 # ---- add-ons ----
 
 wipe
-zevo addon list
-exits 0
-err_has 'no add-on protocols'
+warns 'no add-on protocols' addon list
 mkdir -p $conf/addon
 touch $conf/addon/{backup_20,x_5,y_5,evil_4,z_abc}.json $conf/addon/readme
-zevo addon list
-exits 0
+does addon list
 silent
 same "$(awk 'NR > 1 { print $1, $2, $4, $5 }' /tmp/out | sort | xargs)" \
     '- - not usable: backup 20 usable evil 4 not usable: x 5 not usable: y 5 not usable:'
-zevo check
-exits 6
-err_has '4 findings'
+fails 6 '4 findings' check
 finds $conf/addon/z_abc.json 'cannot be used: its name is no NAME_NUMBER.json'
 finds $conf/addon/evil_4.json 'taken by the system itself'
 finds $conf/addon/x_5.json 'another file there has the same number'
 out_has '    rename or remove one of the two'
-zevo addon path backup
-exits 0
-prints $conf/addon/backup_20.json
+answers $conf/addon/backup_20.json addon path backup
 
 # A name goes out as it is, but not to a terminal.
 name=$'e\033[2Jvil'
 touch "$conf/addon/${name}_21.json"
-zevo addon path "$name"
-prints "$conf/addon/${name}_21.json"
+answers "$conf/addon/${name}_21.json" addon path "$name"
 ZEVO_NAME=$name script -qec "$ZEVOBW_TOOL addon path \"\$ZEVO_NAME\"" /dev/null >/tmp/out
 out_has 'e\x1B[2Jvil_21.json'
 refused 4 'built in' addon path ftp

@@ -20,8 +20,7 @@ exits 2
 offers() {
     local words
     IFS='|' read -ra words <<<"$1|"
-    zevo __complete zevobandwidth "${words[@]}"
-    exits 0
+    does __complete zevobandwidth "${words[@]}"
     same "$(cut -f1 /tmp/out | tr '\n' ' ')" "$2"
 }
 offers 'ru' 'rule '
@@ -51,8 +50,7 @@ offers 'addon|path|' 'backup '
 rm -r $conf/addon
 offers 'rule|set|--cust' '--custom-up --custom-down '
 offers 'rule|set|--|--cust' ''
-zevo __complete zevobandwidth stop --pid 4
-out_has 'x\x0Ay'
+tells 'x\x0Ay' __complete zevobandwidth stop --pid 4
 
 # ---- bash ----
 

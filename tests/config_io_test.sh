@@ -25,8 +25,7 @@ stored() { cat $conf/*.conf; }
 # ---- there and back ----
 
 configure
-zevo export /tmp/first.json
-exits 0
+does export /tmp/first.json
 silent
 prints ''
 /usr/bin/python3 - "$schema" /tmp/first.json <<'PY' || fail 'the export does not follow its schema'
@@ -38,23 +37,17 @@ assert [r["name"] for r in text["rules"]] == [None, "alice", "bob", "alice", "ca
 PY
 same "$(grep -c '"protocol"' /tmp/first.json)" 7
 chmod 600 /tmp/first.json
-zevo import /tmp/first.json
-out_has '0 added, 0 changed; 7 unchanged; 0 stored'
+tells '0 added, 0 changed; 7 unchanged; 0 stored' import /tmp/first.json
 rm $conf/*.conf
-zevo import -N /tmp/first.json
-out_has 'added: user bob, ftp: schedule, upload 10 MiB/s'
+tells 'added: user bob, ftp: schedule, upload 10 MiB/s' import -N /tmp/first.json
 err_has 'line 9: no such user here; the rule is kept for the id 4711'
 [[ ! -e $conf/bandwidth.ftp.conf ]] || fail 'a dry run made a file'
-zevo import /tmp/first.json
-exits 0
-out_has '7 added, 0 changed'
+tells '7 added, 0 changed' import /tmp/first.json
 zevo export -
 cmp -s /tmp/out /tmp/first.json || fail 'what came back is something else'
 zevo export /tmp/first.json
 same "$(stat -c %a /tmp/first.json)" 600
-zevo export /tmp
-exits 1
-err_has 'no regular file'
+fails 1 'no regular file' export /tmp
 
 # A change is shown with both values, what the file lacks stays.
 zevo rule set -u alice -p ftp --up 2M
@@ -69,9 +62,7 @@ print(r["changed"], r["kept"], d["from"]["upload_kib_per_s"], d["to"]["upload_ki
 
 # Another machine: bob has another id there, and carol's is somebody else's.
 sed 's/"name":"bob","id":2002/"name":"bob","id":7/' /tmp/first.json >/tmp/moved.json
-zevo import /tmp/moved.json
-exits 0
-err_has 'user bob has the id 2002 here, not 7'
+warns 'user bob has the id 2002 here, not 7' import /tmp/moved.json
 sed -i 's/"name":"carol"/"name":"karl"/' /tmp/moved.json
 refused 1 'line 13: no such user: "karl", and the id 2003 belongs to carol' import /tmp/moved.json
 
@@ -116,9 +107,7 @@ refused 1 'No such file' import /tmp/absent.json
 configure
 sed -i 's/^upload rate=7$/upload rate=7x/' $conf/bandwidth.ftp.conf
 rm -f /tmp/first.json
-zevo export /tmp/first.json
-exits 1
-err_has 'nothing was exported: mend the 1 fault first'
+fails 1 'nothing was exported: mend the 1 fault first' export /tmp/first.json
 [[ ! -e /tmp/first.json ]] || fail 'an incomplete export was written'
 
 # Nor may it hold what import refuses, or a default in place of what nobody understands.
@@ -135,8 +124,7 @@ s/^occupy policy=weighted/occupy policy=x/|section [ftp] of $conf/bandwidth.glob
 CASES
 configure
 touch $conf/addon/$'b\xff_40.json'
-zevo export
-exits 0
+does export
 zevo rule set -u alice -p $'b\xff' --up 1M
 refused 1 'the name of the add-on is no UTF-8' export
 
@@ -148,9 +136,7 @@ cp -r $conf/addon /tmp/small
 mount --bind /tmp/small $conf
 zevo rule set -u alice -p ftp --up 5M
 before=$(stored) names=$(ls $conf)
-zevo import /tmp/first.json
-exits 1
-err_has 'what was there has been put back'
+fails 1 'what was there has been put back' import /tmp/first.json
 [[ ! -s /tmp/out ]] || fail 'a failed import printed a result'
 same "$(stored)" "$before"
 same "$(ls $conf)" "$names"
@@ -164,12 +150,9 @@ edits() {
 }
 
 configure
-EDITOR=false zevo rule edit -u alice -p ftp
-exits 1
-err_has 'ended with exit status 1: nothing is changed'
+EDITOR=false fails 1 'ended with exit status 1: nothing is changed' rule edit -u alice -p ftp
 before=$(stored)
-VISUAL="cat" zevo rule edit -u dave -p ftp
-exits 0
+VISUAL="cat" does rule edit -u dave -p ftp
 err_has 'nothing is changed'
 out_has 'custom download = unlimited'
 same "$(stored)" "$before"

@@ -1,11 +1,7 @@
 // Which rules bear on a user, and which of them are in force at a moment.
 #include "library_box.hpp"
 
-#include <gmock/gmock.h>
-
-using standins::Call;
-using standins::FailNth;
-using standins::TakeLog;
+using namespace standins;
 using testing::IsEmpty;
 
 namespace {
@@ -206,24 +202,24 @@ TEST_F(Moment, WithoutAScheduleAnEntryKeepsItsFirstState)
 
 TEST_F(Moment, TheChecksAskTheStatesInForce)
 {
-    limit.conf.currentState = ZEVO_BW_STATE_ENABLED;
-    limit.conf.state = ZEVO_BW_STATE_DISABLED;
-    config.globalConf.currentState = ZEVO_BW_STATE_ENABLED;
-    config.globalConf.state = ZEVO_BW_STATE_DISABLED;
-    EXPECT_EQ(ZEVOBandwidthIsUserGroupLimitEnable(&config), 1);
-    EXPECT_EQ(ZEVOBandwidthConfCheckEnabled(&config), 1);
-    limit.conf.currentState = ZEVO_BW_STATE_DISABLED;
-    EXPECT_EQ(ZEVOBandwidthIsUserGroupLimitEnable(&config), 0);
-    EXPECT_EQ(ZEVOBandwidthConfCheckEnabled(&config), 1);
-    config.globalConf.currentState = ZEVO_BW_STATE_DISABLED;
-    EXPECT_EQ(ZEVOBandwidthConfCheckEnabled(&config), 0);
-    config.globalConf.currentState = ZEVO_BW_STATE_ENABLED;
-    limit.conf.currentState = ZEVO_BW_STATE_ENABLED;
-    config.iLimit = 0;
-    EXPECT_EQ(ZEVOBandwidthIsUserGroupLimitEnable(&config), 0);
-    EXPECT_EQ(ZEVOBandwidthConfCheckEnabled(&config), 0);
-    config.iLimit = -1;
-    EXPECT_EQ(ZEVOBandwidthConfCheckEnabled(&config), 1) << "a failed resolution is not none";
+    constexpr int32_t kOn = ZEVO_BW_STATE_ENABLED;
+    constexpr int32_t kOff = ZEVO_BW_STATE_DISABLED;
+    const struct {
+        int32_t policy, rule, entries;
+        int isRuleInForce, isEnabled;
+    } kRows[] = {{kOn, kOn, 1, 1, 1},
+                 {kOn, kOff, 1, 0, 1},
+                 {kOff, kOff, 1, 0, 0},
+                 {kOn, kOn, 0, 0, 0},
+                 {kOn, kOn, -1, 0, 1}}; // a failed resolution is not none
+    limit.conf.state = config.globalConf.state = kOff;
+    for (const auto &row : kRows) {
+        limit.conf.currentState = row.rule;
+        config.globalConf.currentState = row.policy;
+        config.iLimit = row.entries;
+        EXPECT_EQ(ZEVOBandwidthIsUserGroupLimitEnable(&config), row.isRuleInForce);
+        EXPECT_EQ(ZEVOBandwidthConfCheckEnabled(&config), row.isEnabled);
+    }
     EXPECT_EQ(ZEVOBandwidthIsUserGroupLimitEnable(nullptr), 0);
     EXPECT_EQ(ZEVOBandwidthConfCheckEnabled(nullptr), 0);
 }

@@ -5,12 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include <gmock/gmock.h>
-
 using standins::TakeLog;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
+using namespace testing;
 
 namespace {
 
@@ -70,18 +66,9 @@ TEST_F(Dump, RulesStandUnderTheirHeaderWithTheRatesInForce)
               "  schedule                  ftp group                staff 18446744073709551615 "
               "      1024\n");
     EXPECT_THAT(TakeLog(), IsEmpty());
-}
-
-TEST_F(Dump, AValueWithoutANamePrintsAsADash)
-{
-    rule.state = 9;
-    EXPECT_EQ(Written(ZEVOBandwidthConfDump, &rule),
-              "         -                  ftp  user                alice        512       1024\n");
-    policy.occupyPolicy = 9;
-    EXPECT_THAT(Written(ZEVOBandwidthGlobalConfDump, &policy), HasSubstr(" sum               - "));
-    ZEVO_BANDWIDTH_STATUS status = Record({});
-    status.transfer_type = 9;
-    EXPECT_THAT(Written(ZEVOBandwidthStatusDump, &status), HasSubstr("ftp          -  4711"));
+    rule.state = 9; // without a name
+    EXPECT_THAT(Written(ZEVOBandwidthConfDump, &rule),
+                StartsWith("         -                  ftp"));
 }
 
 TEST_F(Dump, PoliciesStandUnderTheirHeaderWithTheirWholePlan)
@@ -96,6 +83,8 @@ TEST_F(Dump, PoliciesStandUnderTheirHeaderWithTheirWholePlan)
     plan.copy(policy.szSchedulePlan, plan.size());
     EXPECT_THAT(Written(ZEVOBandwidthGlobalConfDump, &policy), HasSubstr(" " + plan + "\n"));
     EXPECT_THAT(TakeLog(), IsEmpty());
+    policy.occupyPolicy = 9;
+    EXPECT_THAT(Written(ZEVOBandwidthGlobalConfDump, &policy), HasSubstr(" sum               - "));
 }
 
 TEST_F(Dump, TransfersHaveTwoDecimalsAndNoSign)
@@ -117,6 +106,8 @@ TEST_F(Dump, TransfersHaveTwoDecimalsAndNoSign)
               "                         staff        ftp     upload 4294967295 4294967295 "
               "18014398509481984.00       0.50 0.00 /a file\n");
     EXPECT_THAT(TakeLog(), IsEmpty());
+    status.transfer_type = 9;
+    EXPECT_THAT(Written(ZEVOBandwidthStatusDump, &status), HasSubstr("ftp          - 4294967295"));
 }
 
 TEST_F(Dump, ADecimalCommaOfTheHostDoesNotGetIn)

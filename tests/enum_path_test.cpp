@@ -5,8 +5,6 @@
 
 #include <filesystem>
 
-#include <gmock/gmock.h>
-
 using standins::TakeLog;
 using testing::IsEmpty;
 
@@ -168,12 +166,14 @@ TEST_F(ConfPath, EveryProtocolHasAFileAndAllOfThemTheGlobalOne)
 {
     addon.Write("mirror_50.json", "");
     const std::string prefix = "/usr/zevo/etc/bandwidth/bandwidth.";
-    EXPECT_EQ(Path(1), prefix + "docuhall.conf");
-    EXPECT_EQ(Path(2), prefix + "webdav.conf");
-    EXPECT_EQ(Path(4), prefix + "ftp.conf");
-    EXPECT_EQ(Path(8), prefix + "rsync.conf");
-    EXPECT_EQ(Path(15), prefix + "global.conf");
-    EXPECT_EQ(Path(50), prefix + "mirror.conf");
+    for (const auto &[protocol, name] :
+         std::initializer_list<std::pair<int, std::string>>{{1, "docuhall"},
+                                                            {2, "webdav"},
+                                                            {4, "ftp"},
+                                                            {8, "rsync"},
+                                                            {15, "global"},
+                                                            {50, "mirror"}})
+        EXPECT_EQ(Path(protocol), prefix + name + ".conf");
     EXPECT_EQ(Path(15, 25), "/usr/zevo/etc/bandwidth/");
     EXPECT_EQ(Path(4, 25), "/usr/zevo/etc/bandwidth/");
 }

@@ -203,13 +203,10 @@ addon() {
 }
 addon backup 32 alice 512
 exits 0
-zevo addon list --json
-out_has '"backup_32.json"'
+tells '"backup_32.json"' addon list --json
 out_has '"usable": true'
-zevo rule show -u alice -p backup
-out_has '512 KiB/s'
-zevo preview -u alice -p backup
-out_has 'in force'
+tells '512 KiB/s' rule show -u alice -p backup
+tells 'in force' preview -u alice -p backup
 for words in 'backup 64' 'other 32' 'ftp 64' 'odd 33' 'odd 4' 'a/b 64' 'global 64'; do
     # shellcheck disable=SC2086  # two words
     addon $words alice 512

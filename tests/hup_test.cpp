@@ -6,15 +6,11 @@
 #include <fstream>
 #include <iterator>
 
-#include <gmock/gmock.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-using standins::Call;
-using standins::FailNext;
-using standins::TakeLog;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace standins;
+using namespace testing;
 
 namespace {
 

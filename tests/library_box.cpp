@@ -254,6 +254,14 @@ std::string LastLine()
     return lines.empty() ? "" : lines.back();
 }
 
+void ExpectFails(int result, const std::string &family, const std::string &text,
+                 const char *szCaller, int callerLine)
+{
+    const testing::ScopedTrace trace(szCaller, callerLine, text);
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(LastLine(), "bandwidth_" + family + ".cpp:# " + text);
+}
+
 Lines Told(const std::string &file, const Lines &texts)
 {
     Lines lines;
@@ -262,10 +270,9 @@ Lines Told(const std::string &file, const Lines &texts)
     return lines;
 }
 
-Lines Refusals(const std::string &file, const Lines &texts)
+Lines Refusals(const std::string &file, Lines texts)
 {
-    Lines lines;
-    for (const std::string &text : texts)
-        lines.push_back(file + ":# Invaild Argument (" + text + ")=[0]\n");
-    return lines;
+    for (std::string &text : texts)
+        text = "Invaild Argument (" + text + ")=[0]\n";
+    return Told(file, texts);
 }

@@ -83,8 +83,12 @@ ZEVO_BANDWIDTH_LIMIT Limit(int32_t ownerType, uint32_t id, uint64_t rateKBps);
 std::string FirstLine();
 std::string LastLine();
 
+// The call has failed, and the last line of the log is that text of the family's source file.
+void ExpectFails(int result, const std::string &family, const std::string &text,
+                 const char *szCaller = __builtin_FILE(), int callerLine = __builtin_LINE());
+
 // The log lines that a source file writes, and those by which it refuses arguments.
 Lines Told(const std::string &file, const Lines &texts);
-Lines Refusals(const std::string &file, const Lines &texts);
+Lines Refusals(const std::string &file, Lines texts);
 
 #endif // ZEVOBW_TESTS_LIBRARY_BOX_HPP

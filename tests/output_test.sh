@@ -31,9 +31,7 @@ while read -ra command; do
     cp /tmp/out /tmp/help
     for option in --json -n --no-legend --no-color; do
         grep -q -- "^  $option" /tmp/help && continue
-        zevo "${command[@]}" $option
-        exits 2
-        err_has 'has no -'
+        fails 2 'has no -' "${command[@]}" $option
     done
 done </tmp/commands
 zevo --help

@@ -29,8 +29,7 @@ done
 
 # Without a policy the rules bear on nobody, and preview does not pretend otherwise.
 zevo rule set -u alice -p ftp --up 8M --down 4M
-zevo preview -u alice -p ftp
-exits 0
+does preview -u alice -p ftp
 has_line 'ftp (8 MiB/s) (4 MiB/s) no policy yet: nothing is limited'
 err_has 'zevobandwidth policy set -p ftp'
 zevo preview -u alice --json
@@ -42,8 +41,7 @@ zevo policy set -p ftp --user-group min --inter-group sum --occupy weighted
 zevo rule set -g staff -p ftp --up 3M
 zevo rule set -g guests -p ftp --up 1M --down 1M
 zevo rule set -g alice -p ftp --up 5K --state disabled
-zevo preview -u alice -p ftp --explain
-exits 0
+does preview -u alice -p ftp --explain
 silent
 has_line 'user alice enabled 8 MiB/s 4 MiB/s'
 has_line 'group staff enabled 3 MiB/s unlimited'
@@ -86,8 +84,7 @@ zevo rule set -g staff -p ftp --custom-up 2M --state schedule
 plan ftp '1120'
 for line in 'sun 01:59 64 KiB/s' 'sunday 02:00 2 MiB/s' 'SAT 23:59 64 KiB/s'; do
     read -r day time speed <<<"$line"
-    zevo preview -u bob -p ftp --at "$day $time"
-    exits 0
+    does preview -u bob -p ftp --at "$day $time"
     has_line "ftp $speed unlimited in force"
 done
 zevo preview -u bob -p ftp --at 'sun 03:30' --explain
@@ -106,9 +103,7 @@ has_line 'ftp (64 KiB/s) (unlimited) policy off at this hour: nothing is limited
 # What cannot be read is told with its place.
 zevo policy set -p ftp --state enabled
 sed -i 's/^upload rate=64$/upload rate=6x/' $conf/bandwidth.ftp.conf
-zevo preview -u bob -p ftp
-exits 1
-err_has 'zevobandwidth rule list'
+fails 1 'zevobandwidth rule list' preview -u bob -p ftp
 
 # ---- simulate ----
 
@@ -116,15 +111,12 @@ wipe
 refused 2 'from 1K' simulate -u alice -p ftp -d upload 0
 refused 2 '--count' simulate -u alice -p ftp -d upload 1M --count 1025
 refused 2 '--direction' simulate -u alice -p ftp 1M
-zevo simulate -u alice -p ftp -d upload 100K
-exits 0
-err_has 'no limit applies'
+warns 'no limit applies' simulate -u alice -p ftp -d upload 100K
 has_line "$(awk '$2 == "done" { print $1 }' /tmp/out) done 128 0.00 unlimited"
 
 zevo policy set -p ftp
 zevo rule set -u alice -p ftp --up 4M
-zevo simulate -u alice -p ftp -d upload 1000 --count 3 --json
-exits 0
+does simulate -u alice -p ftp -d upload 1000 --count 3 --json
 silent
 same "$(grep -c '"result": "done"' /tmp/out)" 3
 same "$(field kib | tr '\n' ' ')" '64 64 64 192 '
@@ -137,8 +129,7 @@ zevo rule set -u alice -p ftp --up 512K
 "$ZEVOBW_TOOL" simulate -u alice -p ftp -d upload 1M --count 2 >/tmp/simulated 2>&1 & simulation=$!
 wait_for sections user-2001 2
 pid=$(sed -n 's/^pid=//p' $running/user-2001 | head -1)
-zevo stop -u alice --pid "$pid"
-exits 0
+does stop -u alice --pid "$pid"
 wait $simulation
 same $? 1
 cp /tmp/simulated /tmp/out
@@ -166,31 +157,24 @@ done
 zevo rule set -u alice -p ftp --up 512K --custom-up 7M --state schedule
 plan ftp "$(printf '2%.0s' {1..168})"
 zevo rule set -g staff -p rsync --down 1M --state disabled
-zevo dump rules
-exits 0
+does dump rules
 silent
-prints "$(printf '%10s %20s %5s %20s %10s %10s\n' State Protocol Type Name 'U/L rate(KB/s)' \
-    'D/L rate(KB/s)' schedule ftp user alice 7168 0 disabled rsync group staff 0 0)"
-zevo dump rules -g staff -p ftp --no-legend
-prints ''
+has_line 'State Protocol Type Name U/L rate(KB/s) D/L rate(KB/s)'
+has_line 'schedule ftp user alice 7168 0'
+has_line 'disabled rsync group staff 0 0'
+answers '' dump rules -g staff -p ftp --no-legend
 printf '[user-4711]\nstate=enabled\nprotocol type=ftp\nowner type=user\n' >>$conf/bandwidth.ftp.conf
-zevo dump rules -p ftp
-exits 1
-err_has 'user 4711'
+fails 1 'user 4711' dump rules -p ftp
 has_line 'schedule ftp user alice 7168 0'
 zevo dump policies -p ftp --no-legend
 has_line "$(printf '%s ' enabled ftp user-first max max)"
 
 transfer user-2001 4711-1 ftp upload '"a\x1B[2Jb"' >$running/user-2001
-now=$(sed -n 's/^timestamp=//p' $running/user-2001)
 for arguments in '' '-u alice' '-p ftp'; do
     # shellcheck disable=SC2086
-    zevo dump transfers $arguments
-    prints "$(printf '%30s %10s %10s %5u %10u %10s %10s %s %b' alice ftp upload 4711 "$now" 1024.00 \
-        512.00 42.50 'a\x1B[2Jb')"
+    tells $'1024.00     512.00 42.50 a\x1B[2Jb' dump transfers $arguments
 done
-zevo dump transfers -p rsync
-prints ''
+answers '' dump transfers -p rsync
 script -qec "$ZEVOBW_TOOL dump transfers" /dev/null >/tmp/out
 out_has 'a\x1B[2Jb'
 

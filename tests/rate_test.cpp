@@ -18,32 +18,30 @@ TEST(Rate, IsReadInItsUnit)
         std::uint64_t kBps;
         bool isRounded;
     };
-    const std::vector<Row> rows = {
-        {"1K", 1, false},
-        {"512K", 512, false},
-        {"10M", 10240, false},
-        {"2G", 2 * 1024 * 1024, false},
-        {"1T", 1024 * 1024 * 1024, false},
-        {"10MiB", 10240, false},
-        {"10 MiB/s", 10240, false},
-        {"10m", 10240, false},
-        {"1.5M", 1536, false},
-        {"0.5M", 512, false},
-        {"1.50000000000000000000000M", 1536, false},
-        {"0.3M", 307, true},            // 307.2
-        {"1.0009765625M", 1025, false}, // 1 + 1/1024
-        {"500KB", 488, true},           // 488.28
-        {"10MB", 9765, true},           // 9765.625
-        {"1024KB", 1000, false},
-        {"1.024MB/s", 1000, false},
-        {"1GB", 976562, true},
-        {"800kbit", 97, true}, // 97.66
-        {"8.192Mbit", 1000, false},
-        {"1gbit/s", 122070, true},
-        {"007M", 7168, false},
-        {"unlimited", 0, false},
-        {"9007199254740991K", 9007199254740991, false},
-    };
+    const std::vector<Row> rows = {{"1K", 1, false},
+                                   {"512K", 512, false},
+                                   {"10M", 10240, false},
+                                   {"2G", 2 * 1024 * 1024, false},
+                                   {"1T", 1024 * 1024 * 1024, false},
+                                   {"10MiB", 10240, false},
+                                   {"10 MiB/s", 10240, false},
+                                   {"10m", 10240, false},
+                                   {"1.5M", 1536, false},
+                                   {"0.5M", 512, false},
+                                   {"1.50000000000000000000000M", 1536, false},
+                                   {"0.3M", 307, true},
+                                   {"1.0009765625M", 1025, false},
+                                   {"500KB", 488, true},
+                                   {"10MB", 9765, true},
+                                   {"1024KB", 1000, false},
+                                   {"1.024MB/s", 1000, false},
+                                   {"1GB", 976562, true},
+                                   {"800kbit", 97, true},
+                                   {"8.192Mbit", 1000, false},
+                                   {"1gbit/s", 122070, true},
+                                   {"007M", 7168, false},
+                                   {"unlimited", 0, false},
+                                   {"9007199254740991K", 9007199254740991, false}};
     for (const Row &row : rows) {
         SCOPED_TRACE(row.text);
         const Rate rate = ParseRate(row.text);

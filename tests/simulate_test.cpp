@@ -3,17 +3,10 @@
 
 #include <csignal>
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
-using standins::Before;
-using standins::Call;
-using standins::Sleeps;
-using standins::TakeLog;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::SizeIs;
+using namespace standins;
+using namespace testing;
 
 namespace {
 
@@ -60,9 +53,9 @@ TEST_F(Preview, AFailureWritesNothing)
     ExpectSlot(ZEVO_BW_ERROR_BAD_ARGUMENT, "bandwidth_preview.cpp");
     EXPECT_THAT(TakeLog(), Refusals("bandwidth_preview.cpp", {"NULL != pSpeedBps"}));
 
-    EXPECT_EQ(ZEVOBandwidthPreview(kAlice, ZEVO_BW_PROTOCOL_ALL, speeds), -1);
-    EXPECT_EQ(LastLine(), "bandwidth_preview.cpp:# ZEVOBandwidthConfigGet failed. uid:[2001] "
-                          "protocol_type:[15] [0x0D00 bandwidth_config_get.cpp:#]");
+    ExpectFails(ZEVOBandwidthPreview(kAlice, ZEVO_BW_PROTOCOL_ALL, speeds), "preview",
+                "ZEVOBandwidthConfigGet failed. uid:[2001] protocol_type:[15] [0x0D00 "
+                "bandwidth_config_get.cpp:#]");
 
     Box("/usr/zevo/etc/bandwidth/addon").Make();
     etc.Write("addon/odd_9.json", "");
@@ -143,9 +136,9 @@ TEST_F(Simulation, ANoticeIsObeyedBeforeTheNextBlock)
         etc.Write("bandwidth.ftp.conf", "[user-2001]\nupload rate=x\n");
         ::raise(SIGHUP);
     });
-    EXPECT_EQ(Run(256), -1);
-    EXPECT_EQ(LastLine(), "bandwidth_simulate.cpp:# Hup recv failed. user:[alice] file:[" +
-                              File(256) + "] [0x4000 bandwidth_conf_convert.cpp:#]");
+    ExpectFails(Run(256), "simulate",
+                "Hup recv failed. user:[alice] file:[" + File(256) +
+                    "] [0x4000 bandwidth_conf_convert.cpp:#]");
     EXPECT_TRUE(IsListed()) << "left to go stale";
 }
 
@@ -164,9 +157,8 @@ TEST_F(Simulation, SaysWhatKeptItFromRunning)
     EXPECT_EQ(Run(64, "nobody-here"), -1);
     EXPECT_THAT(LastLine(), HasSubstr("bandwidth_simulate.cpp:# ZEVOUserGetUGID failed. "
                                       "user:[nobody-here] [0x"));
-    EXPECT_EQ(ZEVOBandwidthSimulate("alice", ZEVO_BW_PROTOCOL_ALL, 1, 64), -1);
-    EXPECT_EQ(LastLine(), "bandwidth_simulate.cpp:# ZEVOBandwidthConfigGet failed. uid:[2001] "
-                          "[0x0D00 bandwidth_config_get.cpp:#]");
+    ExpectFails(ZEVOBandwidthSimulate("alice", ZEVO_BW_PROTOCOL_ALL, 1, 64), "simulate",
+                "ZEVOBandwidthConfigGet failed. uid:[2001] [0x0D00 bandwidth_config_get.cpp:#]");
     EXPECT_EQ(ZEVOBandwidthSimulate("alice", kFtp, ZEVO_BW_TRANSFER_ALL, 64), -1);
     EXPECT_THAT(LastLine(), HasSubstr("bandwidth_simulate.cpp:# ZEVOBandwidthStatusInit failed. "
                                       "user:[alice] file:[/volume1/public/"));
@@ -174,9 +166,9 @@ TEST_F(Simulation, SaysWhatKeptItFromRunning)
 
     // The two blocks' saves are the first two renames, the third is the removal.
     standins::FailNth(Call::Rename, 3, EACCES);
-    EXPECT_EQ(Run(128), -1);
-    EXPECT_EQ(LastLine(), "bandwidth_simulate.cpp:# ZEVOBandwidthStatusRemove failed. uid:[2001] "
-                          "[0x2800 bandwidth_status_set_section.cpp:#]");
+    ExpectFails(
+        Run(128), "simulate",
+        "ZEVOBandwidthStatusRemove failed. uid:[2001] [0x2800 bandwidth_status_set_section.cpp:#]");
 }
 
 } // namespace

@@ -5,15 +5,10 @@
 #include <cstdlib>
 #include <ctime>
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
-using standins::Before;
-using standins::Call;
-using standins::FailNext;
-using standins::TakeLog;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace standins;
+using namespace testing;
 
 namespace {
 
@@ -117,15 +112,13 @@ TEST_F(Throttle, AFailedRegistrationSaysWhereItFailed)
 {
     timeLast = 5;
     limits[0].conf.ownerType = 9;
-    EXPECT_EQ(Init(), -1);
-    EXPECT_EQ(LastLine(),
-              "bandwidth_status_init.cpp:# ZEVOBandwidthExpectSpeedEstimateByPolicy failed. "
-              "uid:[2001] [0x0600 bandwidth_enum.cpp:#]");
+    ExpectFails(Init(), "status_init",
+                "ZEVOBandwidthExpectSpeedEstimateByPolicy failed. uid:[2001] [0x0600 "
+                "bandwidth_enum.cpp:#]");
     limits[0].conf.ownerType = 1;
     FailNext(Call::Write, ENOSPC);
-    EXPECT_EQ(Init(), -1);
-    EXPECT_EQ(LastLine(), "bandwidth_status_init.cpp:# save info failed. [2001] [0x0B00 "
-                          "bandwidth_status_add_section.cpp:#]");
+    ExpectFails(Init(), "status_init",
+                "save info failed. [2001] [0x0B00 bandwidth_status_add_section.cpp:#]");
     EXPECT_EQ(timeLast, 5U);
 }
 
@@ -293,9 +286,9 @@ TEST_F(Throttle, WhereTheLimitsAreOffTheTransferIsTakenAway)
     box.Write("user-2001", mine.Text());
     FailNext(Call::Rename, EACCES);
     status.id = 9; // told in the log, the configuration's uid in the path
-    EXPECT_EQ(Loop(), -1);
-    EXPECT_EQ(LastLine(), "bandwidth_sleep_in_loop.cpp:# ZEVOBandwidthStatusRemove failed. "
-                          "uid:[9] [0x2800 bandwidth_status_set_section.cpp:#]");
+    ExpectFails(
+        Loop(), "sleep_in_loop",
+        "ZEVOBandwidthStatusRemove failed. uid:[9] [0x2800 bandwidth_status_set_section.cpp:#]");
 }
 
 // Two groups; the faster bears the transfer as configured, but is in use, so that the other one
@@ -378,8 +371,7 @@ TEST_F(Throttle, ATransferWithoutASectionGetsOneAndATornOneStopsNobody)
 TEST_F(Throttle, AFailedCallSaysWhereItFailedAndLeavesTheTime)
 {
     const auto expectFailure = [&](const std::string &line) {
-        EXPECT_EQ(Loop(), -1);
-        EXPECT_EQ(LastLine(), "bandwidth_sleep_in_loop.cpp:# " + line);
+        ExpectFails(Loop(), "sleep_in_loop", line);
         EXPECT_EQ(timeLast, kStart);
     };
     limits.push_back(Limit(ZEVO_BW_OWNER_GROUP, kStaff, 64));

@@ -13,9 +13,7 @@ zevo --version && exits 0 && out_has 'zevobandwidth 7.'
 for command in 'rule set' 'rule show' 'rule list' 'policy set' 'policy show' 'policy list' \
     transfers; do
     # shellcheck disable=SC2086
-    zevo $command --help
-    exits 0
-    out_has "  zevobandwidth $command"
+    tells "  zevobandwidth $command" $command --help
 done
 
 refused 2 'subcommand is required'
@@ -47,8 +45,7 @@ refused 4 'no single protocol' policy set -p all
 # ---- rules ----
 
 # A new rule is enabled; what is not named stays; ids do as well as names.
-zevo rule set -u alice -p ftp --up 10M --down 1.5M
-exits 0
+does rule set -u alice -p ftp --up 10M --down 1.5M
 prints 'user alice, ftp: enabled, upload 10 MiB/s, download 1.5 MiB/s'
 err_has 'zevobandwidth policy set -p ftp'
 zevo rule set -u 2001 -p ftp --up 500KB
@@ -63,26 +60,20 @@ prints 'user alice, ftp: disabled, upload 488 KiB/s, download 1.5 MiB/s, '`
 # A user and a group of one number, and one rule on two protocols, are different rules.
 zevo rule set -g alice -p ftp --down 2G
 zevo rule set -u alice -p rsync --down unlimited
-zevo rule list -p ftp
-exits 0
+does rule list -p ftp
 silent
 same "$(wc -l </tmp/out)" 3
 same "$(awk 'NR > 1 { print $1, $3 }' /tmp/out)" $'alice disabled\n@alice enabled'
-zevo rule list --json
-exits 0
+does rule list --json
 same "$(grep -c '"protocol"' /tmp/out)" 3
 zevo rule show -g alice -p ftp --json
 same "$(tr -d ' \n' </tmp/out)" '{"owner":"group","name":"alice","id":2001,"protocol":"ftp",'`
      `'"state":"enabled","upload_kib_per_s":null,"download_kib_per_s":2097152,'`
      `'"custom_upload_kib_per_s":null,"custom_download_kib_per_s":null,"plan":""}'
-zevo rule show -u bob -p ftp
-exits 0
-out_has NotExisted
+tells NotExisted rule show -u bob -p ftp
 
 # A schedule without a plan is not what anybody means.
-zevo rule set -u bob -p ftp --state schedule --up 1M
-exits 0
-err_has 'no plan of 168 hours'
+warns 'no plan of 168 hours' rule set -u bob -p ftp --state schedule --up 1M
 sed -i "s/^schedule plan=$/schedule plan=$(printf '1%.0s' {1..168})/" $conf/bandwidth.ftp.conf
 zevo rule set -u bob -p ftp --up 2M
 err_lacks 'no plan'
@@ -101,78 +92,62 @@ printf '[user-2004]\nid=2003\nowner type=group\nprotocol type=rsync\nupload rate
     >>$conf/bandwidth.ftp.conf
 zevo rule set -u dave -p ftp --down 1M
 prints 'user dave, ftp: enabled, upload 5 KiB/s, download 1 MiB/s'
-zevo rule show -u carol -p ftp
-out_has '3 MiB/s'
+tells '3 MiB/s' rule show -u carol -p ftp
 
 # A damaged rule is told with its place, changes nothing, and does not hide the others.
 sed -i 's/^upload rate=5$/upload rate=5oo/' $conf/bandwidth.ftp.conf
 refused 1 "section [user-2004] of $conf/bandwidth.ftp.conf" rule set -u dave -p ftp --down 2M
-zevo rule list --json
-exits 1
-err_has 'list is incomplete'
+fails 1 'list is incomplete' rule list --json
 same "$(grep -c '"name": "carol"' /tmp/out)" 1
 rm $conf/bandwidth.ftp.conf && mkdir $conf/bandwidth.ftp.conf
-zevo rule show -u alice -p ftp
-exits 1
-err_has 'regular file'
+fails 1 'regular file' rule show -u alice -p ftp
 
 # ---- policies ----
 
 wipe
-zevo policy list
-exits 0
+does policy list
 same "$(grep -c 'nothing is limited' /tmp/out)" 4
-zevo policy set -p ftp --user-group min
-exits 0
+does policy set -p ftp --user-group min
 silent
 prints 'ftp: enabled, user-group min, inter-group max, occupy max'
 zevo policy set -p ftp --state disabled --occupy weighted --inter-group min
 prints 'ftp: disabled, user-group min, inter-group min, occupy weighted'
 err_has 'zevobandwidth policy set -p ftp --state enabled'
-zevo policy set -p ftp
-out_has 'disabled'
-zevo rule set -u alice -p ftp --up 1M
-err_has 'the policy of ftp is disabled'
+tells 'disabled' policy set -p ftp
+warns 'the policy of ftp is disabled' rule set -u alice -p ftp --up 1M
 zevo policy set -p ftp --state enabled --user-group group-only
-zevo rule set -u alice -p ftp --up 1M
-err_has 'rules of users do not bear'
+warns 'rules of users do not bear' rule set -u alice -p ftp --up 1M
 zevo rule set -g staff -p ftp --up 1M
 silent
 zevo policy show -p ftp --json
 same "$(tr -d ' \n' </tmp/out)" '{"protocol":"ftp","state":"enabled","user_group":"group-only",'`
      `'"inter_group":"min","occupy":"weighted","plan":""}'
-zevo policy set -p webdav --state schedule
-err_has 'no plan of 168 hours'
+warns 'no plan of 168 hours' policy set -p webdav --state schedule
 same "$(grep -c '^\[' $conf/bandwidth.global.conf)" 2
 
 # ---- add-ons ----
 
 mkdir $conf/addon
 touch $conf/addon/{backup_20,my_proto_33,x_5,y_5,evil_4,global_9,z_abc}.json
-zevo rule set -u alice -p backup --up 1M
-exits 0
+does rule set -u alice -p backup --up 1M
 same "$(value backup 'protocol type')" backup
 refused 4 'known are docuhall, webdav, ftp, rsync, backup, my_proto' policy set -p evil
 for name in x global '*' 'back*' ../addon/backup; do
     zevo policy set -p "$name"
     exits 4
 done
-zevo rule list
-out_has backup
+tells backup rule list
 
 # ---- the notice ----
 
 # Who bears the name is told, also when it is started by another path; nobody else is.
 mkdir /tmp/named
-cp "$(command -v sleep)" /tmp/named/zevobandwidth
 cp "$(command -v sleep)" /tmp/named/zevobandwidthd
 for change in 'rule set -u alice -p ftp --up 2M' 'policy set -p ftp --occupy none'; do
-    (exec 2>/dev/null; /tmp/named/zevobandwidth 60; echo $? >/tmp/ended) & told=$!
     /tmp/named/zevobandwidthd 60 & spared=$!
-    sleep 0.1
+    named_program
     # shellcheck disable=SC2086
-    zevo $change
-    exits 0
+    does $change
     wait $told
     same "$(cat /tmp/ended)" 129
     kill $spared || fail 'another program was told'
@@ -196,11 +171,8 @@ same "$(grep -c '^\[' $conf/bandwidth.webdav.conf)" 4
 # ---- transfers ----
 
 wipe
-zevo transfers
-exits 0
-err_has 'No limited transfers'
-zevo transfers --json
-prints '[]'
+warns 'No limited transfers' transfers
+answers '[]' transfers --json
 
 mkdir -p $running $conf/addon
 touch $conf/addon/backup_32.json
@@ -226,18 +198,12 @@ out_has '"file": "x\u001b[2J\n\ufffd\u009b\u202ecod.exe"'
 out_has '"protocol": "backup"'
 zevo transfers -g staff
 same "$(wc -l </tmp/out)" 2
-zevo transfers -u dave --json
-exits 0
-prints '[]'
+answers '[]' transfers -u dave --json
 head -c 65M /dev/zero >$running/user-2004
-zevo transfers
-exits 1
-err_has "$running/user-2004 cannot be read"
+fails 1 "$running/user-2004 cannot be read" transfers
 same "$(wc -l </tmp/out)" 3
 rm -r $running && ln -s /etc $running
-zevo transfers
-exits 1
-err_has 'no link'
+fails 1 'no link' transfers
 rm $running
 
 # ---- what the machine refuses ----
@@ -277,13 +243,9 @@ err_has 'cannot write to standard output'
 zevo rule set -u alice -p ftp --up 1M
 mount -t tmpfs -o size=4k,mode=755 full $conf
 head -c 4096 /dev/zero >$conf/ballast
-zevo policy set -p ftp
-exits 1
-err_has 'disk full'
+fails 1 'disk full' policy set -p ftp
 mount -o remount,bind,ro $conf
-zevo policy set -p ftp
-exits 3
-err_has 'Read-only'
+fails 3 'Read-only' policy set -p ftp
 umount $conf
 
 chmod 500 $conf

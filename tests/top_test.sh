@@ -29,9 +29,7 @@ over() {
 }
 
 # What it can't do without.
-zevo top
-exits 1
-err_has 'needs a terminal'
+fails 1 'needs a terminal' top
 zevo top --json
 exits 2
 

@@ -184,6 +184,13 @@ struct Plant {
     bool mustWork = false; // a save finds it fit to go on with
 };
 
+std::string ModeName(const char *szWhat, mode_t mode, uid_t owner)
+{
+    char szName[64];
+    std::snprintf(szName, sizeof(szName), "%s of mode %04o of user %u", szWhat, mode, owner);
+    return szName;
+}
+
 // In place of a status file.
 std::vector<Plant> FilePlants()
 {
@@ -191,10 +198,9 @@ std::vector<Plant> FilePlants()
     for (const mode_t mode : {00000u, 00111u, 00444u, 00600u, 00644u, 00666u, 00777u, 01777u,
                               02755u, 04755u, 06755u, 06777u, 07777u, 02000u, 04000u})
         for (const uid_t owner : {uid_t{0}, uid_t{kAlice}, uid_t{kStranger}}) {
-            char szName[64];
-            std::snprintf(szName, sizeof(szName), "a file of mode %04o of user %u", mode, owner);
-            all.push_back(
-                {szName, [=](auto &path, auto &) { PlantFile(path, mode, owner); }, mode == 0666});
+            all.push_back({ModeName("a file", mode, owner),
+                           [=](auto &path, auto &) { PlantFile(path, mode, owner); },
+                           mode == 0666});
         }
     for (const std::string &target :
          {kOutside + "/secret", kOutside + "/board", kOutside + "/program", kOutside + "/place",
@@ -208,24 +214,21 @@ std::vector<Plant> FilePlants()
         all.push_back({"a hard link to a " + std::string(szTarget), [=](auto &path, auto &) {
                            PlantHardLink(path, kOutside + "/" + szTarget);
                        }});
-    all.push_back({"a FIFO", [](auto &path, auto &) { PlantFifo(path); }});
-    all.push_back({"a socket", [](auto &path, auto &) { PlantSocket(path); }});
-    all.push_back({"a directory", [](auto &path, auto &) { fs::create_directory(path); }});
-    all.push_back({"a directory that is not empty",
-                   [](auto &path, auto &) { fs::create_directories(path + "/user-2001"); }});
-    all.push_back({"a file with a write lease",
-                   [](auto &path, auto &more) { PlantLease(path, F_WRLCK, more); }});
-    all.push_back({"a file with a read lease",
-                   [](auto &path, auto &more) { PlantLease(path, F_RDLCK, more); }});
-    all.push_back({"nothing", [](auto &, auto &) {}, true});
-    if (MayMakeDevices()) {
-        all.push_back(
-            {"a null device", [](auto &path, auto &) { PlantDevice(path, S_IFCHR, 1, 3); }});
-        all.push_back(
-            {"an endless device", [](auto &path, auto &) { PlantDevice(path, S_IFCHR, 1, 5); }});
-        all.push_back({"a device nobody has",
-                       [](auto &path, auto &) { PlantDevice(path, S_IFBLK, 240, 7); }});
-    }
+    const Plant kOthers[] = {
+        {"a FIFO", [](auto &path, auto &) { PlantFifo(path); }},
+        {"a socket", [](auto &path, auto &) { PlantSocket(path); }},
+        {"a directory", [](auto &path, auto &) { fs::create_directory(path); }},
+        {"a full directory",
+         [](auto &path, auto &) { fs::create_directories(path + "/user-2001"); }},
+        {"a write lease", [](auto &path, auto &more) { PlantLease(path, F_WRLCK, more); }},
+        {"a read lease", [](auto &path, auto &more) { PlantLease(path, F_RDLCK, more); }},
+        {"nothing", [](auto &, auto &) {}, true},
+        {"a null device", [](auto &path, auto &) { PlantDevice(path, S_IFCHR, 1, 3); }},
+        {"an endless device", [](auto &path, auto &) { PlantDevice(path, S_IFCHR, 1, 5); }},
+        {"a device nobody has", [](auto &path, auto &) { PlantDevice(path, S_IFBLK, 240, 7); }}};
+    for (const Plant &plant : kOthers)
+        if (MayMakeDevices() || plant.name.find("device") == std::string::npos)
+            all.push_back(plant);
     return all;
 }
 
@@ -250,10 +253,7 @@ std::vector<Plant> DirectoryPlants()
     all.push_back({"a directory that is a FIFO", [](auto &, auto &) { PlantFifo(kDirectory); }});
     for (const mode_t mode : {0000u, 0555u, 0700u, 0755u, 0777u, 01777u, 03777u, 06777u})
         for (const uid_t owner : {uid_t{0}, uid_t{kStranger}}) {
-            char szName[64];
-            std::snprintf(szName, sizeof(szName), "a directory of mode %04o of user %u", mode,
-                          owner);
-            all.push_back({szName,
+            all.push_back({ModeName("a directory", mode, owner),
                            [=](auto &path, auto &) {
                                MakeDirectory(mode, owner);
                                PlantFile(path, 0666, kStranger);
@@ -413,32 +413,24 @@ void TryUse(const Plant &plant, bool inPlaceOfDirectory, Row &row)
         names.push_back("group-3001");
         const std::string victim = kDirectory + "/" + names[random.Below(names.size())];
         fs::remove_all(spare, ignored);
-        switch (random.Below(9)) {
-        case 0:
-            fs::create_symlink(kOutside + "/board", spare, ignored);
-            break;
-        case 1:
-            fs::create_symlink(kOutside + "/made", spare, ignored);
-            break;
-        case 2:
-            fs::create_hard_link(kOutside + "/board", spare, ignored);
-            break;
-        case 3:
-            (void)::mkfifo(spare.c_str(), 0666);
-            break;
-        case 4:
-            fs::create_directory(spare, ignored);
-            break;
-        case 5:
+        const auto what = random.Below(9);
+        if (what == 5) {
             ::unlink(victim.c_str());
             continue;
-        default: {
-            const int fd = ::open(spare.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0666);
-            if (fd < 0) break;
+        }
+        if (what < 2) {
+            fs::create_symlink(kOutside + (what == 0 ? "/board" : "/made"), spare, ignored);
+        } else if (what == 2) {
+            fs::create_hard_link(kOutside + "/board", spare, ignored);
+        } else if (what == 3) {
+            (void)::mkfifo(spare.c_str(), 0666);
+        } else if (what == 4) {
+            fs::create_directory(spare, ignored);
+        } else if (const int fd = ::open(spare.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0666);
+                   fd >= 0) {
             const ssize_t cb = ::write(fd, kText.data(), kText.size());
             (void)::fchmod(fd, cb > 0 && random.Below(2) == 0 ? 06777 : 0666);
             ::close(fd);
-        }
         }
         (void)::renameat2(AT_FDCWD, spare.c_str(), AT_FDCWD, victim.c_str(),
                           random.Below(2) == 0 ? RENAME_EXCHANGE : 0);

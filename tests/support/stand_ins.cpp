@@ -8,6 +8,7 @@
 
 #include "stand_ins.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdarg>
@@ -122,6 +123,11 @@ std::optional<bool> FakeSleep(int64_t lengthUs)
     });
 }
 
+std::optional<size_t> TakeCut()
+{
+    return Locked([](State &state) { return std::exchange(state.cbNextWrite, std::nullopt); });
+}
+
 [[gnu::format(printf, 2, 0)]] void KeepLine(int priority, const char *szFormat, va_list args)
 {
     const int savedErrno = errno; // the format may hold %m
@@ -230,6 +236,13 @@ using standins::Enter;
 // NOLINTBEGIN(bugprone-macro-parentheses,bugprone-reserved-identifier): a macro that declares, and
 // names that are libc's.
 
+// A call that goes through as it is unless it is to fail.
+#define FORWARD(call, result, name, parameters, arguments)                                         \
+    result name parameters                                                                         \
+    {                                                                                              \
+        return Enter(Call::call) ? -1 : REAL(name) arguments;                                      \
+    }
+
 // The mode, an argument only where a file may be created.
 #define TAKE_MODE(mode, flags)                                                                     \
     mode_t mode = 0;                                                                               \
@@ -286,91 +299,41 @@ int openat(int dirFd, const char *szPath, int flags, ...)
 ssize_t write(int fd, const void *pData, size_t cb)
 {
     if (Enter(Call::Write)) return -1;
-    const auto cut = standins::Locked(
-        [](standins::State &state) { return std::exchange(state.cbNextWrite, std::nullopt); });
-    return REAL(write)(fd, pData, cut && *cut < cb ? *cut : cb);
+    return REAL(write)(fd, pData, std::min(standins::TakeCut().value_or(cb), cb));
 }
 
 // A cut one writes within its first piece.
 ssize_t writev(int fd, const struct iovec *pPieces, int count)
 {
     if (Enter(Call::Write)) return -1;
-    const auto cut = standins::Locked(
-        [](standins::State &state) { return std::exchange(state.cbNextWrite, std::nullopt); });
+    const auto cut = standins::TakeCut();
     if (!cut || count == 0 || *cut >= pPieces->iov_len) return REAL(writev)(fd, pPieces, count);
     return REAL(write)(fd, pPieces->iov_base, *cut);
 }
 
-ssize_t read(int fd, void *pData, size_t cb)
-{
-    return Enter(Call::Read) ? -1 : REAL(read)(fd, pData, cb);
-}
-
-ssize_t pread(int fd, void *pData, size_t cb, off_t offset)
-{
-    return Enter(Call::Read) ? -1 : REAL(pread)(fd, pData, cb, offset);
-}
-
-int stat(const char *__restrict szPath, struct stat *__restrict pStat) noexcept
-{
-    return Enter(Call::Stat) ? -1 : REAL(stat)(szPath, pStat);
-}
-
-int lstat(const char *__restrict szPath, struct stat *__restrict pStat) noexcept
-{
-    return Enter(Call::Stat) ? -1 : REAL(lstat)(szPath, pStat);
-}
-
-int fstat(int fd, struct stat *pStat) noexcept
-{
-    return Enter(Call::Stat) ? -1 : REAL(fstat)(fd, pStat);
-}
-
-int fstatat(int dirFd, const char *__restrict szPath, struct stat *__restrict pStat,
-            int flags) noexcept
-{
-    return Enter(Call::Stat) ? -1 : REAL(fstatat)(dirFd, szPath, pStat, flags);
-}
-
-int fchmod(int fd, mode_t mode) noexcept
-{
-    return Enter(Call::Chmod) ? -1 : REAL(fchmod)(fd, mode);
-}
-
-int fsync(int fd)
-{
-    return Enter(Call::Fsync) ? -1 : REAL(fsync)(fd);
-}
-
-int rename(const char *szOld, const char *szNew) noexcept
-{
-    return Enter(Call::Rename) ? -1 : REAL(rename)(szOld, szNew);
-}
-
-int renameat(int oldDirFd, const char *szOld, int newDirFd, const char *szNew) noexcept
-{
-    return Enter(Call::Rename) ? -1 : REAL(renameat)(oldDirFd, szOld, newDirFd, szNew);
-}
-
-int mkdir(const char *szPath, mode_t mode) noexcept
-{
-    return Enter(Call::Mkdir) ? -1 : REAL(mkdir)(szPath, mode);
-}
-
-int mkdirat(int dirFd, const char *szPath, mode_t mode) noexcept
-{
-    return Enter(Call::Mkdir) ? -1 : REAL(mkdirat)(dirFd, szPath, mode);
-}
+// clang-format off
+FORWARD(Read, ssize_t, read, (int fd, void *pData, size_t cb), (fd, pData, cb))
+FORWARD(Read, ssize_t, pread, (int fd, void *pData, size_t cb, off_t at), (fd, pData, cb, at))
+FORWARD(Stat, int, stat, (const char *__restrict szPath, struct stat *__restrict pStat) noexcept,
+        (szPath, pStat))
+FORWARD(Stat, int, lstat, (const char *__restrict szPath, struct stat *__restrict pStat) noexcept,
+        (szPath, pStat))
+FORWARD(Stat, int, fstat, (int fd, struct stat *pStat) noexcept, (fd, pStat))
+FORWARD(Stat, int, fstatat, (int fd, const char *__restrict szPath, struct stat *__restrict pStat,
+                             int flags) noexcept, (fd, szPath, pStat, flags))
+FORWARD(Chmod, int, fchmod, (int fd, mode_t mode) noexcept, (fd, mode))
+FORWARD(Fsync, int, fsync, (int fd), (fd))
+FORWARD(Rename, int, rename, (const char *szOld, const char *szNew) noexcept, (szOld, szNew))
+FORWARD(Rename, int, renameat, (int oldFd, const char *szOld, int newFd, const char *szNew) noexcept,
+        (oldFd, szOld, newFd, szNew))
+FORWARD(Mkdir, int, mkdir, (const char *szPath, mode_t mode) noexcept, (szPath, mode))
+FORWARD(Mkdir, int, mkdirat, (int fd, const char *szPath, mode_t mode) noexcept, (fd, szPath, mode))
+// clang-format on
 
 int glob(const char *__restrict szPattern, int flags, int (*onError)(const char *, int),
          glob_t *__restrict pFound)
 {
     return Enter(Call::Search) ? GLOB_ABORTED : REAL(glob)(szPattern, flags, onError, pFound);
-}
-
-void vsyslog(int priority, const char *szFormat, va_list args)
-{
-    standins::KeepLine(priority, szFormat, args);
 }
 
 void syslog(int priority, const char *szFormat, ...)
@@ -381,15 +344,8 @@ void syslog(int priority, const char *szFormat, ...)
     va_end(args);
 }
 
-// What the fortified build calls in place of the two above.
-[[gnu::format(printf, 3, 0)]] void __vsyslog_chk(int priority, int, const char *szFormat,
-                                                 va_list args);
+// What the fortified build calls in its place.
 [[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int, const char *szFormat, ...);
-
-void __vsyslog_chk(int priority, int, const char *szFormat, va_list args)
-{
-    standins::KeepLine(priority, szFormat, args);
-}
 
 void __syslog_chk(int priority, int, const char *szFormat, ...)
 {

@@ -34,7 +34,7 @@ prints_to() {
 }
 
 fail() {
-    printf 'line %s: %s\n' "${BASH_LINENO[1]}" "$1"
+    printf 'line %s: %s\n' "${BASH_LINENO[-2]}" "$1"
     sed 's/^/    /' /tmp/out /tmp/err
     failed=$((failed + 1))
 }
@@ -62,6 +62,15 @@ refused() {
 # does ARG...: runs the tool, which must succeed.
 does() { zevo "$@" && exits 0; }
 
+# fails STATUS TEXT ARG...: runs the tool, which must end so and say that on standard error.
+fails() { zevo "${@:3}" && exits "$1" && err_has "$2"; }
+
+# tells, answers, warns TEXT ARG...: the same, and it has printed that text, nothing but it, or told it
+# on standard error.
+tells() { does "${@:2}" && out_has "$1"; }
+answers() { does "${@:2}" && prints "$1"; }
+warns() { does "${@:2}" && err_has "$1"; }
+
 # The sections of running transfers.
 listed() { cat $running/* 2>/dev/null | grep -c '^\['; }
 nobody_listed() { same "$(listed)" 0; }
@@ -80,6 +89,15 @@ transfer() {
     printf 'expect speed=1048576\nfilename=%s\nowner type=%s\nprotocol type=%s\n' \
         "$5" "${1%-*}" "$3"
     printf 'transfer type=%s\nprogress=4250\n\n' "$4"
+}
+
+# named_program: a program that ends by the first notice, /tmp/named/zevobandwidth; its end lies in
+# /tmp/ended, its shell's pid in $told.
+named_program() {
+    mkdir -p /tmp/named
+    [[ -e /tmp/named/zevobandwidth ]] || cp "$(command -v sleep)" /tmp/named/zevobandwidth
+    (exec 2>/dev/null; /tmp/named/zevobandwidth 60; echo $? >/tmp/ended) & told=$!
+    wait_for pgrep -x zevobandwidth >/dev/null
 }
 
 # wait_for COMMAND...: up to ten seconds.
