@@ -76,7 +76,7 @@ global 3 "inter-group policy" is no name known here
 global 4 unknown protocol: [gopher]
 FAULTS
 finds $conf/bandwidth.gopher.conf 'unknown protocol'
-finds $conf/bandwidth.rsync.conf 'hint: its rules do not bear'
+finds $conf/bandwidth.rsync.conf 'hint: its rules do not apply'
 out_has 'zevobandwidth rule clear -u 4711 -p ftp'
 zevo rule clear -u 4711 -p ftp
 zevo check

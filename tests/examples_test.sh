@@ -209,7 +209,7 @@ out_has '"usable": true'
 zevo rule show -u alice -p backup
 out_has '512 KiB/s'
 zevo preview -u alice -p backup
-out_has 'in force'
+out_has 'limits apply'
 for words in 'backup 64' 'other 32' 'ftp 64' 'odd 33' 'odd 4' 'a/b 64' 'global 64'; do
     # shellcheck disable=SC2086  # two words
     addon $words alice 512

@@ -146,7 +146,7 @@ grep "^$(LC_ALL=C date +%a) " /tmp/out | grep -q '\[' || fail 'another day than 
 awk 'length($0) > 80 { exit 1 }' /tmp/out || fail 'wider than 80 columns'
 out_has '#  normal: upload 10 MiB/s, download unlimited'
 out_has '+  custom: upload 1 MiB/s, download unlimited'
-out_has '.  off: this rule does not bear'
+out_has '.  off: this rule does not apply'
 out_has 'XYZ, UTC+01:00'
 zevo plan show -u alice -p ftp --no-legend
 same "$(wc -l </tmp/out)" 7
@@ -165,11 +165,11 @@ out_has 'on: limits apply to rsync'
 out_has 'off: no limit applies to rsync'
 same "$(grid | sort -u)" "$(times . 8)$(times '#' 12)$(times . 4)"
 
-# What does not bear, is not whole, or is not there is told.
+# What does not apply, is not whole, or is not there is told.
 zevo rule disable -u alice -p ftp
 zevo plan show -u alice -p ftp
 exits 0
-err_has 'does not bear now: the rule of user alice for ftp is disabled'
+err_has 'does not apply now: the rule of user alice for ftp is disabled'
 sed -i "s/^schedule plan=0.*/schedule plan=$(times 1 100)x/" $conf/bandwidth.ftp.conf
 zevo plan show -u alice -p ftp
 err_has 'has 101 instead of 168 characters'

@@ -135,7 +135,7 @@ zevo rule set -u alice -p ftp --up 1M
 err_has 'the policy of ftp is disabled'
 zevo policy set -p ftp --state enabled --user-group group-only
 zevo rule set -u alice -p ftp --up 1M
-err_has 'rules of users do not bear'
+err_has 'rules of users do not apply'
 zevo rule set -g staff -p ftp --up 1M
 silent
 zevo policy show -p ftp --json

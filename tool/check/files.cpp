@@ -285,7 +285,7 @@ private:
             policy.state != ZEVO_BW_STATE_NOT_EXISTED)
             return;
         const std::string name = ProtocolName(protocol);
-        Add(path, 0, "its rules do not bear: " + name + " has no policy",
+        Add(path, 0, "its rules do not apply: " + name + " has no policy",
             "zevobandwidth policy set -p " + name)
             .isHint = true;
     }
