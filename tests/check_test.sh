@@ -70,6 +70,13 @@ for name in user-2001.AbCdEf user-2003 user-2003.AbCdEf mine group-3001 group-30
 done
 [[ ! -e $running/user-2001.AbCdEf && ! -e $conf/bandwidth.ftp.conf.Ab12Ef ]] ||
     fail 'leftovers are still there'
+
+# Junk ends the check of its file early, also where no line of it is a fault.
+printf '[nobody]\n%s' "$(yes a= | head -c 8M)" >$running/user-2001
+yes a | head -c 8M >$running/user-2002
+timeout 5 "$ZEVOBW_TOOL" check >/tmp/out 2>/tmp/err && fail 'junk passed'
+finds $running/user-2001:1 'belongs to nobody: [nobody]'
+finds $running/user-2002:21 'further faults are not told'
 rm -r $running && ln -s /usr $running
 zevo check --repair
 exits 6

@@ -206,7 +206,7 @@ exits 0
 tells '"backup_32.json"' addon list --json
 out_has '"usable": true'
 tells '512 KiB/s' rule show -u alice -p backup
-tells 'in force' preview -u alice -p backup
+tells 'limits apply' preview -u alice -p backup
 for words in 'backup 64' 'other 32' 'ftp 64' 'odd 33' 'odd 4' 'a/b 64' 'global 64'; do
     # shellcheck disable=SC2086  # two words
     addon $words alice 512

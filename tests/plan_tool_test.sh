@@ -131,7 +131,7 @@ grep "^$(LC_ALL=C date +%a) " /tmp/out | grep -q '\[' || fail 'another day than 
 awk 'length($0) > 80 { exit 1 }' /tmp/out || fail 'wider than 80 columns'
 out_has '#  normal: upload 10 MiB/s, download unlimited'
 out_has '+  custom: upload 1 MiB/s, download unlimited'
-out_has '.  off: this rule does not bear'
+out_has '.  off: this rule does not apply'
 out_has 'XYZ, UTC+01:00'
 zevo plan show -u alice -p ftp --no-legend
 same "$(wc -l </tmp/out)" 7
@@ -148,9 +148,9 @@ tells 'on: limits apply to rsync' plan show -p rsync
 out_has 'off: no limit applies to rsync'
 same "$(grid | sort -u)" "$(times . 8)$(times '#' 12)$(times . 4)"
 
-# What does not bear, is not whole, or is not there is told.
+# What does not apply, is not whole, or is not there is told.
 zevo rule disable -u alice -p ftp
-warns 'does not bear now: the rule of user alice for ftp is disabled' plan show -u alice -p ftp
+warns 'does not apply now: the rule of user alice for ftp is disabled' plan show -u alice -p ftp
 sed -i "s/^schedule plan=0.*/schedule plan=$(times 1 100)x/" $conf/bandwidth.ftp.conf
 warns 'has 101 instead of 168 characters' plan show -u alice -p ftp
 same "$(grid | tr -cd '#' | wc -c)" 100

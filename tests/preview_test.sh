@@ -27,7 +27,7 @@ for moment in '' sun 'sun 24:00' '02:30' 'sun 02:30 x' 'someday 02:30'; do
     refused 2 "'sun 02:30'" preview -u alice --at "$moment"
 done
 
-# Without a policy the rules bear on nobody, and preview does not pretend otherwise.
+# Without a policy the rules apply to nobody, and preview does not pretend otherwise.
 zevo rule set -u alice -p ftp --up 8M --down 4M
 does preview -u alice -p ftp
 has_line 'ftp (8 MiB/s) (4 MiB/s) no policy yet: nothing is limited'
@@ -63,7 +63,7 @@ has_line 'group staff enabled, not asked - -'
 has_line 'the groups together inter-group sum - -'
 has_line 'a transfer alone 8 MiB/s 4 MiB/s'
 zevo preview -u bob -p ftp
-has_line 'ftp unlimited unlimited no rule bears on this user'
+has_line 'ftp unlimited unlimited no rule applies to this user'
 
 # Those that run leave a new transfer its share, and the simulation alone is not disturbed by them.
 zevo policy set -p ftp --user-group group-only --inter-group max --occupy all
@@ -85,7 +85,7 @@ plan ftp '1120'
 for line in 'sun 01:59 64 KiB/s' 'sunday 02:00 2 MiB/s' 'SAT 23:59 64 KiB/s'; do
     read -r day time speed <<<"$line"
     does preview -u bob -p ftp --at "$day $time"
-    has_line "ftp $speed unlimited in force"
+    has_line "ftp $speed unlimited limits apply"
 done
 zevo preview -u bob -p ftp --at 'sun 03:30' --explain
 has_line 'group staff schedule, off - -'

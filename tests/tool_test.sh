@@ -116,7 +116,7 @@ err_has 'zevobandwidth policy set -p ftp --state enabled'
 tells 'disabled' policy set -p ftp
 warns 'the policy of ftp is disabled' rule set -u alice -p ftp --up 1M
 zevo policy set -p ftp --state enabled --user-group group-only
-warns 'rules of users do not bear' rule set -u alice -p ftp --up 1M
+warns 'rules of users do not apply' rule set -u alice -p ftp --up 1M
 zevo rule set -g staff -p ftp --up 1M
 silent
 zevo policy show -p ftp --json

@@ -222,7 +222,7 @@ void AddPlanOptions(CLI::App &command, PlanOf of, PlanOptions &plan)
 void NoteSleepingPlan(const std::string &what, std::int32_t state, const std::string &setter)
 {
     if (state == ZEVO_BW_STATE_SCHEDULE) return;
-    PrintNote("note: the plan is stored, but does not bear: " + what + " is " +
+    PrintNote("note: the plan is stored, but does not apply: " + what + " is " +
               ValueName(ZEVO_BW_STATE_LIST, state) + ". Let it follow the plan with: " + setter +
               " --state schedule");
 }

@@ -285,7 +285,7 @@ private:
             policy.state != ZEVO_BW_STATE_NOT_EXISTED)
             return;
         const std::string name = ProtocolName(protocol);
-        Add(path, 0, "its rules do not bear: " + name + " has no policy",
+        Add(path, 0, "its rules do not apply: " + name + " has no policy",
             "zevobandwidth policy set -p " + name)
             .isHint = true;
     }
@@ -327,7 +327,7 @@ private:
             .repair = [path, stale] { return RemoveSections(path, stale); };
     }
 
-    // Reports the first faults of a file and counts the others.
+    // Reports the first faults of a file, and that there are more.
     TellFault Teller(const std::string &path)
     {
         faultsOfFile_ = 0;
@@ -336,6 +336,7 @@ private:
             if (faultsOfFile_ <= kMaxFaultsOfFile) Add(path, line, what, remedy);
             if (faultsOfFile_ == kMaxFaultsOfFile + 1)
                 Add(path, line, "further faults are not told", "mend those above first");
+            return faultsOfFile_ <= kMaxFaultsOfFile;
         };
     }
 
@@ -343,10 +344,6 @@ private:
     std::set<std::string> protocols_;
     int faultsOfFile_ = 0;
 };
-
-// ---- rules and policies ----
-
-// ---- running transfers ----
 
 } // namespace
 

@@ -1,6 +1,7 @@
 // The readers of these files ignore what they do not understand. This check reports it. The
 // platform's reader decides what a line means: it reads each line as a section of its own in a
-// scratch file.
+// scratch file. Any user can fill a status file with junk, so lines that nobody reads cost nothing,
+// and the walk ends when no more faults are wanted.
 #include "check/lines.hpp"
 
 #include <algorithm>
@@ -144,11 +145,13 @@ constexpr std::size_t kLinesAtOnce = 1000;
 struct Line {
     int number;
     std::string_view text;
-    bool IsHeader() const
-    {
-        return VLIBCIFileIsSection(text.data(), static_cast<int>(text.size())) == 1;
-    }
+    bool isHeader;
 };
+
+bool IsHeader(std::string_view line)
+{
+    return VLIBCIFileIsSection(line.data(), static_cast<int>(line.size())) == 1;
+}
 
 bool IsPassedOver(std::string_view line)
 {
@@ -165,7 +168,7 @@ public:
     {
     }
 
-    // Called at a header. False: the section belongs to nobody, and its pairs are not checked.
+    // Called at a header. False: the section belongs to nobody, and its lines are not checked.
     std::function<bool(const std::string &section)> begin;
     std::function<void(const std::string &key, const std::string &value)> pair = [](auto...) {};
     // Called at the end of a section.
@@ -174,18 +177,27 @@ public:
     void Run(std::string_view text)
     {
         std::vector<Line> lines;
-        for (int number = 1; !text.empty(); ++number) {
-            const std::string_view line = text.substr(0, text.find('\n'));
-            text.remove_prefix(std::min(line.size() + 1, text.size()));
-            if (!IsPassedOver(line)) lines.push_back({number, line});
+        bool hasHeader = false; // among those
+        for (int number = 1; !text.empty() && !isOver_; ++number) {
+            const std::string_view whole = text.substr(0, text.find('\n'));
+            text.remove_prefix(std::min(whole.size() + 1, text.size()));
+            const Line line = {number, whole, IsHeader(whole)};
+            hasHeader = hasHeader || line.isHeader;
+            // Lines of a section that belongs to nobody are not even kept.
+            const bool isRead = hasHeader || isKnown_ || isBeforeFirst_;
+            if (isRead && !IsPassedOver(whole)) lines.push_back(line);
             if (lines.size() < kLinesAtOnce && !text.empty()) continue;
             Take(lines);
             lines.clear();
+            hasHeader = false;
         }
-        end();
+        if (!isOver_) end();
     }
 
-    void Tell(const std::string &what, const std::string &remedy) { tell_(line_, what, remedy); }
+    void Tell(const std::string &what, const std::string &remedy)
+    {
+        isOver_ = !tell_(line_, what, remedy) || isOver_;
+    }
     int line() const { return line_; }
     // Only the first section of a name is ever read.
     void TellIfSecond(const std::string &section)
@@ -200,18 +212,22 @@ private:
     {
         std::string text;
         for (const Line &line : lines)
-            if (!line.IsHeader())
+            if (!line.isHeader)
                 text += "[" + std::to_string(line.number) + "]\n" + std::string(line.text) + "\n";
         const ScratchFile file("lines.conf", text);
         const List sections = ListSections(file.path()); // makes the reading in order quick
         for (const Line &line : lines) {
+            if (isOver_) return;
             line_ = line.number;
-            if (line.IsHeader()) {
+            if (line.isHeader) {
                 TakeHeader(line.text);
-                continue;
+            } else if (isKnown_) {
+                static_cast<void>(
+                    ReadSection(file.path(), std::to_string(line.number).c_str(), pair_));
+                TakePair();
+            } else if (isBeforeFirst_) {
+                Tell("the line stands before the first section, and is passed over", kMendLine);
             }
-            static_cast<void>(ReadSection(file.path(), std::to_string(line.number).c_str(), pair_));
-            TakePair();
         }
     }
 
@@ -221,6 +237,7 @@ private:
     {
         constexpr std::string_view kAround = " \t\"";
         end();
+        isBeforeFirst_ = false;
         const std::string_view inside = text.substr(1, text.rfind(']') - 1);
         const std::size_t first = std::min(inside.find_first_not_of(kAround), inside.size());
         section_ = inside.substr(first, inside.find_last_not_of(kAround) + 1 - first);
@@ -236,7 +253,6 @@ private:
         for (const auto &[key, sample] : keys_) {
             const char *const value = VLIBCSzHashGetValue(pair_.get(), key.c_str());
             if (value == nullptr) continue;
-            if (!isKnown_) return;
             const std::string fault = FaultOf(key, value, sample, protocols_);
             if (!fault.empty())
                 Tell("section [" + section_ + "]: " + FaultText(key, fault, value), kMendLine);
@@ -246,7 +262,7 @@ private:
         const std::string rest = text.substr(text.find('\n') + 1);
         if (rest.empty())
             Tell("the line is no section, setting or comment, and is passed over", kMendLine);
-        else if (isKnown_)
+        else
             Tell("section [" + section_ + "]: unknown setting \"" + rest.substr(0, rest.find('=')) +
                      "\"",
                  kMendLine);
@@ -257,6 +273,8 @@ private:
     const TellFault &tell_;
     int line_ = 0;
     bool isKnown_ = false;
+    bool isBeforeFirst_ = true;
+    bool isOver_ = false;
     std::string section_;
     std::set<std::string> seen_;
     Hash pair_ = NewHash(); // of the line in turn

@@ -19,8 +19,8 @@ namespace tool {
 std::string UnknownNameInRule(const VLIB_SZ_HASH &section);
 std::string UnknownNameInPolicy(const VLIB_SZ_HASH &section);
 
-// line: counted from 1.
-using TellFault = std::function<void(int line, const std::string &what, const std::string &remedy)>;
+// line: counted from 1. False: no more faults are wanted, and the check ends there.
+using TellFault = std::function<bool(int line, const std::string &what, const std::string &remedy)>;
 
 // The rules of a protocol; returns whether there is any.
 bool CheckRules(std::string_view text, std::int32_t protocol,

@@ -188,9 +188,9 @@ struct Kind {
 };
 
 constexpr std::array kKinds = {
-    Kind{"rules", "The rules, with the rates in force now",
-         "State, protocol, kind of owner, owner, upload and download rate in force in KB/s;\n"
-         "0 is unlimited, or a rule that is not in force.",
+    Kind{"rules", "The rules, with the rates that apply now",
+         "State, protocol, kind of owner, owner, upload and download rate that apply, in KB/s;\n"
+         "0 is unlimited, or a rule that does not apply.",
          true, DumpRules},
     Kind{"policies", "The policies of all protocols",
          "State, protocol, how a user's and his groups' rules combine, how those of groups\n"
@@ -199,7 +199,7 @@ constexpr std::array kKinds = {
     Kind{"transfers", "The limited transfers that run now",
          "Owner, protocol, direction, process, last save in seconds since the epoch,\n"
          "allowed and measured speed in KB/s, percent done, file; no headline. Without -u\n"
-         "and -g: those of all users. With -g: the part of each that the group bears.",
+         "and -g: those of all users. With -g: the part of each that the group is charged.",
          true, DumpTransfers},
 };
 
@@ -229,7 +229,7 @@ void AddDumpCommand(CLI::App &app)
         "Columns of fixed width, for programs that read them. A terminal gets control\n"
         "characters escaped, anything else the table byte for byte. With --json: the\n"
         "records as the commands rule, policy and transfers write them, rules with the\n"
-        "rates in force now; -n goes with it.\n\n"
+        "rates that apply now; -n goes with it.\n\n"
         "Example:\n  zevobandwidth dump rules\n");
     for (const Kind &kind : kKinds)
         AddKind(*command, kind);

@@ -189,7 +189,7 @@ private:
                     "Whether the limits of the protocol are switched on at this hour."};
     Family rules_{"zevobandwidth_rules", "Stored rules."};
     Family limits_{"zevobandwidth_rule_limit_bytes_per_second",
-                   "Rate of a rule that is in force at this hour."};
+                   "Rate of a rule that applies at this hour."};
     Family userCount_{"zevobandwidth_user_transfers", "Limited transfers that the user runs."};
     Family userSpeed_{"zevobandwidth_user_speed_bytes_per_second",
                       "Measured speed of the user's transfers together."};
@@ -197,7 +197,7 @@ private:
                         "Speed that the limits allow the user's transfers together."};
     Family groupCount_{"zevobandwidth_group_transfers", "Transfers charged to the group."};
     Family groupSpeed_{"zevobandwidth_group_speed_bytes_per_second",
-                       "Measured speed that the group bears."};
+                       "Measured speed that the group is charged."};
     Family groupAllowed_{"zevobandwidth_group_allowed_bytes_per_second",
                          "Speed that the group's rule allows the transfers charged to it."};
 };
@@ -237,7 +237,8 @@ void AddMetricsCommand(CLI::App &app)
         ->check(kNotEmpty);
     AddOutputOptions(*command);
     command->footer(
-        "All are gauges: policies and rules, the rates in force at this hour, and of the running\n"
+        "All are gauges: policies and rules, the rates that apply at this hour, and of the "
+        "running\n"
         "transfers number, speed and allowed speed by user or group, protocol and direction.\n"
         "Speeds are bytes per second, +Inf (null in JSON) is unlimited. Upload is from the client "
         "to this\n"

@@ -62,7 +62,7 @@ void SayIfUnlimited(const PipedTransfer &transfer, const PipeArguments &argument
 {
     if (arguments.isQuiet || transfer.ProtocolLimited()) return;
     PrintNote("zevobandwidth: " + arguments.protocol +
-              " has no policy in force, so nothing limits this transfer; to switch limits on: "
+              " has no policy that applies, so nothing limits this transfer; to switch limits on: "
               "zevobandwidth policy set -p " +
               arguments.protocol + " --state enabled");
 }

@@ -83,7 +83,7 @@ std::string Meaning(const Subject &subject, HourState state)
     if (subject.of == PlanOf::kPolicy)
         return name + (isOff ? "no limit applies to " : "limits apply to ") +
                ProtocolName(subject.policy.protocolType);
-    if (isOff) return name + "this rule does not bear";
+    if (isOff) return name + "this rule does not apply";
     const std::size_t first = state == HourState::kCustom ? 2 : 0;
     return name + kRates[0].label + " " + FormatRate(subject.rule.*kRates[first].field) + ", " +
            kRates[1].label + " " + FormatRate(subject.rule.*kRates[first + 1].field);
@@ -97,7 +97,7 @@ std::string HoldsAlways(const Subject &subject)
     const bool isRule = subject.of == PlanOf::kRule;
     if (subject.state == ZEVO_BW_STATE_ENABLED)
         return isRule ? "its normal rates hold at all hours" : "limits apply at all hours";
-    return isRule ? "it bears at no hour" : "no limit applies at any hour";
+    return isRule ? "it applies at no hour" : "no limit applies at any hour";
 }
 
 // The state of hours that are missing from the plan.
@@ -121,10 +121,10 @@ void NoteState(const Subject &subject)
     const bool isRule = subject.of == PlanOf::kRule;
     if (!subject.Applies()) {
         const bool exists = subject.state != ZEVO_BW_STATE_NOT_EXISTED;
-        PrintNote("note: the plan does not bear now: " + subject.name + " is " +
-                  (exists ? ValueName(ZEVO_BW_STATE_LIST, subject.state) : "not in force") +
-                  ", so " + HoldsAlways(subject) +
-                  ". Let it follow the plan with: " + subject.setter + " --state schedule");
+        PrintNote("note: the plan does not apply now: " + subject.name + " is " +
+                  (exists ? ValueName(ZEVO_BW_STATE_LIST, subject.state) : "not stored") + ", so " +
+                  HoldsAlways(subject) + ". Let it follow the plan with: " + subject.setter +
+                  " --state schedule");
     }
     const std::string why = isRule ? WhyNothingIsLimited(subject.policy) : "";
     if (!why.empty()) PrintNote("note: " + why);

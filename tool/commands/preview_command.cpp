@@ -105,7 +105,7 @@ std::string LimitsText(const Preview &preview)
     const Evaluation &evaluation = *preview.evaluation;
     const bool applies =
         evaluation.Applies(ZEVO_BW_OWNER_USER) || evaluation.Applies(ZEVO_BW_OWNER_GROUP);
-    return applies ? "in force" : "no rule bears on this user";
+    return applies ? "limits apply" : "no rule applies to this user";
 }
 
 void PrintTable(const std::vector<Preview> &previews)
@@ -124,7 +124,7 @@ void PrintTable(const std::vector<Preview> &previews)
     }
     table.Print();
     if (hasIdle && !OutputStyle().noLegend)
-        PrintLine("In parentheses: what the rules would give if the policy put them in force.");
+        PrintLine("In parentheses: what the rules would give if the policy let them apply.");
 }
 
 // ---- the derivation ----

@@ -122,7 +122,7 @@ void NotePolicy(const Owner &owner, const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
     if (policy.userGroupPolicy == ignoring)
         PrintNote("note: the policy of " + ProtocolName(policy.protocolType) + " is " +
                   ValueName(ZEVO_BW_USER_GROUP_POLICY_LIST, ignoring) + ", so the rules of " +
-                  (isUser ? "users" : "groups") + " do not bear on it");
+                  (isUser ? "users" : "groups") + " do not apply to it");
 }
 
 void SetRule(const RuleArguments &arguments)
@@ -149,7 +149,7 @@ void AddSet(CLI::App &parent)
     for (std::size_t i = 0; i < kRates.size(); ++i)
         set->add_option(kRates[i].name, arguments->rates[i], kRates[i].help)->type_name("RATE");
     AddChoice(*set, "--state", arguments->state, "STATE", ZEVO_BW_STATE_LIST,
-              "Whether the rule bears; a new rule is enabled, with a plan on schedule");
+              "Whether the rule applies; a new rule is enabled, with a plan on schedule");
     AddPlanOptions(*set, PlanOf::kRule, arguments->plan);
     set->add_option("--like", arguments->like,
                     "Begin with a copy of that owner's rule for the protocol")
@@ -203,9 +203,9 @@ void AddStateCommands(CLI::App &parent)
         const char *help;
     };
     static constexpr std::array kCommands = {
-        StateCommand{"enable", ZEVO_BW_STATE_ENABLED, "Let a rule bear at all hours"},
-        StateCommand{"disable", ZEVO_BW_STATE_DISABLED, "Put a rule out of force, and keep it"},
-        StateCommand{"schedule", ZEVO_BW_STATE_SCHEDULE, "Let a rule bear by its plan"},
+        StateCommand{"enable", ZEVO_BW_STATE_ENABLED, "Let a rule apply at all hours"},
+        StateCommand{"disable", ZEVO_BW_STATE_DISABLED, "Let a rule not apply, and keep it"},
+        StateCommand{"schedule", ZEVO_BW_STATE_SCHEDULE, "Let a rule apply by its plan"},
     };
     for (const StateCommand &row : kCommands) {
         const auto arguments = std::make_shared<RuleArguments>();

@@ -205,7 +205,8 @@ void AddTopCommand(CLI::App &app)
     command->footer(
         "Shows per transfer its speed, the speed it is allowed now, what part that is of what the\n"
         "user's limits allow one transfer alone, progress, time left and the last speeds; above\n"
-        "it what the groups bear of their limits. Keys: arrows select, s sorts by another column,\n"
+        "it what the groups are charged of their limits. Keys: arrows select, s sorts by another "
+        "column,\n"
         "r reverses, / filters, x stops the selected transfer after a question, ? helps, q quits.\n"
         "The time left is worked out from the progress that the service reports.\n\nExamples:\n"
         "  zevobandwidth top\n"

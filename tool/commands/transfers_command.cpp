@@ -215,8 +215,10 @@ void AddTransfersCommand(CLI::App &app)
     AddOutputOptions(*command);
     command->footer(
         "Upload is from the client to this server, download from this server to the client.\n"
-        "With -g: the transfers charged to the group, with the part of the speed that it bears.\n"
-        "A sum is unlimited as soon as one of its transfers is. Transfers that no limit bears on\n"
+        "With -g: the transfers charged to the group, with the part of the speed that it is "
+        "charged.\n"
+        "A sum is unlimited as soon as one of its transfers is. Transfers that no limit applies "
+        "to\n"
         "are not listed. --watch redraws in place on a terminal; elsewhere blocks are set apart\n"
         "by a blank line, JSON documents stand on one line each. Its exit status is 0 when it is\n"
         "interrupted.\n\nExamples:\n"

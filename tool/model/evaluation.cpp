@@ -20,7 +20,7 @@ Evaluation::Evaluation(std::uint32_t uid, std::int32_t protocol, std::time_t at)
     static_cast<void>(ReadRule({ZEVO_BW_OWNER_USER, {uid, UserName(uid)}}, protocol));
     auto config = zevobw::Config::Read(uid, protocol);
     if (!config)
-        throw Failure(kFailed, "the rules of " + ProtocolName(protocol) + " that bear on user " +
+        throw Failure(kFailed, "the rules of " + ProtocolName(protocol) + " that apply to user " +
                                    UserName(uid) +
                                    " cannot be read; 'zevobandwidth rule list' names what is "
                                    "wrong, or the system log");

@@ -219,11 +219,11 @@ std::string PlanHelp(PlanOf of)
                        "  TIMES  whole hours of local time, 08:00-18:00, several with commas, or\n"
                        "         all-day; what ends at or before its start runs into the next day\n"
                        "  STATE  ") +
-           (isRule ? "off (this rule does not bear), normal, custom (the custom rates)\n"
+           (isRule ? "off (this rule does not apply), normal, custom (the custom rates)\n"
                    : "on (limits apply), off (no limit applies to the protocol)\n") +
            "It replaces the old plan whole. As digits it begins with Sunday 00:00: " +
            (isRule ? "0 off,\n1 normal, 2 custom." : "0 off,\n1 on.") +
-           " A plan bears in the state schedule: what is new gets that\n"
+           " A plan applies in the state schedule: what is new gets that\n"
            "state with its plan, what is there keeps its own unless --state is given.";
 }
 

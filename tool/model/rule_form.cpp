@@ -154,10 +154,11 @@ std::string RuleToForm(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
          << ValueName(ZEVO_BW_STATE_LIST, isStored ? rule.state : ZEVO_BW_STATE_ENABLED)
          << "\n\n# 512K, 1.5M, 2G (multiples of 1024 bytes per second), 10MB, 10mbit, or unlimited."
          << "\n# Upload is from the client to this server, download from this server to the client."
-         << "\n# The custom rates bear in the hours that a plan marks with 2.\n";
+         << "\n# The custom rates apply in the hours that a plan marks with 2.\n";
     for (const RateOption &rate : kRates)
         text << rate.label << " = " << FormatRate(rule.*rate.field) << '\n';
-    text << "\n# The plan, an hour a mark: 0 this rule does not bear, 1 it bears with its rates,\n"
+    text << "\n# The plan, an hour a mark: 0 this rule does not apply, 1 it applies with its "
+            "rates,\n"
             "# 2 with its custom rates. It counts with \"state = schedule\".\n";
     if (hasPlan) {
         text << "# Write \"plan = none\" in place of the rows to do without.\n"

@@ -47,7 +47,7 @@ constexpr std::array kHelp = {
     "SHARE    ALLOWED of what the user's limits allow one transfer alone",
     "DONE     as its service tells it          LEFT     at the last minute's pace",
     "HISTORY  of the speed; a full bar is what is allowed, or the highest speed seen",
-    "Groups: speed charged to the group against its rule in force at this hour.",
+    "Groups: speed charged to the group against its rule that applies at this hour.",
 };
 
 std::string DirectionText(std::int32_t direction)
