@@ -1,7 +1,7 @@
 // Looking users and groups up in the system's user database (NSS). A record needs a buffer of a size
 // that nobody knows beforehand, so the buffer grows until it fits.
-#ifndef PLATFORM_INTERNAL_USER_DATABASE_HPP
-#define PLATFORM_INTERNAL_USER_DATABASE_HPP
+#ifndef BASE_USER_DATABASE_HPP
+#define BASE_USER_DATABASE_HPP
 
 #include <grp.h>
 #include <pwd.h>
@@ -39,6 +39,7 @@ public:
 
     Fault fault() const noexcept { return fault_; } // kNoMemory, or kNotThere
     const Record *operator->() const noexcept { return found_; }
+    const Record &operator*() const noexcept { return *found_; }
 
 private:
     Bytes buffer_;
@@ -64,4 +65,4 @@ inline NssEntry<group> GroupById(gid_t gid) noexcept
 
 } // namespace zevo
 
-#endif // PLATFORM_INTERNAL_USER_DATABASE_HPP
+#endif // BASE_USER_DATABASE_HPP

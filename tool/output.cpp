@@ -67,6 +67,13 @@ void AppendEscaped(std::string &out, std::string_view bytes)
     }
 }
 
+// Escapes to ASCII, so that no control character reaches a terminal. Bytes that are no UTF-8 become
+// U+FFFD and throw no exception.
+std::string Dump(const Json &json, int indent)
+{
+    return json.dump(indent, ' ', true, Json::error_handler_t::replace);
+}
+
 } // namespace
 
 Style &OutputStyle()
@@ -212,17 +219,6 @@ void PrintExactLine(const std::string &line)
 {
     PrintLine(::isatty(STDOUT_FILENO) == 1 ? Printable(line) : line);
 }
-
-namespace {
-
-// Escapes to ASCII, so that no control character reaches a terminal. Bytes that are no UTF-8 become
-// U+FFFD and throw no exception.
-std::string Dump(const Json &json, int indent)
-{
-    return json.dump(indent, ' ', true, Json::error_handler_t::replace);
-}
-
-} // namespace
 
 void PrintJson(const Json &json)
 {

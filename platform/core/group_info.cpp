@@ -4,8 +4,8 @@
 #include <new>
 #include <vector>
 
+#include "base/user_database.hpp"
 #include "platform/internal/frame.hpp"
-#include "platform/internal/user_database.hpp"
 #include "sz_list.hpp"
 
 namespace zevo {

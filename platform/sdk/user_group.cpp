@@ -2,8 +2,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/user_database.hpp"
 #include "platform/internal/frame.hpp"
-#include "platform/internal/user_database.hpp"
 #include "zevosdk.h"
 
 using namespace zevo;

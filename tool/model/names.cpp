@@ -1,5 +1,4 @@
-// Names to numbers and back. The buffers for the user database grow, because a group with thousands
-// of members does not fit into any fixed one.
+// Names to numbers and back.
 #include "model/names.hpp"
 
 #include <dirent.h>
@@ -18,6 +17,8 @@
 #include <tuple>
 #include <unordered_map>
 
+#include "base/user_database.hpp"
+
 #include "failure.hpp"
 #include "model/number.hpp"
 #include "output.hpp"
@@ -28,7 +29,6 @@ namespace {
 
 constexpr const char *kAddonDirectory = ZEVO_BW_ADDON_DIRECTORY "/";
 constexpr std::string_view kAddonSuffix = ".json";
-constexpr std::size_t kFirstBuffer = 4096;
 constexpr std::size_t kLongestEntry = std::size_t{1} << 20;
 
 [[noreturn]] void DatabaseFailed(int error)
@@ -50,19 +50,12 @@ Account ToAccount(const group &entry)
 template <typename Entry, typename Lookup, typename Key>
 std::optional<Account> Ask(Lookup lookup, Key key)
 {
-    std::vector<char> buffer(kFirstBuffer);
-    for (;;) {
-        Entry entry{};
-        Entry *found = nullptr;
-        const int error = lookup(key, &entry, buffer.data(), buffer.size(), &found);
-        if (found != nullptr) return ToAccount(entry);
-        // The database's sources report "not known" by these.
-        if (error == 0 || error == ENOENT || error == ESRCH) return std::nullopt;
-        if (error == ERANGE)
-            buffer.resize(buffer.size() * 2);
-        else if (error != EINTR)
-            DatabaseFailed(error);
-    }
+    const zevo::NssEntry<Entry> entry([=](auto... out) { return lookup(key, out...); });
+    if (!entry.fault()) return ToAccount(*entry);
+    if (entry.fault().code == zevo::kNoMemory.code) DatabaseFailed(ENOMEM);
+    // The database's sources report "not known" by these.
+    if (errno != 0 && errno != ENOENT && errno != ESRCH) DatabaseFailed(errno);
+    return std::nullopt;
 }
 
 // The protocol of "NAME_NUMBER.json", with the number as the library writes it.

@@ -155,6 +155,25 @@ std::string KnownStates(PlanOf of)
 constexpr const char *kRightRule =
     "DAYS TIMES STATE, such as 'weekdays 08:00-18:00 off', several with semicolons";
 
+constexpr std::time_t kSecondsOfHour = 3600;
+// A plan with two states shows both within a week. Daylight saving moves that by less than a week.
+constexpr std::time_t kLongestSpan = 2 * kSecondsOfHour * static_cast<std::time_t>(kHoursOfWeek);
+
+// The next moment at which the local hour may change: the full hour, or an earlier moment at which
+// the clock is set.
+std::time_t NextHour(std::time_t moment)
+{
+    const std::tm local = LocalTime(moment);
+    const std::time_t rest = kSecondsOfHour - local.tm_min * 60 - local.tm_sec;
+    std::time_t after = moment + std::max<std::time_t>(rest, 1); // a leap second is the 61st
+    if (LocalTime(after).tm_gmtoff == local.tm_gmtoff) return after;
+    for (std::time_t before = moment; after - before > 1;) {
+        const std::time_t middle = before + (after - before) / 2;
+        (LocalTime(middle).tm_gmtoff == local.tm_gmtoff ? before : after) = middle;
+    }
+    return after;
+}
+
 } // namespace
 
 std::string HourStateName(PlanOf of, HourState state)
@@ -262,29 +281,6 @@ std::size_t HourOfWeek(const std::tm &local)
     return static_cast<std::size_t>(local.tm_wday) * kHoursOfDay +
            static_cast<std::size_t>(local.tm_hour);
 }
-
-namespace {
-
-constexpr std::time_t kSecondsOfHour = 3600;
-// A plan with two states shows both within a week. Daylight saving moves that by less than a week.
-constexpr std::time_t kLongestSpan = 2 * kSecondsOfHour * static_cast<std::time_t>(kHoursOfWeek);
-
-// The next moment at which the local hour may change: the full hour, or an earlier moment at which
-// the clock is set.
-std::time_t NextHour(std::time_t moment)
-{
-    const std::tm local = LocalTime(moment);
-    const std::time_t rest = kSecondsOfHour - local.tm_min * 60 - local.tm_sec;
-    std::time_t after = moment + std::max<std::time_t>(rest, 1); // a leap second is the 61st
-    if (LocalTime(after).tm_gmtoff == local.tm_gmtoff) return after;
-    for (std::time_t before = moment; after - before > 1;) {
-        const std::time_t middle = before + (after - before) / 2;
-        (LocalTime(middle).tm_gmtoff == local.tm_gmtoff ? before : after) = middle;
-    }
-    return after;
-}
-
-} // namespace
 
 std::vector<PlanChange> ComingChanges(PlanOf of, std::string_view plan, std::time_t after,
                                       std::size_t most)

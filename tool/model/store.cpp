@@ -98,6 +98,20 @@ std::string SectionOf(const Owner &owner)
     return ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type) + "-" + std::to_string(owner.account.id);
 }
 
+std::vector<Owner> OwnersOfRules(std::int32_t protocol)
+{
+    std::vector<Owner> owners;
+    for (const std::string &section :
+         SectionNames(ConfPath(protocol), "rules of " + ProtocolName(protocol)))
+        if (const auto owner = ParseOwner(section))
+            owners.push_back(OwnerById(owner->type, owner->account.id));
+    std::sort(owners.begin(), owners.end(), [](const Owner &a, const Owner &b) {
+        return std::tie(a.type, a.account.name, a.account.id) <
+               std::tie(b.type, b.account.name, b.account.id);
+    });
+    return owners;
+}
+
 } // namespace
 
 std::string OwnerText(const Owner &owner)
@@ -233,24 +247,6 @@ std::vector<std::string> SectionNames(const std::string &path, const std::string
         names.emplace_back(name);
     return names;
 }
-
-namespace {
-
-std::vector<Owner> OwnersOfRules(std::int32_t protocol)
-{
-    std::vector<Owner> owners;
-    for (const std::string &section :
-         SectionNames(ConfPath(protocol), "rules of " + ProtocolName(protocol)))
-        if (const auto owner = ParseOwner(section))
-            owners.push_back(OwnerById(owner->type, owner->account.id));
-    std::sort(owners.begin(), owners.end(), [](const Owner &a, const Owner &b) {
-        return std::tie(a.type, a.account.name, a.account.id) <
-               std::tie(b.type, b.account.name, b.account.id);
-    });
-    return owners;
-}
-
-} // namespace
 
 std::vector<StoredRule> ReadRules(const std::vector<std::int32_t> &protocols, int &failures)
 {

@@ -12,14 +12,9 @@
 
 namespace tool {
 
-namespace {
-
-constexpr mode_t kNewFileMode = 0644;
-
-} // namespace
-
 void WriteWholeFile(const std::string &path, const std::string &text)
 {
+    constexpr mode_t kNewFileMode = 0644;
     const auto fail = [&path](const std::string &why) {
         throw Failure(StatusOf(errno),
                       "cannot write " + path + ": " + why + "; nothing was written");
