@@ -29,20 +29,21 @@ bool IsOurs(const struct stat &status, nlink_t nNames) noexcept
     return nNames == 1 && (status.st_mode & zevo::kPermissionBits) == kStatusFileMode;
 }
 
-// Puts a copy with the section in the file's place.
-zevo::Fault AppendToCopy(const zevo::Place &place, const zevo::RegularFile &file,
-                         std::string_view text, std::string_view section) noexcept
+// Puts a copy with the section in the file's place, unless another writer was faster.
+zevo::Change AppendToCopy(const zevo::Place &place, const zevo::RegularFile &file,
+                          std::string_view text, std::string_view section) noexcept
 {
     zevo::TempFile copy(place);
-    if (const zevo::Fault fault = copy.fault()) return fault;
+    if (const zevo::Fault fault = copy.fault()) return {fault};
     zevo::Pieces whole;
-    if (const zevo::Fault fault = whole.Append(text)) return fault;
-    if (const zevo::Fault fault = whole.Append(section)) return fault;
-    if (const zevo::Fault fault = copy.Write(whole)) return fault;
-    if (const zevo::Fault fault = copy.Sync()) return fault;
+    if (const zevo::Fault fault = whole.Append(text)) return {fault};
+    if (const zevo::Fault fault = whole.Append(section)) return {fault};
+    if (const zevo::Fault fault = copy.Write(whole)) return {fault};
+    if (const zevo::Fault fault = copy.Sync()) return {fault};
     if (const zevo::Fault fault = copy.SetMode(file.stat().st_mode & zevo::kPermissionBits))
-        return fault;
-    return copy.Replace();
+        return {fault};
+    if (!file.IsUnchanged(text.size())) return {};
+    return {copy.Replace(), true};
 }
 
 // The section as it is appended to a text, on a line of its own.
@@ -82,8 +83,10 @@ int ZEVOBandwidthStatusAddSection(const char *szFile, const char *szSection,
         if (const zevo::Fault fault = Compose(text.view(), szSection, pHash, section))
             return BW_FAIL_WITH(fault);
         if (!IsOurs(file.stat(), nNames)) {
-            const zevo::Fault fault = AppendToCopy(place, file, text.view(), section.view());
-            return fault ? BW_FAIL_WITH(fault) : 1;
+            const zevo::Change change = AppendToCopy(place, file, text.view(), section.view());
+            if (change.fault) return BW_FAIL_WITH(change.fault);
+            if (change.isMade) return 1;
+            continue;
         }
         if (const zevo::Fault fault = zevo::AppendOnce(file.get(), section.view()))
             return BW_FAIL_WITH(fault);

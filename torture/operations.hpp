@@ -83,6 +83,7 @@ enum Waiver : unsigned {
     // And what it opens of the files that strangers may write, with nothing staged.
     kOpens = 256,     // alice's status file, or that of a group
     kOpensBoth = 512, // both
+    kLists = 1024,    // reads them once more where a section is stale, to purge them
 };
 
 struct Operation {

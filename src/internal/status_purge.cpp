@@ -15,20 +15,27 @@ namespace bandwidth {
 
 namespace {
 
-// The text with the sections named 0, 1, 2 ...; returns their number in nSections.
+// The text with the sections named 0, 1, 2 ...; returns their number in nSections. The platform spells
+// one header; a plain name stands in it as it is, so the others differ only by their number.
 zevo::Fault NumberSections(std::string_view text, zevo::Bytes &out, int32_t &nSections) noexcept
 {
+    constexpr char kName[] = "0";
     const Hash noPairs;
+    SectionText spelled;
     if (!noPairs) return zevo::kNoMemory;
+    if (const zevo::Fault fault = spelled.Compose(kName, noPairs.get())) return fault;
+    const std::string_view header = spelled.view();
+    const size_t at = header.find(kName);
     nSections = 0;
     Lines lines(text);
     for (std::string_view line; lines.Next(line);) {
-        SectionText header;
+        char szHeader[64];
         if (IsHeader(line)) {
-            char szNumber[16];
-            (void)std::snprintf(szNumber, sizeof(szNumber), "%d", nSections++);
-            if (const zevo::Fault fault = header.Compose(szNumber, noPairs.get())) return fault;
-            line = header.view();
+            const std::string_view behind = header.substr(at + 1);
+            const int cb = std::snprintf(szHeader, sizeof(szHeader), "%.*s%d%.*s",
+                                         static_cast<int>(at), header.data(), nSections++,
+                                         static_cast<int>(behind.size()), behind.data());
+            line = {szHeader, static_cast<size_t>(cb)};
         }
         if (const zevo::Fault fault = out.Append(line)) return fault;
     }
