@@ -12,7 +12,7 @@
 
 namespace zevo {
 
-constexpr size_t kPathBytes = 4096;                // with the NUL
+constexpr size_t kPathBytes = 4096; // with the NUL
 // A larger file is neither read nor written: it would hold 23 000 transfers, or as many rules.
 constexpr size_t kMaxFileBytes = size_t{8} << 20;
 

@@ -84,7 +84,7 @@ int MakeMissing(const char *szFile) noexcept
 // may appear between the attempt to replace it and the attempt to append it. Both are then tried again;
 // when that happens each time, these values follow at the next save.
 int ZEVOBandwidthIStatusRecordSave(int32_t owner_type, uint32_t id, const char *szSection,
-                                   const VLIB_SZ_HASH *pHash, Mode mode) noexcept
+                                   const VLIB_SZ_HASH *pHash, RewriteMode mode) noexcept
 {
     BW_REQUIRE(pHash != nullptr, "NULL != pHash");
     StatusPath path;
@@ -149,7 +149,7 @@ int SaveGroupCopies(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG &config,
         if (::ZEVOBandwidthInitHashFromStatus(hash.address(), pStatus) < 0)
             return BW_PASS("Init hash from status failed. ");
         if (ZEVOBandwidthIStatusRecordSave(ZEVO_BW_OWNER_GROUP, limit.conf.id, szSection,
-                                           hash.get(), Mode::kSet) < 0)
+                                           hash.get(), RewriteMode::kSet) < 0)
             return BW_PASS("Save record for uid: [%u], section:[%s] failed. ", uid, szSection);
     }
     return 0;
@@ -157,7 +157,7 @@ int SaveGroupCopies(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG &config,
 
 // 0, kStopped, or -1.
 int Save(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STATUS *pStatus,
-         Mode mode) noexcept
+         RewriteMode mode) noexcept
 {
     BW_REQUIRE(uid != static_cast<uid_t>(-1), "(uid_t)((uid_t) -1) != uid");
     BW_REQUIRE(pStatus != nullptr, "NULL != pStatus");
@@ -183,12 +183,12 @@ int Save(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig, ZEVO_BANDWIDTH_STAT
 int bandwidth::SaveUnlessStopped(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig,
                                  ZEVO_BANDWIDTH_STATUS *pStatus) noexcept
 {
-    return Save(uid, pConfig, pStatus, Mode::kSetUnlessStopped);
+    return Save(uid, pConfig, pStatus, RewriteMode::kSetUnlessStopped);
 }
 
 int ZEVOBandwidthStatusSave(uint32_t uid, const ZEVO_BANDWIDTH_CONFIG *pConfig,
                             ZEVO_BANDWIDTH_STATUS *pStatus) noexcept
 {
     const CancelScope cancel;
-    return Save(uid, pConfig, pStatus, Mode::kSet);
+    return Save(uid, pConfig, pStatus, RewriteMode::kSet);
 }

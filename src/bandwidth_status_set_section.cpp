@@ -18,7 +18,7 @@ namespace {
 
 class SectionRewrite final : public zevo::Composer {
 public:
-    SectionRewrite(const char *szSection, const VLIB_SZ_HASH *pHash, Mode mode) noexcept
+    SectionRewrite(const char *szSection, const VLIB_SZ_HASH *pHash, RewriteMode mode) noexcept
         : szSection_(szSection), pHash_(pHash), mode_(mode)
     {
     }
@@ -57,7 +57,7 @@ private:
     // section with this pair alone.
     zevo::Fault LearnStopLine() noexcept
     {
-        if (mode_ != Mode::kSetUnlessStopped || !stopLine_.empty()) return zevo::kNoFault;
+        if (mode_ != RewriteMode::kSetUnlessStopped || !stopLine_.empty()) return zevo::kNoFault;
         Hash hash;
         if (!hash || ::VLIBCSzHashSetValue(hash.address(), "active", "0") < 0)
             return zevo::kNoMemory;
@@ -70,7 +70,7 @@ private:
     // A planted file may repeat the header many times, so the section is spelled once.
     zevo::Fault AppendNew(zevo::Pieces &newText) noexcept
     {
-        if (mode_ == Mode::kRemove) return zevo::kNoFault;
+        if (mode_ == RewriteMode::kRemove) return zevo::kNoFault;
         if (section_.view().empty()) {
             if (const zevo::Fault fault = section_.Compose(szSection_, pHash_)) return fault;
         }
@@ -80,7 +80,7 @@ private:
 
     const char *const szSection_;
     const VLIB_SZ_HASH *const pHash_;
-    const Mode mode_;
+    const RewriteMode mode_;
     SectionText section_;
     SectionText stopSection_;
     std::string_view stopLine_; // empty: no line is
@@ -90,7 +90,8 @@ private:
 } // namespace
 
 int bandwidth::ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection,
-                                                  const VLIB_SZ_HASH *pHash, Mode mode) noexcept
+                                                  const VLIB_SZ_HASH *pHash,
+                                                  RewriteMode mode) noexcept
 {
     BW_REQUIRE(szFile != nullptr, "((void *)0) != szFile");
     BW_REQUIRE(szSection != nullptr, "NULL != szSection");
@@ -108,11 +109,11 @@ int ZEVOBandwidthStatusSetSection(const char *szFile, const char *szSection,
                                   const VLIB_SZ_HASH *pHash) noexcept
 {
     const CancelScope cancel;
-    return ZEVOBandwidthIStatusSectionRewrite(szFile, szSection, pHash, Mode::kSet);
+    return ZEVOBandwidthIStatusSectionRewrite(szFile, szSection, pHash, RewriteMode::kSet);
 }
 
 int ZEVOBandwidthStatusRemoveSection(const char *szFile, const char *szSection) noexcept
 {
     const CancelScope cancel;
-    return ZEVOBandwidthIStatusSectionRewrite(szFile, szSection, nullptr, Mode::kRemove);
+    return ZEVOBandwidthIStatusSectionRewrite(szFile, szSection, nullptr, RewriteMode::kRemove);
 }

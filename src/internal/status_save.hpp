@@ -6,7 +6,7 @@
 
 namespace bandwidth {
 
-enum class Mode {
+enum class RewriteMode {
     kRemove,
     kSet,
     kSetUnlessStopped, // leaves a section that is marked inactive as it is
@@ -17,7 +17,7 @@ constexpr int kStopped = 2;
 // Rewrites a status file with another text for one section, or without it: 1, 0 when there is no such
 // section, kStopped when it was left, -1 on failure.
 int ZEVOBandwidthIStatusSectionRewrite(const char *szFile, const char *szSection,
-                                       const VLIB_SZ_HASH *pHash, Mode mode) noexcept;
+                                       const VLIB_SZ_HASH *pHash, RewriteMode mode) noexcept;
 
 // ZEVOBandwidthStatusSave() for the transfer itself, which must not undo a stop that has come since it
 // last looked: kStopped then, and nothing is logged.
