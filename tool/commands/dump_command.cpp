@@ -193,7 +193,8 @@ constexpr std::array kKinds = {
          "0 is unlimited, or a rule that does not apply.",
          true, DumpRules},
     Kind{"policies", "The policies of all protocols",
-         "State, protocol, how a user's and his groups' rules combine, how those of groups\n"
+         "State, protocol, how the rules of a user and of the user's groups combine, how those of "
+         "groups\n"
          "combine, to whom transfers are charged, and the plan.",
          false, DumpPolicies},
     Kind{"transfers", "The limited transfers that run now",

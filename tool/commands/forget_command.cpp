@@ -76,8 +76,8 @@ void Remove(const Account &user, const Pids &pids, ExitStatus status)
         throw Failure(MayChangeStatusFiles() ? status : kNotPermitted,
                       "the transfers of process " + std::to_string(pid) +
                           " cannot be removed; the status files of user " + ShownName(user) +
-                          " and of his groups must be regular files that this user may read, in a "
-                          "directory that he may write and that has room left; 'zevobandwidth "
+                          " and of the user's groups must be regular files that you may read, in a "
+                          "directory that you may write and that has room left; 'zevobandwidth "
                           "check' tells what is wrong with them");
     }
     RemoveFromOtherGroups(user, pids);
@@ -142,7 +142,8 @@ void AddForgetCommand(CLI::App &app)
         app.add_subcommand("forget", "Take what dead transfers left behind off the list");
     AddEndingOptions(*command, *arguments, "Forget also what is still running");
     command->footer(
-        "Removes the user's transfers from his status file and from those of all groups. What a\n"
+        "Removes the user's transfers from the user's status file and from those of all groups. "
+        "What a\n"
         "process leaves behind is dropped by itself 30 seconds after its last save. A process\n"
         "that still runs is listed again with its next block: to end it use 'zevobandwidth stop'.\n"
         "\nExamples:\n"

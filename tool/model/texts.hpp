@@ -61,12 +61,12 @@ struct PolicyChoice {
                  "Whether the protocol's limits apply; those of a new policy do"},
     PolicyChoice{"--user-group", "user-group", "user_group",
                  &ZEVO_BANDWIDTH_GLOBAL_CONF::userGroupPolicy, ZEVO_BW_USER_GROUP_POLICY_LIST,
-                 "How a user's own rule and those of his groups combine"},
+                 "How a user's own rule and those of the user's groups combine"},
     PolicyChoice{"--inter-group", "inter-group", "inter_group",
                  &ZEVO_BANDWIDTH_GLOBAL_CONF::interGroupPolicy, ZEVO_BW_INTER_GROUP_POLICY_LIST,
                  "How the rules of several groups combine"},
     PolicyChoice{"--occupy", "occupy", "occupy", &ZEVO_BANDWIDTH_GLOBAL_CONF::occupyPolicy,
-                 ZEVO_BW_OCCUPY_POLICY_LIST, "To which of his groups a transfer is charged"},
+                 ZEVO_BW_OCCUPY_POLICY_LIST, "To which of the user's groups a transfer is charged"},
 };
 
 std::string ChoiceText(const PolicyChoice &choice, const ZEVO_BANDWIDTH_GLOBAL_CONF &policy);
