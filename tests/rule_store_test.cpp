@@ -58,23 +58,15 @@ TEST_F(Conversion, ARuleBecomesItsKeysInTheirOrderAndNothingElse)
                            "upload rate=500\ndownload rate=18446744073709551615\n"
                            "upload rate custom=0\ndownload rate custom=0\nschedule plan=\n");
     EXPECT_THAT(TakeLog(), IsEmpty());
+    rule.state = 7; // without a name
+    EXPECT_EQ(ZEVOBandwidthInitHashFromConf(hash.address(), &rule), 0);
+    EXPECT_EQ(hash["state"], "(absent)");
+    EXPECT_EQ(LastLine(), "bandwidth_conf_convert.cpp:# Unknown value [7] for [state]");
 
     const ZEVO_BANDWIDTH_GLOBAL_CONF policy = {0, 3, 4, 6, 4, 4, "1"};
     EXPECT_EQ(ZEVOBandwidthInitHashFromGlobalConf(hash.address(), &policy), 0);
     EXPECT_EQ(hash.Text(), "[s]\nstate=schedule\nuser-group policy=sum\ninter-group policy=min\n"
                            "occupy policy=weighted\nschedule plan=1\n");
-}
-
-TEST_F(Conversion, AValueWithoutANameIsLeftOut)
-{
-    Hash hash;
-    ZEVO_BANDWIDTH_CONF rule = Rule();
-    rule.state = 7;
-    EXPECT_EQ(ZEVOBandwidthInitHashFromConf(hash.address(), &rule), 0);
-    EXPECT_EQ(hash["state"], "(absent)");
-    EXPECT_EQ(hash["id"], "1026");
-    EXPECT_EQ(hash["schedule plan"], "012");
-    EXPECT_EQ(LastLine(), "bandwidth_conf_convert.cpp:# Unknown value [7] for [state]");
 }
 
 TEST_F(Conversion, OnlyTheKeysOfTheHashChangeTheRule)

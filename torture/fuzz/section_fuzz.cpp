@@ -1,12 +1,15 @@
 // Section files: any bytes at all are a file. The listing, the reads by name and the two questions about
 // a single line must agree on which sections there are; and the writers hold what they promise: every
 // byte that is not the section's own stays, comments included, and what was written comes back equal.
+// What the converters have read of any section survives the way back.
 //
 // Input: a letter for the writer and the section's name; "key=value" lines up to an empty one; the
 // file as it is before.
 #include "fuzz.hpp"
 
 #include <algorithm>
+#include <cstring>
+#include <memory>
 #include <set>
 
 #include "zevobandwidth.h"
@@ -74,6 +77,26 @@ void RequireSection(const File &file, const std::string &section,
     }
 }
 
+template <class Record>
+void Convert(const Hash &section, int (*pRead)(Record *, const VLIB_SZ_HASH *) noexcept,
+             int (*pWrite)(VLIB_SZ_HASH **, const Record *) noexcept)
+{
+    const auto pRecord = std::make_unique<Record>();
+    std::memset(static_cast<void *>(pRecord.get()), 0, sizeof(Record)); // and between fields
+    const auto pAgain = std::make_unique<Record>();
+    std::memset(static_cast<void *>(pAgain.get()), 0, sizeof(Record));
+    if (pRead(pRecord.get(), section.get()) < 0) return;
+    Hash hash;
+    Require(pWrite(hash.address(), pRecord.get()) == 0, "a record that was read can be written");
+    Require(pRead(pAgain.get(), hash.get()) == 0, "what was written can be read");
+    Hash rewritten;
+    Require(pWrite(rewritten.address(), pAgain.get()) == 0, "and written again");
+    // Zeroed before, so that the bytes between the members are equal, too.
+    // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
+    Require(std::memcmp(pRecord.get(), pAgain.get(), sizeof(Record)) == 0,
+            "a record survives the way through a section");
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pBytes, std::size_t cb)
@@ -86,6 +109,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pBytes, std::size_t cb
     section.erase(0, 1);
     Hash hash;
     const auto pairs = CutPairs(text, hash);
+    Convert(hash, ZEVOBandwidthInitConfFromHash, ZEVOBandwidthInitHashFromConf);
+    Convert(hash, ZEVOBandwidthInitGlobalConfFromHash, ZEVOBandwidthInitHashFromGlobalConf);
+    Convert(hash, ZEVOBandwidthInitStatusFromHash, ZEVOBandwidthInitHashFromStatus);
     file.Write(text);
     RequireAgreement(file, text);
     const bool wasThere = Has(file, section);
