@@ -72,8 +72,8 @@ done
     fail 'leftovers are still there'
 
 # Junk ends the check of its file early, also where no line of it is a fault.
-printf '[nobody]\n%s' "$(yes a= | head -c 8M)" >$running/user-2001
-yes a | head -c 8M >$running/user-2002
+printf '[nobody]\n%s' "$(yes a= | head -c 7M)" >$running/user-2001
+yes a | head -c 7M >$running/user-2002
 timeout 5 "$ZEVOBW_TOOL" check >/tmp/out 2>/tmp/err && fail 'junk passed'
 finds $running/user-2001:1 'belongs to nobody: [nobody]'
 finds $running/user-2002:21 'further faults are not told'
