@@ -251,13 +251,66 @@ void TryStops(const Options &options, Table &table, double share)
     });
 }
 
+// A transfer at 100 MiB/s whose every block is saved; 0 when it ends as stopped.
+int TransferUntilStopped()
+{
+    constexpr std::uint64_t kBlockBytes = std::uint64_t{256} << 10;
+    ZEVO_BANDWIDTH_LIMIT limit = {};
+    limit.conf.ownerType = ZEVO_BW_OWNER_USER;
+    limit.conf.id = kAlice;
+    limit.conf.protocolType = ZEVO_BW_PROTOCOL_FTP;
+    limit.conf.state = limit.conf.currentState = ZEVO_BW_STATE_ENABLED;
+    limit.conf.uploadRate = limit.conf.currentUploadRate = 100 << 10;
+    ZEVO_BANDWIDTH_CONFIG config = {};
+    config.uid = kAlice;
+    config.globalConf.protocolType = ZEVO_BW_PROTOCOL_FTP;
+    config.globalConf.state = config.globalConf.currentState = ZEVO_BW_STATE_ENABLED;
+    config.globalConf.userGroupPolicy = ZEVO_BW_USER_GROUP_POLICY_USER_ONLY;
+    config.pLimit = &limit;
+    config.iLimit = 1;
+    ZEVO_BANDWIDTH_STATUS status = {};
+    std::uint64_t lastUs = 0;
+    if (ZEVOBandwidthStatusInit(&config, ZEVO_BW_TRANSFER_UPLOAD, "/a", &lastUs, &status) < 0)
+        return 1;
+    while (ZEVOBandwidthSleepInLoop(&config, kBlockBytes, 0, &lastUs, &status) == 0) {
+    }
+    const bool isStopped = VLIBCErrGet() == ZEVO_BW_ERROR_STOPPED;
+    return ZEVOBandwidthStatusRemove(&config, ZEVO_BW_TRANSFER_UPLOAD) == 0 && isStopped ? 0 : 1;
+}
+
+// A stop that the library has acknowledged must end the transfer, whatever that saves meanwhile.
+void TryBareStops(const Options &options, Table &table, double share, Place place)
+{
+    Row &row = table.Add(std::string("stops beside the transfer's own saves, ") +
+                         (place == Place::kDisk ? "disk" : "tmpfs") + ", lost");
+    const Budget budget(options, share, 40, 10'000);
+    RunAt(place, options, [&] {
+        Random random(options.seed, 3'200);
+        for (; budget.Allows(row.tried()); row.Try()) {
+            const pid_t pid = Fork(TransferUntilStopped);
+            const std::int64_t endUs = NowUs() + 10 * kUsPerSecond;
+            SleepUs(static_cast<std::int64_t>(random.Below(6'000)));
+            while (ZEVOBandwidthStatusSetActiveByUserName("alice", ZEVO_BW_TRANSFER_UPLOAD, pid,
+                                                          0) < 0 &&
+                   NowUs() < endUs)
+                SleepUs(200); // it is not listed yet
+            int status = -1;
+            while (::waitpid(pid, &status, WNOHANG) == 0 && NowUs() < endUs)
+                SleepUs(200);
+            if (status == 0) continue;
+            row.Violate("the transfer has ended with %d, or goes on", status);
+            (void)Kill(pid);
+        }
+    });
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     const Options options = ParseOptions(argc, argv);
     Table table(options.seed);
-    const double share = 1.0 / (options.disk.empty() ? 6 : 10);
+    const double share = 1.0 / (options.disk.empty() ? 7 : 12);
     for (const Losses &losses : kLosses) {
         if (losses.place == Place::kDisk && options.disk.empty()) continue;
         if (losses.bound == kOnlyPrinted && options.amount == Amount::kShort) continue;
@@ -265,5 +318,7 @@ int main(int argc, char **argv)
     }
     TryPurges(options, table, share);
     TryStops(options, table, share);
+    TryBareStops(options, table, share, Place::kMemory);
+    if (!options.disk.empty()) TryBareStops(options, table, share, Place::kDisk);
     return table.Print();
 }
