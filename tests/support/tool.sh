@@ -96,7 +96,9 @@ transfer() {
 named_program() {
     mkdir -p /tmp/named
     [[ -e /tmp/named/zevobandwidth ]] || cp "$(command -v sleep)" /tmp/named/zevobandwidth
-    (exec 2>/dev/null; /tmp/named/zevobandwidth 60; echo $? >/tmp/ended) & told=$!
+    (exec 2>/dev/null; /tmp/named/zevobandwidth 60; echo $? >/tmp/ended) &
+    # shellcheck disable=SC2034 # the tests wait for it
+    told=$!
     wait_for pgrep -x zevobandwidth >/dev/null
 }
 
