@@ -288,7 +288,7 @@ Row Replacing(int n)
     const std::string path = file.path();
     const std::string section = SectionOf(status.pid);
     Row row = Measure(
-        {kReplacing, n, 1.3},
+        {kReplacing, n, 1.4},
         [&] {
             Must(ZEVOBandwidthStatusSetSection(path.c_str(), section.c_str(), pHash) == 1,
                  "replacing");
