@@ -155,6 +155,7 @@ void ReportStops(const std::string &toolPath, Field &field)
         if (stream.pid > 0 && stopped.size() < kStopped) stopped.push_back(&stream);
     const std::int64_t at = Now();
     std::vector<pid_t> commands;
+    commands.reserve(stopped.size());
     for (const Stream *const stream : stopped)
         commands.push_back(Spawn({toolPath, "stop", "-y", "-u", stream->user, "--pid",
                                   std::to_string(stream->pid), "--wait", "0"},
