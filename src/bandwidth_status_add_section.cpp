@@ -6,6 +6,7 @@
 
 #include "internal/frame.hpp"
 #include "internal/guard.hpp"
+#include "internal/status_path.hpp"
 #include "internal/status_text.hpp"
 
 #include "base/replace_file.hpp"
@@ -25,7 +26,6 @@ bool Holds(std::string_view text, const char *szSection) noexcept
 // makes status files. A private file that somebody has moved there is not.
 bool IsOurs(const struct stat &status, nlink_t nNames) noexcept
 {
-    constexpr mode_t kStatusFileMode = 0666;
     return nNames == 1 && (status.st_mode & zevo::kPermissionBits) == kStatusFileMode;
 }
 

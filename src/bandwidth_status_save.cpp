@@ -22,7 +22,6 @@ using namespace bandwidth;
 namespace {
 
 constexpr mode_t kStatusDirectoryMode = 0777;
-constexpr mode_t kStatusFileMode = 0666;
 constexpr int kMaxRepeats = 2;
 
 // Makes the directory under a name that nobody knows, gives it its mode by descriptor, whatever the

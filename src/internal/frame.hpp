@@ -48,8 +48,8 @@ inline int FailWith(zevo::Fault fault, Site site) noexcept
 
 // Bounds on what strangers may cost a thread that walks over a file of theirs: a million sections must
 // neither fill the system log nor cost a million searches of the add-on directory. After 64 lines one
-// more says that the rest is left out; after 64 searches no other add-on is found. Of
-// nested scopes the outermost counts.
+// more says that the rest is left out; after 64 searches no other add-on is found. Of nested scopes the
+// outermost counts.
 class StrangersFileScope {
 public:
     explicit StrangersFileScope(const char *szFile) noexcept : szFile_(szFile)

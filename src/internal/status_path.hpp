@@ -14,6 +14,7 @@
 namespace bandwidth {
 
 constexpr char kStatusDirectory[] = ZEVO_BW_STATUS_DIRECTORY "/"; // as log lines name it
+constexpr mode_t kStatusFileMode = 0666; // writers of all users share a file
 
 class StatusPath {
 public:
