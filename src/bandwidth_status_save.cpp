@@ -92,9 +92,10 @@ int ZEVOBandwidthIStatusRecordSave(int32_t owner_type, uint32_t id, const char *
         const int replaced = ZEVOBandwidthIStatusSectionRewrite(path.get(), szSection, pHash, mode);
         if (replaced > 0) return replaced == kStopped ? kStopped : 0;
         if (replaced < 0) {
+            const bool wasMissing = errno == ENOENT; // another process may make it before we look
             const int made = MakeMissing(path.get());
             if (made < 0) return BW_PASS_UNLOGGED;
-            if (made > 0 && attempt < kMaxRepeats) continue;
+            if ((made > 0 || wasMissing) && attempt < kMaxRepeats) continue;
             return BW_PASS("Save section [%s] to [%s] failed. ", szSection, path.get());
         }
         const int added = ::ZEVOBandwidthStatusAddSection(path.get(), szSection, pHash);
