@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include <sys/uio.h>
@@ -70,6 +71,27 @@ private:
     size_t capacity_ = 0;
 };
 
+// Plain records, one behind the other.
+template <class T> class Records {
+public:
+    Fault Append(const T &record) noexcept
+    {
+        if (const Fault fault = bytes_.Reserve(sizeof(T))) return fault;
+        std::memcpy(bytes_.end(), &record, sizeof(T));
+        bytes_.Grow(sizeof(T));
+        return kNoFault;
+    }
+    void Clear() noexcept { bytes_.Clear(); }
+    T *begin() noexcept { return reinterpret_cast<T *>(bytes_.begin()); }
+    T *end() noexcept { return begin() + size(); }
+    T &operator[](size_t i) noexcept { return begin()[i]; }
+    size_t size() const noexcept { return bytes_.size() / sizeof(T); }
+
+private:
+    static_assert(std::is_trivially_copyable_v<T>);
+    Bytes bytes_;
+};
+
 // A text put together from pieces of other texts, which must outlive it. A rewrite keeps most of the
 // old text: the pieces are written from where they stand, without a copy.
 class Pieces {
@@ -78,11 +100,10 @@ public:
     {
         if (text.empty()) return kNoFault;
         if (text.data() == pEnd_) { // the next line of the same text: the last piece grows
-            begin()[count() - 1].iov_len += text.size();
+            pieces_[count() - 1].iov_len += text.size();
         } else {
             const struct iovec piece = {const_cast<char *>(text.data()), text.size()};
-            const std::string_view bytes(reinterpret_cast<const char *>(&piece), sizeof(piece));
-            if (const Fault fault = pieces_.Append(bytes)) return fault;
+            if (const Fault fault = pieces_.Append(piece)) return fault;
         }
         size_ += text.size();
         pEnd_ = text.data() + text.size();
@@ -95,11 +116,11 @@ public:
         pEnd_ = nullptr;
     }
     size_t size() const noexcept { return size_; } // of the whole text
-    struct iovec *begin() noexcept { return reinterpret_cast<struct iovec *>(pieces_.begin()); }
-    size_t count() const noexcept { return pieces_.size() / sizeof(struct iovec); }
+    struct iovec *begin() noexcept { return pieces_.begin(); }
+    size_t count() const noexcept { return pieces_.size(); }
 
 private:
-    Bytes pieces_; // of struct iovec
+    Records<struct iovec> pieces_;
     size_t size_ = 0;
     const char *pEnd_ = nullptr; // where the last piece ends
 };

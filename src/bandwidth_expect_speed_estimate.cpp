@@ -23,21 +23,20 @@ public:
     // false without memory.
     bool Note(uint32_t uid, bool counts) noexcept
     {
-        const bool isNew = nRuns() == 0 || UidOf(runs()[nRuns() - 1]) != uid;
-        if (isNew && runs_.Reserve(sizeof(uint64_t))) return false;
-        if (isNew) runs_.Grow(sizeof(uint64_t));
-        runs()[nRuns() - 1] = uint64_t{uid} << kUidShift | nRuns() << 1 | (counts ? 1 : 0);
+        const bool isNew = runs_.size() == 0 || UidOf(runs_[runs_.size() - 1]) != uid;
+        if (isNew && runs_.Append(0)) return false;
+        runs_[runs_.size() - 1] = uint64_t{uid} << kUidShift | runs_.size() << 1 | (counts ? 1 : 0);
         return true;
     }
     // A user counts if the user's last record does: a list of transfers begins with the last one of
     // the file, and of each user its first record decides.
     uint64_t Count() noexcept
     {
-        std::sort(runs(), runs() + nRuns());
+        std::sort(runs_.begin(), runs_.end());
         uint64_t count = 0;
-        for (size_t i = 0; i < nRuns(); ++i)
-            if (i + 1 == nRuns() || UidOf(runs()[i]) != UidOf(runs()[i + 1]))
-                count += runs()[i] & 1;
+        for (size_t i = 0; i < runs_.size(); ++i)
+            if (i + 1 == runs_.size() || UidOf(runs_[i]) != UidOf(runs_[i + 1]))
+                count += runs_[i] & 1;
         return count;
     }
 
@@ -45,10 +44,8 @@ private:
     static constexpr int kUidShift = 32;
 
     static uint64_t UidOf(uint64_t run) noexcept { return run >> kUidShift; }
-    uint64_t *runs() noexcept { return reinterpret_cast<uint64_t *>(runs_.begin()); }
-    size_t nRuns() const noexcept { return runs_.size() / sizeof(uint64_t); }
 
-    zevo::Bytes runs_; // of uint64_t
+    zevo::Records<uint64_t> runs_;
 };
 
 // Counts the other transfers under the rule, and what they use of its rate.

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <utility>
 
 #include <dlfcn.h>
@@ -26,6 +27,7 @@ struct Platform {
 
 std::mutex g_mutex;
 Platform g_platform;
+std::set<std::string> g_items; // of lists that were made here: a list does not free its items
 
 // A child must not inherit the mutex from a thread that it does not have.
 [[maybe_unused]] const int g_forkSafe =
@@ -179,7 +181,8 @@ VLIB_SZ_LIST *VLIBGroupInfoListGet(const char *szUserName, int flags) noexcept
     pList->ppszItem = static_cast<char **>(
         std::realloc(static_cast<void *>(pList->ppszItem), gids->size() * sizeof(char *)));
     for (const std::string &gid : *gids)
-        pList->ppszItem[pList->nItem++] = ::strdup(gid.c_str());
+        pList->ppszItem[pList->nItem++] = Locked(
+            [&](Platform &) { return const_cast<char *>(g_items.insert(gid).first->c_str()); });
     pList->nCapacity = pList->nItem;
     return pList;
 }

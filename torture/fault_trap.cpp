@@ -350,6 +350,11 @@ void *memalign(std::size_t alignment, std::size_t cb)
     return torture::IsRefused() ? nullptr : torture::Held(__libc_memalign(alignment, cb));
 }
 
+void *aligned_alloc(std::size_t alignment, std::size_t cb)
+{
+    return memalign(alignment, cb);
+}
+
 void free(void *p)
 {
     const int saved = errno;

@@ -22,7 +22,6 @@
 #include <pthread.h>
 
 #include "sz_list.hpp"
-#include "text_index.hpp"
 
 namespace zevo {
 namespace {
@@ -82,26 +81,34 @@ bool FileText::IsCurrent(const char *szPath) const noexcept
            IsSameTime(now.st_ctim, stat.st_ctim);
 }
 
+// The names stay where they are: room for all is made at the first.
+Fault SectionIndex::NameOf(const Line &header, size_t cbText, std::string_view &name) noexcept
+{
+    name = header.name.raw;
+    if (!header.name.hasEscapes) return kNoFault;
+    const size_t at = names_.size();
+    if (const Fault fault = names_.Reserve(cbText - at)) return fault;
+    if (const Fault fault = AppendMeaning(names_, header.name)) return fault;
+    name = names_.view().substr(at);
+    return kNoFault;
+}
+
 Fault SectionIndex::Build(std::string_view text) noexcept
 try {
-    sections_.reserve(text.size() / kUsualSectionBytes + 1);
-    // All at once, so that the names stay where they are.
-    if (const Fault fault = names_.Reserve(text.size())) return fault;
-    TextIndex known;
+    sections_.Reserve(text.size() / kUsualSectionBytes + 1);
     bool isFirst = false; // of its name, the header that was read last
     std::string_view before;
     Reader reader(text);
     for (Line header; reader.NextHeader(header, before);) {
-        if (isFirst) sections_.back().lines = before;
-        const size_t at = names_.size();
-        if (const Fault fault = AppendMeaning(names_, header.name)) return fault;
-        const std::string_view name = names_.view().substr(at);
-        isFirst = known.Find(name) == TextIndex::kAbsent;
-        if (!isFirst) continue;
-        if (const Fault fault = known.Add(name)) return fault;
-        sections_.push_back({name, {}});
+        if (isFirst) sections_[sections_.size() - 1].lines = before;
+        std::string_view name;
+        if (const Fault fault = NameOf(header, text.size(), name)) return fault;
+        const size_t nBefore = sections_.size();
+        size_t number;
+        if (const Fault fault = sections_.FindOrAppend(number, name)) return fault;
+        isFirst = number == nBefore;
     }
-    if (isFirst) sections_.back().lines = before;
+    if (isFirst) sections_[sections_.size() - 1].lines = before;
     return kNoFault;
 } catch (const std::bad_alloc &) {
     return kNoMemory;
@@ -111,8 +118,8 @@ Fault SectionIndex::AppendNames(VLIB_SZ_LIST &list) const noexcept
 {
     const int32_t nBefore = list.nItem;
     for (const Section &section : sections_) {
-        if (const Fault fault = ListAppend(list, section.name)) {
-            ListCut(list, nBefore);
+        if (const Fault fault = ListAppend(list, section.key)) {
+            list.nItem = nBefore;
             return fault;
         }
     }
@@ -154,7 +161,7 @@ std::optional<std::string_view> Listing::Take(const char *szPath, const char *sz
 
 bool Listing::IsNext(const char *szPath, const char *szSection) const noexcept
 {
-    return nTaken_ < index_.sections().size() && index_.sections()[nTaken_].name == szSection &&
+    return nTaken_ < index_.sections().size() && index_.sections()[nTaken_].key == szSection &&
            std::strcmp(path_.view().data(), szPath) == 0 &&
            (nTaken_ > 0 || file_.IsCurrent(szPath));
 }

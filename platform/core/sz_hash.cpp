@@ -19,48 +19,78 @@ void CopyText(char *szTo, std::string_view text) noexcept
     szTo[text.size()] = '\0';
 }
 
+// Letters, digits, and spaces between them.
+bool IsPlainKey(std::string_view key) noexcept
+{
+    return !key.empty() && key.front() != ' ' && key.back() != ' ' &&
+           std::all_of(key.begin(), key.end(), [](char byte) {
+               return byte == ' ' || (byte >= '0' && byte <= '9') || (byte >= 'a' && byte <= 'z') ||
+                      (byte >= 'A' && byte <= 'Z');
+           });
+}
+
 } // namespace
+
+void zevo::KeyOrder::Note(const TextIndex<Pair> &pairs) noexcept
+{
+    nKeys_ = 0;
+    for (const Pair &pair : pairs) {
+        Beginning &line = lines_[nKeys_];
+        line.cb = pair.key.size() + 1;
+        if (line.cb > sizeof(line.text) || !IsPlainKey(pair.key)) return;
+        pair.key.copy(line.text, pair.key.size());
+        line.text[pair.key.size()] = '=';
+        if (++nKeys_ == kMaxKeys) return;
+    }
+}
 
 VLIB_SZ_HASH::VLIB_SZ_HASH()
 {
-    pairs_.reserve(kUsualPairs);
+    pairs_.Reserve(kUsualPairs);
 }
 
 zevo::Fault VLIB_SZ_HASH::Set(std::string_view key, std::string_view value) noexcept
 {
-    const size_t found = keys_.Find(key);
+    const size_t found = pairs_.Find(key);
+    const bool isNew = found == pairs_.kAbsent;
     size_t cbCapacity = value.size() + 1;
-    if (found != zevo::TextIndex::kAbsent) {
+    if (!isNew) {
         const zevo::Pair &old = pairs_[found];
         if (cbCapacity <= old.cbCapacity) {
             CopyText(old.szValue, value);
             return zevo::kNoFault;
         }
-        key = old.key;
-        cbCapacity =
-            std::max(cbCapacity, old.cbCapacity * 2); // or giving up memory would have no end
+        // or giving up memory would have no end
+        cbCapacity = std::max(cbCapacity, old.cbCapacity * 2);
     }
-    const size_t cbKey = found == zevo::TextIndex::kAbsent ? key.size() + 1 : 0;
+    const size_t cbKey = isNew ? key.size() + 1 : 0;
     char *const pTexts = Allocate(cbKey + cbCapacity);
     if (pTexts == nullptr) return zevo::kNoMemory;
     CopyText(pTexts + cbKey, value);
-    if (found == zevo::TextIndex::kAbsent) {
+    if (isNew) {
         CopyText(pTexts, key);
         key = {pTexts, key.size()};
     }
-    return Put(found, {key, pTexts + cbKey, cbCapacity});
+    return SetAllocated(key, pTexts + cbKey, cbCapacity - 1);
 }
 
-const char *VLIB_SZ_HASH::Get(std::string_view key) const noexcept
+const char *VLIB_SZ_HASH::Get(const char *szKey) const noexcept
 {
-    const size_t found = keys_.Find(key);
-    return found == zevo::TextIndex::kAbsent ? nullptr : pairs_[found].szValue;
+    const size_t next = next_.load(std::memory_order_relaxed);
+    if (next < pairs_.size() && std::strcmp(pairs_[next].key.data(), szKey) == 0) {
+        next_.store(next + 1, std::memory_order_relaxed);
+        return pairs_[next].szValue;
+    }
+    const size_t found = pairs_.Find(szKey);
+    return found == pairs_.kAbsent ? nullptr : pairs_[found].szValue;
 }
 
 void VLIB_SZ_HASH::RemoveAll() noexcept
 {
-    keys_.Clear();
-    pairs_.clear();
+    if (!isInOrder_) order_.Note(pairs_);
+    isInOrder_ = true;
+    next_.store(0, std::memory_order_relaxed);
+    pairs_.Clear();
     texts_.release();
 }
 
@@ -73,23 +103,17 @@ try {
 
 zevo::Fault VLIB_SZ_HASH::SetAllocated(std::string_view key, char *szValue, size_t cbValue) noexcept
 {
-    return Put(keys_.Find(key), {key, szValue, cbValue + 1});
-}
-
-// Puts the pair in the place of the one found, which has the same key, or behind all others.
-zevo::Fault VLIB_SZ_HASH::Put(size_t found, const zevo::Pair &pair) noexcept
-try {
-    if (found != zevo::TextIndex::kAbsent) {
-        pairs_[found].szValue = pair.szValue;
-        pairs_[found].cbCapacity = pair.cbCapacity;
+    const size_t nBefore = pairs_.size();
+    size_t number;
+    if (const zevo::Fault fault = pairs_.FindOrAppend(number, key, szValue, cbValue + 1))
+        return fault;
+    if (number == nBefore) {
+        isInOrder_ = false;
         return zevo::kNoFault;
     }
-    pairs_.push_back(pair);
-    const zevo::Fault fault = keys_.Add(pair.key);
-    if (fault) pairs_.pop_back();
-    return fault;
-} catch (const std::bad_alloc &) {
-    return zevo::kNoMemory;
+    pairs_[number].szValue = szValue;
+    pairs_[number].cbCapacity = cbValue + 1;
+    return zevo::kNoFault;
 }
 
 VLIB_SZ_HASH *VLIBCSzHashAlloc(int) noexcept

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <limits>
+#include <memory_resource>
+#include <new>
 
 #include "base/host.hpp"
 #include "platform/internal/frame.hpp"
@@ -12,7 +14,8 @@ namespace {
 
 // What VLIBCSzListAlloc() makes: the public header and what only this file knows.
 struct WholeList : VLIB_SZ_LIST {
-    zevo::FreeHook onFree;
+    zevo::FreeHook onFree = nullptr;
+    std::pmr::monotonic_buffer_resource texts; // of all items
 };
 
 WholeList &WholeOf(VLIB_SZ_LIST &list) noexcept
@@ -39,24 +42,19 @@ zevo::Fault Widen(VLIB_SZ_LIST &list, int32_t nCapacity) noexcept
 namespace zevo {
 
 Fault ListAppend(VLIB_SZ_LIST &list, std::string_view text) noexcept
-{
+try {
     if (list.nItem == kMaxItems) return kNoMemory;
     if (list.nItem == list.nCapacity) {
         const int32_t nCapacity = list.nCapacity > kMaxItems / 2 ? kMaxItems : list.nCapacity * 2;
         if (const Fault fault = Widen(list, std::max(nCapacity, 16))) return fault;
     }
-    char *const szItem = static_cast<char *>(std::malloc(text.size() + 1));
-    if (szItem == nullptr) return kNoMemory;
+    auto *const szItem = static_cast<char *>(WholeOf(list).texts.allocate(text.size() + 1, 1));
     text.copy(szItem, text.size());
     szItem[text.size()] = '\0';
     list.ppszItem[list.nItem++] = szItem;
     return kNoFault;
-}
-
-void ListCut(VLIB_SZ_LIST &list, int32_t nItem) noexcept
-{
-    while (list.nItem > nItem)
-        std::free(list.ppszItem[--list.nItem]);
+} catch (const std::bad_alloc &) {
+    return kNoMemory;
 }
 
 void ListOnFree(VLIB_SZ_LIST &list, FreeHook onFree) noexcept
@@ -68,9 +66,9 @@ void ListOnFree(VLIB_SZ_LIST &list, FreeHook onFree) noexcept
 
 VLIB_SZ_LIST *VLIBCSzListAlloc(int capacity) noexcept
 {
-    auto *const pList = static_cast<WholeList *>(std::calloc(1, sizeof(WholeList)));
+    auto *const pList = new (std::nothrow) WholeList{};
     if (pList != nullptr && !Widen(*pList, capacity)) return pList;
-    std::free(pList);
+    delete pList;
     ZEVO_FAIL(zevo::kNoMemory);
     return nullptr;
 }
@@ -86,7 +84,6 @@ void VLIBCSzListFree(VLIB_SZ_LIST *pList) noexcept
     if (pList == nullptr) return;
     const zevo::KeepErrno keep;
     if (const zevo::FreeHook onFree = WholeOf(*pList).onFree) onFree(pList);
-    zevo::ListCut(*pList, 0);
     std::free(pList->ppszItem);
-    std::free(pList);
+    delete &WholeOf(*pList);
 }

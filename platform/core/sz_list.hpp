@@ -12,9 +12,6 @@ namespace zevo {
 // Appends a copy of the text; leaves the list as it was on failure.
 Fault ListAppend(VLIB_SZ_LIST &list, std::string_view text) noexcept;
 
-// Drops the items from nItem on.
-void ListCut(VLIB_SZ_LIST &list, int32_t nItem) noexcept;
-
 // Has onFree called with the list, once, when it is freed.
 using FreeHook = void (*)(const VLIB_SZ_LIST *pList) noexcept;
 void ListOnFree(VLIB_SZ_LIST &list, FreeHook onFree) noexcept;

@@ -1,20 +1,14 @@
-// Among a few texts, such as the keys of one transfer, a linear search is the quickest. More of them
-// get a hash table with open addressing. The texts come from files that strangers write: the hash is
-// seeded anew in every process, so that nobody can prepare texts that collide.
+// SipHash-1-3, seeded once for the process: strong enough against chosen texts, and quick on short
+// ones.
 #include "text_index.hpp"
 
-#include <algorithm>
 #include <bit>
 #include <cstring>
-#include <limits>
-#include <new>
 
 #include <sys/random.h>
 
 namespace zevo {
 namespace {
-
-constexpr size_t kMaxUnindexed = 32;
 
 struct Seed {
     uint64_t k0 = 0;
@@ -31,7 +25,6 @@ struct Seed {
 // Made when the library is loaded: a forked child must not wait for another thread to make it.
 const Seed seed;
 
-// SipHash-1-3: strong enough against chosen texts, and quick on short ones.
 class Sip {
 public:
     void Add(uint64_t word) noexcept
@@ -64,7 +57,9 @@ private:
     uint64_t v3_ = seed.k1 ^ 0x7465646279746573;
 };
 
-uint32_t HashOf(std::string_view text) noexcept
+} // namespace
+
+uint32_t SeededHash(std::string_view text) noexcept
 {
     Sip sip;
     const uint64_t length = text.size();
@@ -77,61 +72,6 @@ uint32_t HashOf(std::string_view text) noexcept
     text.copy(reinterpret_cast<char *>(&word), text.size());
     sip.Add(word);
     return static_cast<uint32_t>(sip.Finish());
-}
-
-} // namespace
-
-TextIndex::TextIndex()
-{
-    texts_.reserve(kMaxUnindexed);
-}
-
-size_t TextIndex::FindIndexed(std::string_view text) const noexcept
-{
-    const uint32_t hash = HashOf(text);
-    const size_t mask = slots_.size() - 1;
-    for (size_t at = hash & mask; slots_[at].number != 0; at = (at + 1) & mask)
-        if (slots_[at].hash == hash && texts_[slots_[at].number - 1] == text)
-            return slots_[at].number - 1;
-    return kAbsent;
-}
-
-Fault TextIndex::Add(std::string_view text) noexcept
-try {
-    const size_t number = texts_.size() + 1;
-    if (number > std::numeric_limits<uint32_t>::max()) return kNoMemory;
-    if (number > kMaxUnindexed && number * 4 > slots_.size() * 3) Widen();
-    texts_.push_back(text);
-    if (!slots_.empty()) Insert({HashOf(text), static_cast<uint32_t>(number)});
-    return kNoFault;
-} catch (const std::bad_alloc &) {
-    return kNoMemory;
-}
-
-void TextIndex::Clear() noexcept
-{
-    texts_.clear();
-    slots_.clear();
-}
-
-void TextIndex::Widen()
-{
-    std::vector<Slot> old(std::max(slots_.size() * 2, kMaxUnindexed * 4));
-    old.swap(slots_);
-    for (const Slot &slot : old)
-        if (slot.number != 0) Insert(slot);
-    if (!old.empty()) return;
-    for (size_t i = 0; i < texts_.size(); ++i)
-        Insert({HashOf(texts_[i]), static_cast<uint32_t>(i + 1)});
-}
-
-void TextIndex::Insert(Slot slot) noexcept
-{
-    const size_t mask = slots_.size() - 1;
-    size_t at = slot.hash & mask;
-    while (slots_[at].number != 0)
-        at = (at + 1) & mask;
-    slots_[at] = slot;
 }
 
 } // namespace zevo

@@ -24,14 +24,27 @@ public:
     int Run() noexcept;
 
 private:
+    // One occurrence of a section: a name may stand in a status file twice.
+    struct Section {
+        size_t begin; // of its header in the text, bytes
+        size_t cbHeader;
+        bool isStale;
+    };
+
     zevo::Change Compose(std::string_view oldText, zevo::Pieces &newText) noexcept override;
-    zevo::Fault FindStale(std::string_view oldText) noexcept;
+    zevo::Fault Split(std::string_view text) noexcept;
+    zevo::Fault NumberSections(std::string_view text, zevo::Bytes &headers,
+                               zevo::Pieces &copy) noexcept;
+    zevo::Fault FindStale(std::string_view text) noexcept;
     zevo::Fault FindStaleInCopy(const char *szCopy) noexcept;
+    size_t EndOf(size_t i, std::string_view text) noexcept
+    {
+        return i + 1 < sections_.size() ? sections_[i + 1].begin : text.size();
+    }
 
     const char *szFile_;
     const int64_t now_;
-    int32_t nSections_ = 0; // header lines, a name that stands twice counted twice
-    Array<bool> isStale_;   // of each section, in file order
+    zevo::Records<Section> sections_; // in file order
 };
 
 } // namespace bandwidth

@@ -41,6 +41,13 @@ public:
         return PassTo(end, line);
     }
 
+    // Passes over the lines before the next header. false at the end.
+    bool NextHeader(std::string_view &line) noexcept
+    {
+        while (NextWith("[", line))
+            if (IsHeader(line)) return true;
+        return false;
+    }
     // Passes over the lines before the next header of a section. false at the end.
     bool NextHeaderOf(const char *szSection, std::string_view &line) noexcept
     {
