@@ -28,6 +28,8 @@ struct FileText {
 class SectionIndex {
 public:
     struct Section {
+        explicit Section(std::string_view name) noexcept : key(name) {}
+
         std::string_view key; // the name
         std::string_view lines;
     };

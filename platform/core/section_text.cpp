@@ -274,7 +274,7 @@ std::string_view DecodeInPlace(const Word &word) noexcept
 }
 
 // Takes the first line of a text that may be changed, if it begins as the hash expects and its value
-// needs no closer look. Returns its length, or 0. This halves the time that a section takes.
+// needs no closer look. Returns its length, or 0.
 size_t TakeExpected(std::string_view text, VLIB_SZ_HASH &hash, Fault &fault) noexcept
 {
     const std::string_view expected = hash.ExpectedLine();

@@ -14,6 +14,11 @@
 namespace zevo {
 
 struct Pair {
+    Pair(std::string_view ownKey, char *szOwnValue, size_t cbOwnCapacity) noexcept
+        : key(ownKey), szValue(szOwnValue), cbCapacity(cbOwnCapacity)
+    {
+    }
+
     std::string_view key; // with a NUL behind it
     char *szValue;
     size_t cbCapacity; // how long szValue may become in place, with its NUL
