@@ -180,6 +180,11 @@ TEST_F(SectionFile, LinesEditedByHandAreReadAsTheirAuthorMeantThem)
         Hash hash;
         ASSERT_EQ(VLIBCFileGetSection(Path(), "a", hash.address()), 1);
         EXPECT_EQ(hash[row.szKey], row.szValue);
+        Hash expectsK; // since it has held a section with this key
+        ASSERT_EQ(VLIBCFileGetSection(Path(), "b", expectsK.address()), 1);
+        ASSERT_EQ(VLIBCHashRemoveAll(expectsK.get()), 0);
+        ASSERT_EQ(VLIBCFileGetSection(Path(), "a", expectsK.address()), 1);
+        EXPECT_EQ(expectsK[row.szKey], row.szValue) << "where the key was expected";
     }
 }
 
@@ -609,8 +614,9 @@ TEST_F(Listing, EndsWithItsThreadAndMayGoOnInAForkedChild)
 
 TEST_F(Listing, SectionsWithDifferentKeysAreReadAsTheyStand)
 {
-    Write("[a]\nk=1\nlong=x\nz=2\n[b]\nk=\"q\"\nlong = y \nz=3\nk=4\n"
-          "[c]\nlong=1\n\nk\nk=5=6\n; z=1\nz=\n[d]\n\"a=b\"=1\nk=2\n[e]\na=b=1\nk=3");
+    Write(
+        "[a]\nk=1\nlong=x\nz=2\n[b]\nk=\"q\"\nlong = y \nz=3\nk=4\n"
+        "[c]\nlong=1\n\nk\nk=5=6\n; z=1\nz=\n[d]\n\"a=b\"=1\nk=2\n[e]\na=b=1\nk=3\n[f]\nk=1\nk=2");
     Hash hash;
     const auto texts = [&](const char *szSection) {
         EXPECT_EQ(VLIBCHashRemoveAll(hash.get()), 0);
@@ -624,6 +630,7 @@ TEST_F(Listing, SectionsWithDifferentKeysAreReadAsTheyStand)
     EXPECT_EQ(texts("c"), "5=6|1|" + none + none);
     EXPECT_EQ(texts("d"), "2" + none + none + "|1" + none);
     EXPECT_EQ(texts("e"), "3" + none + none + none + "|b=1");
+    EXPECT_EQ(texts("f"), "2" + none + none + none + none);
 }
 
 TEST_F(SectionFile, TheStreamWriterWritesInOrderAndTellsAFullDisk)
