@@ -83,7 +83,7 @@ public:
     template <typename Scenario, typename... Arguments>
     void Take(Scenario scenario, const Arguments &...arguments)
     {
-        Keep(Undisturbed(kMostAttempts, &repeated_, [&] {
+        Keep(Undisturbed(kMaxAttempts, &repeated_, [&] {
             scenario(arguments...);
             return Taken();
         }));
@@ -92,7 +92,7 @@ public:
     bool Print(int runs) const;
 
 private:
-    static constexpr int kMostAttempts = 4;
+    static constexpr int kMaxAttempts = 4;
 
     // What was reported since it was last asked for.
     static std::vector<Figure> Taken();

@@ -35,7 +35,7 @@ using namespace bench;
 
 namespace {
 
-constexpr int kMostAttempts = 2;
+constexpr int kMaxAttempts = 2;
 
 constexpr Rate kRates[] = {
     {"64K", "64 KiB/s", 64 * kKi},
@@ -298,7 +298,7 @@ PeerTable Measure(const Options &options, const World &world, int *pRepeated)
             continue;
         for (const Peer &peer : PeersAlone()) {
             std::fprintf(stderr, "%s at %s\n", peer.name, rate.name);
-            table.alone.push_back(Undisturbed(kMostAttempts, pRepeated, [&] {
+            table.alone.push_back(Undisturbed(kMaxAttempts, pRepeated, [&] {
                 return MeasureAlone(world, peer, rate, lengths);
             }));
         }
@@ -307,7 +307,7 @@ PeerTable Measure(const Options &options, const World &world, int *pRepeated)
         if (!options.Wants("shared") || (options.isShort && processes > 2)) continue;
         for (const Peer &peer : PeersShared()) {
             std::fprintf(stderr, "%s with %d processes\n", peer.name, processes);
-            table.shared.push_back(Undisturbed(kMostAttempts, pRepeated, [&] {
+            table.shared.push_back(Undisturbed(kMaxAttempts, pRepeated, [&] {
                 return MeasureShared(world, peer, processes, lengths);
             }));
         }

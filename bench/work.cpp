@@ -1,9 +1,12 @@
 // work: what the library's own work costs beside the least that its files cost at all. Each line of
 // the table runs the library and the floor (floor.hpp) in turns, in rounds of a few milliseconds, on
 // files of the same bytes, so that whatever else the machine does to caches hits both; medians of the
-// processor time are printed, and the median of the rounds' shares of what is allowed is held against 1. Then how the work grows with
-// the number of running transfers, what the heap keeps, and which system calls a call makes that has
-// nothing to do. The exit status is 1 when something is out of its bound.
+// processor time are printed, and the median of the rounds' shares of what is allowed is held against 1.
+// The whole table is measured three times, and of each line the best time counts: a neighbour on a
+// shared core slows the library down more than the floor, for seconds at a time, and work that is too
+// slow is so each time. Then how the work grows with the number of running transfers, what the heap
+// keeps, and which system calls a call makes that has nothing to do. The exit status is 1 when
+// something is out of its bound.
 //
 //   work [--short] [--json FILE] [--table FILE]
 //
@@ -409,9 +412,9 @@ Row ReadingRule(int n)
 
 Row Idle(const char *name, ThrottledTransfer transfer)
 {
-    constexpr double kMostUs = 2;
+    constexpr double kMaxUs = 2;
     return Measure(
-        {name, 0, 0, kMostUs}, [&] { Must(transfer.Throttle() == 0, "the throttle call"); },
+        {name, 0, 0, kMaxUs}, [&] { Must(transfer.Throttle() == 0, "the throttle call"); },
         [] { (void)ZEVOBandwidthCurrTimeGet(); });
 }
 
@@ -519,11 +522,9 @@ std::vector<Growth> GrowthsOf(const std::vector<Row> &rows)
     return growths;
 }
 
-std::vector<Row> MeasureAll()
+std::vector<Row> MeasureOnce()
 {
-    constexpr std::size_t kMostRows = 32;
     std::vector<Row> rows;
-    rows.reserve(kMostRows);
     const std::vector<int> counts =
         brief ? std::vector{100, 1'000} : std::vector{1, 10, 100, 1'000};
     for (const int n : counts)
@@ -545,6 +546,18 @@ std::vector<Row> MeasureAll()
     rows.push_back(
         Idle("throttle call without a limit", ThrottledTransfer(ZEVO_BW_STATE_ENABLED, 0)));
     return rows;
+}
+
+std::vector<Row> MeasureAll()
+{
+    const int passes = brief ? 1 : 3;
+    std::vector<Row> best = MeasureOnce();
+    for (int pass = 1; pass < passes; ++pass) {
+        const std::vector<Row> rows = MeasureOnce();
+        for (std::size_t i = 0; i < rows.size(); ++i)
+            if (rows[i].share < best[i].share) best[i] = rows[i];
+    }
+    return best;
 }
 
 std::string Allowed(const Row &row)
