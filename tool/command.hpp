@@ -2,11 +2,27 @@
 #ifndef ZEVOBW_TOOL_COMMAND_HPP
 #define ZEVOBW_TOOL_COMMAND_HPP
 
+#include <memory>
+#include <string>
+#include <utility>
+
 #include <CLI/CLI.hpp>
 
 #include "failure.hpp"
 
 namespace tool {
+
+// Adds a command below the parent. Its options are to be bound to the arguments that this returns,
+// with which it runs.
+template <typename Arguments>
+std::pair<CLI::App &, Arguments &> AddCommand(CLI::App &parent, const char *name, const char *help,
+                                              void (*run)(const Arguments &))
+{
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App *command = parent.add_subcommand(name, help);
+    command->callback([arguments, run] { run(*arguments); });
+    return {*command, *arguments};
+}
 
 // Each adds its command with options, help and callback; the callback does the work.
 void AddRuleCommand(CLI::App &app);

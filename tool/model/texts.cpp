@@ -5,6 +5,32 @@
 
 namespace tool {
 
+void PrintField(std::size_t width, const Field &field)
+{
+    std::string line = field.label;
+    line.resize(width, ' ');
+    PrintLine(Printable(line + field.text));
+}
+
+std::vector<Field> Fields(const ZEVO_BANDWIDTH_CONF &rule)
+{
+    std::vector<Field> fields = {{"state", StateText(rule), StateText(rule)}};
+    for (const RateOption &rate : kRates)
+        fields.push_back(
+            {rate.label, FormatRate(rule.*rate.field), std::to_string(rule.*rate.field)});
+    fields.push_back({"plan", PlanText(rule.szSchedulePlan), rule.szSchedulePlan});
+    return fields;
+}
+
+std::vector<Field> Fields(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
+{
+    std::vector<Field> fields;
+    for (const PolicyChoice &choice : kChoices)
+        fields.push_back({choice.label, ChoiceText(choice, policy), ChoiceText(choice, policy)});
+    fields.push_back({"plan", PlanText(policy.szSchedulePlan), policy.szSchedulePlan});
+    return fields;
+}
+
 std::string StateText(const ZEVO_BANDWIDTH_CONF &rule)
 {
     return ValueName(ZEVO_BW_STATE_LIST, rule.state);

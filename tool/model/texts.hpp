@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include <zevobandwidth.h>
 
@@ -33,6 +34,19 @@ inline constexpr std::array kRates = {
     RateOption{"--custom-down", "custom download", "custom_download_kib_per_s",
                &ZEVO_BANDWIDTH_CONF::downloadRateCustom, "Download rate in those hours"},
 };
+
+// A field of a rule or a policy in words. Different plans may have the same text, so compare exact.
+struct Field {
+    const char *label;
+    std::string text;
+    std::string exact = {};
+};
+
+// The label, in so many columns, and the text.
+void PrintField(std::size_t width, const Field &field);
+
+std::vector<Field> Fields(const ZEVO_BANDWIDTH_CONF &rule);
+std::vector<Field> Fields(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy);
 
 std::string StateText(const ZEVO_BANDWIDTH_CONF &rule);
 
