@@ -28,15 +28,17 @@ void AddUnknownNames(const std::vector<std::int32_t> &protocols, Faults &faults)
     for (const std::int32_t protocol : protocols) {
         const std::string path = ConfPath(protocol);
         names.insert(ProtocolName(protocol));
-        for (const std::string &section : SectionNames(path, "rules of " + ProtocolName(protocol)))
+        ForEachSection(path, "rules of " + ProtocolName(protocol), [&](const std::string &section) {
             if (const auto owner = ParseOwner(section);
                 owner && ReadSection(path, section.c_str(), pairs))
                 add(PlaceOfRule(*owner, protocol), UnknownNameInRule(*pairs));
+        });
     }
     const std::string path = ConfPath(ZEVO_BW_PROTOCOL_ALL);
-    for (const std::string &section : SectionNames(path, "policies"))
+    ForEachSection(path, "policies", [&](const std::string &section) {
         if (names.contains(section) && ReadSection(path, section.c_str(), pairs))
             add(PlaceOfPolicy(FindProtocol(section)), UnknownNameInPolicy(*pairs));
+    });
 }
 
 // JSON is UTF-8 and nothing else.

@@ -75,43 +75,16 @@ Configuration ReadConfiguration(const std::string &file)
 
 // ---- what would change ----
 
-// A field in words. Two different plans may have the same text, so exact is compared.
-struct FieldText {
-    std::string label;
-    std::string text;
-    std::string exact;
-};
-
-std::vector<FieldText> Fields(const ZEVO_BANDWIDTH_CONF &rule)
-{
-    std::vector<FieldText> fields = {{"state", StateText(rule), StateText(rule)}};
-    for (const RateOption &rate : kRates)
-        fields.push_back(
-            {rate.label, FormatRate(rule.*rate.field), std::to_string(rule.*rate.field)});
-    fields.push_back({"plan", PlanText(rule.szSchedulePlan), rule.szSchedulePlan});
-    return fields;
-}
-
-std::vector<FieldText> Fields(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
-{
-    std::vector<FieldText> fields;
-    fields.reserve(kChoices.size() + 1);
-    for (const PolicyChoice &choice : kChoices)
-        fields.push_back({choice.label, ChoiceText(choice, policy), ChoiceText(choice, policy)});
-    fields.push_back({"plan", PlanText(policy.szSchedulePlan), policy.szSchedulePlan});
-    return fields;
-}
-
 // "upload 1 MiB/s → 2 MiB/s, plan another"; empty when nothing differs.
 template <typename Record> std::string Differences(const Record &old, const Record &now)
 {
-    const std::vector<FieldText> before = Fields(old);
-    const std::vector<FieldText> after = Fields(now);
+    const std::vector<Field> before = Fields(old);
+    const std::vector<Field> after = Fields(now);
     std::vector<std::string> differences;
     for (std::size_t i = 0; i < before.size(); ++i) {
         if (before[i].exact == after[i].exact) continue;
         const bool isAlike = before[i].text == after[i].text;
-        differences.push_back(before[i].label + " " +
+        differences.push_back(std::string(before[i].label) + " " +
                               (isAlike ? "another" : before[i].text + " → " + after[i].text));
     }
     return Joined(differences, ", ");

@@ -18,7 +18,6 @@ namespace tool {
 namespace {
 
 struct Notice {
-    std::string service;
     Json result;      // what the sender returned; null when it returns nothing
     std::string text; // the same in words
     bool failed = false;
@@ -27,7 +26,7 @@ struct Notice {
 Notice NotifyDocuhall()
 {
     ZEVOBandwidthHupDocuhall();
-    return {"docuhall", nullptr, "sent to all its workers; they report nothing"};
+    return {nullptr, "sent to all its workers; they report nothing"};
 }
 
 Notice NotifyWebDAV()
@@ -35,13 +34,13 @@ Notice NotifyWebDAV()
     const int result = ZEVOBandwidthHupWebDAV();
     const int error = errno;
     if (result < 0)
-        return {"webdav", result,
+        return {result,
                 std::string("not told: ") + std::strerror(error) +
                     (error == EPERM ? "; run this command as an administrator (root)"
                                     : "; is the pid file of a server that is gone left behind?"),
                 true};
     // No server and a sent signal return the same.
-    return {"webdav", result, "sent, unless no server is running"};
+    return {result, "sent, unless no server is running"};
 }
 
 // The system's program does not reach every process on every system, so the tool signals them, too.
@@ -49,14 +48,12 @@ Notice NotifySimulator()
 {
     const int result = ZEVOBandwidthHupSimulator();
     const auto told = static_cast<std::size_t>(NotifyTransfers());
-    return {"simulator", result, Counted(told, "process") + " told"};
+    return {result, Counted(told, "process") + " told"};
 }
-
-using Sender = Notice (*)();
 
 struct Service {
     const char *name;
-    Sender send;
+    Notice (*send)();
 };
 
 constexpr std::array kServices = {Service{"docuhall", NotifyDocuhall},
@@ -64,33 +61,25 @@ constexpr std::array kServices = {Service{"docuhall", NotifyDocuhall},
                                   Service{"simulator", NotifySimulator}};
 constexpr const char *kAll = "all";
 
-void Print(const std::vector<Notice> &notices)
+void Notify(const std::string &name)
 {
     Json json = Json::array();
     Table table({"SERVICE", "NOTICE"});
-    for (const Notice &notice : notices) {
-        json.push_back({{"service", notice.service},
+    bool failed = false;
+    for (const Service &service : kServices) {
+        if (name != kAll && name != service.name) continue;
+        const Notice notice = service.send();
+        failed = failed || notice.failed;
+        json.push_back({{"service", service.name},
                         {"result", notice.result},
                         {"failed", notice.failed},
                         {"text", notice.text}});
-        table.AddRow({notice.service, notice.text});
+        table.AddRow({service.name, notice.text});
     }
     if (OutputStyle().json)
         PrintJson(json);
     else
         table.Print();
-}
-
-void Notify(const std::string &name)
-{
-    std::vector<Notice> notices;
-    bool failed = false;
-    for (const Service &service : kServices) {
-        if (name != kAll && name != service.name) continue;
-        notices.push_back(service.send());
-        failed = failed || notices.back().failed;
-    }
-    Print(notices);
     if (failed) throw Failure(kFailed, "a service has not been told");
 }
 

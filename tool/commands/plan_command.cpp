@@ -1,7 +1,6 @@
 // "plan": shows the week of a rule or of a policy, and its next changes. "rule set" and "policy
 // set" write plans.
 #include <ctime>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -41,38 +40,32 @@ struct Subject {
     bool Applies() const { return state == ZEVO_BW_STATE_SCHEDULE; }
 };
 
-Subject PolicySubject(std::int32_t protocol)
-{
-    const ZEVO_BANDWIDTH_GLOBAL_CONF policy = ReadPolicy(protocol);
-    const std::string name = ProtocolName(protocol);
-    Subject subject{PlanOf::kPolicy, "the policy of " + name, "zevobandwidth policy set -p " + name,
-                    policy.state,    policy.szSchedulePlan,   {},
-                    policy,          {{"protocol", name}}};
-    subject.json["state"] = ValueName(ZEVO_BW_STATE_LIST, policy.state);
-    subject.json["plan"] = policy.szSchedulePlan;
-    return subject;
-}
-
-Subject RuleSubject(const OwnerOption &option, std::int32_t protocol)
-{
-    const Owner owner = option.FindOfRule(protocol);
-    const ZEVO_BANDWIDTH_CONF rule = ReadRule(owner, protocol);
-    const std::string name = ProtocolName(protocol);
-    return {PlanOf::kRule,
-            "the rule of " + OwnerText(owner) + " for " + name,
-            "zevobandwidth rule set " + RuleOptions(owner, protocol),
-            rule.state,
-            rule.szSchedulePlan,
-            rule,
-            ReadPolicy(protocol),
-            ToJson(owner, rule)};
-}
-
 Subject FindSubject(const PlanArguments &arguments)
 {
+    Subject subject;
     const std::int32_t protocol = FindProtocol(arguments.protocol);
-    return arguments.owner.IsGiven() ? RuleSubject(arguments.owner, protocol)
-                                     : PolicySubject(protocol);
+    const std::string protocolName = ProtocolName(protocol);
+    if (arguments.owner.IsGiven()) {
+        const Owner owner = arguments.owner.FindOfRule(protocol);
+        subject.of = PlanOf::kRule;
+        subject.name = "the rule of " + OwnerText(owner) + " for " + protocolName;
+        subject.setter = "zevobandwidth rule set " + RuleOptions(owner, protocol);
+        subject.rule = ReadRule(owner, protocol);
+        subject.state = subject.rule.state;
+        subject.plan = subject.rule.szSchedulePlan;
+        subject.policy = ReadPolicy(protocol);
+        subject.json = ToJson(owner, subject.rule);
+    } else {
+        subject.name = "the policy of " + protocolName;
+        subject.setter = "zevobandwidth policy set -p " + protocolName;
+        subject.policy = ReadPolicy(protocol);
+        subject.state = subject.policy.state;
+        subject.plan = subject.policy.szSchedulePlan;
+        subject.json = {{"protocol", protocolName},
+                        {"state", ValueName(ZEVO_BW_STATE_LIST, subject.state)},
+                        {"plan", subject.plan}};
+    }
+    return subject;
 }
 
 // What an hour of that state means.
@@ -167,20 +160,14 @@ struct Mark {
     char character; // tells the states apart without colors
     Color color;
 };
+constexpr Mark kMissing = {'?', Color::kRed};
 
 Mark MarkOf(HourState state)
 {
-    switch (state) {
-    case HourState::kNormal:
-        return {'#', Color::kOnGreen};
-    case HourState::kCustom:
-        return {'+', Color::kOnYellow};
-    default:
-        return {'.', Color::kDim};
-    }
+    if (state == HourState::kNormal) return {'#', Color::kOnGreen};
+    if (state == HourState::kCustom) return {'+', Color::kOnYellow};
+    return {'.', Color::kDim};
 }
-
-constexpr Mark kMissing = {'?', Color::kRed};
 
 std::string CellOf(const Mark &mark)
 {
@@ -192,12 +179,11 @@ std::string PresentCell(char character)
     return Paint(Color::kInverse, std::string("[") + character + "]");
 }
 
-std::string Cell(const Subject &subject, std::size_t hourOfWeek, std::size_t present)
+// Nothing for an hour that is missing from the plan.
+std::optional<HourState> StateOf(const Subject &subject, std::size_t hourOfWeek)
 {
-    const bool isMissing = hourOfWeek >= subject.plan.size();
-    const Mark mark =
-        isMissing ? kMissing : MarkOf(StateOfHour(subject.of, subject.plan, hourOfWeek));
-    return hourOfWeek == present ? PresentCell(mark.character) : CellOf(mark);
+    if (hourOfWeek >= subject.plan.size()) return std::nullopt;
+    return StateOfHour(subject.of, subject.plan, hourOfWeek);
 }
 
 std::string DayLabel(std::size_t weekday)
@@ -213,11 +199,14 @@ void PrintGrid(const Subject &subject, std::size_t present)
     for (std::size_t hour = 0; hour < kHoursOfDay; ++hour)
         hours += std::string(hour < 10 ? " 0" : " ") + std::to_string(hour);
     if (!OutputStyle().noLegend) PrintLine(hours);
-    for (std::size_t row = 0; row < kDaysOfWeek; ++row) {
-        const std::size_t weekday = (row + 1) % kDaysOfWeek; // Monday first
+    for (const std::size_t weekday : kDaysFromMonday) {
         std::string line = DayLabel(weekday) + " ";
-        for (std::size_t hour = 0; hour < kHoursOfDay; ++hour)
-            line += Cell(subject, weekday * kHoursOfDay + hour, present);
+        for (std::size_t hour = 0; hour < kHoursOfDay; ++hour) {
+            const std::size_t index = weekday * kHoursOfDay + hour;
+            const auto state = StateOf(subject, index);
+            const Mark mark = state ? MarkOf(*state) : kMissing;
+            line += index == present ? PresentCell(mark.character) : CellOf(mark);
+        }
         PrintLine(line);
     }
 }
@@ -250,18 +239,12 @@ void PrintMoments(const Subject &subject, std::time_t now)
 Json WeekJson(const Subject &subject)
 {
     Json week = Json::object();
-    for (std::size_t row = 0; row < kDaysOfWeek; ++row) {
-        const std::size_t weekday = (row + 1) % kDaysOfWeek;
-        Json &day = week[std::string(kWeekdays[weekday])] = Json::array();
+    for (const std::size_t weekday : kDaysFromMonday)
         for (std::size_t hour = 0; hour < kHoursOfDay; ++hour) {
-            const std::size_t index = weekday * kHoursOfDay + hour;
-            const bool isMissing = index >= subject.plan.size();
-            day.push_back(isMissing
-                              ? Json(nullptr)
-                              : Json(HourStateName(subject.of,
-                                                   StateOfHour(subject.of, subject.plan, index))));
+            const auto state = StateOf(subject, weekday * kHoursOfDay + hour);
+            week[std::string(kWeekdays[weekday])].push_back(
+                state ? Json(HourStateName(subject.of, *state)) : Json(nullptr));
         }
-    }
     return week;
 }
 
@@ -320,41 +303,36 @@ void ListChanges(const PlanArguments &arguments)
               Meaning(subject, StateOfHour(subject.of, subject.plan, 0)));
 }
 
-CLI::App *AddPlanSubcommand(CLI::App &parent, const std::string &name, const std::string &help,
-                            PlanArguments &arguments)
+void AddPlanOptions(CLI::App &command, PlanArguments &arguments)
 {
-    CLI::App *command = parent.add_subcommand(name, help);
-    AddOwnerOption(*command, arguments.owner);
-    AddProtocolOption(*command, arguments.protocol)->required();
-    AddOutputOptions(*command);
-    return command;
+    AddOwnerOption(command, arguments.owner);
+    AddProtocolOption(command, arguments.protocol)->required();
+    AddOutputOptions(command);
 }
 
 void AddShow(CLI::App &parent)
 {
-    const auto arguments = std::make_shared<PlanArguments>();
-    CLI::App *show = AddPlanSubcommand(parent, "show", "Draw the week of a plan", *arguments);
-    show->footer(
-        "Without -u and -g the plan of the protocol's policy is drawn. Hours are those of\n"
-        "the local time zone. Each state has its character, so that nothing is lost\n"
-        "without colors; the present hour stands in brackets.\n\nExamples:\n"
-        "  zevobandwidth plan show -u alice -p ftp\n"
-        "  zevobandwidth plan show -p rsync --no-color\n");
-    show->callback([arguments] { ShowPlan(*arguments); });
+    const auto [show, arguments] = AddCommand(parent, "show", "Draw the week of a plan", ShowPlan);
+    AddPlanOptions(show, arguments);
+    show.footer("Without -u and -g the plan of the protocol's policy is drawn. Hours are those of\n"
+                "the local time zone. Each state has its character, so that nothing is lost\n"
+                "without colors; the present hour stands in brackets.\n\nExamples:\n"
+                "  zevobandwidth plan show -u alice -p ftp\n"
+                "  zevobandwidth plan show -p rsync --no-color\n");
 }
 
 void AddNext(CLI::App &parent)
 {
-    const auto arguments = std::make_shared<PlanArguments>();
-    CLI::App *next = AddPlanSubcommand(parent, "next", "List the coming changes", *arguments);
-    next->add_option("N", arguments->count, "How many changes to list")
+    const auto [next, arguments] =
+        AddCommand(parent, "next", "List the coming changes", ListChanges);
+    AddPlanOptions(next, arguments);
+    next.add_option("N", arguments.count, "How many changes to list")
         ->check(CLI::Range(std::size_t{1}, kMaxChanges))
         ->capture_default_str();
-    next->footer("Times are local, with the zone that holds then: where daylight saving skips an\n"
-                 "hour or repeats it, so does the plan.\n\nExamples:\n"
-                 "  zevobandwidth plan next -g staff -p rsync\n"
-                 "  zevobandwidth plan next 3 -p ftp --json\n");
-    next->callback([arguments] { ListChanges(*arguments); });
+    next.footer("Times are local, with the zone that holds then: where daylight saving skips an\n"
+                "hour or repeats it, so does the plan.\n\nExamples:\n"
+                "  zevobandwidth plan next -g staff -p rsync\n"
+                "  zevobandwidth plan next 3 -p ftp --json\n");
 }
 
 } // namespace

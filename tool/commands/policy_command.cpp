@@ -1,7 +1,6 @@
 // "policy": for each protocol, whether its limits apply and how the rules of a user and of the
 // groups combine. A protocol without a policy is not limited.
 #include <array>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -67,16 +66,16 @@ void SetPolicy(const PolicyArguments &arguments)
 
 void AddSet(CLI::App &parent)
 {
-    const auto arguments = std::make_shared<PolicyArguments>();
-    CLI::App *set = parent.add_subcommand("set", "Change a protocol's policy, or make a new one");
-    AddProtocolOption(*set, arguments->protocol)->required();
+    const auto [set, arguments] =
+        AddCommand(parent, "set", "Change a protocol's policy, or make a new one", SetPolicy);
+    AddProtocolOption(set, arguments.protocol)->required();
     for (std::size_t i = 0; i < kChoices.size(); ++i)
-        AddChoice(*set, kChoices[i].option, arguments->values[i], i == 0 ? "STATE" : "POLICY",
+        AddChoice(set, kChoices[i].option, arguments.values[i], i == 0 ? "STATE" : "POLICY",
                   kChoices[i].table, kChoices[i].help);
-    AddPlanOptions(*set, PlanOf::kPolicy, arguments->plan);
-    AddChangeOptions(*set, arguments->change);
-    AddOutputOptions(*set);
-    set->footer(
+    AddPlanOptions(set, PlanOf::kPolicy, arguments.plan);
+    AddChangeOptions(set, arguments.change);
+    AddOutputOptions(set);
+    set.footer(
         "What is not named stays as it is; a new policy is enabled, user-first, max, max.\n"
         "Running transfers that 'notify' reaches follow at once. Those of zevobandwidth itself\n"
         "are told of a policy in any case, also with --no-notify.\n\n" +
@@ -85,7 +84,6 @@ void AddSet(CLI::App &parent)
         "  zevobandwidth policy set -p ftp\n"
         "  zevobandwidth policy set -p rsync --user-group min --occupy weighted\n"
         "  zevobandwidth policy set -p webdav --base off --plan 'weekdays 08:00-18:00 on'\n");
-    set->callback([arguments] { SetPolicy(*arguments); });
 }
 
 // ---- show ----
@@ -94,29 +92,22 @@ void ShowPolicy(const PolicyArguments &arguments)
 {
     const ZEVO_BANDWIDTH_GLOBAL_CONF policy = ReadPolicy(FindProtocol(arguments.protocol));
     if (OutputStyle().json) return PrintJson(ToJson(policy));
-    const auto print = [](std::string label, const std::string &value) {
-        label.resize(13, ' ');
-        PrintLine(Printable(label + value));
-    };
-    print("protocol", ProtocolName(policy.protocolType));
-    if (policy.state == ZEVO_BW_STATE_NOT_EXISTED) {
-        print("state", "NotExisted (no policy)");
-    } else {
-        for (const PolicyChoice &choice : kChoices)
-            print(choice.label, ChoiceText(choice, policy));
-        print("plan", PlanText(policy.szSchedulePlan));
-    }
-    print("effect", EffectText(policy));
+    constexpr std::size_t kLabelWidth = 13;
+    std::vector<Field> fields = {{"state", "NotExisted (no policy)"}};
+    if (policy.state != ZEVO_BW_STATE_NOT_EXISTED) fields = Fields(policy);
+    PrintField(kLabelWidth, {"protocol", ProtocolName(policy.protocolType)});
+    for (const Field &field : fields)
+        PrintField(kLabelWidth, field);
+    PrintField(kLabelWidth, {"effect", EffectText(policy)});
 }
 
 void AddShow(CLI::App &parent)
 {
-    const auto arguments = std::make_shared<PolicyArguments>();
-    CLI::App *show = parent.add_subcommand("show", "Show a protocol's policy");
-    AddProtocolOption(*show, arguments->protocol)->required();
-    AddOutputOptions(*show);
-    show->footer("Example:\n  zevobandwidth policy show -p ftp\n");
-    show->callback([arguments] { ShowPolicy(*arguments); });
+    const auto [show, arguments] =
+        AddCommand(parent, "show", "Show a protocol's policy", ShowPolicy);
+    AddProtocolOption(show, arguments.protocol)->required();
+    AddOutputOptions(show);
+    show.footer("Example:\n  zevobandwidth policy show -p ftp\n");
 }
 
 // ---- list ----

@@ -1,9 +1,9 @@
 // "preview": the speeds of a user's transfers, and how the rules lead to them. The library works
 // out every figure. For a step of the combination it is asked about the same rules under another
 // policy.
+#include <algorithm>
 #include <array>
 #include <ctime>
-#include <memory>
 #include <optional>
 
 #include "command.hpp"
@@ -11,6 +11,7 @@
 #include "model/moment.hpp"
 #include "model/rate.hpp"
 #include "model/section.hpp"
+#include "model/texts.hpp"
 #include "options.hpp"
 #include "output.hpp"
 
@@ -37,48 +38,30 @@ const Cells kNone = {"-", "-"};
 // ---- one protocol ----
 
 struct Preview {
+    Preview(Account forUser, std::int32_t onProtocol, std::optional<std::time_t> at)
+        : user(std::move(forUser)), protocol(onProtocol), isNow(!at),
+          moment(at.value_or(std::time(nullptr))), evaluation(user.id, protocol, at.value_or(0)),
+          byRules(Ask(evaluation.policy().userGroupPolicy)), whyOff(evaluation.WhyOff())
+    {
+    }
+
+    // What the rules give a transfer alone under that policy.
+    Speeds Ask(std::int32_t userGroupPolicy) const
+    {
+        Speeds speeds{};
+        for (std::size_t i = 0; i < kDirections.size(); ++i)
+            speeds[i] = evaluation.Ask(kDirections[i], Beside::kNobody, userGroupPolicy).bps;
+        return speeds;
+    }
+
     Account user;
-    std::int32_t protocol = 0;
-    bool isNow = true;
-    std::time_t moment = 0;
-    std::unique_ptr<Evaluation> evaluation;
-    Speeds byRules{}; // while the protocol's limits apply
+    std::int32_t protocol;
+    bool isNow;
+    std::time_t moment;
+    Evaluation evaluation;
+    Speeds byRules; // while the protocol's limits apply
     std::string whyOff;
 };
-
-Speeds Ask(const Evaluation &evaluation, std::int32_t userGroupPolicy, Beside beside)
-{
-    Speeds speeds{};
-    for (std::size_t i = 0; i < kDirections.size(); ++i)
-        speeds[i] = evaluation.AskUnder(userGroupPolicy, kDirections[i], beside).bps;
-    return speeds;
-}
-
-Speeds SpeedsNow(const Preview &preview)
-{
-    std::array<std::uint64_t, ZEVO_BW_TRANSFER_ALL> speeds{};
-    if (ZEVOBandwidthPreview(preview.user.id, preview.protocol, speeds.data()) < 0)
-        throw Failure(kFailed, "the limits of user " + ShownName(preview.user) + " on " +
-                                   ProtocolName(preview.protocol) +
-                                   " cannot be worked out; the system log says why");
-    return {speeds[ZEVO_BW_TRANSFER_UPLOAD], speeds[ZEVO_BW_TRANSFER_DOWNLOAD]};
-}
-
-Preview MakePreview(const Account &user, std::int32_t protocol, std::optional<std::time_t> at)
-{
-    Preview preview;
-    preview.user = user;
-    preview.protocol = protocol;
-    preview.isNow = !at;
-    preview.moment = at.value_or(std::time(nullptr));
-    preview.evaluation = std::make_unique<Evaluation>(user.id, protocol, at.value_or(0));
-    preview.byRules = preview.isNow
-                          ? SpeedsNow(preview)
-                          : Ask(*preview.evaluation, preview.evaluation->policy().userGroupPolicy,
-                                Beside::kNobody);
-    preview.whyOff = preview.evaluation->WhyOff();
-    return preview;
-}
 
 // Rates are whole KB/s; only running transfers lead to other figures.
 Cells RateCells(const Speeds &speeds)
@@ -102,9 +85,8 @@ Json SpeedsJson(const Speeds &speeds)
 std::string LimitsText(const Preview &preview)
 {
     if (!preview.whyOff.empty()) return preview.whyOff + ": nothing is limited";
-    const Evaluation &evaluation = *preview.evaluation;
-    const bool applies =
-        evaluation.Applies(ZEVO_BW_OWNER_USER) || evaluation.Applies(ZEVO_BW_OWNER_GROUP);
+    const bool applies = preview.evaluation.Applies(ZEVO_BW_OWNER_USER) ||
+                         preview.evaluation.Applies(ZEVO_BW_OWNER_GROUP);
     return applies ? "limits apply" : "no rule applies to this user";
 }
 
@@ -137,22 +119,15 @@ struct RuleView {
     Speeds rates{};
 };
 
-std::vector<std::uint32_t> GroupsOf(const Account &user)
-{
-    const List list(VLIBGroupInfoListGet(user.name.c_str(), 0), &VLIBCSzListFree);
-    if (!list)
-        throw Failure(kFailed, "the groups of user " + ShownName(user) + " cannot be looked up");
-    std::vector<std::uint32_t> gids;
-    for (const char *const gid : Items(list))
-        gids.push_back(static_cast<std::uint32_t>(std::stoul(gid)));
-    return gids;
-}
-
 std::vector<Owner> OwnersThatCount(const Account &user)
 {
-    std::vector<Owner> owners = {{ZEVO_BW_OWNER_USER, {user.id, UserName(user.id)}}};
-    for (const std::uint32_t gid : GroupsOf(user))
-        owners.push_back({ZEVO_BW_OWNER_GROUP, {gid, GroupName(gid)}});
+    const List groups(VLIBGroupInfoListGet(user.name.c_str(), 0), &VLIBCSzListFree);
+    if (!groups)
+        throw Failure(kFailed, "the groups of user " + ShownName(user) + " cannot be looked up");
+    std::vector<Owner> owners = {OwnerById(ZEVO_BW_OWNER_USER, user.id)};
+    for (const char *const gid : Items(groups))
+        owners.push_back(
+            OwnerById(ZEVO_BW_OWNER_GROUP, static_cast<std::uint32_t>(std::stoul(gid))));
     return owners;
 }
 
@@ -168,23 +143,22 @@ RuleView ViewEvaluated(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
 
 RuleView ViewStored(const Owner &owner, std::int32_t protocol)
 {
-    const ZEVO_BANDWIDTH_CONF rule = ReadRule(owner, protocol);
-    const bool isLeftOut =
-        rule.state == ZEVO_BW_STATE_ENABLED || rule.state == ZEVO_BW_STATE_SCHEDULE;
-    if (rule.state == ZEVO_BW_STATE_NOT_EXISTED) return {owner, "no rule"};
-    return {owner, ValueName(ZEVO_BW_STATE_LIST, rule.state) + (isLeftOut ? ", not asked" : "")};
+    const std::int32_t state = ReadRule(owner, protocol).state;
+    if (state == ZEVO_BW_STATE_NOT_EXISTED) return {owner, "no rule"};
+    const bool isLeftOut = state == ZEVO_BW_STATE_ENABLED || state == ZEVO_BW_STATE_SCHEDULE;
+    return {owner, ValueName(ZEVO_BW_STATE_LIST, state) + (isLeftOut ? ", not asked" : "")};
 }
 
 std::vector<RuleView> ViewRules(const Preview &preview)
 {
     std::vector<RuleView> views;
     for (const Owner &owner : OwnersThatCount(preview.user)) {
-        const ZEVO_BANDWIDTH_CONF *evaluated = nullptr;
-        for (const ZEVO_BANDWIDTH_LIMIT &limit : preview.evaluation->limits())
-            if (limit.conf.ownerType == owner.type && limit.conf.id == owner.account.id)
-                evaluated = &limit.conf;
-        views.push_back(evaluated != nullptr ? ViewEvaluated(owner, *evaluated)
-                                             : ViewStored(owner, preview.protocol));
+        const auto limits = preview.evaluation.limits();
+        const auto found = std::find_if(limits.begin(), limits.end(), [&](const auto &limit) {
+            return limit.conf.ownerType == owner.type && limit.conf.id == owner.account.id;
+        });
+        views.push_back(found == limits.end() ? ViewStored(owner, preview.protocol)
+                                              : ViewEvaluated(owner, found->conf));
     }
     return views;
 }
@@ -220,13 +194,13 @@ std::vector<Charge> ChargesOf(const std::array<Allowance, kDirections.size()> &a
 
 Explanation Explain(const Preview &preview)
 {
-    const Evaluation &evaluation = *preview.evaluation;
+    const Evaluation &evaluation = preview.evaluation;
     Explanation explanation;
     explanation.rules = ViewRules(preview);
     if (evaluation.Applies(ZEVO_BW_OWNER_USER))
-        explanation.own = Ask(evaluation, ZEVO_BW_USER_GROUP_POLICY_USER_ONLY, Beside::kNobody);
+        explanation.own = preview.Ask(ZEVO_BW_USER_GROUP_POLICY_USER_ONLY);
     if (evaluation.Applies(ZEVO_BW_OWNER_GROUP))
-        explanation.groups = Ask(evaluation, ZEVO_BW_USER_GROUP_POLICY_GROUP_ONLY, Beside::kNobody);
+        explanation.groups = preview.Ask(ZEVO_BW_USER_GROUP_POLICY_GROUP_ONLY);
     if (!preview.whyOff.empty()) {
         if (preview.isNow) explanation.now.emplace();
         return explanation;
@@ -242,9 +216,13 @@ Explanation Explain(const Preview &preview)
 
 // ---- the derivation, printed ----
 
-std::string PolicyText(const char *kind, const ZEVO_BW_ENUM_ENTRY *table, std::int32_t value)
+// "inter-group max".
+std::string PolicyText(const Preview &preview, const char *label)
 {
-    return std::string(kind) + " " + ValueName(table, value);
+    for (const PolicyChoice &choice : kChoices)
+        if (std::string_view(choice.label) == label)
+            return std::string(label) + " " + ChoiceText(choice, preview.evaluation.policy());
+    return "";
 }
 
 void AddLine(Table &table, const std::string &label, const std::string &how, const Cells &cells)
@@ -268,24 +246,20 @@ void AddRules(Table &table, const Explanation &explanation)
 
 void AddSteps(Table &table, const Preview &preview, const Explanation &explanation)
 {
-    const ZEVO_BANDWIDTH_GLOBAL_CONF &policy = preview.evaluation->policy();
     const auto cells = [](const std::optional<Speeds> &speeds) {
         return speeds ? RateCells(*speeds) : kNone;
     };
     table.AddTitle("Combined");
     AddLine(table, "the user's own", "", cells(explanation.own));
-    AddLine(table, "the groups together",
-            PolicyText("inter-group", ZEVO_BW_INTER_GROUP_POLICY_LIST, policy.interGroupPolicy),
+    AddLine(table, "the groups together", PolicyText(preview, "inter-group"),
             cells(explanation.groups));
-    AddLine(table, "user and groups",
-            PolicyText("user-group", ZEVO_BW_USER_GROUP_POLICY_LIST, policy.userGroupPolicy),
+    AddLine(table, "user and groups", PolicyText(preview, "user-group"),
             RateCells(preview.byRules));
 }
 
 void AddCharges(Table &table, const Preview &preview, const Explanation &explanation)
 {
-    const std::string how =
-        PolicyText("occupy", ZEVO_BW_OCCUPY_POLICY_LIST, preview.evaluation->policy().occupyPolicy);
+    const std::string how = PolicyText(preview, "occupy");
     table.AddTitle("Charged to");
     if (explanation.charges.empty()) AddLine(table, "no group", how, kNone);
     for (const Charge &charge : explanation.charges) {
@@ -349,13 +323,9 @@ Json ChargeJson(const Charge &charge)
 Json ExplanationJson(const Preview &preview)
 {
     const Explanation explanation = Explain(preview);
-    const ZEVO_BANDWIDTH_GLOBAL_CONF &policy = preview.evaluation->policy();
     Json json;
-    json["policy"] = {
-        {"state", ValueName(ZEVO_BW_STATE_LIST, policy.state)},
-        {"user_group", ValueName(ZEVO_BW_USER_GROUP_POLICY_LIST, policy.userGroupPolicy)},
-        {"inter_group", ValueName(ZEVO_BW_INTER_GROUP_POLICY_LIST, policy.interGroupPolicy)},
-        {"occupy", ValueName(ZEVO_BW_OCCUPY_POLICY_LIST, policy.occupyPolicy)}};
+    for (const PolicyChoice &choice : kChoices)
+        json["policy"][choice.key] = ChoiceText(choice, preview.evaluation.policy());
     json["rules"] = JsonArray(explanation.rules, RuleJson);
     if (explanation.own) json["own"] = SpeedsJson(*explanation.own);
     if (explanation.groups) json["groups"] = SpeedsJson(*explanation.groups);
@@ -400,10 +370,10 @@ void RunPreview(const PreviewArguments &arguments)
     const Account user = FindUser(arguments.user);
     std::vector<Preview> previews;
     for (const std::int32_t protocol : ProtocolsToList(arguments.protocol))
-        previews.push_back(MakePreview(user, protocol, at));
+        previews.emplace_back(user, protocol, at);
     Print(previews, arguments.isExplained);
     if (arguments.protocol.empty()) return;
-    const std::string why = WhyNothingIsLimited(previews.front().evaluation->policy());
+    const std::string why = WhyNothingIsLimited(previews.front().evaluation.policy());
     if (!why.empty()) PrintNote("note: " + why);
 }
 
@@ -411,19 +381,18 @@ void RunPreview(const PreviewArguments &arguments)
 
 void AddPreviewCommand(CLI::App &app)
 {
-    const auto arguments = std::make_shared<PreviewArguments>();
-    CLI::App *command =
-        app.add_subcommand("preview", "Show at which speed a user's transfers would be held");
-    AddUserOption(*command, arguments->user, "The user, by name or uid");
-    AddProtocolOption(*command, arguments->protocol);
-    command->add_flag("--explain", arguments->isExplained,
-                      "Show the rules, how they combine, whom a transfer is charged to, and what a "
-                      "new transfer would get right now");
+    const auto [command, arguments] = AddCommand(
+        app, "preview", "Show at which speed a user's transfers would be held", RunPreview);
+    AddUserOption(command, arguments.user, "The user, by name or uid");
+    AddProtocolOption(command, arguments.protocol);
+    command.add_flag("--explain", arguments.isExplained,
+                     "Show the rules, how they combine, whom a transfer is charged to, and what a "
+                     "new transfer would get right now");
     command
-        ->add_option("--at", arguments->at, "The coming 'DAY HH:MM' instead of now, in local time")
+        .add_option("--at", arguments.at, "The coming 'DAY HH:MM' instead of now, in local time")
         ->type_name("TIME");
-    AddOutputOptions(*command);
-    command->footer(
+    AddOutputOptions(command);
+    command.footer(
         "Without -p: all protocols. Running transfers count only for the last line of\n"
         "--explain, which --at leaves out: nobody knows what will be running then.\n"
         "In parentheses stands what the rules would give where the policy limits nothing.\n\n"
@@ -431,7 +400,6 @@ void AddPreviewCommand(CLI::App &app)
         "  zevobandwidth preview -u alice\n"
         "  zevobandwidth preview -u alice -p ftp --explain\n"
         "  zevobandwidth preview -u alice -p ftp --at 'sun 02:30'\n");
-    command->callback([arguments] { RunPreview(*arguments); });
 }
 
 } // namespace tool

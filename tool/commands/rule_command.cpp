@@ -2,7 +2,6 @@
 // the rest, and notes why the rule would not apply.
 #include <algorithm>
 #include <array>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,14 +19,11 @@ namespace tool {
 
 namespace {
 
-struct RuleArguments {
-    OwnerOption owner;
-    std::string protocol;
-    std::array<std::optional<std::string>, kRates.size()> rates;
+struct SetArguments : RuleChange {
+    std::array<std::optional<Rate>, kRates.size()> rates;
     std::string state;
     std::string like;
     PlanOptions plan;
-    ChangeOptions change;
 };
 
 void Report(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
@@ -47,39 +43,15 @@ void Report(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
 
 // ---- set ----
 
-// The change, read before any look-up, so that a wrong option is refused first.
-struct RuleChange {
-    std::array<std::optional<Rate>, kRates.size()> rates;
-    std::optional<std::int32_t> state;
-    std::optional<std::string> plan;
-};
-
-RuleChange ReadChange(const RuleArguments &arguments)
-{
-    RuleChange change;
-    change.plan = arguments.plan.Read(PlanOf::kRule);
-    bool changes = !arguments.state.empty() || !arguments.like.empty() || change.plan;
-    if (!arguments.state.empty()) change.state = ValueOf(ZEVO_BW_STATE_LIST, arguments.state);
-    for (std::size_t i = 0; i < kRates.size(); ++i) {
-        if (!arguments.rates[i]) continue;
-        change.rates[i] = ParseRate(*arguments.rates[i]);
-        changes = true;
-    }
-    if (!changes)
-        throw Failure(kWrongUsage, "nothing to change: name at least one of --up, --down, "
-                                   "--custom-up, --custom-down, --state, --plan, --plan-raw, "
-                                   "--like");
-    return change;
-}
-
-void Apply(const RuleChange &change, ZEVO_BANDWIDTH_CONF &rule)
+void Apply(const SetArguments &arguments, const std::optional<std::string> &plan,
+           ZEVO_BANDWIDTH_CONF &rule)
 {
     if (rule.state == ZEVO_BW_STATE_NOT_EXISTED)
-        rule.state = change.plan ? ZEVO_BW_STATE_SCHEDULE : ZEVO_BW_STATE_ENABLED;
-    rule.state = change.state.value_or(rule.state);
-    if (change.plan) CopyPlan(*change.plan, rule.szSchedulePlan);
+        rule.state = plan ? ZEVO_BW_STATE_SCHEDULE : ZEVO_BW_STATE_ENABLED;
+    if (!arguments.state.empty()) rule.state = ValueOf(ZEVO_BW_STATE_LIST, arguments.state);
+    if (plan) CopyPlan(*plan, rule.szSchedulePlan);
     for (std::size_t i = 0; i < kRates.size(); ++i)
-        if (change.rates[i]) rule.*kRates[i].field = change.rates[i]->kBps;
+        if (arguments.rates[i]) rule.*kRates[i].field = arguments.rates[i]->kBps;
 }
 
 // The rule of --like, as if it were the owner's own.
@@ -94,13 +66,6 @@ ZEVO_BANDWIDTH_CONF CopyRule(const std::string &like, const Owner &owner, std::i
     rule.ownerType = owner.type;
     rule.id = owner.account.id;
     return rule;
-}
-
-void NoteRounding(const RuleChange &change)
-{
-    for (std::size_t i = 0; i < kRates.size(); ++i)
-        if (change.rates[i] && !change.rates[i]->note.empty())
-            PrintNote(std::string("note: ") + kRates[i].name + " " + change.rates[i]->note);
 }
 
 void NotePlan(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
@@ -125,39 +90,51 @@ void NotePolicy(const Owner &owner, const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
                   (isUser ? "users" : "groups") + " do not apply to it");
 }
 
-void SetRule(const RuleArguments &arguments)
+void SetRule(const SetArguments &arguments)
 {
-    const RuleChange change = ReadChange(arguments);
+    const auto plan = arguments.plan.Read(PlanOf::kRule);
+    const auto isGiven = [](const auto &rate) { return rate.has_value(); };
+    if (arguments.state.empty() && arguments.like.empty() && !plan &&
+        std::none_of(arguments.rates.begin(), arguments.rates.end(), isGiven))
+        throw Failure(kWrongUsage, "nothing to change: name at least one of --up, --down, "
+                                   "--custom-up, --custom-down, --state, --plan, --plan-raw, "
+                                   "--like");
     const Owner owner = arguments.owner.Find();
     const std::int32_t protocol = FindProtocol(arguments.protocol);
     ZEVO_BANDWIDTH_CONF rule = arguments.like.empty() ? ReadRule(owner, protocol)
                                                       : CopyRule(arguments.like, owner, protocol);
-    Apply(change, rule);
+    Apply(arguments, plan, rule);
     StoreRule(owner, rule, arguments.change);
-    NoteRounding(change);
-    if (change.plan)
+    for (std::size_t i = 0; i < kRates.size(); ++i)
+        if (arguments.rates[i] && !arguments.rates[i]->note.empty())
+            PrintNote(std::string("note: ") + kRates[i].name + " " + arguments.rates[i]->note);
+    if (plan)
         NoteSleepingPlan("the rule of " + OwnerText(owner), rule.state,
                          "zevobandwidth rule set " + RuleOptions(owner, protocol));
 }
 
 void AddSet(CLI::App &parent)
 {
-    const auto arguments = std::make_shared<RuleArguments>();
-    CLI::App *set = parent.add_subcommand("set", "Change a rule, or make a new one");
-    AddOwnerOption(*set, arguments->owner);
-    AddProtocolOption(*set, arguments->protocol)->required();
-    for (std::size_t i = 0; i < kRates.size(); ++i)
-        set->add_option(kRates[i].name, arguments->rates[i], kRates[i].help)->type_name("RATE");
-    AddChoice(*set, "--state", arguments->state, "STATE", ZEVO_BW_STATE_LIST,
+    const auto [set, arguments] =
+        AddCommand(parent, "set", "Change a rule, or make a new one", SetRule);
+    AddRuleOptions(set, arguments);
+    for (std::size_t i = 0; i < kRates.size(); ++i) {
+        const auto read = [&rate = arguments.rates[i]](const std::string &text) {
+            rate = ParseRate(text);
+        };
+        set.add_option_function<std::string>(kRates[i].name, read, kRates[i].help)
+            ->type_name("RATE");
+    }
+    AddChoice(set, "--state", arguments.state, "STATE", ZEVO_BW_STATE_LIST,
               "Whether the rule applies; a new rule is enabled, with a plan on schedule");
-    AddPlanOptions(*set, PlanOf::kRule, arguments->plan);
-    set->add_option("--like", arguments->like,
-                    "Begin with a copy of that owner's rule for the protocol")
+    AddPlanOptions(set, PlanOf::kRule, arguments.plan);
+    set.add_option("--like", arguments.like,
+                   "Begin with a copy of that owner's rule for the protocol")
         ->type_name("USER|@GROUP")
         ->check(kNotEmpty);
-    AddChangeOptions(*set, arguments->change);
-    AddOutputOptions(*set);
-    set->footer(
+    AddChangeOptions(set, arguments.change);
+    AddOutputOptions(set);
+    set.footer(
         std::string(kRateHelp) + "\n\n" + PlanHelp(PlanOf::kRule) +
         "\n\nWhat is not named stays as it is; with --like the copied rule takes the place of\n"
         "the old one first. Running transfers that 'notify' reaches follow at once."
@@ -167,21 +144,11 @@ void AddSet(CLI::App &parent)
         "  zevobandwidth rule set -u alice -p ftp --custom-up 1M \\\n"
         "    --plan 'weekdays 08:00-18:00 custom; weekends all-day off'\n"
         "  zevobandwidth rule set -u bob -p ftp --like alice --dry-run\n");
-    set->callback([arguments] { SetRule(*arguments); });
 }
 
 // ---- enable, disable, schedule, clear ----
 
-// For the changes that take no values.
-void AddStoredRuleOptions(CLI::App &command, RuleArguments &arguments)
-{
-    AddOwnerOption(command, arguments.owner);
-    AddProtocolOption(command, arguments.protocol)->required();
-    AddChangeOptions(command, arguments.change);
-    AddOutputOptions(command);
-}
-
-void ChangeState(const RuleArguments &arguments, std::int32_t state)
+template <std::int32_t state> void ChangeState(const RuleChange &arguments)
 {
     const std::int32_t protocol = FindProtocol(arguments.protocol);
     const Owner owner = arguments.owner.FindOfRule(protocol);
@@ -199,27 +166,27 @@ void AddStateCommands(CLI::App &parent)
 {
     struct StateCommand {
         const char *name;
-        std::int32_t state;
         const char *help;
+        void (*run)(const RuleChange &);
     };
     static constexpr std::array kCommands = {
-        StateCommand{"enable", ZEVO_BW_STATE_ENABLED, "Let a rule apply at all hours"},
-        StateCommand{"disable", ZEVO_BW_STATE_DISABLED, "Let a rule not apply, and keep it"},
-        StateCommand{"schedule", ZEVO_BW_STATE_SCHEDULE, "Let a rule apply by its plan"},
+        StateCommand{"enable", "Let a rule apply at all hours", ChangeState<ZEVO_BW_STATE_ENABLED>},
+        StateCommand{"disable", "Let a rule not apply, and keep it",
+                     ChangeState<ZEVO_BW_STATE_DISABLED>},
+        StateCommand{"schedule", "Let a rule apply by its plan",
+                     ChangeState<ZEVO_BW_STATE_SCHEDULE>},
     };
     for (const StateCommand &row : kCommands) {
-        const auto arguments = std::make_shared<RuleArguments>();
-        CLI::App *command = parent.add_subcommand(row.name, row.help);
-        AddStoredRuleOptions(*command, *arguments);
-        command->footer(std::string("The rule keeps its rates and its plan. Running transfers that "
-                                    "'notify' reaches\nfollow at once.\n\nExample:\n"
-                                    "  zevobandwidth rule ") +
-                        row.name + " -u alice -p ftp\n");
-        command->callback([arguments, state = row.state] { ChangeState(*arguments, state); });
+        const auto [command, arguments] = AddCommand(parent, row.name, row.help, row.run);
+        AddRuleChangeOptions(command, arguments);
+        command.footer(std::string("The rule keeps its rates and its plan. Running transfers that "
+                                   "'notify' reaches\nfollow at once.\n\nExample:\n"
+                                   "  zevobandwidth rule ") +
+                       row.name + " -u alice -p ftp\n");
     }
 }
 
-void ClearRule(const RuleArguments &arguments)
+void ClearRule(const RuleChange &arguments)
 {
     const std::int32_t protocol = FindProtocol(arguments.protocol);
     const Owner owner = arguments.owner.FindOfRule(protocol);
@@ -237,52 +204,43 @@ void ClearRule(const RuleArguments &arguments)
 
 void AddClear(CLI::App &parent)
 {
-    const auto arguments = std::make_shared<RuleArguments>();
-    CLI::App *clear = parent.add_subcommand("clear", "Take a rule away");
-    AddStoredRuleOptions(*clear, *arguments);
-    clear->footer("The owner has no rule then, as before the first 'rule set'; rates and plan are\n"
-                  "forgotten. Also takes away a rule that is damaged, and by its id that of an\n"
-                  "owner who is gone. Running transfers that 'notify' reaches follow at once.\n"
-                  "\nExamples:\n"
-                  "  zevobandwidth rule clear -u alice -p ftp\n"
-                  "  zevobandwidth rule clear -g 4711 -p rsync --dry-run\n");
-    clear->callback([arguments] { ClearRule(*arguments); });
+    const auto [clear, arguments] = AddCommand(parent, "clear", "Take a rule away", ClearRule);
+    AddRuleChangeOptions(clear, arguments);
+    clear.footer("The owner has no rule then, as before the first 'rule set'; rates and plan are\n"
+                 "forgotten. Also takes away a rule that is damaged, and by its id that of an\n"
+                 "owner who is gone. Running transfers that 'notify' reaches follow at once.\n"
+                 "\nExamples:\n"
+                 "  zevobandwidth rule clear -u alice -p ftp\n"
+                 "  zevobandwidth rule clear -g 4711 -p rsync --dry-run\n");
 }
 
 // ---- show ----
 
-void ShowRule(const RuleArguments &arguments)
+constexpr std::size_t kLabelWidth = 17;
+
+void ShowRule(const RuleChange &arguments)
 {
     const std::int32_t protocol = FindProtocol(arguments.protocol);
     const Owner owner = arguments.owner.FindOfRule(protocol);
     const ZEVO_BANDWIDTH_CONF rule = ReadRule(owner, protocol);
     if (OutputStyle().json) return PrintJson(ToJson(owner, rule));
-    const auto print = [](std::string label, const std::string &value) {
-        label.resize(17, ' ');
-        PrintLine(Printable(label + value));
-    };
-    const bool isNamed = !OutputStyle().numeric;
-    print("owner", OwnerText(owner) +
-                       (isNamed ? " (" + std::to_string(owner.account.id) + ")" : std::string()));
-    print("protocol", ProtocolName(rule.protocolType));
-    if (rule.state == ZEVO_BW_STATE_NOT_EXISTED) return print("state", "NotExisted (no rule)");
-    print("state", StateText(rule));
-    for (const RateOption &rate : kRates)
-        print(rate.label, FormatRate(rule.*rate.field));
-    print("plan", PlanText(rule.szSchedulePlan));
+    const std::string id = " (" + std::to_string(owner.account.id) + ")";
+    PrintField(kLabelWidth, {"owner", OwnerText(owner) + (OutputStyle().numeric ? "" : id)});
+    PrintField(kLabelWidth, {"protocol", ProtocolName(protocol)});
+    if (rule.state == ZEVO_BW_STATE_NOT_EXISTED)
+        return PrintField(kLabelWidth, {"state", "NotExisted (no rule)"});
+    for (const Field &field : Fields(rule))
+        PrintField(kLabelWidth, field);
 }
 
 void AddShow(CLI::App &parent)
 {
-    const auto arguments = std::make_shared<RuleArguments>();
-    CLI::App *show = parent.add_subcommand("show", "Show one rule");
-    AddOwnerOption(*show, arguments->owner);
-    AddProtocolOption(*show, arguments->protocol)->required();
-    AddOutputOptions(*show);
-    show->footer("Examples:\n"
-                 "  zevobandwidth rule show -u alice -p ftp\n"
-                 "  zevobandwidth rule show -g staff -p rsync --json\n");
-    show->callback([arguments] { ShowRule(*arguments); });
+    const auto [show, arguments] = AddCommand(parent, "show", "Show one rule", ShowRule);
+    AddRuleOptions(show, arguments);
+    AddOutputOptions(show);
+    show.footer("Examples:\n"
+                "  zevobandwidth rule show -u alice -p ftp\n"
+                "  zevobandwidth rule show -g staff -p rsync --json\n");
 }
 
 // ---- list ----
@@ -295,18 +253,13 @@ struct ListArguments {
     bool Filters() const { return !users.empty() || !groups.empty() || !state.empty(); }
 };
 
-bool IsSame(const Owner &a, const Owner &b)
-{
-    return a.type == b.type && a.account.id == b.account.id;
-}
-
 // The owners to list; empty for all.
 std::vector<Owner> OwnersAskedFor(const ListArguments &arguments,
                                   const std::vector<StoredRule> &rules)
 {
     const auto isStored = [&rules](const Owner &owner) {
         return std::any_of(rules.begin(), rules.end(),
-                           [&owner](const StoredRule &rule) { return IsSame(rule.owner, owner); });
+                           [&owner](const StoredRule &rule) { return rule.owner == owner; });
     };
     std::vector<Owner> owners;
     for (const std::string &user : arguments.users)
@@ -320,14 +273,12 @@ std::vector<Owner> OwnersAskedFor(const ListArguments &arguments,
 void Filter(const ListArguments &arguments, std::vector<StoredRule> &rules)
 {
     const std::vector<Owner> owners = OwnersAskedFor(arguments, rules);
-    std::erase_if(rules, [&](const StoredRule &rule) {
-        const bool isAskedFor =
-            owners.empty() || std::any_of(owners.begin(), owners.end(), [&rule](const Owner &o) {
-                return IsSame(o, rule.owner);
-            });
-        const bool isListed = arguments.state.empty() ? rule.rule.state != ZEVO_BW_STATE_NOT_EXISTED
-                                                      : StateText(rule.rule) == arguments.state;
-        return !isAskedFor || !isListed;
+    std::erase_if(rules, [&](const StoredRule &stored) {
+        const bool isListed = arguments.state.empty()
+                                  ? stored.rule.state != ZEVO_BW_STATE_NOT_EXISTED
+                                  : StateText(stored.rule) == arguments.state;
+        return !isListed || (!owners.empty() &&
+                             std::find(owners.begin(), owners.end(), stored.owner) == owners.end());
     });
 }
 
@@ -381,16 +332,15 @@ void AddOwnersOption(CLI::App &command, const std::string &name, std::vector<std
 
 void AddList(CLI::App &parent)
 {
-    const auto arguments = std::make_shared<ListArguments>();
-    CLI::App *list = parent.add_subcommand("list", "List the stored rules");
-    AddOwnersOption(*list, "-u,--user", arguments->users, "Rules of this user, by name or uid");
-    AddOwnersOption(*list, "-g,--group", arguments->groups, "Rules of this group, by name or gid");
-    AddProtocolOption(*list, arguments->protocol);
-    list->add_option("--state", arguments->state, "Rules in this state")
+    const auto [list, arguments] = AddCommand(parent, "list", "List the stored rules", ListRules);
+    AddOwnersOption(list, "-u,--user", arguments.users, "Rules of this user, by name or uid");
+    AddOwnersOption(list, "-g,--group", arguments.groups, "Rules of this group, by name or gid");
+    AddProtocolOption(list, arguments.protocol);
+    list.add_option("--state", arguments.state, "Rules in this state")
         ->type_name("STATE")
         ->check(CLI::IsMember(ValueNames(ZEVO_BW_STATE_LIST)));
-    AddOutputOptions(*list);
-    list->footer(
+    AddOutputOptions(list);
+    list.footer(
         "A group stands behind an at sign. CUST-UP and CUST-DOWN are the rates in the hours\n"
         "that a plan marks as custom, PLAN the number of hours that it has: a whole one\n"
         "has 168.\n"
@@ -399,10 +349,22 @@ void AddList(CLI::App &parent)
         "  zevobandwidth rule list\n"
         "  zevobandwidth rule list -u alice -g staff --state enabled\n"
         "  zevobandwidth rule list -p ftp --json\n");
-    list->callback([arguments] { ListRules(*arguments); });
 }
 
 } // namespace
+
+void AddRuleOptions(CLI::App &command, RuleChange &arguments)
+{
+    AddOwnerOption(command, arguments.owner);
+    AddProtocolOption(command, arguments.protocol)->required();
+}
+
+void AddRuleChangeOptions(CLI::App &command, RuleChange &arguments)
+{
+    AddRuleOptions(command, arguments);
+    AddChangeOptions(command, arguments.change);
+    AddOutputOptions(command);
+}
 
 void StoreRule(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule, const ChangeOptions &change)
 {

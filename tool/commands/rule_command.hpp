@@ -9,6 +9,17 @@
 
 namespace tool {
 
+// What the commands take that change one rule.
+struct RuleChange {
+    OwnerOption owner;
+    std::string protocol;
+    ChangeOptions change;
+};
+// -u or -g, -p.
+void AddRuleOptions(CLI::App &command, RuleChange &arguments);
+// The same, and the options of a change and of the output.
+void AddRuleChangeOptions(CLI::App &command, RuleChange &arguments);
+
 // Stores the rule, notifies the services, prints the rule, and notes why it would not apply. A dry
 // run stores nothing; --no-notify notifies nobody.
 void StoreRule(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule, const ChangeOptions &change);

@@ -2,15 +2,14 @@
 // own, because editors leave copies beside what they edit. It is kept when it holds work that could
 // not be stored.
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "base/regular_file.hpp"
 
@@ -24,12 +23,6 @@
 namespace tool {
 
 namespace {
-
-struct EditArguments {
-    OwnerOption owner;
-    std::string protocol;
-    ChangeOptions change;
-};
 
 // The text as the editor left it. Throws Failure when something else lies in its place, and keeps
 // that.
@@ -64,55 +57,26 @@ std::string EditorCommand()
 {
     for (const char *const variable : {"VISUAL", "EDITOR"}) {
         const char *const editor = std::getenv(variable);
-        if (editor != nullptr && *editor != '\0') return std::string(editor) + " \"$1\"";
+        if (editor != nullptr && *editor != '\0') return editor;
     }
-    return "if command -v editor >/dev/null; then exec editor \"$1\"; else exec vi \"$1\"; fi";
+    return "$(command -v editor || echo vi)";
 }
-
-// Leaves an interrupt to the editor while that runs.
-class IgnoredInterrupts {
-public:
-    IgnoredInterrupts()
-        : interrupt_(std::signal(SIGINT, SIG_IGN)), quit_(std::signal(SIGQUIT, SIG_IGN))
-    {
-    }
-    ~IgnoredInterrupts()
-    {
-        std::signal(SIGINT, interrupt_);
-        std::signal(SIGQUIT, quit_);
-    }
-    IgnoredInterrupts(const IgnoredInterrupts &) = delete;
-    IgnoredInterrupts &operator=(const IgnoredInterrupts &) = delete;
-
-private:
-    void (*interrupt_)(int);
-    void (*quit_)(int);
-};
 
 // Returns the wait status, or throws Failure when nothing could be run.
 int RunEditor(const std::string &path)
 {
-    const std::string command = EditorCommand();
-    const std::array<const char *, 6> words = {"sh", "-c",         command.c_str(),
-                                               "sh", path.c_str(), nullptr};
-    const IgnoredInterrupts interrupts;
-    posix_spawnattr_t attributes;
-    sigset_t defaults; // what this tool ignores must not be ignored by the editor
-    ::sigemptyset(&defaults);
-    for (const int signal : {SIGINT, SIGQUIT, SIGHUP, SIGXFSZ})
-        ::sigaddset(&defaults, signal);
-    ::posix_spawnattr_init(&attributes);
-    ::posix_spawnattr_setsigdefault(&attributes, &defaults);
-    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-    pid_t pid = 0;
-    const int error = ::posix_spawn(&pid, "/bin/sh", nullptr, &attributes,
-                                    const_cast<char *const *>(words.data()), environ);
-    ::posix_spawnattr_destroy(&attributes);
-    if (error != 0)
+    static constexpr const char *kPath = "ZEVOBANDWIDTH_TEXT";
+    ::setenv(kPath, path.c_str(), 1);
+    // What this tool ignores must not be ignored by the editor: a caught signal is not inherited.
+    constexpr std::array kIgnored = {SIGHUP, SIGXFSZ};
+    for (const int signal : kIgnored)
+        std::signal(signal, [](int) {});
+    const int status = std::system((EditorCommand() + " \"$" + kPath + "\"").c_str());
+    const int error = errno;
+    for (const int signal : kIgnored)
+        std::signal(signal, SIG_IGN);
+    if (status < 0)
         throw Failure(kFailed, std::string("cannot run /bin/sh: ") + std::strerror(error));
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
     return status;
 }
 
@@ -140,7 +104,7 @@ bool IsSame(const ZEVO_BANDWIDTH_CONF &a, const ZEVO_BANDWIDTH_CONF &b)
     return std::memcmp(&a, &b, sizeof(a)) == 0;
 }
 
-void EditRule(const EditArguments &arguments)
+void EditRule(const RuleChange &arguments)
 {
     const std::int32_t protocol = FindProtocol(arguments.protocol);
     const Owner owner = arguments.owner.FindOfRule(protocol);
@@ -163,19 +127,14 @@ void EditRule(const EditArguments &arguments)
 
 void AddRuleEdit(CLI::App &rule)
 {
-    const auto arguments = std::make_shared<EditArguments>();
-    CLI::App *edit = rule.add_subcommand("edit", "Change a rule in an editor");
-    AddOwnerOption(*edit, arguments->owner);
-    AddProtocolOption(*edit, arguments->protocol)->required();
-    AddChangeOptions(*edit, arguments->change);
-    AddOutputOptions(*edit);
-    edit->footer(
+    const auto [edit, arguments] = AddCommand(rule, "edit", "Change a rule in an editor", EditRule);
+    AddRuleChangeOptions(edit, arguments);
+    edit.footer(
         "The editor is $VISUAL or $EDITOR, else 'editor' or 'vi'. A text left as it is, or\n"
         "an editor that fails, changes nothing. A text that cannot be read is refused with\n"
         "its line and kept in a file that the message names.\n\nExamples:\n"
         "  zevobandwidth rule edit -u alice -p ftp\n"
         "  EDITOR=nano zevobandwidth rule edit -g staff -p rsync --dry-run\n");
-    edit->callback([arguments] { EditRule(*arguments); });
 }
 
 } // namespace tool

@@ -1,16 +1,17 @@
 // Import refuses what export would not have written, because a missing or misspelt key would become
-// an unlimited rate. The JSON reader does not tell lines. So an iterator counts the lines that the
-// reader has taken, and each of the reader's events gets the number of its line.
+// an unlimited rate. The JSON reader does not tell lines, so each of its events gets the number of
+// the line that it has read by then.
 #include "model/config_json.hpp"
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <limits>
 #include <map>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <tuple>
+#include <unordered_map>
 
 #include "failure.hpp"
 #include "model/rate.hpp"
@@ -35,30 +36,16 @@ struct StoredEntry {
     std::string source;
 };
 
-class ConfigWriter {
-public:
-    void AddLine(const std::string &line)
-    {
-        config_.text += (line_ == 0 ? "" : "\n") + line;
-        ++line_;
+void AppendList(ConfigText &config, const char *key, const std::vector<StoredEntry> &entries)
+{
+    auto line = std::count(config.text.begin(), config.text.end(), '\n') + 1;
+    config.text += std::string("  \"") + key + "\": [";
+    for (const StoredEntry &entry : entries) {
+        config.text += (&entry == &entries.front() ? "\n    " : ",\n    ") + JsonText(entry.json);
+        config.sources[static_cast<int>(++line)] = entry.source;
     }
-    void AddList(const char *key, const std::vector<StoredEntry> &entries, const std::string &end)
-    {
-        const std::string begin = std::string("  \"") + key + "\": [";
-        if (entries.empty()) return AddLine(begin + "]" + end);
-        AddLine(begin);
-        for (const StoredEntry &entry : entries) {
-            AddLine("    " + JsonText(entry.json) + (&entry == &entries.back() ? "" : ","));
-            config_.sources[line_] = entry.source;
-        }
-        AddLine("  ]" + end);
-    }
-    ConfigText Take() { return std::move(config_); }
-
-private:
-    ConfigText config_;
-    int line_ = 0;
-};
+    config.text += entries.empty() ? "]" : "\n  ]";
+}
 
 } // namespace
 
@@ -75,95 +62,73 @@ ConfigText ConfigToText(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies,
         // An id in digits would be read as a name.
         if (OutputStyle().numeric || !IsKnown(owner)) ruleEntries.back().json["name"] = nullptr;
     }
-    ConfigWriter writer;
-    writer.AddLine("{");
-    writer.AddLine(std::string("  \"format\": \"") + kFormat + "\",");
-    writer.AddLine("  \"version\": " + std::to_string(kVersion) + ",");
-    writer.AddList(kPolicies, policyEntries, ",");
-    writer.AddList(kRules, ruleEntries, "");
-    writer.AddLine("}");
-    return writer.Take();
+    ConfigText config;
+    config.text = std::string("{\n  \"format\": \"") + kFormat +
+                  "\",\n  \"version\": " + std::to_string(kVersion) + ",\n";
+    AppendList(config, kPolicies, policyEntries);
+    config.text += ",\n";
+    AppendList(config, kRules, ruleEntries);
+    config.text += "\n}";
+    return config;
 }
 
 // ---- from text: where things stand ----
 
 namespace {
 
-// The line of the last byte read. A line end belongs to the line that it ends.
-struct LineCount {
-    int line = 1;
-    bool isEnded = false;
-    void Pass(char c)
-    {
-        line += isEnded ? 1 : 0;
-        isEnded = c == '\n';
-    }
-};
-
-class CountingIterator {
+// The lines of what the text holds, by paths such as "/rules/0/plan".
+class Lines {
 public:
-    using iterator_category = std::input_iterator_tag;
-    using value_type = char;
-    using difference_type = std::ptrdiff_t;
-    using pointer = const char *;
-    using reference = const char &;
+    explicit Lines(std::string_view text) : text_(text), stream_(std::string(text)) {}
 
-    CountingIterator(const char *at, LineCount &count) : at_(at), count_(&count) {}
-    reference operator*() const { return *at_; }
-    CountingIterator &operator++()
-    {
-        count_->Pass(*at_++);
-        return *this;
-    }
-    bool operator==(const CountingIterator &other) const { return at_ == other.at_; }
+    // What the JSON reader reads; how far it is tells the line.
+    std::istream &stream() { return stream_; }
 
-private:
-    const char *at_;
-    LineCount *count_;
-};
-
-// An entry of a list: where it begins, and its keys.
-struct EntryLines {
-    int line = 0;
-    std::map<std::string, int> keys;
-};
-
-using Lists = std::map<std::string, std::vector<EntryLines>>;
-
-// Takes the reader's events. Depth 1 is the keys of the whole, depth 2 the entries of its lists,
-// depth 3 the keys of an entry.
-class LineKeeper {
-public:
-    LineKeeper(const LineCount &count, EntryLines &whole, Lists &lists, std::vector<Remark> &faults)
-        : count_(count), whole_(whole), lists_(lists), faults_(faults)
-    {
-    }
-
-    bool operator()(int depth, Json::parse_event_t event, const Json &parsed)
+    // Takes the reader's events. Depth 1 is the keys of the whole, depth 2 the entries of its lists,
+    // depth 3 the keys of an entry.
+    void Keep(int depth, Json::parse_event_t event, const Json &parsed, std::vector<Remark> &faults)
     {
         using Event = Json::parse_event_t;
-        if (event == Event::key && depth == 1) list_ = Keep(whole_, parsed);
-        if (event == Event::key && depth == 3) Keep(lists_[list_].back(), parsed);
         const bool begins = event == Event::object_start || event == Event::array_start;
-        if (depth == 2 && (begins || event == Event::value))
-            lists_[list_].push_back({count_.line, {}});
-        return true;
+        if (depth == 2 && (begins || event == Event::value)) {
+            entry_ = list_ + "/" + std::to_string(count_++);
+            lines_[entry_] = Reached();
+        }
+        if (event != Event::key || (depth != 1 && depth != 3)) return;
+        const std::string path = (depth == 1 ? "/" : entry_ + "/") + parsed.get<std::string>();
+        if (!lines_.emplace(path, Reached()).second)
+            faults.push_back({line_, JsonText(parsed) + " stands twice in one entry"});
+        if (depth == 1) {
+            list_ = path;
+            count_ = 0;
+        }
+    }
+
+    // Nothing for what does not stand there.
+    std::optional<int> Of(const std::string &path) const
+    {
+        const auto found = lines_.find(path);
+        return found == lines_.end() ? std::nullopt : std::optional(found->second);
+    }
+
+    // The line of the last byte read. A line end belongs to the line that it ends.
+    int Reached()
+    {
+        const std::streamoff read = stream_.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::in);
+        for (; counted_ + 1 < read; ++counted_)
+            line_ += text_[static_cast<std::size_t>(counted_)] == '\n' ? 1 : 0;
+        return line_;
     }
 
 private:
-    std::string Keep(EntryLines &entry, const Json &parsed)
-    {
-        const auto &key = parsed.get_ref<const std::string &>();
-        if (!entry.keys.emplace(key, count_.line).second)
-            faults_.push_back({count_.line, "\"" + key + "\" stands twice in one entry"});
-        return key;
-    }
-
-    const LineCount &count_;
-    EntryLines &whole_;
-    Lists &lists_;
-    std::vector<Remark> &faults_;
+    const std::string_view text_;
+    std::istringstream stream_;
+    std::streamoff counted_ = 0; // bytes whose line ends are in line_
+    int line_ = 1;
+    std::unordered_map<std::string, int> lines_;
     std::string list_;
+    std::string entry_;
+    std::size_t count_ = 0; // of the list's entries
 };
 
 // ---- from text: one entry ----
@@ -172,18 +137,16 @@ private:
 // was never asked for.
 class Entry {
 public:
-    Entry(const Json &json, const EntryLines &lines, std::vector<Remark> &faults)
-        : json_(json), lines_(lines), faults_(faults), faultsBefore_(faults.size())
+    Entry(const Json &json, std::string path, const Lines &lines, std::vector<Remark> &faults)
+        : json_(json), path_(std::move(path)), lines_(lines), faults_(faults)
     {
     }
 
-    int line() const { return lines_.line; }
-    bool IsSound() const { return faults_.size() == faultsBefore_; }
+    int line() const { return lines_.Of(path_).value_or(1); }
 
     void Fault(const std::string &key, const std::string &text)
     {
-        const auto place = lines_.keys.find(key);
-        faults_.push_back({place == lines_.keys.end() ? lines_.line : place->second, text});
+        faults_.push_back({lines_.Of(path_ + "/" + key).value_or(line()), text});
     }
 
     // Null after a fault.
@@ -214,7 +177,7 @@ public:
         const Json *value = Value(key);
         if (value == nullptr) return std::nullopt;
         for (const std::string &name : names)
-            if (value->is_string() && *value == name) return ValueOf(table, name);
+            if (*value == name) return ValueOf(table, name);
         Fault(key, "\"" + key + "\" must be one of " + Joined(names, ", "));
         return std::nullopt;
     }
@@ -223,10 +186,8 @@ public:
     {
         const Json *value = Value(key);
         if (value == nullptr || value->is_null()) return 0;
-        if (value->is_number_unsigned()) {
-            const auto rate = value->get<std::uint64_t>();
-            if (rate != 0 && rate <= kMaxRateKBps) return rate;
-        }
+        if (value->is_number_unsigned() && *value != 0 && *value <= kMaxRateKBps)
+            return value->get<std::uint64_t>();
         Fault(key, "\"" + key + "\" must be a whole number of 1 to " +
                        std::to_string(kMaxRateKBps) + ", or null for unlimited");
         return 0;
@@ -254,9 +215,9 @@ public:
 
 private:
     const Json &json_;
-    const EntryLines &lines_;
+    const std::string path_;
+    const Lines &lines_;
     std::vector<Remark> &faults_;
-    const std::size_t faultsBefore_;
     std::set<std::string> asked_;
 };
 
@@ -271,19 +232,16 @@ std::string WhatIsNoJson(const std::string &message)
     return "this is no JSON: " + (end == message.npos ? message : message.substr(end + 2));
 }
 
-// NOLINTNEXTLINE(bugprone-exception-escape): to move its members throws nothing
 class ConfigReader {
 public:
-    Configuration Read(std::string_view text)
+    explicit ConfigReader(std::string_view text) : lines_(text) {}
+
+    Configuration Read()
     {
-        if (Parse(text)) {
-            if (json_.is_object()) {
-                ReadHead();
-                ReadList(kPolicies, [this](Entry &entry) { ReadPolicy(entry); });
-                ReadList(kRules, [this](Entry &entry) { ReadRule(entry); });
-            } else {
-                result_.faults.push_back({1, "the whole must be an object, as export writes it"});
-            }
+        if (Parse()) {
+            ReadHead();
+            ReadList(kPolicies, [this](Entry &entry) { ReadPolicy(entry); });
+            ReadList(kRules, [this](Entry &entry) { ReadRule(entry); });
         }
         std::stable_sort(result_.faults.begin(), result_.faults.end(),
                          [](const Remark &a, const Remark &b) { return a.line < b.line; });
@@ -291,24 +249,26 @@ public:
     }
 
 private:
-    bool Parse(std::string_view text)
+    // False after a fault.
+    bool Parse()
     {
-        LineCount count;
         try {
-            const char *const end = text.data() + text.size();
-            json_ = Json::parse(CountingIterator(text.data(), count), CountingIterator(end, count),
-                                LineKeeper(count, whole_, lists_, result_.faults));
-            return true;
+            json_ = Json::parse(lines_.stream(), [this](int depth, auto event, Json &parsed) {
+                lines_.Keep(depth, event, parsed, result_.faults);
+                return true;
+            });
         } catch (const Json::exception &error) {
-            result_.faults.push_back({count.line, WhatIsNoJson(error.what())});
+            result_.faults.push_back({lines_.Reached(), WhatIsNoJson(error.what())});
             return false;
         }
+        if (!json_.is_object())
+            result_.faults.push_back({1, "the whole must be an object, as export writes it"});
+        return json_.is_object();
     }
 
     void ReadHead()
     {
-        whole_.line = 1;
-        Entry head(json_, whole_, result_.faults);
+        Entry head(json_, "", lines_, result_.faults);
         const Json *const format = head.Value("format");
         const Json *const version = head.Value("version");
         if (format != nullptr && *format != kFormat)
@@ -317,24 +277,21 @@ private:
         if (version != nullptr && *version != kVersion)
             head.Fault("version", "\"version\" must be " + std::to_string(kVersion) +
                                       ": import it with a newer zevobandwidth");
-        head.Value(kPolicies);
-        head.Value(kRules);
+        for (const char *const key : {kPolicies, kRules})
+            if (const Json *const list = head.Value(key); list != nullptr && !list->is_array())
+                head.Fault(key, std::string("\"") + key + "\" must be a list");
         head.RefuseOtherKeys();
     }
 
-    template <typename Handle> void ReadList(const char *key, Handle handle)
+    template <typename Handle> void ReadList(const std::string &key, Handle handle)
     {
         const auto list = json_.find(key);
-        if (list == json_.end()) return; // told already
-        if (!list->is_array()) {
-            result_.faults.push_back(
-                {whole_.keys[key], std::string("\"") + key + "\" must be a list"});
-            return;
-        }
+        if (list == json_.end() || !list->is_array()) return; // told already
         for (std::size_t i = 0; i < list->size(); ++i) {
-            Entry entry((*list)[i], lists_[key][i], result_.faults);
+            const std::string path = "/" + key + "/" + std::to_string(i);
+            Entry entry((*list)[i], path, lines_, result_.faults);
             if (!(*list)[i].is_object()) {
-                entry.Fault("", std::string("an entry of \"") + key + "\" must be an object");
+                entry.Fault("", "an entry of \"" + key + "\" must be an object");
                 continue;
             }
             handle(entry);
@@ -406,8 +363,7 @@ private:
         std::optional<std::uint32_t> id;
         if (!nameValue->is_null()) name = entry.Text("name");
         if (name && name->empty()) return std::nullopt;
-        if (idValue->is_number_unsigned() && idValue->get<std::uint64_t>() < kNobody)
-            id = idValue->get<std::uint32_t>();
+        if (idValue->is_number_unsigned() && *idValue < kNobody) id = idValue->get<std::uint32_t>();
         if (!id && !idValue->is_null())
             entry.Fault("id", "\"id\" must be a whole number below " + std::to_string(kNobody) +
                                   ", or null to go by the name alone");
@@ -462,8 +418,7 @@ private:
 
     Configuration result_;
     Json json_;
-    EntryLines whole_;
-    Lists lists_;
+    Lines lines_;
     std::map<std::string, std::int32_t> protocols_; // looked up once each
     std::map<std::tuple<std::int32_t, std::int32_t, std::uint32_t>, int> seen_; // lines
 };
@@ -472,7 +427,7 @@ private:
 
 Configuration ConfigFromText(std::string_view text)
 {
-    return ConfigReader().Read(text);
+    return ConfigReader(text).Read();
 }
 
 } // namespace tool

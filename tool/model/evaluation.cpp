@@ -45,18 +45,13 @@ std::string Evaluation::WhyOff() const
     return "";
 }
 
-Allowance Evaluation::Ask(std::int32_t direction, Beside beside) const
-{
-    return AskUnder(policy().userGroupPolicy, direction, beside);
-}
-
-Allowance Evaluation::AskUnder(std::int32_t userGroupPolicy, std::int32_t direction,
-                               Beside beside) const
+Allowance Evaluation::Ask(std::int32_t direction, Beside beside,
+                          std::optional<std::int32_t> userGroupPolicy) const
 {
     Allowance answer{0, {limits().begin(), limits().end()}};
     ZEVO_BANDWIDTH_CONFIG asked = config_.record();
     asked.pLimit = answer.limits.data();
-    asked.globalConf.userGroupPolicy = userGroupPolicy;
+    asked.globalConf.userGroupPolicy = userGroupPolicy.value_or(policy().userGroupPolicy);
     if (ZEVOBandwidthExpectSpeedEstimateByPolicy(direction, &asked, &answer.bps,
                                                  beside == Beside::kRunning ? 1 : 0) < 0)
         throw Failure(kFailed, "the speed on " + ProtocolName(policy().protocolType) +

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -39,10 +40,9 @@ public:
     // Why the protocol has no limits at the moment, in a few words; empty when it has.
     std::string WhyOff() const;
 
-    Allowance Ask(std::int32_t direction, Beside beside) const;
-
-    // The same with another way to combine the rules of the user and of the groups.
-    Allowance AskUnder(std::int32_t userGroupPolicy, std::int32_t direction, Beside beside) const;
+    // userGroupPolicy: how the rules of the user and of the groups combine, if not by the policy.
+    Allowance Ask(std::int32_t direction, Beside beside,
+                  std::optional<std::int32_t> userGroupPolicy = {}) const;
 
 private:
     zevobw::Config config_;

@@ -20,6 +20,8 @@ inline constexpr std::size_t kHoursOfWeek = kDaysOfWeek * kHoursOfDay;
 inline constexpr std::array<std::string_view, kDaysOfWeek> kWeekdays = {"sun", "mon", "tue", "wed",
                                                                         "thu", "fri", "sat"};
 
+inline constexpr std::array<std::size_t, kDaysOfWeek> kDaysFromMonday = {1, 2, 3, 4, 5, 6, 0};
+
 // The same character means different things in a rule's plan and in that of a protocol's policy.
 enum class PlanOf { kRule, kPolicy };
 

@@ -4,11 +4,12 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <limits>
+#include <regex>
 #include <string_view>
 
 #include "failure.hpp"
+#include "model/number.hpp"
 
 namespace tool {
 
@@ -25,7 +26,8 @@ namespace {
 using Wide = unsigned __int128;
 
 constexpr std::uint64_t kBitsPerByte = 8;
-constexpr std::size_t kMaxDecimals = 18; // 10^18 still fits 64 bits
+constexpr std::size_t kLongestText = 100; // the pattern's depth grows with the text
+constexpr std::size_t kMaxDecimals = 18;  // 10^18 still fits 64 bits
 // Speeds pass through signed 64-bit arithmetic on their way to a sleep.
 constexpr std::uint64_t kMaxBytes = std::numeric_limits<std::int64_t>::max();
 
@@ -48,53 +50,13 @@ constexpr std::array kUnits = {
 };
 // clang-format on
 
-// mantissa / 10^decimals of the unit.
-struct Quantity {
-    std::uint64_t mantissa = 0;
-    std::uint64_t scale = 1;
-    std::string_view unit;
-};
-
-enum class Fault { kForm, kTooLarge };
+enum class Fault { kForm, kTooLarge, kAmbiguous };
 
 bool SameWord(std::string_view a, std::string_view b)
 {
     const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : +c; };
     return std::equal(a.begin(), a.end(), b.begin(), b.end(),
                       [&](char x, char y) { return lower(x) == lower(y); });
-}
-
-std::string_view TakeDigits(std::string_view &text)
-{
-    const std::size_t length = std::min(text.find_first_not_of("0123456789"), text.size());
-    const std::string_view digits = text.substr(0, length);
-    text.remove_prefix(length);
-    return digits;
-}
-
-Quantity ReadQuantity(std::string_view text)
-{
-    const std::string_view whole = TakeDigits(text);
-    if (whole.empty()) throw Fault::kForm;
-    std::string digits(whole);
-    Quantity quantity;
-    if (text.starts_with('.')) {
-        text.remove_prefix(1);
-        std::string_view decimals = TakeDigits(text);
-        if (decimals.empty()) throw Fault::kForm;
-        while (decimals.ends_with('0'))
-            decimals.remove_suffix(1);
-        if (decimals.size() > kMaxDecimals) throw Fault::kForm;
-        digits += decimals;
-        for (std::size_t i = 0; i < decimals.size(); ++i)
-            quantity.scale *= 10;
-    }
-    const auto end = digits.data() + digits.size();
-    if (std::from_chars(digits.data(), end, quantity.mantissa).ec != std::errc())
-        throw Fault::kTooLarge;
-    if (text.starts_with(' ')) text.remove_prefix(1);
-    quantity.unit = text;
-    return quantity;
 }
 
 const Unit *FindUnit(std::string_view name)
@@ -104,66 +66,59 @@ const Unit *FindUnit(std::string_view name)
     return nullptr;
 }
 
-// "Mb" means a megabit to some people and a megabyte to others, so it is refused.
-bool IsAmbiguous(std::string_view unit)
-{
-    return unit.size() == 2 && unit[1] == 'b' && FindUnit(unit) != nullptr;
-}
+// mantissa / scale of the unit.
+struct Quantity {
+    std::uint64_t mantissa = 0;
+    std::uint64_t scale = 1;
+    std::string unit;
+
+    explicit Quantity(const std::string &text)
+    {
+        static const std::regex kForm("([0-9]+)(?:\\.([0-9]*?[1-9]|0)0*)? ?([A-Za-z]*)");
+        std::smatch parts;
+        if (text.size() > kLongestText || !std::regex_match(text, parts, kForm)) throw Fault::kForm;
+        const std::string decimals = parts[2] == "0" ? "" : parts[2].str();
+        if (decimals.size() > kMaxDecimals) throw Fault::kForm;
+        const auto digits = ReadNumber<std::uint64_t>(parts[1].str() + decimals);
+        if (!digits) throw Fault::kTooLarge;
+        mantissa = *digits;
+        for (std::size_t i = 0; i < decimals.size(); ++i)
+            scale *= 10;
+        unit = parts[3];
+        // "Mb" means a megabit to some people and a megabyte to others.
+        if (unit.size() == 2 && unit[1] == 'b' && FindUnit(unit) != nullptr)
+            throw Fault::kAmbiguous;
+    }
+
+    // In units of unitBits, rounded down. exact: whether nothing was cut off.
+    std::uint64_t Convert(std::uint64_t bits, std::uint64_t unitBits, bool &exact) const
+    {
+        const Wide dividend = Wide{mantissa} * bits;
+        const Wide divisor = Wide{scale} * unitBits;
+        if (dividend / divisor > Wide{kMaxBytes} * kBitsPerByte / unitBits) throw Fault::kTooLarge;
+        exact = dividend % divisor == 0;
+        return static_cast<std::uint64_t>(dividend / divisor);
+    }
+};
 
 [[noreturn]] void Refuse(const std::string &text, const std::string &why, const char *right)
 {
     throw Failure(kWrongUsage, "\"" + text + "\" " + why + ": " + right);
 }
 
+[[noreturn]] void Refuse(const std::string &text, Fault fault, const std::string &kind,
+                         const char *right)
+{
+    Refuse(text,
+           fault == Fault::kForm       ? "is not a " + kind
+           : fault == Fault::kTooLarge ? "is too large for a " + kind
+                                       : "can mean bits or bytes",
+           right);
+}
+
 constexpr const char *kRightRate = "write a number and a unit, such as 512K, 1.5M, 2G (multiples "
                                    "of 1024 bytes/s), 10MB, 10mbit, or 'unlimited'";
 constexpr const char *kRightSize = "write bytes, or a number and a unit, such as 512K, 1.5M, 10MB";
-
-// The quantity in units of unitBits, rounded down. exact: whether nothing was cut off.
-std::uint64_t Convert(const Quantity &quantity, std::uint64_t bits, std::uint64_t unitBits,
-                      bool &exact)
-{
-    const Wide dividend = Wide{quantity.mantissa} * bits;
-    const Wide divisor = Wide{quantity.scale} * unitBits;
-    const Wide most = Wide{kMaxBytes} * kBitsPerByte / unitBits;
-    if (dividend / divisor > most) throw Fault::kTooLarge;
-    exact = dividend % divisor == 0;
-    return static_cast<std::uint64_t>(dividend / divisor);
-}
-
-Rate ReadRate(const std::string &text)
-{
-    if (SameWord(text, "unlimited")) return {};
-    std::string_view rest = text;
-    if (rest.ends_with("/s")) rest.remove_suffix(2);
-    const Quantity quantity = ReadQuantity(rest);
-    if (quantity.unit.empty()) Refuse(text, "has no unit", kRightRate);
-    if (IsAmbiguous(quantity.unit)) Refuse(text, "can mean bits or bytes", kRightRate);
-    const Unit *unit = FindUnit(quantity.unit);
-    if (unit == nullptr) throw Fault::kForm;
-
-    Rate rate;
-    bool exact = true;
-    rate.kBps = Convert(quantity, unit->bits, kBytesPerKB * kBitsPerByte, exact);
-    if (rate.kBps == 0)
-        Refuse(text, "is below 1 KiB/s, the smallest rate ('unlimited' is no limit)", kRightRate);
-    if (!exact)
-        rate.note = text + " is not a whole number of KiB/s: rounded down to " +
-                    std::to_string(rate.kBps) + " KiB/s";
-    return rate;
-}
-
-std::uint64_t ReadSize(const std::string &text)
-{
-    constexpr Unit kBytes{"B", kBitsPerByte};
-    const Quantity quantity = ReadQuantity(text);
-    if (IsAmbiguous(quantity.unit)) Refuse(text, "can mean bits or bytes", kRightSize);
-    const bool bare = quantity.unit.empty() || SameWord(quantity.unit, kBytes.name);
-    const Unit *unit = bare ? &kBytes : FindUnit(quantity.unit);
-    if (unit == nullptr || unit->countsBits || (bare && quantity.scale != 1)) throw Fault::kForm;
-    bool exact = true; // bytes are never split: what is left over counts for nothing
-    return Convert(quantity, unit->bits, kBitsPerByte, exact);
-}
 
 // The number with 0 to 2 decimals.
 std::string Decimal(std::uint64_t hundredths, int decimals)
@@ -190,23 +145,36 @@ constexpr std::array<const char *, 7> kByteUnits = {"B", "KiB", "MiB", "GiB", "T
 } // namespace
 
 Rate ParseRate(const std::string &text)
-{
-    try {
-        return ReadRate(text);
-    } catch (Fault fault) {
-        Refuse(text, fault == Fault::kTooLarge ? "is too large for a rate" : "is not a rate",
-               kRightRate);
-    }
+try {
+    if (SameWord(text, "unlimited")) return {};
+    const Quantity quantity(text.ends_with("/s") ? text.substr(0, text.size() - 2) : text);
+    if (quantity.unit.empty()) Refuse(text, "has no unit", kRightRate);
+    const Unit *const unit = FindUnit(quantity.unit);
+    if (unit == nullptr) throw Fault::kForm;
+    Rate rate;
+    bool exact = true;
+    rate.kBps = quantity.Convert(unit->bits, kBytesPerKB * kBitsPerByte, exact);
+    if (rate.kBps == 0)
+        Refuse(text, "is below 1 KiB/s, the smallest rate ('unlimited' is no limit)", kRightRate);
+    if (!exact)
+        rate.note = text + " is not a whole number of KiB/s: rounded down to " +
+                    std::to_string(rate.kBps) + " KiB/s";
+    return rate;
+} catch (Fault fault) {
+    Refuse(text, fault, "rate", kRightRate);
 }
 
 std::uint64_t ParseSize(const std::string &text)
-{
-    try {
-        return ReadSize(text);
-    } catch (Fault fault) {
-        Refuse(text, fault == Fault::kTooLarge ? "is too large for a size" : "is not a size",
-               kRightSize);
-    }
+try {
+    constexpr Unit kBytes{"B", kBitsPerByte};
+    const Quantity quantity(text);
+    const bool bare = quantity.unit.empty() || SameWord(quantity.unit, kBytes.name);
+    const Unit *const unit = bare ? &kBytes : FindUnit(quantity.unit);
+    if (unit == nullptr || unit->countsBits || (bare && quantity.scale != 1)) throw Fault::kForm;
+    bool exact = true; // bytes are never split: what is left over counts for nothing
+    return quantity.Convert(unit->bits, kBitsPerByte, exact);
+} catch (Fault fault) {
+    Refuse(text, fault, "size", kRightSize);
 }
 
 std::string FormatRate(std::uint64_t kBps)
@@ -252,15 +220,12 @@ std::string FormatAllowedSpeed(std::uint64_t bytesPerSecond)
 
 std::string FormatDuration(std::uint64_t seconds)
 {
-    std::array<char, 64> text{};
-    const auto hours = static_cast<unsigned long long>(seconds / 3600);
-    const auto minutes = static_cast<unsigned>(seconds / 60 % 60);
-    const auto rest = static_cast<unsigned>(seconds % 60);
-    if (hours != 0)
-        std::snprintf(text.data(), text.size(), "%llu:%02u:%02u", hours, minutes, rest);
-    else
-        std::snprintf(text.data(), text.size(), "%u:%02u", minutes, rest);
-    return text.data();
+    const auto twoDigits = [](std::uint64_t number) {
+        return std::to_string(100 + number % 60).substr(1);
+    };
+    const std::uint64_t minutes = seconds / 60;
+    if (minutes < 60) return std::to_string(minutes) + ":" + twoDigits(seconds);
+    return std::to_string(minutes / 60) + ":" + twoDigits(minutes) + ":" + twoDigits(seconds);
 }
 
 std::string FormatProgress(std::uint32_t tenThousandths)

@@ -18,31 +18,16 @@ constexpr const char *kState = "state";
 constexpr const char *kPlan = "plan";
 constexpr const char *kNone = "none";
 
-// A plan begins with Sunday, the text with Monday.
-std::size_t DayOfRow(std::size_t row)
-{
-    return (row + 1) % kDaysOfWeek;
-}
-
-std::string RowName(std::size_t row)
-{
-    return std::string(kWeekdays[DayOfRow(row)]);
-}
-
-// Every mark but 0 and 1 means the custom rates.
-std::string RowText(const char *plan, std::size_t row)
-{
-    std::string hours(plan + DayOfRow(row) * kHoursOfDay, kHoursOfDay);
-    for (char &mark : hours)
-        mark = mark == '0' || mark == '1' ? mark : '2';
-    return hours;
-}
-
-std::string PlanRows(const char *plan)
+// A row for each day, with its name before it.
+std::string PlanRows(const std::string &plan, const std::string &before)
 {
     std::string text = "#     0     6     12    18\n";
-    for (std::size_t row = 0; row < kDaysOfWeek; ++row)
-        text += RowName(row) + " = " + RowText(plan, row) + "\n";
+    for (const std::size_t day : kDaysFromMonday) {
+        text += before + std::string(kWeekdays[day]) + " = ";
+        for (std::size_t hour = 0; hour < kHoursOfDay; ++hour)
+            text += static_cast<char>(StateOfHour(PlanOf::kRule, plan, day * kHoursOfDay + hour));
+        text += '\n';
+    }
     return text;
 }
 
@@ -115,15 +100,15 @@ std::uint64_t ReadRate(const Value &value)
     }
 }
 
-void ReadRow(const Value &value, std::size_t row, char *plan)
+void ReadRow(const Value &value, std::size_t day, char *plan)
 {
     const std::string &hours = value.text;
     if (hours.size() != kHoursOfDay || hours.find_first_not_of("012") != hours.npos)
         Refuse(
             value.line,
-            "the row of " + RowName(row) + " must be 24 times 0, 1 or 2" +
+            "the row of " + std::string(kWeekdays[day]) + " must be 24 times 0, 1 or 2" +
                 (hours.size() == kHoursOfDay ? "" : ", and has " + std::to_string(hours.size())));
-    std::copy(hours.begin(), hours.end(), plan + DayOfRow(row) * kHoursOfDay);
+    std::copy(hours.begin(), hours.end(), plan + day * kHoursOfDay);
 }
 
 // All seven rows, or "plan = none" in their place.
@@ -134,8 +119,8 @@ void ReadPlan(Values &values, char (&plan)[ZEVO_BW_PLAN_SIZE])
         if (none->text != kNone) Refuse(none->line, "write \"plan = none\" or seven rows of hours");
         return;
     }
-    for (std::size_t row = 0; row < kDaysOfWeek; ++row)
-        ReadRow(TakeRequired(values, RowName(row)), row, plan);
+    for (const std::size_t day : kDaysFromMonday)
+        ReadRow(TakeRequired(values, std::string(kWeekdays[day])), day, plan);
 }
 
 } // namespace
@@ -162,16 +147,14 @@ std::string RuleToForm(const Owner &owner, const ZEVO_BANDWIDTH_CONF &rule)
             "# 2 with its custom rates. It counts with \"state = schedule\".\n";
     if (hasPlan) {
         text << "# Write \"plan = none\" in place of the rows to do without.\n"
-             << PlanRows(rule.szSchedulePlan);
+             << PlanRows(rule.szSchedulePlan, "");
     } else {
         if (rule.szSchedulePlan[0] != '\0')
             text << "# The stored one does not have 168 hours and goes when this is saved "
                     "changed.\n";
         text << "# Write seven rows like these in place of \"plan = none\" to have one:\n"
-             << kPlan << " = " << kNone << '\n';
-        std::istringstream rows(PlanRows(std::string(kHoursOfWeek, '1').c_str()));
-        for (std::string row; std::getline(rows, row);)
-            text << (row.starts_with('#') ? "" : "#") << row << '\n';
+             << kPlan << " = " << kNone << '\n'
+             << PlanRows(std::string(kHoursOfWeek, '1'), "#");
     }
     return text.str();
 }

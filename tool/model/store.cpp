@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string_view>
 #include <tuple>
 
@@ -33,8 +34,7 @@ namespace {
 
 std::string ParentOf(const std::string &path)
 {
-    const std::size_t slash = path.rfind('/');
-    return slash == 0 ? "/" : path.substr(0, slash);
+    return std::filesystem::path(path).parent_path();
 }
 
 // 0, or the error that refuses this user. For a file that would be made, its directory counts.
@@ -98,18 +98,14 @@ std::string SectionOf(const Owner &owner)
     return ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type) + "-" + std::to_string(owner.account.id);
 }
 
-std::vector<Owner> OwnersOfRules(std::int32_t protocol)
+// After a write that the library has refused. what: "rule".
+[[noreturn]] void FailToStore(const std::string &what, const std::string &file,
+                              const std::string &section)
 {
-    std::vector<Owner> owners;
-    for (const std::string &section :
-         SectionNames(ConfPath(protocol), "rules of " + ProtocolName(protocol)))
-        if (const auto owner = ParseOwner(section))
-            owners.push_back(OwnerById(owner->type, owner->account.id));
-    std::sort(owners.begin(), owners.end(), [](const Owner &a, const Owner &b) {
-        return std::tie(a.type, a.account.name, a.account.id) <
-               std::tie(b.type, b.account.name, b.account.id);
-    });
-    return owners;
+    const std::string reason = Reason(file, section);
+    RequirePermission(file, W_OK);
+    RequirePermission(ParentOf(file), W_OK);
+    throw Failure(kFailed, "the " + what + " cannot be stored: " + reason);
 }
 
 } // namespace
@@ -190,13 +186,9 @@ ZEVO_BANDWIDTH_CONF ReadRule(const Owner &owner, std::int32_t protocol)
 
 void WriteRule(const ZEVO_BANDWIDTH_CONF &rule)
 {
-    if (ZEVOBandwidthConfSetByID(&rule) == 0) return;
-    const std::string path = ConfPath(rule.protocolType);
-    const std::string section = SectionOf({rule.ownerType, {rule.id, ""}});
-    const std::string reason = Reason(path, section);
-    RequirePermission(path, W_OK);
-    RequirePermission(ParentOf(path), W_OK);
-    throw Failure(kFailed, "the rule cannot be stored: " + reason);
+    if (ZEVOBandwidthConfSetByID(&rule) != 0)
+        FailToStore("rule", ConfPath(rule.protocolType),
+                    SectionOf({rule.ownerType, {rule.id, ""}}));
 }
 
 bool IsStored(const Owner &owner, std::int32_t protocol)
@@ -228,39 +220,45 @@ ZEVO_BANDWIDTH_GLOBAL_CONF ReadPolicy(std::int32_t protocol)
 
 void WritePolicy(ZEVO_BANDWIDTH_GLOBAL_CONF policy)
 {
-    if (ZEVOBandwidthGlobalConfSet(&policy) == 0) return;
-    const std::string path = ConfPath(ZEVO_BW_PROTOCOL_ALL);
-    const std::string reason = Reason(path, ProtocolName(policy.protocolType));
-    RequirePermission(path, W_OK);
-    RequirePermission(ParentOf(path), W_OK);
-    throw Failure(kFailed, "the policy cannot be stored: " + reason);
+    if (ZEVOBandwidthGlobalConfSet(&policy) != 0)
+        FailToStore("policy", ConfPath(ZEVO_BW_PROTOCOL_ALL), ProtocolName(policy.protocolType));
 }
 
-std::vector<std::string> SectionNames(const std::string &path, const std::string &what)
+void ForEachSection(const std::string &path, const std::string &what,
+                    const std::function<void(const std::string &)> &visit)
 {
     RequirePermission(path, R_OK);
-    std::vector<std::string> names;
-    if (VLIBCFileExist(path.c_str()) == 0) return names;
-    const List list = ListSections(path);
-    if (!list) throw Failure(kFailed, "the " + what + " cannot be listed: " + Reason(path, "*"));
-    for (const char *const name : Items(list))
-        names.emplace_back(name);
-    return names;
+    if (VLIBCFileExist(path.c_str()) == 0) return;
+    const List sections = ListSections(path);
+    if (!sections)
+        throw Failure(kFailed, "the " + what + " cannot be listed: " + Reason(path, "*"));
+    for (const char *const section : Items(sections))
+        visit(section);
 }
 
 std::vector<StoredRule> ReadRules(const std::vector<std::int32_t> &protocols, int &failures)
 {
     std::vector<StoredRule> rules;
+    const auto key = [](const StoredRule &stored) {
+        return std::tie(stored.owner.type, stored.owner.account.name, stored.owner.account.id);
+    };
     for (const std::int32_t protocol : protocols) {
-        for (const Owner &owner : OwnersOfRules(protocol)) {
+        const auto before = static_cast<std::ptrdiff_t>(rules.size());
+        const auto read = [&](const std::string &section) {
+            const auto owner = ParseOwner(section);
+            if (!owner) return;
             try {
-                rules.push_back({owner, ReadRule(owner, protocol)});
+                const Owner named = OwnerById(owner->type, owner->account.id);
+                rules.push_back({named, ReadRule(named, protocol)});
             } catch (const Failure &failure) {
                 if (failure.status() != kFailed) throw;
                 PrintNote(std::string("zevobandwidth: ") + failure.what());
                 ++failures;
             }
-        }
+        };
+        ForEachSection(ConfPath(protocol), "rules of " + ProtocolName(protocol), read);
+        std::sort(rules.begin() + before, rules.end(),
+                  [&](const auto &a, const auto &b) { return key(a) < key(b); });
     }
     return rules;
 }
@@ -286,26 +284,17 @@ std::string WhyNothingIsLimited(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
 {
     const std::string name = ProtocolName(policy.protocolType);
     const std::string command = "zevobandwidth policy set -p " + name;
-    switch (policy.state) {
-    case ZEVO_BW_STATE_NOT_EXISTED:
-        return name +
-               " has no policy yet, so nothing is limited on it, whatever its rules say. "
-               "Switch its limits on with: " +
-               command;
-    case ZEVO_BW_STATE_DISABLED:
-        return "the policy of " + name +
-               " is disabled, so nothing is limited on it, whatever its rules say. Switch its "
-               "limits on with: " +
-               command + " --state enabled";
-    case ZEVO_BW_STATE_SCHEDULE:
-        if (HasWholePlan(policy.szSchedulePlan)) return "";
-        return "the policy of " + name +
-               " follows a schedule, but has no plan of 168 hours: in hours without a mark "
-               "nothing is limited. Limit at all hours with: " +
-               command + " --state enabled";
-    default:
-        return "";
-    }
+    const std::string nothing = ", so nothing is limited on it, whatever its rules say. Switch its "
+                                "limits on with: " +
+                                command;
+    if (policy.state == ZEVO_BW_STATE_NOT_EXISTED) return name + " has no policy yet" + nothing;
+    if (policy.state == ZEVO_BW_STATE_DISABLED)
+        return "the policy of " + name + " is disabled" + nothing + " --state enabled";
+    if (policy.state != ZEVO_BW_STATE_SCHEDULE || HasWholePlan(policy.szSchedulePlan)) return "";
+    return "the policy of " + name +
+           " follows a schedule, but has no plan of 168 hours: in hours without a mark nothing is "
+           "limited. Limit at all hours with: " +
+           command + " --state enabled";
 }
 
 } // namespace tool

@@ -4,6 +4,7 @@
 #define ZEVOBW_TOOL_MODEL_STORE_HPP
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,10 @@ namespace tool {
 struct Owner {
     std::int32_t type = ZEVO_BW_OWNER_USER;
     Account account;
+    bool operator==(const Owner &other) const
+    {
+        return type == other.type && account.id == other.account.id;
+    }
 };
 
 // "user alice".
@@ -45,9 +50,10 @@ std::string ConfPath(std::int32_t protocol);
 std::string PlaceOfRule(const Owner &owner, std::int32_t protocol);
 std::string PlaceOfPolicy(std::int32_t protocol);
 
-// The sections of a section file; none if there is no such file. what: "rules of ftp". Throws
-// Failure as ReadRule().
-std::vector<std::string> SectionNames(const std::string &path, const std::string &what);
+// Calls visit() with each section of a section file, in file order; reading them in that order costs
+// one reading of the file. what: "rules of ftp". Throws Failure as ReadRule().
+void ForEachSection(const std::string &path, const std::string &what,
+                    const std::function<void(const std::string &)> &visit);
 
 // A rule or policy that is not stored has the state NotExisted. All throw Failure: kNotPermitted if
 // the file system refuses this user, else kFailed with the file and the remedy.
