@@ -29,50 +29,39 @@ void AddUnknownNames(const std::vector<std::int32_t> &protocols, Faults &faults)
         const std::string path = ConfPath(protocol);
         names.insert(ProtocolName(protocol));
         ForEachSection(path, "rules of " + ProtocolName(protocol), [&](const std::string &section) {
-            if (const auto owner = ParseOwner(section);
-                owner && ReadSection(path, section.c_str(), pairs))
-                add(PlaceOfRule(*owner, protocol), UnknownNameInRule(*pairs));
+            if (ParseOwner(section) && ReadSection(path, section.c_str(), pairs))
+                add(PlaceText(path, section), UnknownNameInRule(*pairs));
         });
     }
     const std::string path = ConfPath(ZEVO_BW_PROTOCOL_ALL);
     ForEachSection(path, "policies", [&](const std::string &section) {
         if (names.contains(section) && ReadSection(path, section.c_str(), pairs))
-            add(PlaceOfPolicy(FindProtocol(section)), UnknownNameInPolicy(*pairs));
+            add(PlaceText(path, section), UnknownNameInPolicy(*pairs));
     });
 }
 
 // JSON is UTF-8 and nothing else.
-void AddUnfitNames(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies,
-                   const std::vector<StoredRule> &rules, Faults &faults)
+void AddUnfitNames(const std::vector<Setting> &settings, Faults &faults)
 {
-    const auto check = [&faults](std::int32_t protocol, const std::string &place) {
-        if (!IsUtf8(ProtocolName(protocol)))
-            faults.push_back(place +
+    for (const Setting &setting : settings) {
+        if (!IsUtf8(ProtocolName(setting.protocol())))
+            faults.push_back(setting.Place() +
                              ": the name of the add-on is no UTF-8; rename its file, and with "
                              "it this file or section");
-    };
-    for (const auto &policy : policies)
-        if (policy.state != ZEVO_BW_STATE_NOT_EXISTED)
-            check(policy.protocolType, PlaceOfPolicy(policy.protocolType));
-    for (const auto &[owner, rule] : rules) {
-        const std::string place = PlaceOfRule(owner, rule.protocolType);
-        check(rule.protocolType, place);
-        if (!IsUtf8(owner.account.name))
-            faults.push_back(place + ": the name of the owner is no UTF-8; export ids with "
-                                     "--numeric");
+        if (setting.owner && !IsUtf8(setting.owner->account.name))
+            faults.push_back(setting.Place() +
+                             ": the name of the owner is no UTF-8; export ids with --numeric");
     }
 }
 
 void Export(const std::string &file)
 {
-    const std::vector<std::int32_t> protocols = ProtocolsToList("");
     int failures = 0;
-    const std::vector<StoredRule> rules = ReadRules(protocols, failures);
-    const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies = ReadPolicies();
+    const std::vector<Setting> settings = ReadSettings(failures);
     Faults faults;
-    AddUnknownNames(protocols, faults);
-    AddUnfitNames(policies, rules, faults);
-    const ConfigText config = ConfigToText(policies, rules);
+    AddUnknownNames(ProtocolsToList(""), faults);
+    AddUnfitNames(settings, faults);
+    const ConfigText config = ConfigToText(settings);
     if (faults.empty())
         for (const auto &[line, text] : ConfigFromText(config.text).faults)
             faults.push_back(config.sources.at(line) + ": " + text);

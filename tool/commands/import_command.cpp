@@ -9,7 +9,6 @@
 #include <map>
 #include <memory>
 #include <set>
-#include <tuple>
 
 #include "base/descriptor.hpp"
 #include "command.hpp"
@@ -76,7 +75,7 @@ Configuration ReadConfiguration(const std::string &file)
 // ---- what would change ----
 
 // "upload 1 MiB/s → 2 MiB/s, plan another"; empty when nothing differs.
-template <typename Record> std::string Differences(const Record &old, const Record &now)
+std::string Differences(const Setting &old, const Setting &now)
 {
     const std::vector<Field> before = Fields(old);
     const std::vector<Field> after = Fields(now);
@@ -93,39 +92,25 @@ template <typename Record> std::string Differences(const Record &old, const Reco
 // What an import changes.
 class Changes {
 public:
-    void AddPolicies(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies)
+    explicit Changes(const std::vector<Setting> &wanted)
     {
-        for (const auto &stored : ReadPolicies()) // those that are in the file are subtracted below
-            kept_ += stored.state == ZEVO_BW_STATE_NOT_EXISTED ? 0 : 1;
-        for (const auto &policy : policies) {
-            const ZEVO_BANDWIDTH_GLOBAL_CONF old = ReadPolicy(policy.protocolType);
-            const bool isStored = old.state != ZEVO_BW_STATE_NOT_EXISTED;
-            kept_ -= isStored ? 1 : 0;
-            if (Compare("policy of " + ProtocolName(policy.protocolType), isStored ? &old : nullptr,
-                        policy, isStored ? ToJson(old) : Json(nullptr), ToJson(policy),
-                        "policy of " + OneLine(policy)))
-                policies_.push_back(policy);
-        }
-    }
-
-    void AddRules(const std::vector<StoredRule> &rules)
-    {
-        const auto key = [](const ZEVO_BANDWIDTH_CONF &rule) {
-            return std::tuple(rule.protocolType, rule.ownerType, rule.id);
-        };
-        int failures = 0; // reported by ReadRules(); such a rule is replaced
-        std::map<std::tuple<std::int32_t, std::int32_t, std::uint32_t>, ZEVO_BANDWIDTH_CONF> stored;
-        for (const auto &[owner, rule] : ReadRules(ProtocolsToList(""), failures))
-            stored.emplace(key(rule), rule);
-        kept_ += static_cast<int>(stored.size()) + failures;
-        for (const auto &[owner, rule] : rules) {
-            const auto found = stored.find(key(rule));
-            const ZEVO_BANDWIDTH_CONF *const old = found == stored.end() ? nullptr : &found->second;
-            kept_ -= old == nullptr ? 0 : 1;
-            const std::string name = OwnerText(owner) + ", " + ProtocolName(rule.protocolType);
-            if (Compare(name, old, rule, old == nullptr ? Json(nullptr) : ToJson(owner, *old),
-                        ToJson(owner, rule), OneLine(owner, rule)))
-                rules_.push_back(rule);
+        int failures = 0; // reported by ReadSettings(); such a rule is replaced
+        std::map<Setting::SettingKey, Setting> stored;
+        for (const Setting &setting : ReadSettings(failures))
+            stored.emplace(setting.Key(), setting);
+        kept_ = static_cast<int>(stored.size()) + failures;
+        for (const Setting &setting : wanted) {
+            const auto old = stored.find(setting.Key());
+            if (old == stored.end()) {
+                Note("added", OneLine(setting), nullptr, setting);
+                ++added_;
+                continue;
+            }
+            --kept_;
+            const std::string differences = Differences(old->second, setting);
+            ++(differences.empty() ? unchanged_ : changed_);
+            if (!differences.empty())
+                Note("changed", NameOf(setting) + ": " + differences, ToJson(old->second), setting);
         }
     }
 
@@ -146,30 +131,18 @@ public:
                   " stored ones are not in the file and stay");
     }
 
-    const auto &policies() const { return policies_; }
-    const auto &rules() const { return rules_; }
+    const std::vector<Setting> &settings() const { return settings_; }
 
 private:
-    // True when there is something to write. old is null for what is not stored yet.
-    template <typename Record>
-    bool Compare(const std::string &name, const Record *old, const Record &now, const Json &oldJson,
-                 const Json &nowJson, const std::string &nowLine)
+    void Note(const std::string &change, const std::string &what, const Json &old,
+              const Setting &now)
     {
-        const std::string difference = old == nullptr ? "" : Differences(*old, now);
-        if (old != nullptr && difference.empty()) {
-            ++unchanged_;
-            return false;
-        }
-        ++(old == nullptr ? added_ : changed_);
-        const char *const change = old == nullptr ? "added" : "changed";
-        lines_.push_back(std::string(change) + ": " +
-                         (old == nullptr ? nowLine : name + ": " + difference));
-        differences_.push_back({{"change", change}, {"from", oldJson}, {"to", nowJson}});
-        return true;
+        settings_.push_back(now);
+        lines_.push_back(change + ": " + what);
+        differences_.push_back({{"change", change}, {"from", old}, {"to", ToJson(now)}});
     }
 
-    std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies_; // those to be written
-    std::vector<ZEVO_BANDWIDTH_CONF> rules_;
+    std::vector<Setting> settings_; // those to be written
     int added_ = 0;
     int changed_ = 0;
     int unchanged_ = 0;
@@ -218,9 +191,8 @@ using Backups = std::vector<std::unique_ptr<FileBackup>>;
 Backups BackUp(const Changes &changes)
 {
     std::set<std::string> files;
-    if (!changes.policies().empty()) files.insert(ConfPath(ZEVO_BW_PROTOCOL_ALL));
-    for (const auto &rule : changes.rules())
-        files.insert(ConfPath(rule.protocolType));
+    for (const Setting &setting : changes.settings())
+        files.insert(setting.File());
     Backups backups;
     for (const std::string &file : files)
         backups.push_back(std::make_unique<FileBackup>(file));
@@ -247,13 +219,12 @@ void Write(const Changes &changes)
     const HeldInterrupts interrupts;
     const Backups backups = BackUp(changes);
     try {
-        for (const auto &policy : changes.policies()) {
+        for (const Setting &setting : changes.settings()) {
             interrupts.ThrowIfPending();
-            WritePolicy(policy);
-        }
-        for (const auto &rule : changes.rules()) {
-            interrupts.ThrowIfPending();
-            WriteRule(rule);
+            if (setting.owner)
+                WriteRule(setting.rule);
+            else
+                WritePolicy(setting.policy);
         }
     } catch (const Failure &failure) {
         PutBack(backups, failure.what());
@@ -263,10 +234,7 @@ void Write(const Changes &changes)
 
 void Import(const ImportArguments &arguments)
 {
-    const Configuration configuration = ReadConfiguration(arguments.file);
-    Changes changes;
-    changes.AddPolicies(configuration.policies);
-    changes.AddRules(configuration.rules);
+    const Changes changes(ReadConfiguration(arguments.file).settings);
     CarryOut(arguments.change, [&changes] { Write(changes); });
     changes.Print(arguments.change.isDryRun);
 }
@@ -275,17 +243,16 @@ void Import(const ImportArguments &arguments)
 
 void AddImportCommand(CLI::App &app)
 {
-    const auto arguments = std::make_shared<ImportArguments>();
-    CLI::App *command =
-        app.add_subcommand("import", "Take over the rules and policies of an exported file");
+    const auto [command, arguments] =
+        AddCommand(app, "import", "Take over the rules and policies of an exported file", Import);
     command
-        ->add_option("file", arguments->file,
-                     "Where from; without it, or with -, from standard input")
+        .add_option("file", arguments.file,
+                    "Where from; without it, or with -, from standard input")
         ->type_name("FILE")
         ->check(kNotEmpty);
-    AddChangeOptions(*command, arguments->change);
-    AddOutputOptions(*command);
-    command->footer(
+    AddChangeOptions(command, arguments.change);
+    AddOutputOptions(command);
+    command.footer(
         "Rules and policies of the file are added or replace what is stored; what is stored and\n"
         "not in the file stays. Owners go by their names, so that ids may differ between "
         "machines;\n"
@@ -297,7 +264,6 @@ void AddImportCommand(CLI::App &app)
         "  zevobandwidth import limits.json --dry-run\n"
         "  zevobandwidth import limits.json\n"
         "  ssh other zevobandwidth export | zevobandwidth import\n");
-    command->callback([arguments] { Import(*arguments); });
 }
 
 } // namespace tool

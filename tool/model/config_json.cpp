@@ -10,7 +10,6 @@
 #include <optional>
 #include <set>
 #include <sstream>
-#include <tuple>
 #include <unordered_map>
 
 #include "failure.hpp"
@@ -31,43 +30,35 @@ constexpr std::uint32_t kNobody = std::numeric_limits<std::uint32_t>::max();
 
 // ---- to text ----
 
-struct StoredEntry {
-    Json json;
-    std::string source;
-};
-
-void AppendList(ConfigText &config, const char *key, const std::vector<StoredEntry> &entries)
+// The policies, or the rules.
+void AppendList(ConfigText &config, const char *key, const std::vector<Setting> &settings,
+                bool isOfRules)
 {
-    auto line = std::count(config.text.begin(), config.text.end(), '\n') + 1;
+    int line = static_cast<int>(std::count(config.text.begin(), config.text.end(), '\n')) + 1;
+    const int before = line;
     config.text += std::string("  \"") + key + "\": [";
-    for (const StoredEntry &entry : entries) {
-        config.text += (&entry == &entries.front() ? "\n    " : ",\n    ") + JsonText(entry.json);
-        config.sources[static_cast<int>(++line)] = entry.source;
+    for (const Setting &setting : settings) {
+        if (setting.owner.has_value() != isOfRules) continue;
+        Json json = ToJson(setting);
+        // An id in digits would be read as a name.
+        if (isOfRules && (OutputStyle().numeric || !IsKnown(*setting.owner)))
+            json["name"] = nullptr;
+        config.text += (line == before ? "\n    " : ",\n    ") + JsonText(json);
+        config.sources[++line] = setting.Place();
     }
-    config.text += entries.empty() ? "]" : "\n  ]";
+    config.text += line == before ? "]" : "\n  ]";
 }
 
 } // namespace
 
-ConfigText ConfigToText(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies,
-                        const std::vector<StoredRule> &rules)
+ConfigText ConfigToText(const std::vector<Setting> &settings)
 {
-    std::vector<StoredEntry> policyEntries;
-    for (const auto &policy : policies)
-        if (policy.state != ZEVO_BW_STATE_NOT_EXISTED)
-            policyEntries.push_back({ToJson(policy), PlaceOfPolicy(policy.protocolType)});
-    std::vector<StoredEntry> ruleEntries;
-    for (const auto &[owner, rule] : rules) {
-        ruleEntries.push_back({ToJson(owner, rule), PlaceOfRule(owner, rule.protocolType)});
-        // An id in digits would be read as a name.
-        if (OutputStyle().numeric || !IsKnown(owner)) ruleEntries.back().json["name"] = nullptr;
-    }
     ConfigText config;
     config.text = std::string("{\n  \"format\": \"") + kFormat +
                   "\",\n  \"version\": " + std::to_string(kVersion) + ",\n";
-    AppendList(config, kPolicies, policyEntries);
+    AppendList(config, kPolicies, settings, false);
     config.text += ",\n";
-    AppendList(config, kRules, ruleEntries);
+    AppendList(config, kRules, settings, true);
     config.text += "\n}";
     return config;
 }
@@ -311,14 +302,12 @@ private:
                 policy.*choice.field = *value;
         }
         entry.Plan("plan", kPolicyPlanMarks, policy.szSchedulePlan);
-        if (policy.protocolType != 0) RefuseSecond(entry, policy.protocolType, 0, 0);
-        result_.policies.push_back(policy);
+        Add(entry, Setting(policy));
     }
 
     void ReadRule(Entry &entry)
     {
-        StoredRule stored{};
-        ZEVO_BANDWIDTH_CONF &rule = stored.rule;
+        ZEVO_BANDWIDTH_CONF rule{};
         rule.protocolType = ReadProtocol(entry);
         const auto owner = ReadOwner(entry);
         const auto names = ValueNames(ZEVO_BW_STATE_LIST);
@@ -327,11 +316,9 @@ private:
             rule.*rate.field = entry.RateOrUnlimited(rate.key);
         entry.Plan("plan", kRulePlanMarks, rule.szSchedulePlan);
         if (!owner) return;
-        stored.owner = *owner;
         rule.ownerType = owner->type;
         rule.id = owner->account.id;
-        if (rule.protocolType != 0) RefuseSecond(entry, rule.protocolType, rule.ownerType, rule.id);
-        result_.rules.push_back(std::move(stored));
+        Add(entry, Setting(*owner, rule));
     }
 
     // 0 after a fault.
@@ -407,12 +394,13 @@ private:
         return owner;
     }
 
-    // The owner type is 0 for a policy.
-    void RefuseSecond(Entry &entry, std::int32_t protocol, std::int32_t ownerType, std::uint32_t id)
+    void Add(Entry &entry, const Setting &setting)
     {
-        const auto [place, isNew] = seen_.try_emplace({protocol, ownerType, id}, entry.line());
+        result_.settings.push_back(setting);
+        if (setting.protocol() == 0) return; // told already
+        const auto [place, isNew] = seen_.try_emplace(setting.Key(), entry.line());
         if (!isNew)
-            entry.Fault("", std::string("a second ") + (ownerType == 0 ? "policy" : "rule") +
+            entry.Fault("", std::string("a second ") + (setting.owner ? "rule" : "policy") +
                                 " for what line " + std::to_string(place->second) + " is about");
     }
 
@@ -420,7 +408,7 @@ private:
     Json json_;
     Lines lines_;
     std::map<std::string, std::int32_t> protocols_; // looked up once each
-    std::map<std::tuple<std::int32_t, std::int32_t, std::uint32_t>, int> seen_; // lines
+    std::map<Setting::SettingKey, int> seen_;       // lines
 };
 
 } // namespace

@@ -17,10 +17,9 @@ struct ConfigText {
     std::map<int, std::string> sources; // where the entry of a line is stored
 };
 
-// In the order given; policies that are not stored are left out. An owner whom the user database
-// does not know is written without a name.
-ConfigText ConfigToText(const std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> &policies,
-                        const std::vector<StoredRule> &rules);
+// Policies before rules, else in the order given. An owner whom the user database does not know is
+// written without a name.
+ConfigText ConfigToText(const std::vector<Setting> &settings);
 
 // Something to say about a line of the text, counted from 1.
 struct Remark {
@@ -29,8 +28,7 @@ struct Remark {
 };
 
 struct Configuration {
-    std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> policies;
-    std::vector<StoredRule> rules;
+    std::vector<Setting> settings;
     std::vector<Remark> faults; // by line; if there is any, do not use the entries
     std::vector<Remark> notes;  // owners that have another id or name here
 };

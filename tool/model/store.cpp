@@ -12,13 +12,17 @@
 #include <cstring>
 #include <filesystem>
 #include <string_view>
-#include <tuple>
 
 #include "failure.hpp"
 #include "model/section.hpp"
 #include "output.hpp"
 
 namespace tool {
+
+std::string PlaceText(const std::string &file, const std::string &section)
+{
+    return "section [" + section + "] of " + file;
+}
 
 std::string ConfPath(std::int32_t protocol)
 {
@@ -58,11 +62,6 @@ void RequirePermission(const std::string &path, int mode)
     throw Failure(kNotPermitted, "not permitted to " +
                                      std::string(mode == W_OK ? "write" : "read") + " " + path +
                                      ": " + std::strerror(error) + "; " + remedy);
-}
-
-std::string PlaceText(const std::string &file, const std::string &section)
-{
-    return "section [" + section + "] of " + file;
 }
 
 // The error slot in words, after "the rule of ... cannot be read: ".
@@ -121,14 +120,19 @@ std::string RuleOptions(const Owner &owner, std::int32_t protocol)
            ProtocolName(protocol);
 }
 
-std::string PlaceOfRule(const Owner &owner, std::int32_t protocol)
+std::string Setting::File() const
 {
-    return PlaceText(ConfPath(protocol), SectionOf(owner));
+    return ConfPath(owner ? protocol() : static_cast<std::int32_t>(ZEVO_BW_PROTOCOL_ALL));
 }
 
-std::string PlaceOfPolicy(std::int32_t protocol)
+std::string Setting::Section() const
 {
-    return PlaceText(ConfPath(ZEVO_BW_PROTOCOL_ALL), ProtocolName(protocol));
+    return owner ? SectionOf(*owner) : ProtocolName(protocol());
+}
+
+std::string Setting::Place() const
+{
+    return PlaceText(File(), Section());
 }
 
 Owner OwnerById(std::int32_t type, std::uint32_t id)
@@ -278,6 +282,16 @@ std::vector<ZEVO_BANDWIDTH_GLOBAL_CONF> ReadPolicies()
     for (const std::int32_t protocol : ProtocolsToList(""))
         policies.push_back(ReadPolicy(protocol));
     return policies;
+}
+
+std::vector<Setting> ReadSettings(int &failures)
+{
+    std::vector<Setting> settings;
+    for (const ZEVO_BANDWIDTH_GLOBAL_CONF &policy : ReadPolicies())
+        if (policy.state != ZEVO_BW_STATE_NOT_EXISTED) settings.emplace_back(policy);
+    for (const auto &[owner, rule] : ReadRules(ProtocolsToList(""), failures))
+        settings.emplace_back(owner, rule);
+    return settings;
 }
 
 std::string WhyNothingIsLimited(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include <zevobandwidth.h>
@@ -46,9 +47,8 @@ std::optional<Owner> ParseOwner(std::string_view section);
 // The rule file of a protocol, or the global file. Throws Failure for a protocol without a name.
 std::string ConfPath(std::int32_t protocol);
 
-// "section [user-2001] of FILE": where a rule or a policy stands.
-std::string PlaceOfRule(const Owner &owner, std::int32_t protocol);
-std::string PlaceOfPolicy(std::int32_t protocol);
+// "section [user-2001] of FILE".
+std::string PlaceText(const std::string &file, const std::string &section);
 
 // Calls visit() with each section of a section file, in file order; reading them in that order costs
 // one reading of the file. what: "rules of ftp". Throws Failure as ReadRule().
@@ -77,6 +77,35 @@ struct StoredRule {
 // All rules of these protocols, in the order of the protocols, users before groups, then by name. A
 // rule that cannot be read is reported on standard error and counted in failures.
 std::vector<StoredRule> ReadRules(const std::vector<std::int32_t> &protocols, int &failures);
+
+// A rule, or a protocol's policy when there is no owner.
+struct Setting {
+    Setting(const Owner &itsOwner, const ZEVO_BANDWIDTH_CONF &itsRule)
+        : owner(itsOwner), rule(itsRule)
+    {
+    }
+    explicit Setting(const ZEVO_BANDWIDTH_GLOBAL_CONF &itsPolicy) : policy(itsPolicy) {}
+
+    std::int32_t protocol() const { return owner ? rule.protocolType : policy.protocolType; }
+    std::int32_t state() const { return owner ? rule.state : policy.state; }
+    std::string plan() const { return owner ? rule.szSchedulePlan : policy.szSchedulePlan; }
+    std::string File() const;
+    std::string Section() const;
+    std::string Place() const; // "section [user-2001] of FILE"
+    // Orders settings; the owner type is 0 for a policy.
+    using SettingKey = std::tuple<std::int32_t, std::int32_t, std::uint32_t>;
+    SettingKey Key() const
+    {
+        return {protocol(), owner ? owner->type : 0, owner ? owner->account.id : 0};
+    }
+
+    std::optional<Owner> owner;
+    ZEVO_BANDWIDTH_CONF rule{};
+    ZEVO_BANDWIDTH_GLOBAL_CONF policy{};
+};
+
+// All stored policies, then all rules, as ReadRules() gives them.
+std::vector<Setting> ReadSettings(int &failures);
 
 // The protocol of that name; all known ones for an empty name. Throws Failure as FindProtocol().
 std::vector<std::int32_t> ProtocolsToList(const std::string &name);

@@ -92,4 +92,26 @@ Json ToJson(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy)
     return json;
 }
 
+std::string NameOf(const Setting &setting)
+{
+    const std::string protocol = ProtocolName(setting.protocol());
+    return setting.owner ? OwnerText(*setting.owner) + ", " + protocol : "policy of " + protocol;
+}
+
+std::string OneLine(const Setting &setting)
+{
+    return setting.owner ? OneLine(*setting.owner, setting.rule)
+                         : "policy of " + OneLine(setting.policy);
+}
+
+Json ToJson(const Setting &setting)
+{
+    return setting.owner ? ToJson(*setting.owner, setting.rule) : ToJson(setting.policy);
+}
+
+std::vector<Field> Fields(const Setting &setting)
+{
+    return setting.owner ? Fields(setting.rule) : Fields(setting.policy);
+}
+
 } // namespace tool

@@ -90,6 +90,12 @@ std::string OneLine(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy);
 
 Json ToJson(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy);
 
+// The same of either; a policy is named "policy of ftp".
+std::string NameOf(const Setting &setting);
+std::string OneLine(const Setting &setting);
+Json ToJson(const Setting &setting);
+std::vector<Field> Fields(const Setting &setting);
+
 } // namespace tool
 
 #endif // ZEVOBW_TOOL_MODEL_TEXTS_HPP
