@@ -4,7 +4,6 @@
 
 #include <memory>
 #include <string>
-#include <utility>
 
 #include <CLI/CLI.hpp>
 
@@ -12,14 +11,20 @@
 
 namespace tool {
 
-// Adds a command below the parent. Its options are to be bound to the arguments that this returns,
-// with which it runs.
+// A command and its arguments, which live as long as the command line.
+template <typename Arguments> struct Added {
+    CLI::App &command;
+    Arguments &arguments;
+};
+
+// The callback is run(arguments).
 template <typename Arguments>
-std::pair<CLI::App &, Arguments &> AddCommand(CLI::App &parent, const char *name, const char *help,
-                                              void (*run)(const Arguments &))
+Added<Arguments> AddCommand(CLI::App &parent, const std::string &name, const std::string &about,
+                            void (*run)(const Arguments &), const std::string &footer = "")
 {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App *command = parent.add_subcommand(name, help);
+    CLI::App *command = parent.add_subcommand(name, about);
+    command->footer(footer);
     command->callback([arguments, run] { run(*arguments); });
     return {*command, *arguments};
 }
@@ -43,6 +48,9 @@ void AddMetricsCommand(CLI::App &app);
 void AddSimulateCommand(CLI::App &app);
 void AddDumpCommand(CLI::App &app);
 void AddCompletionCommand(CLI::App &app);
+
+// The hidden command that the shells' scripts run. It takes every word after it as a plain word.
+inline constexpr const char *kCompleteCommand = "__complete";
 
 } // namespace tool
 

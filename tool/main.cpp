@@ -7,9 +7,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <clocale>
 #include <csignal>
 #include <exception>
-#include <memory>
 #include <new>
 #include <sstream>
 #include <string>
@@ -19,7 +19,6 @@
 #include <zevobandwidth.h>
 
 #include "command.hpp"
-#include "completion.hpp"
 #include "help.hpp"
 #include "output.hpp"
 
@@ -104,7 +103,7 @@ std::vector<std::string> Words(int argc, char **argv)
 int Run(int argc, char **argv)
 {
     CLI::App app("Bandwidth limits per user, group and protocol", "zevobandwidth");
-    app.formatter(std::make_shared<tool::HelpFormatter>()); // the commands inherit it
+    app.formatter(tool::MakeHelpFormatter()); // the commands inherit it
     app.require_subcommand(1);
     app.set_version_flag("--version", Version(), "Print the version and exit");
     app.footer("Upload always means from the client to this server, download from this server to\n"
@@ -154,7 +153,8 @@ int main(int argc, char **argv)
     // So a write beyond the file-size limit fails, as on a full disk.
     std::signal(SIGXFSZ, SIG_IGN);
     KeepStandardStreamsTaken();
-    ::umask(022); // every service must be able to read the rules
+    std::setlocale(LC_CTYPE, "C.UTF-8"); // for the width of characters
+    ::umask(022);                        // every service must be able to read the rules
     try {
         return Run(argc, argv);
     } catch (const Failure &failure) {

@@ -11,6 +11,40 @@
 
 namespace tool {
 
+namespace {
+
+constexpr double kMaxSeconds = 86400;
+
+const CLI::Validator kProcessId(
+    [](const std::string &text) {
+        const bool isPid = ReadNumber<pid_t>(text).value_or(0) > 0;
+        return std::string(isPid ? "" : "must be the number of a process");
+    },
+    "");
+
+void AddOutputFlag(CLI::App &command, const char *names, bool &flag, const char *help,
+                   const char *whySenseless)
+{
+    if (whySenseless == nullptr) {
+        command.add_flag(names, flag, help);
+        return;
+    }
+    const std::string option = std::strstr(names, "--");
+    const auto refuse = [name = command.get_name(), option, whySenseless](std::int64_t) {
+        throw Failure(kWrongUsage, name + " has no " + option + ": " + whySenseless);
+    };
+    command.add_flag_function(names, refuse)->group("");
+}
+
+std::string StateNames(PlanOf of)
+{
+    std::string names = HourStateName(of, HourState::kOff);
+    names += "," + HourStateName(of, HourState::kNormal);
+    return of == PlanOf::kPolicy ? names : names + "," + HourStateName(of, HourState::kCustom);
+}
+
+} // namespace
+
 Owner OwnerOption::Find() const
 {
     if (!IsGiven()) throw Failure(kWrongUsage, "name the owner: -u USER or -g GROUP");
@@ -97,19 +131,6 @@ void AddTransferSelection(CLI::App &command, TransferSelection &selection)
               ZEVO_BW_TRANSFER_TYPE_LIST, "Only this direction");
 }
 
-namespace {
-
-constexpr double kMaxSeconds = 86400;
-
-const CLI::Validator kProcessId(
-    [](const std::string &text) {
-        const bool isPid = ReadNumber<pid_t>(text).value_or(0) > 0;
-        return std::string(isPid ? "" : "must be the number of a process");
-    },
-    "");
-
-} // namespace
-
 void AddEndingOptions(CLI::App &command, EndingOptions &ending, const std::string &yesHelp)
 {
     AddUserOption(command, ending.user, "Whose transfers: a name or a numeric id");
@@ -135,24 +156,6 @@ CLI::Option *AddSecondsOption(CLI::App &command, const std::string &name, double
         ->check(CLI::Validator(check, ""))
         ->type_name("SECONDS");
 }
-
-namespace {
-
-void AddOutputFlag(CLI::App &command, const char *names, bool &flag, const char *help,
-                   const char *whySenseless)
-{
-    if (whySenseless == nullptr) {
-        command.add_flag(names, flag, help);
-        return;
-    }
-    const std::string option = std::strstr(names, "--");
-    const auto refuse = [name = command.get_name(), option, whySenseless](std::int64_t) {
-        throw Failure(kWrongUsage, name + " has no " + option + ": " + whySenseless);
-    };
-    command.add_flag_function(names, refuse)->group("");
-}
-
-} // namespace
 
 void AddOutputOptions(CLI::App &command, const Senseless &senseless)
 {
@@ -191,17 +194,6 @@ std::optional<std::string> PlanOptions::Read(PlanOf of) const
     if (!rules) return std::nullopt;
     return ParsePlan(of, *rules, base ? ParseHourState(of, *base) : HourState::kNormal);
 }
-
-namespace {
-
-std::string StateNames(PlanOf of)
-{
-    std::string names = HourStateName(of, HourState::kOff);
-    names += "," + HourStateName(of, HourState::kNormal);
-    return of == PlanOf::kPolicy ? names : names + "," + HourStateName(of, HourState::kCustom);
-}
-
-} // namespace
 
 void AddPlanOptions(CLI::App &command, PlanOf of, PlanOptions &plan)
 {

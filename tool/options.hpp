@@ -21,6 +21,10 @@ struct OwnerOption {
     bool IsGiven() const { return !user.empty() || !group.empty(); }
     // Throws Failure when no owner is given, or the user database does not know it.
     Owner Find() const;
+    std::optional<Owner> FindIfGiven() const
+    {
+        return IsGiven() ? std::optional(Find()) : std::nullopt;
+    }
     // The same for an owner that may have left the user database: its id is accepted if isStored()
     // says that something of it is stored.
     Owner FindStored(const std::function<bool(const Owner &)> &isStored) const;

@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
+#include <iostream>
 #include <memory>
 #include <new>
 
@@ -104,11 +106,22 @@ std::string Paint(Color color, const std::string &text)
     return std::string("\033[") + kCodes[static_cast<std::size_t>(color)] + "m" + text + "\033[0m";
 }
 
-// A column for each character: near enough for names.
+Glyph FirstGlyph(std::string_view text)
+{
+    const Character character = FirstCharacter(text);
+    if (character.length == 0) return {text.substr(0, 1), -1};
+    return {text.substr(0, character.length), ::wcwidth(static_cast<wchar_t>(character.code))};
+}
+
 std::size_t Width(std::string_view text)
 {
-    const auto starts = [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80; };
-    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), starts));
+    std::size_t columns = 0;
+    while (!text.empty()) {
+        const Glyph glyph = FirstGlyph(text);
+        columns += glyph.Columns();
+        text.remove_prefix(glyph.bytes.size());
+    }
+    return columns;
 }
 
 std::string Printable(std::string_view text)
@@ -265,6 +278,16 @@ void PrintNotes(const std::string &prefix, const std::vector<std::string> &notes
         PrintNote(prefix + notes[i]);
     if (notes.size() > kMaxNotes)
         PrintNote(prefix + "and " + std::to_string(notes.size() - kMaxNotes) + " more");
+}
+
+Answer Ask(const std::string &question)
+{
+    if (::isatty(STDIN_FILENO) != 1) return Answer::kNobodyThere;
+    static_cast<void>(std::fflush(stdout));
+    std::fputs((Printable(question) + " [y/N] ").c_str(), stderr);
+    std::string line;
+    std::getline(std::cin, line);
+    return line == "y" || line == "Y" || line == "yes" ? Answer::kYes : Answer::kNo;
 }
 
 std::string Written(const StreamPrinter &print)

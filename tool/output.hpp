@@ -60,6 +60,14 @@ bool IsUtf8(std::string_view text);
 // For a terminal that shows only ASCII: puts a '?' for every byte of other characters.
 std::string AsciiOnly(std::string text);
 
+// The first character of a text, or its first byte if that is no UTF-8.
+struct Glyph {
+    std::string_view bytes;
+    int width; // -1: the locale cannot show it
+    std::size_t Columns() const { return width < 0 ? 1 : static_cast<std::size_t>(width); }
+};
+Glyph FirstGlyph(std::string_view text);
+
 // Columns that a printable text takes on a terminal.
 std::size_t Width(std::string_view text);
 
@@ -125,6 +133,12 @@ void PrintNote(const std::string &note);
 
 // Prints the first 20 notes, each after the prefix, and how many more there are.
 void PrintNotes(const std::string &prefix, const std::vector<std::string> &notes);
+
+enum class Answer { kYes, kNo, kNobodyThere };
+
+// Prints the question to standard error and reads the answer from standard input. If that is no
+// terminal, nobody is there. Every answer but "y" and "yes" means no.
+Answer Ask(const std::string &question);
 
 // What a function of the library writes to a stream; empty when it refuses (by another result than
 // 0).

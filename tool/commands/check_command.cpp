@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -98,26 +97,22 @@ void Check(const CheckArguments &arguments)
 
 void AddCheckCommand(CLI::App &app)
 {
-    const auto arguments = std::make_shared<CheckArguments>();
-    CLI::App *command =
-        app.add_subcommand("check", "Look for faults in the files of limits and transfers");
+    const auto [command, arguments] =
+        AddCommand(app, "check", "Look for faults in the files of limits and transfers", Check,
+                   "Told are sections and lines that nobody reads or that say nothing valid, "
+                   "owners and protocols that are gone, add-ons that cannot be used, plans of a "
+                   "wrong length, wrong owners and modes, and leftovers of processes that died: "
+                   "each with its file, its line and the remedy. A hint is worth knowing, but no "
+                   "fault. Exit status 6 when something was found and is not repaired, else 0.\n\n"
+                   "Examples:\n"
+                   "  zevobandwidth check\n"
+                   "  zevobandwidth check --repair --dry-run\n"
+                   "  zevobandwidth check --json\n");
     CLI::Option *const repair =
-        command->add_flag("--repair", arguments->doesRepair,
-                          "Remove leftovers and stale sections and set modes; nothing else");
-    AddDryRunFlag(*command, arguments->isDryRun)->needs(repair);
-    AddOutputOptions(*command);
-    command->footer(
-        "Told are sections and lines that nobody reads or that say nothing valid, owners and\n"
-        "protocols that are gone, add-ons that cannot be used, plans of a wrong length, wrong "
-        "owners and modes, and leftovers\n"
-        "of processes that died: each with its file, its line and the remedy. A hint is worth\n"
-        "knowing, but no fault.\n"
-        "Exit status 6 when something was found and is not repaired, else 0.\n"
-        "\nExamples:\n"
-        "  zevobandwidth check\n"
-        "  zevobandwidth check --repair --dry-run\n"
-        "  zevobandwidth check --json\n");
-    command->callback([arguments] { Check(*arguments); });
+        command.add_flag("--repair", arguments.doesRepair,
+                         "Remove leftovers and stale sections and set modes; nothing else");
+    AddDryRunFlag(command, arguments.isDryRun)->needs(repair);
+    AddOutputOptions(command);
 }
 
 } // namespace tool

@@ -30,41 +30,39 @@ bool Emit(const StreamPrinter &print)
     return true;
 }
 
+void RequireNames()
+{
+    if (OutputStyle().numeric && !OutputStyle().json)
+        throw Failure(kWrongUsage, "the library's tables name the owners: -n goes with --json");
+}
+
 void EmitHeader(int (*print)(FILE *))
 {
     if (!OutputStyle().noLegend) static_cast<void>(Emit(print));
 }
 
 // The library has no line for an owner that the user database does not know.
-class Omissions {
-public:
-    explicit Omissions(int unread, ExitStatus status = kFailed) : count_(unread), status_(status) {}
-    void Add(const std::string &what)
-    {
-        PrintNote("zevobandwidth: no line for " + what +
-                  ": the user database does not know the owner");
-        ++count_;
-    }
-    void Check() const
-    {
-        if (count_ != 0) throw Failure(status_, "the table is incomplete");
-    }
+void NoteOmission(const std::string &what, int &omissions)
+{
+    PrintNote("zevobandwidth: no line for " + what + ": the user database does not know the owner");
+    ++omissions;
+}
 
-private:
-    int count_;
-    ExitStatus status_;
-};
+void CheckWhole(int omissions, ExitStatus status)
+{
+    if (omissions != 0) throw Failure(status, "the table is incomplete");
+}
 
 // ---- rules ----
 
 std::vector<StoredRule> ChosenRules(const DumpArguments &arguments, int &failures)
 {
     std::vector<StoredRule> rules = ReadRules(ProtocolsToList(arguments.protocol), failures);
-    if (!arguments.owner.IsGiven()) return rules;
-    const Owner wanted = arguments.owner.Find();
-    std::erase_if(rules, [&wanted](const StoredRule &stored) {
-        return stored.owner.type != wanted.type || stored.owner.account.id != wanted.account.id;
-    });
+    if (const auto wanted = arguments.owner.FindIfGiven())
+        std::erase_if(rules, [&wanted](const StoredRule &stored) {
+            return stored.owner.type != wanted->type ||
+                   stored.owner.account.id != wanted->account.id;
+        });
     return rules;
 }
 
@@ -79,29 +77,30 @@ Json EvaluatedToJson(const StoredRule &stored)
     return json;
 }
 
-void PrintRuleTable(const std::vector<StoredRule> &rules, Omissions &omissions)
+void PrintRuleTable(const std::vector<StoredRule> &rules, int &omissions)
 {
     EmitHeader(ZEVOBandwidthConfDumpHeader);
     for (const auto &[owner, rule] : rules) {
         const auto print = [&rule = rule](FILE *fp) { return ZEVOBandwidthConfDump(fp, &rule); };
         if (!Emit(print))
-            omissions.Add("the rule of " + OwnerText(owner) + " for " +
-                          ProtocolName(rule.protocolType));
+            NoteOmission("the rule of " + OwnerText(owner) + " for " +
+                             ProtocolName(rule.protocolType),
+                         omissions);
     }
 }
 
 void DumpRules(const DumpArguments &arguments)
 {
-    int failures = 0;
-    std::vector<StoredRule> rules = ChosenRules(arguments, failures);
+    RequireNames();
+    int omissions = 0;
+    std::vector<StoredRule> rules = ChosenRules(arguments, omissions);
     for (StoredRule &stored : rules)
         stored.rule = EvaluatedNow(stored.rule); // the table shows the rates of this hour
-    Omissions omissions(failures);
     if (OutputStyle().json)
         PrintJson(JsonArray(rules, EvaluatedToJson));
     else
         PrintRuleTable(rules, omissions);
-    omissions.Check();
+    CheckWhole(omissions, kFailed);
 }
 
 // ---- policies ----
@@ -141,40 +140,27 @@ std::unique_ptr<ZEVO_BANDWIDTH_STATUS> ToRecord(const RunningTransfer &transfer)
     return record;
 }
 
-TransferList ChosenTransfers(const DumpArguments &arguments)
-{
-    TransferFilter filter;
-    if (!arguments.protocol.empty()) filter.protocol = FindProtocol(arguments.protocol);
-    TransferList list(filter);
-    if (arguments.owner.IsGiven()) {
-        const Owner owner = arguments.owner.Find();
-        list.Read(owner.type, owner.account.id);
-    } else {
-        list.ReadAll(ZEVO_BW_OWNER_USER);
-    }
-    list.Sort();
-    return list;
-}
-
-void PrintTransferTable(const TransferList &list, Omissions &omissions)
+void PrintTransferTable(const TransferList &list, int &omissions)
 {
     for (const RunningTransfer &transfer : list.all()) {
         const auto record = ToRecord(transfer);
         if (!Emit([&record](FILE *fp) { return ZEVOBandwidthStatusDump(fp, record.get()); }))
-            omissions.Add("a transfer of process " + std::to_string(transfer.pid));
+            NoteOmission("a transfer of process " + std::to_string(transfer.pid), omissions);
     }
 }
 
 void DumpTransfers(const DumpArguments &arguments)
 {
-    const TransferList list = ChosenTransfers(arguments);
+    RequireNames();
+    TransferList list(TransferSelection{arguments.protocol, ""}.Filter());
+    list.ReadChosen(arguments.owner.FindIfGiven());
     list.PrintComplaints();
-    Omissions omissions(static_cast<int>(list.complaints().size()), list.status());
+    auto omissions = static_cast<int>(list.complaints().size());
     if (OutputStyle().json)
         PrintJson(JsonArray(list.all(), [](const auto &transfer) { return ToJson(transfer); }));
     else
         PrintTransferTable(list, omissions);
-    omissions.Check();
+    CheckWhole(omissions, list.status());
 }
 
 // ---- the command ----
@@ -206,18 +192,13 @@ constexpr std::array kKinds = {
 
 void AddKind(CLI::App &parent, const Kind &kind)
 {
-    const auto arguments = std::make_shared<DumpArguments>();
-    CLI::App *command = parent.add_subcommand(kind.name, kind.about);
-    if (kind.hasOwner) AddOwnerOption(*command, arguments->owner);
-    AddProtocolOption(*command, arguments->protocol);
-    AddOutputOptions(*command);
-    command->footer(std::string(kind.columns) + "\n\nExample:\n  zevobandwidth dump " + kind.name +
-                    " -p ftp\n");
-    command->callback([arguments, &kind] {
-        if (kind.hasOwner && OutputStyle().numeric && !OutputStyle().json)
-            throw Failure(kWrongUsage, "the library's tables name the owners: -n goes with --json");
-        kind.dump(*arguments);
-    });
+    const auto [command, arguments] =
+        AddCommand(parent, kind.name, kind.about, kind.dump,
+                   std::string(kind.columns) + "\n\nExample:\n  zevobandwidth dump " + kind.name +
+                       " -p ftp\n");
+    if (kind.hasOwner) AddOwnerOption(command, arguments.owner);
+    AddProtocolOption(command, arguments.protocol);
+    AddOutputOptions(command);
 }
 
 } // namespace

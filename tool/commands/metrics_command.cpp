@@ -2,11 +2,9 @@
 // collector of text files or for whatever else scrapes text.
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "command.hpp"
 #include "model/limit_book.hpp"
@@ -20,12 +18,6 @@ namespace tool {
 
 namespace {
 
-struct Label {
-    const char *name;
-    std::string value;
-};
-using Labels = std::vector<Label>;
-
 // Escapes quotes and backslashes as the format wants it. Printable() has escaped everything else.
 std::string Quoted(const std::string &value)
 {
@@ -37,11 +29,11 @@ std::string Quoted(const std::string &value)
     return text + "\"";
 }
 
-std::string Text(const Labels &labels)
+std::string Text(const Json &labels)
 {
     std::string text;
-    for (const Label &label : labels)
-        text += (text.empty() ? "{" : ",") + std::string(label.name) + "=" + Quoted(label.value);
+    for (const auto &[name, value] : labels.items())
+        text += (text.empty() ? "{" : ",") + name + "=" + Quoted(value.get<std::string>());
     return text.empty() ? text : text + "}";
 }
 
@@ -50,7 +42,7 @@ class Family {
 public:
     Family(std::string name, std::string help) : name_(std::move(name)), help_(std::move(help)) {}
 
-    void Add(const Labels &labels, std::uint64_t value)
+    void Add(const Json &labels, std::uint64_t value)
     {
         Sample &sample = samples_[Text(labels)];
         sample.labels = labels;
@@ -58,7 +50,7 @@ public:
     }
 
     // A speed, of which 0 means unlimited.
-    void AddAllowed(const Labels &labels, std::uint64_t speedBps)
+    void AddAllowed(const Json &labels, std::uint64_t speedBps)
     {
         Add(labels, speedBps);
         if (speedBps == 0) samples_[Text(labels)].isUnlimited = true;
@@ -76,20 +68,18 @@ public:
 
     Json ToJson() const
     {
-        Json samples = Json::array();
-        for (const auto &[text, sample] : samples_) {
-            Json one = {{"labels", Json::object()}};
-            for (const Label &label : sample.labels)
-                one["labels"][label.name] = label.value;
-            one["value"] = sample.isUnlimited ? Json(nullptr) : Json(sample.sum);
-            samples.push_back(std::move(one));
-        }
-        return {{"name", name_}, {"help", help_}, {"samples", std::move(samples)}};
+        return {{"name", name_},
+                {"help", help_},
+                {"samples", JsonArray(samples_, [](const auto &entry) -> Json {
+                     const Sample &sample = entry.second;
+                     return {{"labels", sample.labels},
+                             {"value", sample.isUnlimited ? Json(nullptr) : Json(sample.sum)}};
+                 })}};
     }
 
 private:
     struct Sample {
-        Labels labels;
+        Json labels;
         std::uint64_t sum = 0;
         bool isUnlimited = false;
     };
@@ -121,10 +111,10 @@ public:
         TransferList list;
         list.ReadAll(ownerType);
         for (const RunningTransfer &transfer : list.all()) {
-            const Labels labels = {{isUser ? "user" : "group", OwnerName(transfer)},
-                                   {isUser ? "uid" : "gid", std::to_string(transfer.ownerId)},
-                                   {"protocol", ProtocolOf(transfer)},
-                                   {"direction", DirectionOf(transfer)}};
+            const Json labels = {{isUser ? "user" : "group", OwnerName(transfer)},
+                                 {isUser ? "uid" : "gid", std::to_string(transfer.ownerId)},
+                                 {"protocol", ProtocolOf(transfer)},
+                                 {"direction", DirectionOf(transfer)}};
             (isUser ? userCount_ : groupCount_).Add(labels, 1);
             (isUser ? userSpeed_ : groupSpeed_).Add(labels, transfer.speedBps);
             (isUser ? userAllowed_ : groupAllowed_).AddAllowed(labels, transfer.allowedBps);
@@ -155,19 +145,18 @@ private:
     void AddRule(const StoredRule &stored)
     {
         const auto &[owner, rule] = stored;
-        Labels labels = {{"owner", ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type)},
-                         {"protocol", ProtocolName(rule.protocolType)},
-                         {"state", ValueName(ZEVO_BW_STATE_LIST, rule.state)}};
+        Json labels = {{"owner", ValueName(ZEVO_BW_OWNER_TYPE_LIST, owner.type)},
+                       {"protocol", ProtocolName(rule.protocolType)},
+                       {"state", ValueName(ZEVO_BW_STATE_LIST, rule.state)}};
         rules_.Add(labels, 1);
         const std::optional<Speeds> speeds = RatesNow(rule, policies_[rule.protocolType]);
         if (!speeds) return;
-        labels.pop_back();
-        labels.push_back({"name", owner.account.name});
-        labels.push_back({"id", std::to_string(owner.account.id)});
+        labels.erase("state");
+        labels["name"] = owner.account.name;
+        labels["id"] = std::to_string(owner.account.id);
         for (const std::int32_t direction : {ZEVO_BW_TRANSFER_UPLOAD, ZEVO_BW_TRANSFER_DOWNLOAD}) {
-            labels.push_back({"direction", ValueName(ZEVO_BW_TRANSFER_TYPE_LIST, direction)});
+            labels["direction"] = ValueName(ZEVO_BW_TRANSFER_TYPE_LIST, direction);
             limits_.AddAllowed(labels, (*speeds)[static_cast<std::size_t>(direction)]);
-            labels.pop_back();
         }
     }
 
@@ -175,7 +164,7 @@ private:
     {
         Family unreadable("zevobandwidth_unreadable",
                           "Rules and status files that could not be read and are missing here.");
-        unreadable.Add({}, static_cast<std::uint64_t>(failures_));
+        unreadable.Add(Json::object(), static_cast<std::uint64_t>(failures_));
         for (const Family *family :
              {&std::as_const(unreadable), &enabled_, &rules_, &limits_, &userCount_, &userSpeed_,
               &userAllowed_, &groupCount_, &groupSpeed_, &groupAllowed_})
@@ -226,26 +215,22 @@ void Expose(const std::string &file)
 
 void AddMetricsCommand(CLI::App &app)
 {
-    const auto file = std::make_shared<std::string>();
-    CLI::App *command =
-        app.add_subcommand("metrics", "Print metrics in the text format of Prometheus");
-    command
-        ->add_option("-o,--output", *file,
-                     "Write to this file, which is replaced whole, rather than to standard "
-                     "output")
-        ->type_name("FILE")
-        ->check(kNotEmpty);
-    AddOutputOptions(*command);
-    command->footer(
-        "All are gauges: policies and rules, the rates that apply at this hour, and of the "
-        "running\n"
-        "transfers number, speed and allowed speed by user or group, protocol and direction.\n"
+    const auto [command, file] = AddCommand(
+        app, "metrics", "Print metrics in the text format of Prometheus", Expose,
+        "All are gauges: policies and rules, the rates that apply at this hour, and of the running "
+        "transfers number, speed and allowed speed by user or group, protocol and direction. "
         "Speeds are bytes per second, +Inf (null in JSON) is unlimited. Upload is from the client "
-        "to this\n"
-        "server, download from this server to the client.\n\nExamples:\n"
+        "to this server, download from this server to the client.\n\n"
+        "Examples:\n"
         "  zevobandwidth metrics\n"
         "  zevobandwidth metrics -o /var/lib/prometheus/node-exporter/zevobandwidth.prom\n");
-    command->callback([file] { Expose(*file); });
+    command
+        .add_option("-o,--output", file,
+                    "Write to this file, which is replaced whole, rather than to standard "
+                    "output")
+        ->type_name("FILE")
+        ->check(kNotEmpty);
+    AddOutputOptions(command);
 }
 
 } // namespace tool

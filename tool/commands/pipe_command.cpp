@@ -7,7 +7,6 @@
 // cannot go on.
 #include <csignal>
 #include <cstdint>
-#include <memory>
 #include <string>
 
 #include <sys/stat.h>
@@ -58,9 +57,12 @@ std::uint64_t SizeOfInput(const PipeArguments &arguments)
     return at >= 0 && at < info.st_size ? static_cast<std::uint64_t>(info.st_size - at) : 0;
 }
 
-void SayIfUnlimited(const PipedTransfer &transfer, const PipeArguments &arguments)
+// Without a policy, or with a disabled one, no rule applies.
+void SayIfUnlimited(const ZEVO_BANDWIDTH_GLOBAL_CONF &policy, const PipeArguments &arguments)
 {
-    if (arguments.isQuiet || transfer.ProtocolLimited()) return;
+    const bool isOff =
+        policy.state == ZEVO_BW_STATE_NOT_EXISTED || policy.state == ZEVO_BW_STATE_DISABLED;
+    if (arguments.isQuiet || !isOff) return;
     PrintNote("zevobandwidth: " + arguments.protocol +
               " has no policy that applies, so nothing limits this transfer; to switch limits on: "
               "zevobandwidth policy set -p " +
@@ -73,16 +75,15 @@ MoveEnd Copy(const PipeArguments &arguments, std::uint32_t uid, std::int32_t pro
     const std::string name = arguments.name.empty() ? NameOfInput() : arguments.name;
     const std::int32_t direction = ValueOf(ZEVO_BW_TRANSFER_TYPE_LIST, arguments.direction);
     Mover mover(STDIN_FILENO, STDOUT_FILENO);
-    PipedTransfer transfer(uid, protocol, direction, name);
-    SayIfUnlimited(transfer, arguments);
+    zevobw::Transfer transfer = BeginTransfer(uid, protocol, direction, name);
+    SayIfUnlimited(transfer.config().policy(), arguments);
     Progress progress(arguments.isQuiet, name);
-    return PipeLoop(transfer, mover, progress, size).Run();
+    return RunLoop(transfer, mover, progress, size);
 }
 
 void RunPipe(const PipeArguments &arguments)
 {
-    const std::uint32_t uid =
-        (arguments.user.empty() ? CallingUser() : FindUser(arguments.user)).id;
+    const std::uint32_t uid = arguments.user.empty() ? ::getuid() : FindUser(arguments.user).id;
     const std::int32_t protocol = FindProtocol(arguments.protocol);
     const std::uint64_t size = SizeOfInput(arguments);
     // Before the limits are read, so that no notice is missed.
@@ -98,31 +99,28 @@ void RunPipe(const PipeArguments &arguments)
 
 void AddPipeCommand(CLI::App &app)
 {
-    const auto arguments = std::make_shared<PipeArguments>();
-    CLI::App *command =
-        app.add_subcommand("pipe", "Copy input to output as one transfer, held to the limits");
-    command->add_option("-u,--user", arguments->user, "Whose transfer it is; else your own")
-        ->type_name("USER");
-    AddProtocolOption(*command, arguments->protocol)->required();
-    AddDirectionOption(*command, arguments->direction);
-    command->add_option("--name", arguments->name, "What the list of transfers shows")
-        ->type_name("NAME");
-    command->add_option("--size", arguments->size, "Bytes expected, such as 1500000 or 1.5G")
-        ->type_name("SIZE");
-    command->add_flag("-q,--quiet", arguments->isQuiet, "No progress line and no notes");
-    constexpr const char *kIsData = "standard output carries the data";
-    AddOutputOptions(*command, {.json = "standard output carries the data; another process can ask "
-                                        "'zevobandwidth transfers --json' meanwhile",
-                                .numeric = kIsData,
-                                .legend = kIsData});
-    command->footer(
-        "Copies standard input to standard output as one transfer of a user, held to the limits\n"
-        "that fall to it beside all others, listed by 'transfers' and stopped by an administrator\n"
-        "like any other. Upload is from the client to this server, download from this server to\n"
+    const auto [command, arguments] = AddCommand(
+        app, "pipe", "Copy input to output as one transfer, held to the limits", RunPipe,
+        "Copies standard input to standard output as one transfer of a user, held to the limits "
+        "that fall to it beside all others, listed by 'transfers' and stopped by an administrator "
+        "like any other. Upload is from the client to this server, download from this server to "
         "the client.\n\n"
         "Example:\n"
         "  tar c dir | zevobandwidth pipe -u alice -p rsync -d upload | ssh host tar x\n");
-    command->callback([arguments] { RunPipe(*arguments); });
+    command.add_option("-u,--user", arguments.user, "Whose transfer it is; else your own")
+        ->type_name("USER");
+    AddProtocolOption(command, arguments.protocol)->required();
+    AddDirectionOption(command, arguments.direction);
+    command.add_option("--name", arguments.name, "What the list of transfers shows")
+        ->type_name("NAME");
+    command.add_option("--size", arguments.size, "Bytes expected, such as 1500000 or 1.5G")
+        ->type_name("SIZE");
+    command.add_flag("-q,--quiet", arguments.isQuiet, "No progress line and no notes");
+    constexpr const char *kIsData = "standard output carries the data";
+    AddOutputOptions(command, {.json = "standard output carries the data; another process can ask "
+                                       "'zevobandwidth transfers --json' meanwhile",
+                               .numeric = kIsData,
+                               .legend = kIsData});
 }
 
 } // namespace tool

@@ -15,16 +15,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <span>
-#include <vector>
 
 #include <zevobandwidth.hpp>
-#include <zevocore.h>
 
 #include "command.hpp"
 #include "model/evaluation.hpp"
 #include "model/rate.hpp"
+#include "model/transfer_list.hpp"
 #include "options.hpp"
 #include "output.hpp"
 #include "pipe/block.hpp"
@@ -46,7 +44,7 @@ struct SimulateArguments {
     std::string protocol;
     std::string direction;
     std::string size;
-    int count = 1;
+    std::size_t count = 1;
     bool isQuiet = false;
 };
 
@@ -61,48 +59,45 @@ struct Task {
 
 // ---- one transfer, in its own process ----
 
-// The process that plays the transfer out writes it. The command reads it after that process ended.
-struct Report {
-    std::int64_t beganUs = 0;
-    std::int64_t endedUs = 0; // 0 when it was killed
-    bool isPlayedOut = false;
-    unsigned code = 0; // of the error slot otherwise
+// In memory that the command shares with the process.
+struct Played {
+    pid_t pid;
+    bool isLeft; // started, and not known to have ended
+    bool wasKilled;
+    std::uint64_t gotKB;
+    // The process writes these. The command reads them after the process ended.
+    std::int64_t beganUs;
+    std::int64_t endedUs; // 0 when it was killed
+    bool isPlayedOut;
+    zevobw::Error error; // otherwise
 };
 
-[[noreturn]] void Play(const Task &task, Report &report)
+[[noreturn]] void Play(const Task &task, Played &played)
 {
     static_cast<void>(
         ::prctl(PR_SET_PDEATHSIG, SIGTERM)); // the parent takes the transfer off the list
     LeaveEndingToParent();
-    report.beganUs = NowUs();
-    report.isPlayedOut = ZEVOBandwidthSimulate(task.user.name.c_str(), task.protocol,
+    played.beganUs = NowUs();
+    played.isPlayedOut = ZEVOBandwidthSimulate(task.user.name.c_str(), task.protocol,
                                                task.direction, task.sizeKB) == 0;
-    report.code = VLIBCErrGet();
-    report.endedUs = NowUs();
+    played.error = zevobw::Error::FromSlot();
+    played.endedUs = NowUs();
     ::_exit(kDone);
 }
 
-enum class State { kRunning, kDone, kStopped, kFailed };
-
-const char *StateText(State state)
+bool IsStopped(const Played &played)
 {
-    static constexpr std::array kTexts = {"running", "done", "stopped", "failed"};
-    return kTexts[static_cast<std::size_t>(state)];
+    return !played.isPlayedOut && !played.wasKilled && played.error.IsStop();
 }
 
-struct Played {
-    pid_t pid = 0;
-    State state = State::kRunning;
-    unsigned code = 0; // of the error slot when it has failed; 0 when it was killed
-    std::uint64_t gotKB = 0;
-    std::int64_t beganUs = 0;
-    std::int64_t endedUs = 0;
-};
-
-// Started, and not known to have ended.
-bool IsLeft(const Played &played)
+bool HasFailed(const Played &played)
 {
-    return played.pid != 0 && played.state == State::kRunning;
+    return !played.isPlayedOut && !IsStopped(played);
+}
+
+const char *ResultOf(const Played &played)
+{
+    return played.isPlayedOut ? "done" : IsStopped(played) ? "stopped" : "failed";
 }
 
 std::uint64_t SpeedBps(const Played &played)
@@ -114,25 +109,25 @@ std::uint64_t SpeedBps(const Played &played)
 
 class Ensemble {
 public:
-    Ensemble(const Task &task, int count) : task_(task), all_(static_cast<std::size_t>(count))
+    Ensemble(const Task &task, std::size_t count) : task_(task)
     {
-        void *const memory = ::mmap(nullptr, all_.size() * sizeof(Report), PROT_READ | PROT_WRITE,
-                                    MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        if (memory == MAP_FAILED) throw std::bad_alloc();
-        reports_ = {static_cast<Report *>(memory), all_.size()};
+        void *const zeros = ::mmap(nullptr, count * sizeof(Played), PROT_READ | PROT_WRITE,
+                                   MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        if (zeros == MAP_FAILED) throw std::bad_alloc();
+        all_ = {static_cast<Played *>(zeros), count};
     }
 
     // A process that is killed during a save may leave a temporary file. The library removes it
     // later.
     ~Ensemble()
     {
-        for (std::size_t i = 0; i < all_.size(); ++i) {
-            if (!IsLeft(all_[i])) continue;
-            ::kill(all_[i].pid, SIGTERM);
-            ::waitpid(all_[i].pid, nullptr, 0);
-            Settle(i);
+        for (Played &played : all_) {
+            if (!played.isLeft) continue;
+            ::kill(played.pid, SIGTERM);
+            ::waitpid(played.pid, nullptr, 0);
+            Settle(played);
         }
-        ::munmap(reports_.data(), reports_.size_bytes());
+        ::munmap(all_.data(), all_.size_bytes());
     }
 
     Ensemble(const Ensemble &) = delete;
@@ -142,23 +137,29 @@ public:
     void Start()
     {
         std::fflush(nullptr); // or each process would print the buffer again
-        for (std::size_t i = 0; i < all_.size() && EndingSignal() == 0; ++i) {
+        for (Played &played : all_) {
+            if (EndingSignal() != 0) return;
             const pid_t pid = ::fork();
-            if (pid == 0) Play(task_, reports_[i]);
+            if (pid == 0) Play(task_, played);
             if (pid < 0)
-                throw Failure(kFailed, "process " + std::to_string(i + 1) + " of " +
-                                           std::to_string(all_.size()) + " cannot be started: " +
-                                           std::strerror(errno) + "; ask for fewer with --count");
-            all_[i].pid = pid;
+                throw Failure(kFailed, "process " + std::to_string(&played - all_.data() + 1) +
+                                           " of " + std::to_string(all_.size()) +
+                                           " cannot be started: " + std::strerror(errno) +
+                                           "; ask for fewer with --count");
+            played.pid = pid;
+            played.isLeft = true;
         }
     }
 
     // Looks which processes have ended. False when none is left.
     bool Collect()
     {
-        for (std::size_t i = 0; i < all_.size(); ++i)
-            if (IsLeft(all_[i]) && ::waitpid(all_[i].pid, nullptr, WNOHANG) != 0) Settle(i);
-        return std::any_of(all_.begin(), all_.end(), IsLeft);
+        bool isAnyLeft = false;
+        for (Played &played : all_) {
+            if (played.isLeft && ::waitpid(played.pid, nullptr, WNOHANG) != 0) Settle(played);
+            isAnyLeft |= played.isLeft;
+        }
+        return isAnyLeft;
     }
 
     // Reads the sections of those that run.
@@ -175,7 +176,7 @@ public:
                                         static_cast<std::uint32_t>(task_.direction));
         for (const ZEVO_BANDWIDTH_STATUS &status : running) {
             const auto isOurs = [&status](const Played &played) {
-                return IsLeft(played) && played.pid == status.pid;
+                return played.isLeft && played.pid == status.pid;
             };
             if (std::none_of(all_.begin(), all_.end(), isOurs)) continue;
             figures.bytes += SavedKB(status) * kBytesPerKB;
@@ -186,13 +187,7 @@ public:
         return figures;
     }
 
-    const std::vector<Played> &all() const noexcept { return all_; }
-
-    std::size_t Count(State state) const
-    {
-        const auto is = [state](const Played &played) { return played.state == state; };
-        return static_cast<std::size_t>(std::count_if(all_.begin(), all_.end(), is));
-    }
+    std::span<const Played> all() const noexcept { return all_; }
 
 private:
     // Every user can write the file, so the figure may be any number.
@@ -201,20 +196,15 @@ private:
         return std::min(status.progress, kWhole) * task_.sizeKB / kWhole;
     }
 
-    void Settle(std::size_t index)
+    void Settle(Played &played)
     {
-        Played &played = all_[index];
-        const Report &report = reports_[index];
-        played.beganUs = report.beganUs;
-        played.endedUs = report.endedUs != 0 ? report.endedUs : NowUs();
-        if (report.isPlayedOut) {
-            played.state = State::kDone;
+        played.isLeft = false;
+        played.wasKilled = played.endedUs == 0;
+        if (played.wasKilled) played.endedUs = NowUs();
+        if (played.isPlayedOut) {
             played.gotKB = task_.PlayedKB();
             return;
         }
-        const bool isStopped = report.endedUs != 0 && report.code == ZEVO_BW_ERROR_STOPPED;
-        played.state = isStopped ? State::kStopped : State::kFailed;
-        played.code = report.endedUs != 0 ? report.code : 0;
         ZEVO_BANDWIDTH_STATUS saved = {};
         if (ZEVOBandwidthIStatusGet(ZEVO_BW_OWNER_USER, task_.user.id, played.pid, task_.direction,
                                     &saved) == 0)
@@ -225,38 +215,35 @@ private:
     }
 
     const Task task_;
-    std::vector<Played> all_;
-    std::span<Report> reports_; // shared with the processes
+    std::span<Played> all_;
 };
 
 // ---- the result ----
 
-struct Total {
-    std::uint64_t gotKB = 0;
-    std::int64_t tookUs = 0;
-    std::uint64_t speedBps = 0;
-    double fairness = 1; // Jain's index of the mean speeds: 1 when all are equal
-};
-
-Total Sum(const std::vector<Played> &all)
+// All together, as if it was one.
+Played Sum(std::span<const Played> all)
 {
-    Total total;
-    std::int64_t beganUs = INT64_MAX;
-    std::int64_t endedUs = 0;
+    Played total{};
+    total.beganUs = INT64_MAX;
+    for (const Played &played : all) {
+        total.gotKB += played.gotKB;
+        total.beganUs = std::min(total.beganUs, played.beganUs);
+        total.endedUs = std::max(total.endedUs, played.endedUs);
+    }
+    return total;
+}
+
+// Jain's index of the mean speeds: 1 when all are equal.
+double Fairness(std::span<const Played> all)
+{
     double sum = 0;
     double squares = 0;
     for (const Played &played : all) {
-        total.gotKB += played.gotKB;
-        beganUs = std::min(beganUs, played.beganUs);
-        endedUs = std::max(endedUs, played.endedUs);
         const auto speed = static_cast<double>(SpeedBps(played));
         sum += speed;
         squares += speed * speed;
     }
-    total.tookUs = endedUs - beganUs;
-    total.speedBps = ZEVOBandwidthSpeedEstimate(total.tookUs, total.gotKB * kBytesPerKB);
-    if (squares > 0) total.fairness = sum * sum / (squares * static_cast<double>(all.size()));
-    return total;
+    return squares > 0 ? sum * sum / (squares * static_cast<double>(all.size())) : 1;
 }
 
 std::string Decimals(double value, int decimals)
@@ -266,87 +253,58 @@ std::string Decimals(double value, int decimals)
     return text.data();
 }
 
-double Seconds(std::int64_t us)
+double Seconds(const Played &played)
 {
-    return static_cast<double>(us) / static_cast<double>(kMicrosPerSecond);
+    return static_cast<double>(played.endedUs - played.beganUs) /
+           static_cast<double>(kMicrosPerSecond);
 }
 
-void PrintTable(const std::vector<Played> &all, bool isLimited)
+void PrintTable(std::span<const Played> all, bool isLimited)
 {
-    const auto speed = [isLimited](std::uint64_t bps) {
-        return isLimited ? FormatSpeed(bps) : FormatAllowedSpeed(0);
-    };
     Table table({"PID", "RESULT", "KB", "SECONDS", "SPEED"}, {0, 2, 3, 4});
+    const auto add = [&](const std::string &pid, const std::string &result, const Played &played) {
+        table.AddRow({pid, result, std::to_string(played.gotKB), Decimals(Seconds(played), 2),
+                      isLimited ? FormatSpeed(SpeedBps(played)) : FormatAllowedSpeed(0)});
+    };
     for (const Played &played : all)
-        table.AddRow(
-            {std::to_string(played.pid), StateText(played.state), std::to_string(played.gotKB),
-             Decimals(Seconds(played.endedUs - played.beganUs), 2), speed(SpeedBps(played))});
-    const Total total = Sum(all);
-    table.AddRow({"total", "", std::to_string(total.gotKB), Decimals(Seconds(total.tookUs), 2),
-                  speed(total.speedBps)});
+        add(std::to_string(played.pid), ResultOf(played), played);
+    add("total", "", Sum(all));
     table.Print();
     if (isLimited && all.size() > 1)
-        PrintLine("Fairness (Jain's index, 1 is equal): " + Decimals(total.fairness, 3));
+        PrintLine("Fairness (Jain's index, 1 is equal): " + Decimals(Fairness(all), 3));
 }
 
-Json ToJson(const std::vector<Played> &all, bool isLimited)
+Json ToJson(std::span<const Played> all, bool isLimited)
 {
-    const auto speed = [isLimited](std::uint64_t bps) {
-        return isLimited ? Json(bps) : Json(nullptr);
+    const auto figures = [isLimited](Json json, const Played &played) {
+        json["kib"] = played.gotKB;
+        json["seconds"] = Seconds(played);
+        json["speed_bytes_per_s"] = isLimited ? Json(SpeedBps(played)) : Json(nullptr);
+        return json;
     };
-    Json transfers = Json::array();
-    for (const Played &played : all)
-        transfers.push_back({{"pid", played.pid},
-                             {"result", StateText(played.state)},
-                             {"kib", played.gotKB},
-                             {"seconds", Seconds(played.endedUs - played.beganUs)},
-                             {"speed_bytes_per_s", speed(SpeedBps(played))}});
-    const Total total = Sum(all);
-    return {{"transfers", transfers},
-            {"total",
-             {{"kib", total.gotKB},
-              {"seconds", Seconds(total.tookUs)},
-              {"speed_bytes_per_s", speed(total.speedBps)}}},
-            {"fairness", isLimited ? Json(total.fairness) : Json(nullptr)}};
+    return {
+        {"transfers",
+         JsonArray(all,
+                   [&figures](const Played &played) {
+                       return figures({{"pid", played.pid}, {"result", ResultOf(played)}}, played);
+                   })},
+        {"total", figures(Json::object(), Sum(all))},
+        {"fairness", isLimited ? Json(Fairness(all)) : Json(nullptr)}};
 }
 
-std::string WhyAndWhatToDo(unsigned code)
+void CheckAllPlayedOut(std::span<const Played> all)
 {
-    switch (code) {
-    case 0:
-        return "it was killed; find out by whom, and run the command again";
-    case ZEVO_BW_ERROR_NO_MEMORY:
-        return "out of memory; ask for fewer with --count";
-    case ZEVO_BW_ERROR_OPEN:
-    case ZEVO_BW_ERROR_READ:
-    case ZEVO_BW_ERROR_STAT:
-        return "a status file or a file of the limits cannot be opened or read; 'zevobandwidth "
-               "check' says what is wrong with it";
-    case ZEVO_BW_ERROR_WRITE:
-    case ZEVO_BW_ERROR_RENAME:
-        return "a status file in /tmp/bandwidth cannot be written; is the disk full? Make room "
-               "there";
-    default: {
-        std::array<char, 32> text{};
-        std::snprintf(text.data(), text.size(), "error 0x%04X", code);
-        return std::string(text.data()) + "; mend what 'zevobandwidth check' finds, and look into "
-                                          "the system log for more";
-    }
-    }
-}
-
-void CheckAllPlayedOut(const Ensemble &ensemble)
-{
-    const std::string of = " of " + std::to_string(ensemble.all().size()) + " transfers ";
-    const auto &all = ensemble.all();
-    const auto first = std::find_if(all.begin(), all.end(), [](const Played &played) {
-        return played.state == State::kFailed;
-    });
+    const std::string of = " of " + std::to_string(all.size()) + " transfers ";
+    const auto first = std::find_if(all.begin(), all.end(), HasFailed);
     if (first != all.end())
-        throw Failure(kFailed, std::to_string(ensemble.Count(State::kFailed)) + of +
-                                   "failed, that of process " + std::to_string(first->pid) + ": " +
-                                   WhyAndWhatToDo(first->code));
-    if (const std::size_t stopped = ensemble.Count(State::kStopped); stopped != 0)
+        throw Failure(kFailed,
+                      std::to_string(std::count_if(first, all.end(), HasFailed)) + of +
+                          "failed, that of process " + std::to_string(first->pid) + ": " +
+                          (first->wasKilled
+                               ? "it was killed; find out by whom, and run the command again"
+                               : std::string(first->error.What()) + "; " + kMendFiles));
+    const auto stopped = std::count_if(all.begin(), all.end(), IsStopped);
+    if (stopped != 0)
         throw Failure(kFailed, std::to_string(stopped) + of + "stopped by an administrator");
 }
 
@@ -403,7 +361,7 @@ void Simulate(const Task &task, const SimulateArguments &arguments)
         PrintJson(ToJson(ensemble.all(), isLimited));
     else
         PrintTable(ensemble.all(), isLimited);
-    CheckAllPlayedOut(ensemble);
+    CheckAllPlayedOut(ensemble.all());
 }
 
 void RunSimulate(const SimulateArguments &arguments)
@@ -421,30 +379,26 @@ void RunSimulate(const SimulateArguments &arguments)
 
 void AddSimulateCommand(CLI::App &app)
 {
-    const auto arguments = std::make_shared<SimulateArguments>();
-    CLI::App *command =
-        app.add_subcommand("simulate", "Play out transfers without data, and show what each got");
-    AddUserOption(*command, arguments->user, "Whose transfers, by name or uid");
-    AddProtocolOption(*command, arguments->protocol)->required();
-    AddDirectionOption(*command, arguments->direction);
-    command->add_option("size", arguments->size, "Of each transfer, from 1K, such as 20M")
-        ->type_name("SIZE")
-        ->required();
-    command->add_option("--count", arguments->count, "How many at once, each in its own process")
-        ->type_name("N")
-        ->check(CLI::Range(1, kMaxTransfers));
-    command->add_flag("-q,--quiet", arguments->isQuiet, "No progress line and no notes");
-    AddOutputOptions(*command);
-    command->footer(
-        "They are listed, share the limits with all others, follow changed rules and can\n"
-        "be stopped like real ones. They move blocks of 64 KiB, of which the last counts\n"
-        "as a whole; a size is rounded up to whole KiB. At the end: what each got, the\n"
-        "sum, and how evenly it was shared. A signal ends them all and takes them off the\n"
-        "list.\n\n"
+    const auto [command, arguments] = AddCommand(
+        app, "simulate", "Play out transfers without data, and show what each got", RunSimulate,
+        "They are listed, share the limits with all others, follow changed rules and can be "
+        "stopped like real ones. They move blocks of 64 KiB, of which the last counts as a whole; "
+        "a size is rounded up to whole KiB. At the end: what each got, the sum, and how evenly it "
+        "was shared. A signal ends them all and takes them off the list.\n\n"
         "Examples:\n"
         "  zevobandwidth simulate -u alice -p ftp -d upload 20M\n"
         "  zevobandwidth simulate -u alice -p ftp -d download --count 4 5M\n");
-    command->callback([arguments] { RunSimulate(*arguments); });
+    AddUserOption(command, arguments.user, "Whose transfers, by name or uid");
+    AddProtocolOption(command, arguments.protocol)->required();
+    AddDirectionOption(command, arguments.direction);
+    command.add_option("size", arguments.size, "Of each transfer, from 1K, such as 20M")
+        ->type_name("SIZE")
+        ->required();
+    command.add_option("--count", arguments.count, "How many at once, each in its own process")
+        ->type_name("N")
+        ->check(CLI::Range(1, kMaxTransfers));
+    command.add_flag("-q,--quiet", arguments.isQuiet, "No progress line and no notes");
+    AddOutputOptions(command);
 }
 
 } // namespace tool

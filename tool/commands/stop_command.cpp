@@ -1,6 +1,5 @@
 // "stop": asks transfers to end and waits until they have.
 #include <chrono>
-#include <memory>
 #include <string>
 #include <thread>
 
@@ -8,7 +7,6 @@
 #include "model/stopping.hpp"
 #include "options.hpp"
 #include "output.hpp"
-#include "question.hpp"
 
 namespace tool {
 
@@ -62,20 +60,16 @@ Json ToJson(const Account &user, const Stopping &stopping)
             {"left", left}};
 }
 
-void Report(const Account &user, const Stopping &stopping)
+// In a dry run all are left.
+void Report(const Account &user, const Stopping &stopping, bool isDryRun)
 {
-    const std::size_t stopped = stopping.found().size() - stopping.left().size();
     if (OutputStyle().json) return PrintJson(ToJson(user, stopping));
+    const std::size_t stopped = stopping.found().size() - (isDryRun ? 0 : stopping.left().size());
     if (stopped != 0)
-        PrintLine(Printable("user " + ShownName(user) + ": " + Counted(stopped, "transfer") +
-                            " stopped after " + std::to_string(stopping.Took().count()) + " ms"));
-}
-
-void ReportDryRun(const Account &user, const Stopping &stopping)
-{
-    if (OutputStyle().json) return PrintJson(ToJson(user, stopping)); // all are left
-    PrintLine(Printable("user " + ShownName(user) + ": " +
-                        Counted(stopping.found().size(), "transfer") + " would be stopped"));
+        PrintLine(Printable(
+            "user " + ShownName(user) + ": " + Counted(stopped, "transfer") +
+            (isDryRun ? " would be stopped"
+                      : " stopped after " + std::to_string(stopping.Took().count()) + " ms")));
 }
 
 void Stop(const StopArguments &arguments)
@@ -88,10 +82,10 @@ void Stop(const StopArguments &arguments)
         throw Failure(kNotFound, "user " + ShownName(user) +
                                      " has no such transfer; 'zevobandwidth transfers' lists what "
                                      "is running");
-    if (arguments.ending.isDryRun) return ReportDryRun(user, stopping);
+    if (arguments.ending.isDryRun) return Report(user, stopping, true);
     if (!IsWanted(user, stopping, arguments.ending.yes)) return PrintNote("Nothing was stopped.");
     WaitFor(stopping, arguments.waitSeconds);
-    Report(user, stopping);
+    Report(user, stopping, false);
     if (stopping.left().empty()) return;
     const std::string left =
         Counted(stopping.left().size(), "transfer") + " of user " + ShownName(user);
@@ -107,21 +101,19 @@ void Stop(const StopArguments &arguments)
 
 void AddStopCommand(CLI::App &app)
 {
-    const auto arguments = std::make_shared<StopArguments>();
-    CLI::App *command = app.add_subcommand("stop", "Stop a user's running transfers");
-    AddEndingOptions(*command, arguments->ending, "Stop several without asking");
-    AddTransferSelection(*command, arguments->selection);
-    AddSecondsOption(*command, "--wait", arguments->waitSeconds,
-                     "How long to wait for them to end; 0 only sees that the marks hold", 0)
-        ->capture_default_str();
-    command->footer(
-        "A transfer ends after the block it is moving; its service reports it as failed. Upload\n"
-        "is from the client to this server, download from this server to the client.\n\n"
+    const auto [command, arguments] = AddCommand(
+        app, "stop", "Stop a user's running transfers", Stop,
+        "A transfer ends after the block it is moving; its service reports it as failed. Upload is "
+        "from the client to this server, download from this server to the client.\n\n"
         "Examples:\n"
         "  zevobandwidth stop -u alice\n"
         "  zevobandwidth stop -u alice --pid 4711 -d upload\n"
         "  zevobandwidth stop -u bob -p rsync --yes --wait 30\n");
-    command->callback([arguments] { Stop(*arguments); });
+    AddEndingOptions(command, arguments.ending, "Stop several without asking");
+    AddTransferSelection(command, arguments.selection);
+    AddSecondsOption(command, "--wait", arguments.waitSeconds,
+                     "How long to wait for them to end; 0 only sees that the marks hold", 0)
+        ->capture_default_str();
 }
 
 } // namespace tool

@@ -3,7 +3,6 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -33,75 +32,43 @@ struct Request {
     TransferFilter filter;
 };
 
-Request Resolve(const TransfersArguments &arguments)
-{
-    Request request;
-    if (arguments.owner.IsGiven()) request.owner = arguments.owner.Find();
-    request.filter = arguments.selection.Filter();
-    request.filter.merge = arguments.merge;
-    return request;
-}
-
 TransferList Read(const Request &request)
 {
     TransferList list(request.filter);
-    if (request.owner) {
-        list.Read(request.owner->type, request.owner->account.id);
-    } else {
-        list.ReadAll(ZEVO_BW_OWNER_USER);
-        // Without --merge a transfer would be listed twice.
-        if (request.filter.merge) list.ReadAll(ZEVO_BW_OWNER_GROUP);
-    }
-    list.Sort();
+    list.ReadChosen(request.owner);
     return list;
-}
-
-// ---- as a table ----
-
-Table SumsTable(const TransferList &list)
-{
-    Table table({"OWNER", "NAME", "PROTOCOL", "DIRECTION", "SPEED", "ALLOWED"}, {4, 5});
-    for (const RunningTransfer &sum : list.all())
-        table.AddRow({ValueName(ZEVO_BW_OWNER_TYPE_LIST, sum.ownerType), OwnerName(sum),
-                      ProtocolOf(sum), DirectionOf(sum), FormatSpeed(sum.speedBps),
-                      FormatAllowedSpeed(sum.allowedBps)});
-    return table;
-}
-
-Table TransfersTable(const TransferList &list)
-{
-    Table table({"USER", "PROTOCOL", "DIRECTION", "PID", "SPEED", "ALLOWED", "PROGRESS", "FILE"},
-                {3, 4, 5, 6});
-    for (const RunningTransfer &transfer : list.all())
-        table.AddRow({UserName(transfer.uid), ProtocolOf(transfer), DirectionOf(transfer),
-                      std::to_string(transfer.pid), FormatSpeed(transfer.speedBps),
-                      FormatAllowedSpeed(transfer.allowedBps), FormatProgress(transfer.progress),
-                      transfer.file});
-    return table;
 }
 
 Table ToTable(const TransferList &list, const Request &request)
 {
-    return request.filter.merge ? SumsTable(list) : TransfersTable(list);
-}
-
-// ---- as JSON ----
-
-Json SumToJson(const RunningTransfer &sum)
-{
-    return {{"owner", ValueName(ZEVO_BW_OWNER_TYPE_LIST, sum.ownerType)},
-            {"name", OwnerName(sum)},
-            {"id", sum.ownerId},
-            {"protocol", ProtocolOf(sum)},
-            {"direction", DirectionOf(sum)},
-            {"speed_bytes_per_s", sum.speedBps},
-            {"allowed_bytes_per_s", LimitJson(sum.allowedBps)}};
+    Table sums({"OWNER", "NAME", "PROTOCOL", "DIRECTION", "SPEED", "ALLOWED"}, {4, 5});
+    Table all({"USER", "PROTOCOL", "DIRECTION", "PID", "SPEED", "ALLOWED", "PROGRESS", "FILE"},
+              {3, 4, 5, 6});
+    for (const RunningTransfer &one : list.all()) {
+        const std::string speed = FormatSpeed(one.speedBps);
+        const std::string allowed = FormatAllowedSpeed(one.allowedBps);
+        if (request.filter.merge)
+            sums.AddRow({ValueName(ZEVO_BW_OWNER_TYPE_LIST, one.ownerType), OwnerName(one),
+                         ProtocolOf(one), DirectionOf(one), speed, allowed});
+        else
+            all.AddRow({UserName(one.uid), ProtocolOf(one), DirectionOf(one),
+                        std::to_string(one.pid), speed, allowed, FormatProgress(one.progress),
+                        one.file});
+    }
+    return request.filter.merge ? sums : all;
 }
 
 Json ToJson(const TransferList &list, const Request &request)
 {
-    return JsonArray(list.all(), [&request](const RunningTransfer &transfer) {
-        return request.filter.merge ? SumToJson(transfer) : ToJson(transfer);
+    return JsonArray(list.all(), [&request](const RunningTransfer &one) -> Json {
+        if (!request.filter.merge) return ToJson(one);
+        return {{"owner", ValueName(ZEVO_BW_OWNER_TYPE_LIST, one.ownerType)},
+                {"name", OwnerName(one)},
+                {"id", one.ownerId},
+                {"protocol", ProtocolOf(one)},
+                {"direction", DirectionOf(one)},
+                {"speed_bytes_per_s", one.speedBps},
+                {"allowed_bytes_per_s", LimitJson(one.allowedBps)}};
     });
 }
 
@@ -155,9 +122,10 @@ std::vector<std::string> ScreenLines(const TransferList &list, const Request &re
     std::vector<std::string> lines;
     for (const std::string &complaint : list.complaints())
         lines.push_back(Printable(complaint));
-    if (list.all().empty()) lines.emplace_back("No limited transfers are running.");
-    for (std::string &line : ToTable(list, request).Lines())
-        if (!list.all().empty()) lines.push_back(std::move(line));
+    const auto table = list.all().empty()
+                           ? std::vector<std::string>{"No limited transfers are running."}
+                           : ToTable(list, request).Lines();
+    lines.insert(lines.end(), table.begin(), table.end());
     return lines;
 }
 
@@ -196,43 +164,44 @@ void Watch(const Request &request, double seconds)
     std::clearerr(stdout);
 }
 
+void ListTransfers(const TransfersArguments &arguments)
+{
+    Request request{arguments.owner.FindIfGiven(), arguments.selection.Filter()};
+    request.filter.merge = arguments.merge;
+    if (arguments.watch->count() != 0)
+        Watch(request, arguments.watchSeconds > 0 ? arguments.watchSeconds : 1);
+    else
+        ListOnce(request);
+}
+
 } // namespace
 
 void AddTransfersCommand(CLI::App &app)
 {
-    const auto arguments = std::make_shared<TransfersArguments>();
-    CLI::App *command = app.add_subcommand("transfers", "List the limited transfers that run now");
-    AddOwnerOption(*command, arguments->owner);
-    AddTransferSelection(*command, arguments->selection);
-    command->add_flag("--merge", arguments->merge,
-                      "One line for each protocol and direction of an owner, with the sums of the "
-                      "speeds; groups too");
-    arguments->watch =
-        AddSecondsOption(*command, "--watch", arguments->watchSeconds,
-                         "Again and again, every so many seconds (1), until interrupted")
-            ->expected(0, 1)
-            ->type_name("[SECONDS]");
-    AddOutputOptions(*command);
-    command->footer(
-        "Upload is from the client to this server, download from this server to the client.\n"
-        "With -g: the transfers charged to the group, with the part of the speed that it is "
-        "charged.\n"
-        "A sum is unlimited as soon as one of its transfers is. Transfers that no limit applies "
-        "to\n"
-        "are not listed. --watch redraws in place on a terminal; elsewhere blocks are set apart\n"
-        "by a blank line, JSON documents stand on one line each. Its exit status is 0 when it is\n"
-        "interrupted.\n\nExamples:\n"
+    const auto [command, arguments] = AddCommand(
+        app, "transfers", "List the limited transfers that run now", ListTransfers,
+        "Upload is from the client to this server, download from this server to the client. With "
+        "-g: the transfers charged to the group, with the part of the speed that it is charged. A "
+        "sum is unlimited as soon as one of its transfers is. Transfers that no limit applies to "
+        "are not listed. --watch redraws in place on a terminal; elsewhere blocks are set apart by "
+        "a blank line, JSON documents stand on one line each. Its exit status is 0 when it is "
+        "interrupted.\n\n"
+        "Examples:\n"
         "  zevobandwidth transfers\n"
         "  zevobandwidth transfers -u alice --json\n"
         "  zevobandwidth transfers -g staff -p rsync -d upload --watch 5\n"
         "  zevobandwidth transfers --merge\n");
-    command->callback([arguments] {
-        const Request request = Resolve(*arguments);
-        if (arguments->watch->count() != 0)
-            Watch(request, arguments->watchSeconds > 0 ? arguments->watchSeconds : 1);
-        else
-            ListOnce(request);
-    });
+    AddOwnerOption(command, arguments.owner);
+    AddTransferSelection(command, arguments.selection);
+    command.add_flag("--merge", arguments.merge,
+                     "One line for each protocol and direction of an owner, with the sums of the "
+                     "speeds; groups too");
+    arguments.watch =
+        AddSecondsOption(command, "--watch", arguments.watchSeconds,
+                         "Again and again, every so many seconds (1), until interrupted")
+            ->expected(0, 1)
+            ->type_name("[SECONDS]");
+    AddOutputOptions(command);
 }
 
 } // namespace tool

@@ -1,19 +1,19 @@
 // Names to numbers and back.
 #include "model/names.hpp"
 
-#include <dirent.h>
 #include <grp.h>
 #include <pwd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <system_error>
 #include <tuple>
 #include <unordered_map>
 
@@ -78,31 +78,16 @@ bool IsBuiltIn(const Protocol &protocol)
 }
 
 std::vector<std::string> NamesOfAddonFiles()
-{
-    std::vector<std::string> names;
-    const std::unique_ptr<DIR, int (*)(DIR *)> directory(::opendir(kAddonDirectory), &::closedir);
-    if (!directory && errno == ENOENT) return names;
-    if (!directory)
-        throw Failure(StatusOf(errno), std::string("the add-on protocols of ") + kAddonDirectory +
-                                           " cannot be read: " + std::strerror(errno) +
-                                           "; it must be a directory that every user may read");
-    while (const dirent *entry = ::readdir(directory.get())) {
-        const std::string_view name = entry->d_name;
-        if (!name.starts_with('.') && name.ends_with(kAddonSuffix)) names.emplace_back(name);
-    }
+try {
+    std::vector<std::string> names = FileNames(kAddonDirectory);
+    std::erase_if(names, [](const std::string &name) { return !name.ends_with(kAddonSuffix); });
     return names;
-}
-
-std::vector<Protocol> AnnouncedAddons()
-{
-    std::vector<Protocol> addons;
-    for (const std::string &file : NamesOfAddonFiles()) {
-        auto addon = FromFileName(file);
-        if (addon && !IsBuiltIn(*addon)) addons.push_back(std::move(*addon));
-    }
-    std::sort(addons.begin(), addons.end(),
-              [](const Protocol &a, const Protocol &b) { return a.name < b.name; });
-    return addons;
+} catch (const std::system_error &error) {
+    if (error.code().value() == ENOENT) return {};
+    throw Failure(StatusOf(error.code().value()),
+                  std::string("the add-on protocols of ") + kAddonDirectory +
+                      " cannot be read: " + std::strerror(error.code().value()) +
+                      "; it must be a directory that every user may read");
 }
 
 // Accounts by id and by name. Each id is looked up once. A look-up reads the local file up to the
@@ -125,8 +110,10 @@ public:
 
     bool Knows(std::uint32_t id)
     {
+        if (!names_.contains(id)) NoteLookUp();
         const auto [place, isNew] = names_.try_emplace(id);
-        if (isNew) place->second = FindName(id);
+        if (isNew)
+            if (const auto account = Ask<Entry>(byId_, id)) place->second = account->name;
         return place->second.has_value();
     }
 
@@ -140,15 +127,6 @@ public:
 
 private:
     static constexpr int kFewLookUps = 8;
-
-    std::optional<std::string> FindName(std::uint32_t id)
-    {
-        NoteLookUp();
-        if (const auto known = localNames_.find(id); known != localNames_.end())
-            return known->second;
-        const auto account = Ask<Entry>(byId_, id);
-        return account ? std::optional(account->name) : std::nullopt;
-    }
 
     // Some sources ignore the case of a name; the entry has the right one.
     std::optional<Account> FindNamed(const std::string &name)
@@ -169,8 +147,8 @@ private:
         Entry *found = nullptr;
         while (file && next_(file.get(), &entry, buffer.data(), buffer.size(), &found) == 0) {
             const Account account = ToAccount(entry);
-            localNames_.emplace(account.id, account.name); // the first entry of an id counts,
-            localIds_.emplace(account.name, account.id);   // and the first one of a name
+            names_.try_emplace(account.id, account.name);    // the first entry of an id counts,
+            localIds_.try_emplace(account.name, account.id); // and the first one of a name
         }
     }
 
@@ -181,7 +159,6 @@ private:
     int lookUps_ = 0;
     std::unordered_map<std::uint32_t, std::optional<std::string>> names_; // nothing: not known
     std::unordered_map<std::uint32_t, std::string> digits_;
-    std::unordered_map<std::uint32_t, std::string> localNames_;
     std::unordered_map<std::string, std::uint32_t> localIds_;
 };
 
@@ -218,21 +195,19 @@ bool IsUsable(const Protocol &addon)
 constexpr const char *kAmbiguous =
     "another file there has the same number or a name that begins with its name";
 
-struct Unusable {
-    const char *why; // empty: it is usable
-    const char *remedy;
-};
-
-Unusable WhyUnusable(const std::optional<Protocol> &protocol)
+// What is wrong with an add-on's file, and what to do about it.
+void SetFault(Addon &addon)
 {
-    if (!protocol)
-        return {"its name is no NAME_NUMBER.json with a number above 0",
-                "rename it, such as backup_20.json, or remove it"};
-    if (IsBuiltIn(*protocol))
-        return {"its name or number is taken by the system itself",
-                "rename it to a name and a number of its own, or remove it"};
-    if (!IsUsable(*protocol)) return {kAmbiguous, "rename or remove one of the two"};
-    return {"", ""};
+    if (addon.protocol.number == 0) {
+        addon.fault = "its name is no NAME_NUMBER.json with a number above 0";
+        addon.remedy = "rename it, such as backup_20.json, or remove it";
+    } else if (IsBuiltIn(addon.protocol)) {
+        addon.fault = "its name or number is taken by the system itself";
+        addon.remedy = "rename it to a name and a number of its own, or remove it";
+    } else if (!IsUsable(addon.protocol)) {
+        addon.fault = kAmbiguous;
+        addon.remedy = "rename or remove one of the two";
+    }
 }
 
 std::string KnownProtocolNames()
@@ -260,12 +235,6 @@ std::optional<std::uint32_t> ReadId(const std::string &text)
     const auto id = ReadNumber<std::uint32_t>(text);
     // The highest id means "nobody" to the system calls and names no account.
     return id == static_cast<std::uint32_t>(-1) ? std::nullopt : id;
-}
-
-Account CallingUser()
-{
-    const uid_t uid = ::getuid();
-    return {uid, UserName(uid)};
 }
 
 const std::string &UserName(std::uint32_t uid)
@@ -300,8 +269,8 @@ std::int32_t FindProtocol(const std::string &name)
                       "\"all\" is no single protocol: name one of " + KnownProtocolNames());
     for (const Protocol &protocol : KnownProtocols())
         if (protocol.name == name) return protocol.number;
-    for (const Protocol &addon : AnnouncedAddons())
-        if (addon.name == name)
+    for (const Addon &addon : AddonFiles())
+        if (addon.protocol.name == name && addon.fault == kAmbiguous)
             throw Failure(kNotFound, "the add-on protocol \"" + name + "\" of " + kAddonDirectory +
                                          " is ambiguous: " + kAmbiguous);
     throw Failure(kNotFound,
@@ -318,27 +287,30 @@ std::vector<Protocol> KnownProtocols()
     std::vector<Protocol> protocols;
     for (const auto *row = ZEVO_BW_PROTOCOL_TYPE_LIST; row->name != nullptr; ++row)
         if (row->value != ZEVO_BW_PROTOCOL_ALL) protocols.push_back({row->value, row->name});
-    for (Protocol &addon : AnnouncedAddons())
-        if (IsUsable(addon)) protocols.push_back(std::move(addon));
+    for (Addon &addon : AddonFiles())
+        if (addon.fault.empty()) protocols.push_back(std::move(addon.protocol));
     return protocols;
 }
 
 std::vector<Addon> AddonFiles()
 {
     std::vector<Addon> addons;
-    for (const std::string &file : NamesOfAddonFiles()) {
-        const std::optional<Protocol> protocol = FromFileName(file);
-        Addon &addon = addons.emplace_back();
-        addon.protocol = protocol.value_or(Protocol{});
-        addon.file = file;
-        const Unusable unusable = WhyUnusable(protocol);
-        addon.fault = unusable.why;
-        addon.remedy = unusable.remedy;
-    }
+    for (const std::string &file : NamesOfAddonFiles())
+        SetFault(addons.emplace_back(Addon{FromFileName(file).value_or(Protocol{}), file, "", ""}));
     std::sort(addons.begin(), addons.end(), [](const Addon &a, const Addon &b) {
         return std::tie(a.protocol.name, a.file) < std::tie(b.protocol.name, b.file);
     });
     return addons;
+}
+
+std::vector<std::string> FileNames(const std::string &directory)
+{
+    std::vector<std::string> names;
+    for (const auto &entry : std::filesystem::directory_iterator(directory))
+        if (std::string name = entry.path().filename(); !name.starts_with('.'))
+            names.push_back(std::move(name));
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 std::string ValueName(const ZEVO_BW_ENUM_ENTRY *table, std::int64_t value)

@@ -30,9 +30,6 @@ Account FindGroup(const std::string &nameOrId);
 // The id in a text of digits. The user database need not know it.
 std::optional<std::uint32_t> ReadId(const std::string &text);
 
-// The user that runs the tool.
-Account CallingUser();
-
 // The owner's name. It is the id in digits if the user database does not know the id, or with -n.
 // Each id is looked up once.
 const std::string &UserName(std::uint32_t uid);
@@ -62,6 +59,9 @@ struct Addon {
 
 // By name.
 std::vector<Addon> AddonFiles();
+
+// The files of a directory, sorted, without hidden ones. Throws std::system_error.
+std::vector<std::string> FileNames(const std::string &directory);
 
 // The name of a value in one of the header's tables, its number in digits when the table lacks it.
 std::string ValueName(const ZEVO_BW_ENUM_ENTRY *table, std::int64_t value);

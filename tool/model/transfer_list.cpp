@@ -1,7 +1,6 @@
 // Reads the status files through the library, which also removes stale sections from them.
 #include "model/transfer_list.hpp"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,12 +12,10 @@
 #include <csignal>
 #include <cstring>
 #include <map>
-#include <memory>
+#include <system_error>
 #include <tuple>
 
 #include "failure.hpp"
-#include "model/names.hpp"
-#include "model/store.hpp"
 
 namespace tool {
 
@@ -65,20 +62,17 @@ void RequireDirectory()
 }
 
 std::vector<std::uint32_t> OwnersWithStatusFiles(std::int32_t ownerType)
-{
+try {
     std::vector<std::uint32_t> ids;
-    const int fd =
-        ::open(ZEVO_BW_STATUS_DIRECTORY, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0 && errno == ENOENT) return ids; // nothing has been limited since the last start
-    DIR *const opened = fd < 0 ? nullptr : ::fdopendir(fd);
-    if (opened == nullptr) RefuseDirectory(errno);
-    const std::unique_ptr<DIR, int (*)(DIR *)> directory(opened, &::closedir);
-    while (const dirent *entry = ::readdir(directory.get())) {
-        const auto owner = ParseOwner(entry->d_name);
+    for (const std::string &name : FileNames(ZEVO_BW_STATUS_DIRECTORY)) {
+        const auto owner = ParseOwner(name);
         if (owner && owner->type == ownerType && owner->account.id != kNobody)
             ids.push_back(owner->account.id);
     }
     return ids;
+} catch (const std::system_error &error) {
+    if (error.code().value() == ENOENT) return {}; // nothing has been limited since the last start
+    RefuseDirectory(error.code().value());
 }
 
 } // namespace
@@ -128,11 +122,6 @@ std::string StatusFile(std::int32_t ownerType, std::uint32_t id)
            std::to_string(id);
 }
 
-bool MayChangeStatusFiles()
-{
-    return ::faccessat(AT_FDCWD, ZEVO_BW_STATUS_DIRECTORY, W_OK | X_OK, AT_EACCESS) == 0;
-}
-
 bool TransferList::Passes(const RunningTransfer &transfer) const
 {
     return (!filter_.protocol || *filter_.protocol == transfer.protocol) &&
@@ -174,8 +163,21 @@ void TransferList::Read(std::int32_t ownerType, std::uint32_t id)
 
 void TransferList::ReadAll(std::int32_t ownerType)
 {
+    RequireDirectory();
     for (const std::uint32_t id : OwnersWithStatusFiles(ownerType))
         Read(ownerType, id);
+}
+
+void TransferList::ReadChosen(const std::optional<Owner> &owner)
+{
+    if (owner) {
+        Read(owner->type, owner->account.id);
+    } else {
+        ReadAll(ZEVO_BW_OWNER_USER);
+        // Without merging a transfer would be listed twice.
+        if (filter_.merge) ReadAll(ZEVO_BW_OWNER_GROUP);
+    }
+    Sort();
 }
 
 void TransferList::Sort()

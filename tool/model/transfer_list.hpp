@@ -17,6 +17,7 @@
 #include <zevobandwidth.h>
 
 #include "failure.hpp"
+#include "model/store.hpp"
 #include "output.hpp"
 
 namespace tool {
@@ -35,6 +36,11 @@ struct RunningTransfer {
     std::int64_t timestamp = 0;   // of its last save, seconds since the epoch
     std::string file;             // as it stands in the status file: for Printable()
 };
+
+// What the administrator can do when the library failed on a file.
+inline constexpr const char *kMendFiles =
+    "'zevobandwidth check' says what is wrong with the files of the limits and "
+    "in " ZEVO_BW_STATUS_DIRECTORY "; a full disk needs room, and the system log has the details";
 
 // Names for the tables. Each is looked up once.
 const std::string &OwnerName(const RunningTransfer &transfer);
@@ -63,6 +69,10 @@ public:
     // unreadable.
     void ReadAll(std::int32_t ownerType);
 
+    // Reads the owner's file; without one those of all users, and merged those of all groups, too.
+    // Sorts.
+    void ReadChosen(const std::optional<Owner> &owner);
+
     // By owners' names, then by protocol, direction and process.
     void Sort();
 
@@ -86,9 +96,6 @@ private:
 
 // "/tmp/bandwidth/user-2001".
 std::string StatusFile(std::int32_t ownerType, std::uint32_t id);
-
-// Whether this user may replace files in their directory.
-bool MayChangeStatusFiles();
 
 } // namespace tool
 

@@ -5,9 +5,9 @@
 #include "pipe/loop.hpp"
 
 #include <algorithm>
-#include <ctime>
 
 #include "model/rate.hpp"
+#include "pipe/block.hpp"
 #include "pipe/signal.hpp"
 
 namespace tool {
@@ -28,9 +28,7 @@ constexpr std::uint64_t kALotPercent = 20;
 // The processor time of this thread.
 std::int64_t ProcessorUs() noexcept
 {
-    timespec taken = {};
-    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &taken);
-    return std::int64_t{taken.tv_sec} * kMicrosPerSecond + taken.tv_nsec / 1'000;
+    return ClockUs(CLOCK_THREAD_CPUTIME_ID);
 }
 
 bool ChangedALot(std::uint64_t before, std::uint64_t after) noexcept
@@ -39,7 +37,41 @@ bool ChangedALot(std::uint64_t before, std::uint64_t after) noexcept
     return difference > std::max(before, after) / 100 * kALotPercent;
 }
 
-} // namespace
+class PipeLoop {
+public:
+    PipeLoop(zevobw::Transfer &transfer, Mover &mover, Progress &progress, std::uint64_t size)
+        : transfer_(transfer), mover_(mover), progress_(progress), size_(size)
+    {
+    }
+
+    MoveEnd Run();
+
+private:
+    Moved MoveFreely();
+    Moved MoveBlock();
+    void PayFor(const Moved &moved);
+    void Throttle(std::uint64_t bytes, std::int64_t lengthUs);
+    std::uint64_t ConfiguredBps();
+    void FollowLimits();
+    void LookAround(std::int64_t nowUs);
+    std::int64_t BlockUs() const noexcept;
+    void ShowProgress();
+    std::uint32_t ProgressPart() const noexcept;
+
+    zevobw::Transfer &transfer_;
+    Mover &mover_;
+    Progress &progress_;
+    const std::uint64_t size_;
+    std::uint64_t total_ = 0;
+    std::uint64_t configuredBps_ = 0; // 0: nothing limits the transfer now
+    Pace pace_;
+    Ledger ledger_;
+    WorkEstimate work_;
+    ProcessorEstimate processor_;
+    Sharing sharing_;
+    std::int64_t lookedUs_ = 0;
+    std::uint64_t lookedBps_ = 0; // allowed at that look
+};
 
 MoveEnd PipeLoop::Run()
 {
@@ -53,14 +85,32 @@ MoveEnd PipeLoop::Run()
     }
 }
 
+// Evaluates the plans for this hour. 0 when nothing limits this transfer now.
+std::uint64_t PipeLoop::ConfiguredBps()
+{
+    const auto bps = transfer_.ConfiguredBps();
+    Require(bps, "the limits cannot be worked out");
+    return bps.value();
+}
+
+// The library gets only the length of a block, measured by a clock that is never set. So a
+// correction of the wall clock neither stops a transfer nor speeds it up.
+void PipeLoop::Throttle(std::uint64_t bytes, std::int64_t lengthUs)
+{
+    Require(transfer_.Moved(bytes, ProgressPart(), lengthUs),
+            "the transfer cannot be held to its limit");
+}
+
 // Before each block: notices, the hour, and the change between limited and unlimited. A limit that
 // begins to apply finds no credit and no debt.
 void PipeLoop::FollowLimits()
 {
     const bool wasLimited = configuredBps_ != 0;
     const bool notice = TakeReloadNotice();
-    if (notice) transfer_.Reload(wasLimited ? pace_.Bps() : 0);
-    configuredBps_ = transfer_.ConfiguredBps();
+    if (notice)
+        Require(transfer_.Reload(wasLimited ? pace_.Bps() : 0),
+                "the changed limits cannot be taken up");
+    configuredBps_ = ConfiguredBps();
     if (configuredBps_ == 0) return;
     std::uint64_t allowed = std::min(transfer_.AllowedBps(), configuredBps_);
     if (allowed == 0) allowed = configuredBps_; // not asked yet
@@ -82,7 +132,7 @@ void PipeLoop::LookAround(std::int64_t nowUs)
     const bool early = ageUs > std::max(kEarlyLookUs, kEarlyLookBlocks * blockUs) &&
                        ChangedALot(lookedBps_, transfer_.AllowedBps());
     if (lookedUs_ != 0 && ageUs < std::max(kLookUs, kLookBlocks * blockUs) && !early) return;
-    sharing_ = transfer_.Look();
+    sharing_ = CountSharers(transfer_);
     lookedUs_ = nowUs;
     lookedBps_ = transfer_.AllowedBps();
 }
@@ -96,8 +146,8 @@ Moved PipeLoop::MoveFreely()
 {
     const Moved moved = mover_.Move(UINT64_MAX, NowUs() + kQuietUs);
     total_ += moved.bytes;
-    SleepUntil(0); // lets signals in
-    transfer_.Touch(ProgressPart());
+    SleepUntil(0);  // lets signals in
+    Throttle(0, 0); // notices a new limit
     return moved;
 }
 
@@ -131,10 +181,10 @@ void PipeLoop::PayFor(const Moved &moved)
     // A block that began in an hour with faster rules does not sleep at the speed of the slower
     // ones.
     std::uint64_t bytes = moved.bytes;
-    const std::uint64_t configured = transfer_.ConfiguredBps();
+    const std::uint64_t configured = ConfiguredBps();
     if (configured != 0) bytes = std::min(bytes, BytesIn(lengthUs, configured));
     const std::int64_t processorUs = ProcessorUs();
-    transfer_.Throttle(bytes, lengthUs, ProgressPart());
+    Throttle(bytes, lengthUs);
     processor_.Add(ProcessorUs() - processorUs);
     const std::uint64_t allowed = transfer_.AllowedBps();
     if (allowed == 0) return;
@@ -161,6 +211,13 @@ std::uint32_t PipeLoop::ProgressPart() const noexcept
     if (total_ >= size_) return kWhole;
     using Wide = unsigned __int128;
     return static_cast<std::uint32_t>(Wide{total_} * kWhole / size_);
+}
+
+} // namespace
+
+MoveEnd RunLoop(zevobw::Transfer &transfer, Mover &mover, Progress &progress, std::uint64_t size)
+{
+    return PipeLoop(transfer, mover, progress, size).Run();
 }
 
 } // namespace tool

@@ -5,49 +5,15 @@
 
 #include <cstdint>
 
-#include "pipe/block.hpp"
 #include "pipe/mover.hpp"
 #include "pipe/progress.hpp"
 #include "pipe/transfer.hpp"
 
 namespace tool {
 
-class PipeLoop {
-public:
-    // size: the expected bytes, 0 when not known.
-    PipeLoop(PipedTransfer &transfer, Mover &mover, Progress &progress, std::uint64_t size)
-        : transfer_(transfer), mover_(mover), progress_(progress), size_(size)
-    {
-    }
-
-    // Returns why it ended: kEndOfInput, kReaderGone, or kSignal. Throws Failure as the transfer
-    // and the mover do.
-    MoveEnd Run();
-
-private:
-    Moved MoveFreely();
-    Moved MoveBlock();
-    void PayFor(const Moved &moved);
-    void FollowLimits();
-    void LookAround(std::int64_t nowUs);
-    std::int64_t BlockUs() const noexcept;
-    void ShowProgress();
-    std::uint32_t ProgressPart() const noexcept;
-
-    PipedTransfer &transfer_;
-    Mover &mover_;
-    Progress &progress_;
-    const std::uint64_t size_;
-    std::uint64_t total_ = 0;
-    std::uint64_t configuredBps_ = 0; // 0: nothing limits the transfer now
-    Pace pace_;
-    Ledger ledger_;
-    WorkEstimate work_;
-    ProcessorEstimate processor_;
-    Sharing sharing_;
-    std::int64_t lookedUs_ = 0;
-    std::uint64_t lookedBps_ = 0; // allowed at that look
-};
+// size: the expected bytes, 0 when not known. Returns why it ended: kEndOfInput, kReaderGone, or
+// kSignal. Throws Failure as Require() and the mover do.
+MoveEnd RunLoop(zevobw::Transfer &transfer, Mover &mover, Progress &progress, std::uint64_t size);
 
 } // namespace tool
 

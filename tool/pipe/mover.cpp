@@ -33,12 +33,6 @@ constexpr std::int64_t kNoWaitUs = 50;
     throw Failure(kFailed, std::string(what) + " failed: " + std::strerror(errno));
 }
 
-int OpenAgain(int fd, int flags) noexcept
-{
-    const std::string path = "/proc/self/fd/" + std::to_string(fd);
-    return ::open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-}
-
 } // namespace
 
 Mover::End Mover::Open(int fd, bool forReading)
@@ -53,7 +47,8 @@ Mover::End Mover::Open(int fd, bool forReading)
     if (!end.isPipe) return end;
     // Larger pipes need fewer calls. A refusal does no harm.
     static_cast<void>(::fcntl(fd, F_SETPIPE_SZ, kPipeBytes));
-    const int own = OpenAgain(fd, forReading ? O_RDONLY : O_WRONLY);
+    const int own = ::open(("/proc/self/fd/" + std::to_string(fd)).c_str(),
+                           (forReading ? O_RDONLY : O_WRONLY) | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     if (own >= 0) {
         end.fd = own;
         end.owned = true;
@@ -81,21 +76,17 @@ Moved Mover::Move(std::uint64_t most, std::int64_t untilUs)
     Moved moved;
     while (moved.bytes < most) {
         Step step = Advance(most - moved.bytes, &moved.bytes);
-        if (step != Step::kMoved && step != Step::kEndOfInput && step != Step::kReaderGone) {
-            step = WaitFor(step, untilUs, &moved.heldUpUs);
-            if (step == Step::kMoved && (ReloadNoticePending() || EndingSignal() != 0)) {
-                moved.end = MoveEnd::kSignal;
-                return moved;
-            }
-        }
-        if (step == Step::kEndOfInput || step == Step::kReaderGone) {
-            moved.end = step == Step::kEndOfInput ? MoveEnd::kEndOfInput : MoveEnd::kReaderGone;
-            return moved;
-        }
-        if (NowUs() >= untilUs) {
+        const bool isStuck = step > Step::kReaderGone;
+        if (isStuck) step = WaitFor(step, untilUs, &moved.heldUpUs);
+        if (step == Step::kEndOfInput)
+            moved.end = MoveEnd::kEndOfInput;
+        else if (step == Step::kReaderGone)
+            moved.end = MoveEnd::kReaderGone;
+        else if (isStuck && (ReloadNoticePending() || EndingSignal() != 0))
+            moved.end = MoveEnd::kSignal;
+        else if (NowUs() >= untilUs)
             moved.end = MoveEnd::kTime;
-            return moved;
-        }
+        if (moved.end != MoveEnd::kFull) break;
     }
     return moved;
 }

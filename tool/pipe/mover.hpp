@@ -44,7 +44,8 @@ private:
         bool pollFirst = false; // reading or writing may block
         std::size_t most = 0;   // at once, so as not to block after a poll
     };
-    enum class Step { kMoved, kInputEmpty, kOutputFull, kEitherStuck, kEndOfInput, kReaderGone };
+    // The last three: nothing moves before a wait.
+    enum class Step { kMoved, kEndOfInput, kReaderGone, kInputEmpty, kOutputFull, kEitherStuck };
 
     static End Open(int fd, bool forReading);
     Step Advance(std::uint64_t most, std::uint64_t *pMoved);

@@ -18,8 +18,6 @@ namespace {
 constexpr std::int64_t kRedrawUs = 200'000;
 constexpr std::int64_t kMeasureUs = 1'000'000;
 constexpr std::size_t kUsualWidth = 80;
-constexpr char kBackToStart[] = "\r";
-constexpr char kClearToEnd[] = "\033[K";
 
 std::size_t TerminalWidth()
 {
@@ -41,16 +39,10 @@ std::string Bar(std::uint64_t part, std::uint64_t whole)
     return "[" + std::string(filled, '#') + std::string(kColumns - filled, ' ') + "]";
 }
 
-// ASCII only, so that a byte is a column.
-std::string ForTerminal(const std::string &name)
-{
-    return AsciiOnly(Printable(name));
-}
-
 } // namespace
 
 Progress::Progress(bool quiet, const std::string &name)
-    : name_(ForTerminal(name)), active_(!quiet && ::isatty(STDERR_FILENO) == 1)
+    : name_(AsciiOnly(Printable(name))), active_(!quiet && ::isatty(STDERR_FILENO) == 1)
 {
 }
 
@@ -110,7 +102,7 @@ void Progress::Draw(const ProgressFigures &figures)
 {
     shown_ = true;
     const std::string line = Compose(figures, TerminalWidth());
-    std::fprintf(stderr, "%s%s%s", kBackToStart, line.c_str(), kClearToEnd);
+    std::fprintf(stderr, "\r%s\033[K", line.c_str());
     std::fflush(stderr);
 }
 

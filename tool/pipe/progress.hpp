@@ -38,7 +38,7 @@ private:
     void Draw(const ProgressFigures &figures);
 
     bool shown_ = false;
-    const std::string name_;
+    const std::string name_; // ASCII only, so that a byte is a column
     ProgressFigures last_;
     std::int64_t drawnUs_ = 0;
     std::int64_t measuredUs_ = 0; // when the speed was last measured, over which bytes

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <ctime>
 #include <initializer_list>
 
 #include <sys/prctl.h>
@@ -66,10 +65,10 @@ void CatchUnlessIgnored(std::initializer_list<int> signals) noexcept
 
 } // namespace
 
-std::int64_t NowUs() noexcept
+std::int64_t ClockUs(clockid_t clock) noexcept
 {
     timespec now = {};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    ::clock_gettime(clock, &now);
     return std::int64_t{now.tv_sec} * 1'000'000 + now.tv_nsec / 1'000;
 }
 

@@ -7,13 +7,19 @@
 
 #include <csignal>
 #include <cstdint>
+#include <ctime>
 
 #include <poll.h>
 
 namespace tool {
 
+std::int64_t ClockUs(clockid_t clock) noexcept;
+
 // Microseconds of a clock that is never set.
-std::int64_t NowUs() noexcept;
+inline std::int64_t NowUs() noexcept
+{
+    return ClockUs(CLOCK_MONOTONIC);
+}
 
 // Called once, before the first transfer of the process.
 void CatchSignals();

@@ -1,135 +1,98 @@
-// The library gets only the length of a block, measured by a clock that is never set. So a
-// correction of the wall clock neither stops a transfer nor speeds it up.
 #include "pipe/transfer.hpp"
 
 #include <algorithm>
+#include <ctime>
+#include <memory>
 #include <optional>
+#include <set>
 #include <utility>
 
-#include "failure.hpp"
-#include "model/transfer_list.hpp"
-#include "pipe/sharers.hpp"
+#include "model/rate.hpp"
+#include "model/section.hpp"
 
 namespace tool {
 
 namespace {
 
-[[noreturn]] void FailWith(const std::string &what, const std::string &remedy)
+// Whether the rule applies and can decide a transfer's speed under the policy.
+bool Decides(const ZEVO_BANDWIDTH_CONF &rule, const zevobw::Config &config)
 {
-    throw Failure(kFailed, what + "; " + remedy);
+    const bool isUsers = rule.ownerType == ZEVO_BW_OWNER_USER;
+    const std::int32_t policy = config.policy().userGroupPolicy;
+    const auto apply = [](const ZEVO_BANDWIDTH_CONF &conf) {
+        return conf.currentState != ZEVO_BW_STATE_DISABLED;
+    };
+    const auto isOtherKind = [&](const ZEVO_BANDWIDTH_LIMIT &limit) {
+        return limit.conf.ownerType != rule.ownerType && apply(limit.conf);
+    };
+    if (!apply(rule) || policy == (isUsers ? ZEVO_BW_USER_GROUP_POLICY_GROUP_ONLY
+                                           : ZEVO_BW_USER_GROUP_POLICY_USER_ONLY))
+        return false;
+    return policy != (isUsers ? ZEVO_BW_USER_GROUP_POLICY_GROUP_FIRST
+                              : ZEVO_BW_USER_GROUP_POLICY_USER_FIRST) ||
+           std::none_of(config.begin(), config.end(), isOtherKind);
 }
 
-// The system log has the details. The message says what the administrator can do.
-[[noreturn]] void FailWith(const std::string &what, const zevobw::Error &error)
+// The number of transfers that move data under the rule, own included, and own's equal part of its
+// rate, in bytes per second. Nothing if the file cannot be read; the throttle call reports that. It
+// reads section by section: the library's list would hold four kilobytes for each transfer, and
+// among a thousand that costs more than the rest of the work.
+std::optional<Sharing> CountUnder(const ZEVO_BANDWIDTH_CONF &rule, std::uint64_t rateBps,
+                                  const ZEVO_BANDWIDTH_STATUS &own)
 {
-    const std::string directory = ZEVO_BW_STATUS_DIRECTORY;
-    switch (error.code()) {
-    case ZEVO_BW_ERROR_STOPPED:
-        throw Failure(kFailed, "an administrator has stopped this transfer");
-    case ZEVO_BW_ERROR_OPEN:
-    case ZEVO_BW_ERROR_READ:
-    case ZEVO_BW_ERROR_STAT:
-        FailWith(what, "make sure that " + directory +
-                           " is a directory everybody can write, and "
-                           "that its files are ordinary ones");
-    case ZEVO_BW_ERROR_WRITE:
-    case ZEVO_BW_ERROR_RENAME:
-        FailWith(what, "make sure that " + directory + " can be written and has room left");
-    default:
-        FailWith(what, "the system log says why");
+    const std::string path = StatusFile(rule.ownerType, rule.id);
+    const List sections = ListSections(path);
+    if (!sections) return std::nullopt;
+    Hash hash = NewHash();
+    const auto other = std::make_unique<ZEVO_BANDWIDTH_STATUS>();
+    const std::int64_t freshSince = std::time(nullptr) - ZEVO_BW_STALE_AFTER_SECONDS;
+    std::set<std::uint32_t> otherUsers;
+    std::uint64_t sameUser = 1;
+    Sharing sharing;
+    for (const char *const section : Items(sections)) {
+        *other = {};
+        if (!ReadSection(path, section, hash) ||
+            ZEVOBandwidthInitStatusFromHash(other.get(), hash.get()) != 0)
+            continue;
+        if (other->active == 0 || other->pid == own.pid || other->timestamp < freshSince) continue;
+        if (other->protocol_type != own.protocol_type) continue;
+        if (other->transfer_type != own.transfer_type) continue;
+        if (other->uid == own.uid)
+            ++sameUser;
+        else
+            otherUsers.insert(other->uid);
+        if (other->current_speed != 0) ++sharing.transfers;
     }
+    sharing.equalBps = rateBps / (sameUser * (otherUsers.size() + 1));
+    return sharing;
 }
 
-void Require(const zevobw::Outcome &outcome, const std::string &what)
-{
-    if (!outcome) FailWith(what, outcome.error());
-}
+} // namespace
 
-zevobw::Transfer Begin(std::uint32_t uid, std::int32_t protocol, std::int32_t direction,
-                       const std::string &name)
+zevobw::Transfer BeginTransfer(std::uint32_t uid, std::int32_t protocol, std::int32_t direction,
+                               const std::string &name)
 {
     zevobw::Result<zevobw::Config> config = zevobw::Config::Read(uid, protocol);
     if (!config)
-        FailWith("the limits cannot be read",
-                 "make sure that this user may read the files in /usr/zevo/etc/bandwidth; "
-                 "'zevobandwidth check' says what is wrong with them");
+        throw Failure(kFailed,
+                      "the limits cannot be read; make sure that this user may read the files in "
+                      "/usr/zevo/etc/bandwidth; 'zevobandwidth check' says what is wrong with "
+                      "them");
     auto begun = zevobw::Transfer::Begin(std::move(config.value()), direction, name.c_str());
     Require(begun, "the transfer cannot be registered");
     return std::move(begun.value());
 }
 
-} // namespace
-
-PipedTransfer::PipedTransfer(std::uint32_t uid, std::int32_t protocol, std::int32_t direction,
-                             const std::string &name)
-    : transfer_(Begin(uid, protocol, direction, name))
-{
-}
-
-bool PipedTransfer::ProtocolLimited() const noexcept
-{
-    const std::int32_t state = transfer_.config().policy().state;
-    return state != ZEVO_BW_STATE_NOT_EXISTED && state != ZEVO_BW_STATE_DISABLED;
-}
-
-std::uint64_t PipedTransfer::ConfiguredBps()
-{
-    const auto bps = transfer_.ConfiguredBps();
-    Require(bps, "the limits cannot be worked out");
-    return bps.value();
-}
-
-void PipedTransfer::Throttle(std::uint64_t bytes, std::int64_t lengthUs, std::uint32_t progress)
-{
-    Require(transfer_.Moved(bytes, progress, lengthUs), "the transfer cannot be held to its limit");
-}
-
-void PipedTransfer::Touch(std::uint32_t progress)
-{
-    Throttle(0, 0, progress);
-}
-
-void PipedTransfer::Reload(std::uint64_t bps)
-{
-    Require(transfer_.Reload(bps), "the changed limits cannot be taken up");
-}
-
-// Whether the rule applies and can decide this transfer's speed under the policy.
-bool PipedTransfer::Decides(const ZEVO_BANDWIDTH_CONF &rule) const
-{
-    const zevobw::Config &config = transfer_.config();
-    const auto inForce = [&config](std::int32_t owner) {
-        return std::any_of(config.begin(), config.end(), [owner](const auto &limit) {
-            return limit.conf.ownerType == owner &&
-                   limit.conf.currentState != ZEVO_BW_STATE_DISABLED;
-        });
-    };
-    if (rule.currentState == ZEVO_BW_STATE_DISABLED) return false;
-    const bool isUsers = rule.ownerType == ZEVO_BW_OWNER_USER;
-    switch (config.policy().userGroupPolicy) {
-    case ZEVO_BW_USER_GROUP_POLICY_USER_ONLY:
-        return isUsers;
-    case ZEVO_BW_USER_GROUP_POLICY_GROUP_ONLY:
-        return !isUsers;
-    case ZEVO_BW_USER_GROUP_POLICY_USER_FIRST:
-        return isUsers || !inForce(ZEVO_BW_OWNER_USER);
-    case ZEVO_BW_USER_GROUP_POLICY_GROUP_FIRST:
-        return !isUsers || !inForce(ZEVO_BW_OWNER_GROUP);
-    default:
-        return true;
-    }
-}
-
-Sharing PipedTransfer::Look() const
+Sharing CountSharers(const zevobw::Transfer &transfer)
 {
     Sharing all = {.transfers = 1, .equalBps = UINT64_MAX};
-    const ZEVO_BANDWIDTH_STATUS &own = transfer_.status();
+    const ZEVO_BANDWIDTH_STATUS &own = transfer.status();
     const bool upload = own.transfer_type == ZEVO_BW_TRANSFER_UPLOAD;
-    for (const ZEVO_BANDWIDTH_LIMIT &limit : transfer_.config()) {
+    for (const ZEVO_BANDWIDTH_LIMIT &limit : transfer.config()) {
         const ZEVO_BANDWIDTH_CONF &rule = limit.conf;
         const std::uint64_t rate = upload ? rule.currentUploadRate : rule.currentDownloadRate;
-        if (rate == 0 || !Decides(rule)) continue;
-        const std::optional<Sharing> one = CountSharers(rule, rate * 1024, own);
+        if (rate == 0 || !Decides(rule, transfer.config())) continue;
+        const std::optional<Sharing> one = CountUnder(rule, rate * kBytesPerKB, own);
         if (!one) continue;
         all.transfers = std::max(all.transfers, one->transfers);
         all.equalBps = std::min(all.equalBps, one->equalBps);

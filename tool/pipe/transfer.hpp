@@ -1,4 +1,4 @@
-// The registered transfer of "pipe". The object takes it off the list when it goes out of scope.
+// What "pipe" asks the library about its transfer.
 #ifndef ZEVOBW_TOOL_PIPE_TRANSFER_HPP
 #define ZEVOBW_TOOL_PIPE_TRANSFER_HPP
 
@@ -7,45 +7,27 @@
 
 #include <zevobandwidth.hpp>
 
+#include "failure.hpp"
+#include "model/transfer_list.hpp"
 #include "pipe/block.hpp"
 
 namespace tool {
 
-// A member that calls the library throws Failure, which says what to do or what an administrator
-// did.
-class PipedTransfer {
-public:
-    PipedTransfer(std::uint32_t uid, std::int32_t protocol, std::int32_t direction,
-                  const std::string &name);
+// Throws Failure if a call of the library has failed. what: "the transfer cannot be registered".
+template <typename Outcome> void Require(const Outcome &outcome, const std::string &what)
+{
+    if (outcome) return;
+    if (outcome.error().IsStop())
+        throw Failure(kFailed, "an administrator has stopped this transfer");
+    throw Failure(kFailed, what + ": " + outcome.error().What() + "; " + kMendFiles);
+}
 
-    // False when the protocol's policy is missing or disabled: no rule applies then.
-    bool ProtocolLimited() const noexcept;
+// Registers a transfer. Throws Failure.
+zevobw::Transfer BeginTransfer(std::uint32_t uid, std::int32_t protocol, std::int32_t direction,
+                               const std::string &name);
 
-    // Evaluates the plans for this hour. Returns the configured speed of the user in bytes per
-    // second, 0 when nothing limits this transfer now.
-    std::uint64_t ConfiguredBps();
-
-    // The speed that the last call allowed, beside the other transfers.
-    std::uint64_t AllowedBps() const noexcept { return transfer_.AllowedBps(); }
-
-    // The throttle call for a block that took lengthUs. It sleeps if the block was too fast.
-    void Throttle(std::uint64_t bytes, std::int64_t lengthUs, std::uint32_t progress);
-
-    // A throttle call without bytes and time, so that an unlimited transfer notices a new limit.
-    void Touch(std::uint32_t progress);
-
-    // Reads changed limits after a notice. The transfer is on the list again when it returns. bps:
-    // its speed so far.
-    void Reload(std::uint64_t bps);
-
-    // Counts the transfers that share the limits. Reads the status files.
-    Sharing Look() const;
-
-private:
-    bool Decides(const ZEVO_BANDWIDTH_CONF &rule) const;
-
-    zevobw::Transfer transfer_;
-};
+// Counts the transfers that share the limits with this one. Reads the status files.
+Sharing CountSharers(const zevobw::Transfer &transfer);
 
 } // namespace tool
 

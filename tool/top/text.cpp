@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cwchar>
 #include <utility>
 
 #include "model/rate.hpp"
@@ -16,32 +15,6 @@ namespace {
 constexpr std::size_t kLeastLast = 8; // the least width of the last column
 constexpr std::size_t kGap = 1;
 constexpr std::size_t kLeftOut = 0; // the width of a column that is left out
-
-struct Glyph {
-    std::size_t bytes;
-    int columns; // -1: the locale cannot show it
-};
-
-Glyph FirstGlyph(std::string_view text)
-{
-    std::mbstate_t state{};
-    wchar_t character = 0;
-    const std::size_t bytes = std::mbrtowc(&character, text.data(), text.size(), &state);
-    // Longer than the text means that it ends in the middle of a character.
-    if (bytes == 0 || bytes > text.size()) return {1, -1};
-    return {bytes, ::wcwidth(character)};
-}
-
-std::size_t ColumnsOf(std::string_view text)
-{
-    std::size_t columns = 0;
-    while (!text.empty()) {
-        const Glyph glyph = FirstGlyph(text);
-        columns += static_cast<std::size_t>(glyph.columns < 0 ? 1 : glyph.columns);
-        text.remove_prefix(glyph.bytes);
-    }
-    return columns;
-}
 
 // The steps of a bar of one column, the lowest first.
 constexpr std::array kBlocks = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
@@ -55,11 +28,10 @@ std::string Fit(std::string_view text, std::size_t columns, bool right)
     std::size_t used = 0;
     while (!text.empty()) {
         const Glyph glyph = FirstGlyph(text);
-        const auto wanted = static_cast<std::size_t>(glyph.columns < 0 ? 1 : glyph.columns);
-        if (used + wanted > columns) break;
-        fitting += glyph.columns < 0 ? std::string_view("?") : text.substr(0, glyph.bytes);
-        used += wanted;
-        text.remove_prefix(glyph.bytes);
+        if (used + glyph.Columns() > columns) break;
+        fitting += glyph.width < 0 ? "?" : glyph.bytes;
+        used += glyph.Columns();
+        text.remove_prefix(glyph.bytes.size());
     }
     const std::string blanks(columns - used, ' ');
     return right ? blanks + fitting : fitting + blanks;
@@ -68,12 +40,12 @@ std::string Fit(std::string_view text, std::size_t columns, bool right)
 std::string FitEnd(std::string_view text, std::size_t columns)
 {
     constexpr std::string_view kDots = "..";
-    std::size_t width = ColumnsOf(text);
+    std::size_t width = Width(text);
     if (width <= columns || columns <= kDots.size()) return Fit(text, columns);
     while (width > columns - kDots.size()) {
-        const std::string_view first = text.substr(0, FirstGlyph(text).bytes);
-        width -= ColumnsOf(first);
-        text.remove_prefix(first.size());
+        const Glyph first = FirstGlyph(text);
+        width -= first.Columns();
+        text.remove_prefix(first.bytes.size());
     }
     return Fit(std::string(kDots) + std::string(text), columns);
 }
@@ -121,9 +93,9 @@ std::vector<std::size_t> Grid::Widths(std::size_t columns) const
     std::vector<std::size_t> widths;
     std::size_t sum = kLeastLast;
     for (std::size_t i = 0; i + 1 < columns_.size(); ++i) {
-        std::size_t width = ColumnsOf(columns_[i].title);
+        std::size_t width = Width(columns_[i].title);
         for (const Row &row : rows_)
-            width = std::max(width, ColumnsOf(row.cells[i]));
+            width = std::max(width, Width(row.cells[i]));
         widths.push_back(width);
         sum += width + kGap;
     }
