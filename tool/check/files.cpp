@@ -3,7 +3,6 @@
 // stranger could have planted a hard link to another user's file.
 #include "check/files.hpp"
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,8 +13,8 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <memory>
 #include <set>
+#include <system_error>
 
 #include <zevocore.h>
 
@@ -120,6 +119,10 @@ public:
     {
         for (const Protocol &protocol : KnownProtocols())
             protocols_.insert(protocol.name);
+        for (const Addon &addon : AddonFiles()) // only their names count
+            if (!addon.fault.empty())
+                Add(ZEVO_BW_ADDON_DIRECTORY "/" + addon.file, 0,
+                    "an add-on that cannot be used: " + addon.fault, addon.remedy);
         CheckRuleDirectory();
         CheckStatusDirectory();
         return std::move(findings_);
@@ -176,27 +179,17 @@ private:
         return true;
     }
 
-    // Sorted by name, without hidden files.
-    std::vector<Entry> Entries(const std::string &path)
-    {
+    static std::vector<Entry> Entries(const std::string &path)
+    try {
         std::vector<Entry> entries;
-        const zevo::Place place((path + "/.").c_str());
-        zevo::Fd opened;
-        if (!place.fault()) opened = zevo::OpenAt(place.dir(), ".", O_RDONLY | O_DIRECTORY);
-        DIR *const directory = opened ? ::fdopendir(opened.get()) : nullptr;
-        if (directory == nullptr)
-            throw Failure(StatusOf(errno), "cannot read " + path + ": " + std::strerror(errno));
-        static_cast<void>(opened.Detach()); // the directory's own now
-        const std::unique_ptr<DIR, int (*)(DIR *)> guard(directory, &::closedir);
-        while (const dirent *entry = ::readdir(directory)) {
-            Entry found{entry->d_name, {}};
-            if (found.name.front() != '.' && ::fstatat(::dirfd(directory), entry->d_name,
-                                                       &found.status, AT_SYMLINK_NOFOLLOW) == 0)
-                entries.push_back(std::move(found));
+        for (const std::string &name : FileNames(path)) {
+            Entry found{name, {}};
+            if (::lstat((path + "/" + name).c_str(), &found.status) == 0) entries.push_back(found);
         }
-        std::sort(entries.begin(), entries.end(),
-                  [](const Entry &a, const Entry &b) { return a.name < b.name; });
         return entries;
+    } catch (const std::system_error &error) {
+        const int code = error.code().value();
+        throw Failure(StatusOf(code), "cannot read " + path + ": " + std::strerror(code));
     }
 
     // True for a writer's temporary file, also if the writer may still be at work.
@@ -235,7 +228,7 @@ private:
         for (const Entry &entry : Entries(directory)) {
             const std::string path = directory + "/" + entry.name;
             if (entry.name == kAddonDirectory) {
-                if (CheckDirectory(path, WantedOfRules)) CheckAddons(path);
+                static_cast<void>(CheckDirectory(path, WantedOfRules));
             } else if (entry.name.starts_with(kRulePrefix)) {
                 const bool isTemporary = NameOfTemporary(entry.name).ends_with(kRuleSuffix);
                 if (isTemporary && CheckTemporary(path, entry.status)) continue;
@@ -244,38 +237,23 @@ private:
         }
     }
 
-    // Only the names of these files count.
-    void CheckAddons(const std::string &directory)
-    {
-        for (const Addon &addon : AddonFiles())
-            if (!addon.fault.empty())
-                Add(directory + "/" + addon.file, 0,
-                    "an add-on that cannot be used: " + addon.fault, addon.remedy);
-    }
-
     void CheckRuleFile(const std::string &path, const Entry &entry)
     {
         zevo::Bytes text;
         if (!ReadFile(path, entry.status, text)) return;
         CheckOwner(path, entry.status);
         CheckMode(path, entry.status, WantedOfRules);
-        std::string_view protocol = entry.name;
-        protocol.remove_prefix(std::min(kRulePrefix.size(), protocol.size()));
-        protocol.remove_suffix(std::min(kRuleSuffix.size(), protocol.size()));
-        CheckRuleText(path, protocol, text.view());
-    }
-
-    void CheckRuleText(const std::string &path, std::string_view protocol, std::string_view text)
-    {
         if (path == ConfPath(ZEVO_BW_PROTOCOL_ALL))
-            return CheckPolicies(text, protocols_, Teller(path));
-        if (!protocols_.contains(std::string(protocol))) {
+            return CheckPolicies(text.view(), protocols_, Teller(path));
+        std::string protocol = entry.name.substr(kRulePrefix.size());
+        protocol.resize(protocol.size() - std::min(kRuleSuffix.size(), protocol.size()));
+        if (!protocols_.contains(protocol)) {
             Add(path, 0, "rules of an unknown protocol",
                 "put the add-on's file back ('zevobandwidth addon list'), or remove this one");
             return;
         }
-        const std::int32_t number = FindProtocol(std::string(protocol));
-        if (CheckRules(text, number, protocols_, Teller(path))) HintAtPolicy(path, number);
+        const std::int32_t number = FindProtocol(protocol);
+        if (CheckRules(text.view(), number, protocols_, Teller(path))) HintAtPolicy(path, number);
     }
 
     void HintAtPolicy(const std::string &path, std::int32_t protocol)

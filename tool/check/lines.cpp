@@ -1,13 +1,12 @@
 // The readers of these files ignore what they do not understand. This check reports it. The
 // platform's reader decides what a line means: it reads each line as a section of its own in a
-// scratch file. Any user can fill a status file with junk, so lines that nobody reads cost nothing,
-// and the walk ends when no more faults are wanted.
+// scratch file. Any user can fill a status file with junk: equal lines are read once, at most so many
+// are read, and the check ends when no more faults are wanted.
 #include "check/lines.hpp"
 
 #include <algorithm>
 #include <array>
 #include <map>
-#include <optional>
 #include <sstream>
 #include <vector>
 
@@ -135,23 +134,29 @@ std::string UnknownName(const Keys &keys, const VLIB_SZ_HASH &section)
     return "";
 }
 
-// ---- the walk ----
+// ---- the sections of a text ----
 
 constexpr const char *kNobodysSection = "the section belongs to nobody: [";
 constexpr const char *kMendSection = "correct its name or remove it in an editor";
 constexpr const char *kMendLine = "correct or remove the line in an editor";
-constexpr std::size_t kLinesAtOnce = 1000;
+constexpr std::size_t kMaxLines = 300'000; // checked of one file
 
 struct Line {
-    int number;
+    int number = 0;
     std::string_view text;
-    bool isHeader;
 };
 
-bool IsHeader(std::string_view line)
-{
-    return VLIBCIFileIsSection(line.data(), static_cast<int>(line.size())) == 1;
-}
+struct Section {
+    int line = 0;
+    std::string name;
+    bool isKnown = false;
+    std::vector<Line> lines; // without comments and empty ones
+};
+
+struct Pair {
+    std::string key; // empty: the line is none
+    std::string value;
+};
 
 bool IsPassedOver(std::string_view line)
 {
@@ -159,125 +164,149 @@ bool IsPassedOver(std::string_view line)
            line.front() == '#';
 }
 
-// Walks over the lines of a file and reports what is wrong with each. The caller sets begin, pair,
-// end.
-class Walk {
-public:
-    Walk(const Keys &keys, const std::set<std::string> &protocols, const TellFault &tell)
-        : keys_(keys), protocols_(protocols), tell_(tell)
-    {
-    }
+// Without quotes. An add-on's name may have escapes, so it is compared by the platform.
+std::string NameIn(std::string_view header, const std::set<std::string> &protocols)
+{
+    constexpr std::string_view kAround = " \t\"";
+    for (const std::string &protocol : protocols)
+        if (VLIBCIFileMatchSection(header.data(), static_cast<int>(header.size()),
+                                   protocol.c_str()) == 1)
+            return protocol;
+    const std::string_view inside = header.substr(1, header.rfind(']') - 1);
+    const std::size_t first = std::min(inside.find_first_not_of(kAround), inside.size());
+    return std::string(inside.substr(first, inside.find_last_not_of(kAround) + 1 - first));
+}
 
-    // Called at a header. False: the section belongs to nobody, and its lines are not checked.
-    std::function<bool(const std::string &section)> begin;
-    std::function<void(const std::string &key, const std::string &value)> pair = [](auto...) {};
-    // Called at the end of a section.
-    std::function<void()> end = [] {};
+using IsKnownName = std::function<bool(const std::string &)>;
 
-    void Run(std::string_view text)
-    {
-        std::vector<Line> lines;
-        bool hasHeader = false; // among those
-        for (int number = 1; !text.empty() && !isOver_; ++number) {
-            const std::string_view whole = text.substr(0, text.find('\n'));
-            text.remove_prefix(std::min(whole.size() + 1, text.size()));
-            const Line line = {number, whole, IsHeader(whole)};
-            hasHeader = hasHeader || line.isHeader;
-            // Lines of a section that belongs to nobody are not even kept.
-            const bool isRead = hasHeader || isKnown_ || isBeforeFirst_;
-            if (isRead && !IsPassedOver(whole)) lines.push_back(line);
-            if (lines.size() < kLinesAtOnce && !text.empty()) continue;
-            Take(lines);
-            lines.clear();
-            hasHeader = false;
+// Up to kMaxLines; left is the text that follows. The first section holds the lines before the first
+// header. A section of an unknown name gets no lines.
+std::vector<Section> SectionsOf(std::string_view &left, const std::set<std::string> &protocols,
+                                const IsKnownName &isKnown)
+{
+    std::vector<Section> sections = {{0, "", true, {}}};
+    std::size_t kept = 0;
+    for (int number = 1; !left.empty() && kept < kMaxLines; ++number) {
+        const std::string_view line = left.substr(0, left.find('\n'));
+        left.remove_prefix(std::min(line.size() + 1, left.size()));
+        const bool isHeader = VLIBCIFileIsSection(line.data(), static_cast<int>(line.size())) == 1;
+        if (!isHeader && (!sections.back().isKnown || IsPassedOver(line))) continue;
+        ++kept;
+        if (isHeader) {
+            std::string name = NameIn(line, protocols);
+            const bool known = isKnown(name);
+            sections.push_back({number, std::move(name), known, {}});
+        } else {
+            sections.back().lines.push_back({number, line});
         }
-        if (!isOver_) end();
+    }
+    return sections;
+}
+
+Pair PairIn(const Hash &hash, const Keys &keys)
+{
+    for (const auto &[key, sample] : keys)
+        if (const char *const value = VLIBCSzHashGetValue(hash.get(), key.c_str()))
+            return {key, value};
+    const std::string text = TextOf(hash);
+    const std::string rest = text.substr(text.find('\n') + 1);
+    return {rest.substr(0, rest.find('=')), ""};
+}
+
+// The lines of a file, and what is wrong with each.
+class CheckedText {
+public:
+    CheckedText(std::string_view text, const Keys &keys, const std::set<std::string> &protocols,
+                const TellFault &tell, const IsKnownName &isKnown)
+        : keys_(keys), protocols_(protocols), tell_(tell), left_(text),
+          sections_(SectionsOf(left_, protocols, isKnown))
+    {
+        ReadLines();
+        for (const Line &line : sections_.front().lines)
+            Tell(line.number, "the line stands before the first section, and is passed over",
+                 kMendLine);
     }
 
-    void Tell(const std::string &what, const std::string &remedy)
+    // Until no more faults are wanted.
+    void ForEachSection(const std::function<void(const Section &)> &check)
     {
-        isOver_ = !tell_(line_, what, remedy) || isOver_;
+        for (std::size_t i = 1; i < sections_.size() && !isOver_; ++i)
+            check(sections_[i]);
+        if (!left_.empty())
+            Tell(0, "it has too many lines: the last ones are not checked", "mend the first ones");
     }
-    int line() const { return line_; }
-    // Only the first section of a name is ever read.
-    void TellIfSecond(const std::string &section)
+
+    void Tell(int line, const std::string &what, const std::string &remedy)
     {
-        if (!seen_.insert(section).second)
-            Tell("a second section of this name, which is never read: [" + section + "]",
+        if (!isOver_) isOver_ = !tell_(line, what, remedy);
+    }
+
+    // Only the first section of a name is ever read.
+    void TellIfSecond(const Section &section)
+    {
+        if (!seen_.insert(section.name).second)
+            Tell(section.line,
+                 "a second section of this name, which is never read: [" + section.name + "]",
                  kMendSection);
     }
 
-private:
-    void Take(const std::vector<Line> &lines)
+    void CheckLines(const Section &section,
+                    const std::function<void(int line, const Pair &)> &alsoCheck = {})
     {
-        std::string text;
-        for (const Line &line : lines)
-            if (!line.isHeader)
-                text += "[" + std::to_string(line.number) + "]\n" + std::string(line.text) + "\n";
-        const ScratchFile file("lines.conf", text);
-        const List sections = ListSections(file.path()); // makes the reading in order quick
-        for (const Line &line : lines) {
+        for (const Line &line : section.lines) {
             if (isOver_) return;
-            line_ = line.number;
-            if (line.isHeader) {
-                TakeHeader(line.text);
-            } else if (isKnown_) {
-                static_cast<void>(
-                    ReadSection(file.path(), std::to_string(line.number).c_str(), pair_));
-                TakePair();
-            } else if (isBeforeFirst_) {
-                Tell("the line stands before the first section, and is passed over", kMendLine);
+            const Pair &pair = pairs_.at(line.text);
+            CheckPair(line.number, section.name, pair);
+            if (alsoCheck && keys_.contains(pair.key)) alsoCheck(line.number, pair);
+        }
+    }
+
+private:
+    void ReadLines()
+    {
+        std::vector<std::pair<std::string, Pair *>> places; // section of the scratch file, its pair
+        std::string text;
+        for (std::size_t i = 1; i < sections_.size(); ++i) {
+            for (const Line &line : sections_[i].lines) {
+                const auto [place, isNew] = pairs_.try_emplace(line.text);
+                if (!isNew) continue;
+                places.emplace_back(std::to_string(places.size()), &place->second);
+                text += "[" + places.back().first + "]\n" + std::string(line.text) + "\n";
             }
         }
-    }
-
-    // Takes the quotes off a name. An add-on's name may have escapes, so it is compared by the
-    // platform.
-    void TakeHeader(std::string_view text)
-    {
-        constexpr std::string_view kAround = " \t\"";
-        end();
-        isBeforeFirst_ = false;
-        const std::string_view inside = text.substr(1, text.rfind(']') - 1);
-        const std::size_t first = std::min(inside.find_first_not_of(kAround), inside.size());
-        section_ = inside.substr(first, inside.find_last_not_of(kAround) + 1 - first);
-        for (const std::string &protocol : protocols_)
-            if (VLIBCIFileMatchSection(text.data(), static_cast<int>(text.size()),
-                                       protocol.c_str()) == 1)
-                section_ = protocol;
-        isKnown_ = begin(section_);
-    }
-
-    void TakePair()
-    {
-        for (const auto &[key, sample] : keys_) {
-            const char *const value = VLIBCSzHashGetValue(pair_.get(), key.c_str());
-            if (value == nullptr) continue;
-            const std::string fault = FaultOf(key, value, sample, protocols_);
-            if (!fault.empty())
-                Tell("section [" + section_ + "]: " + FaultText(key, fault, value), kMendLine);
-            return pair(key, value);
+        const ScratchFile file("lines.conf", text);
+        const List sections = ListSections(file.path()); // makes the reading in order quick
+        Hash hash = NewHash();
+        for (const auto &[section, pair] : places) {
+            static_cast<void>(ReadSection(file.path(), section.c_str(), hash));
+            *pair = PairIn(hash, keys_);
         }
-        const std::string text = TextOf(pair_);
-        const std::string rest = text.substr(text.find('\n') + 1);
-        if (rest.empty())
-            Tell("the line is no section, setting or comment, and is passed over", kMendLine);
-        else
-            Tell("section [" + section_ + "]: unknown setting \"" + rest.substr(0, rest.find('=')) +
-                     "\"",
+    }
+
+    void CheckPair(int line, const std::string &section, const Pair &pair)
+    {
+        const auto known = keys_.find(pair.key);
+        if (pair.key.empty()) {
+            Tell(line, "the line is no section, setting or comment, and is passed over", kMendLine);
+        } else if (known == keys_.end()) {
+            Tell(line, "section [" + section + "]: unknown setting \"" + pair.key + "\"",
                  kMendLine);
+        } else {
+            const std::string fault = FaultOf(pair.key, pair.value, known->second, protocols_);
+            if (!fault.empty())
+                Tell(line, "section [" + section + "]: " + FaultText(pair.key, fault, pair.value),
+                     kMendLine);
+        }
     }
 
     const Keys &keys_;
     const std::set<std::string> &protocols_;
     const TellFault &tell_;
-    int line_ = 0;
-    bool isKnown_ = false;
-    bool isBeforeFirst_ = true;
+    std::string_view left_; // too much to be checked
+    const std::vector<Section> sections_;
+    std::map<std::string_view, Pair> pairs_;
     bool isOver_ = false;
-    std::string section_;
     std::set<std::string> seen_;
-    Hash pair_ = NewHash(); // of the line in turn
 };
 
 // "4711-1": a process and a direction.
@@ -307,83 +336,67 @@ std::string UnknownNameInPolicy(const VLIB_SZ_HASH &section)
 bool CheckRules(std::string_view text, std::int32_t protocol,
                 const std::set<std::string> &protocols, const TellFault &tell)
 {
-    Walk walk(RuleKeys(), protocols, tell);
+    CheckedText checked(text, RuleKeys(), protocols, tell,
+                        [](const std::string &name) { return ParseOwner(name).has_value(); });
     bool hasRules = false;
-    Owner owner;   // of the section
-    Keys expected; // what the library would write for that owner
-    walk.begin = [&](const std::string &section) {
-        const auto named = ParseOwner(section);
-        if (!named) {
-            walk.Tell(kNobodysSection + section + "]", kMendSection);
-            return false;
-        }
-        walk.TellIfSecond(section);
+    checked.ForEachSection([&](const Section &section) {
+        const auto owner = ParseOwner(section.name);
+        if (!section.isKnown)
+            return checked.Tell(section.line, kNobodysSection + section.name + "]", kMendSection);
+        checked.TellIfSecond(section);
         hasRules = true;
-        owner = *named;
-        expected = RuleKeys(owner, protocol);
-        return true;
-    };
-    walk.pair = [&](const std::string &key, const std::string &value) {
-        // A rule that was cleared counts as none.
-        if (key == "state" && value != "NotExisted" && !IsKnown(owner)) {
-            const Owner unknown = OwnerById(owner.type, owner.account.id);
-            walk.Tell("the rule of an unknown " + OwnerText(unknown),
-                      "zevobandwidth rule clear " + RuleOptions(unknown, protocol));
-        }
-        const bool isOwners = key == "id" || key == "owner type" || key == "protocol type";
-        if (isOwners && expected[key] != value)
-            walk.Tell("\"" + key + "\" contradicts the section and its file: \"" + value +
-                          "\" instead of \"" + expected[key] + "\"",
-                      kMendLine);
-    };
-    walk.Run(text);
+        Keys expected = RuleKeys(*owner, protocol);
+        checked.CheckLines(section, [&](int line, const Pair &pair) {
+            const auto &[key, value] = pair;
+            // A rule that was cleared counts as none.
+            if (key == "state" && value != "NotExisted" && !IsKnown(*owner)) {
+                const Owner unknown = OwnerById(owner->type, owner->account.id);
+                checked.Tell(line, "the rule of an unknown " + OwnerText(unknown),
+                             "zevobandwidth rule clear " + RuleOptions(unknown, protocol));
+            }
+            const bool isOwners = key == "id" || key == "owner type" || key == "protocol type";
+            if (isOwners && expected[key] != value)
+                checked.Tell(line,
+                             "\"" + key + "\" contradicts the section and its file: \"" + value +
+                                 "\" instead of \"" + expected[key] + "\"",
+                             kMendLine);
+        });
+    });
     return hasRules;
 }
 
 void CheckPolicies(std::string_view text, const std::set<std::string> &protocols,
                    const TellFault &tell)
 {
-    Walk walk(PolicyKeys(), protocols, tell);
-    walk.begin = [&](const std::string &section) {
-        const bool isKnown = protocols.contains(section);
-        if (isKnown)
-            walk.TellIfSecond(section);
-        else
-            walk.Tell("the policy of an unknown protocol: [" + section + "]",
-                      "put the add-on's file back ('zevobandwidth addon list'), or remove the "
-                      "section");
-        return isKnown;
-    };
-    walk.Run(text);
+    CheckedText checked(text, PolicyKeys(), protocols, tell,
+                        [&](const std::string &name) { return protocols.contains(name); });
+    checked.ForEachSection([&](const Section &section) {
+        if (!section.isKnown)
+            return checked.Tell(
+                section.line, "the policy of an unknown protocol: [" + section.name + "]",
+                "put the add-on's file back ('zevobandwidth addon list'), or remove the section");
+        checked.TellIfSecond(section);
+        checked.CheckLines(section);
+    });
 }
 
 void CheckTransfers(std::string_view text, const std::set<std::string> &protocols, std::time_t now,
                     const TellFault &tell,
                     const std::function<void(int line, const std::string &section)> &stale)
 {
-    Walk walk(TransferKeys(), protocols, tell);
-    std::string transfer; // its section; empty outside of one
-    int firstLine = 0;
-    std::uint64_t savedAt = 0; // seconds; a transfer that does not say when counts as stale
-    walk.begin = [&](const std::string &section) {
-        const bool isTransfer = IsTransferSection(section);
-        transfer = isTransfer ? section : "";
-        firstLine = walk.line();
-        savedAt = 0;
-        if (!isTransfer)
-            walk.Tell(kNobodysSection + section + "]",
-                      "remove the file: running transfers write it anew");
-        return isTransfer;
-    };
-    walk.pair = [&](const std::string &key, const std::string &value) {
-        if (key == "timestamp") savedAt = ReadNumber<std::uint64_t>(value).value_or(0);
-    };
-    walk.end = [&] {
-        if (!transfer.empty() &&
-            savedAt + ZEVO_BW_STALE_AFTER_SECONDS < static_cast<std::uint64_t>(now))
-            stale(firstLine, transfer);
-    };
-    walk.Run(text);
+    CheckedText checked(text, TransferKeys(), protocols, tell, IsTransferSection);
+    checked.ForEachSection([&](const Section &section) {
+        if (!section.isKnown)
+            return checked.Tell(section.line, kNobodysSection + section.name + "]",
+                                "remove the file: running transfers write it anew");
+        std::uint64_t savedAt = 0; // seconds; a transfer that does not say when counts as stale
+        checked.CheckLines(section, [&](int, const Pair &pair) {
+            if (pair.key == "timestamp")
+                savedAt = ReadNumber<std::uint64_t>(pair.value).value_or(0);
+        });
+        if (savedAt + ZEVO_BW_STALE_AFTER_SECONDS < static_cast<std::uint64_t>(now))
+            stale(section.line, section.name);
+    });
 }
 
 } // namespace tool
