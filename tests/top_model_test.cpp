@@ -28,15 +28,17 @@ std::string TextOf(const std::vector<TopLine> &lines)
 TopTransfer Upload(const std::string &user, pid_t pid, std::uint64_t speedBps,
                    const std::string &file)
 {
-    return {.uid = 2001,
-            .pid = pid,
-            .direction = ZEVO_BW_TRANSFER_UPLOAD,
-            .user = user,
-            .protocol = "rsync",
-            .file = file,
-            .speedBps = speedBps,
-            .allowedBps = 1024,
-            .limitBps = 2048};
+    TopTransfer transfer;
+    transfer.uid = 2001;
+    transfer.pid = pid;
+    transfer.direction = ZEVO_BW_TRANSFER_UPLOAD;
+    transfer.user = user;
+    transfer.service = "rsync";
+    transfer.file = file;
+    transfer.speedBps = speedBps;
+    transfer.allowedBps = 1024;
+    transfer.limitBps = 2048;
+    return transfer;
 }
 
 class Top : public testing::Test {

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
-#include <memory>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -31,18 +30,9 @@ std::vector<TopTransfer> ToTransfers(const TransferList &list, LimitBook &limits
 {
     std::vector<TopTransfer> transfers;
     for (const RunningTransfer &running : list.all())
-        transfers.push_back({.uid = running.uid,
-                             .pid = running.pid,
-                             .direction = running.direction,
-                             .user = UserName(running.uid),
-                             .protocol = ProtocolOf(running),
-                             .file = running.file,
-                             .speedBps = running.speedBps,
-                             .allowedBps = running.allowedBps,
-                             .limitBps = limits.Of(ZEVO_BW_OWNER_USER, running.uid,
-                                                   running.protocol, running.direction),
-                             .progress = running.progress,
-                             .active = running.active});
+        transfers.push_back(
+            {running, UserName(running.uid), ProtocolOf(running),
+             limits.Of(ZEVO_BW_OWNER_USER, running.uid, running.protocol, running.direction)});
     return transfers;
 }
 
@@ -187,31 +177,33 @@ private:
     std::int64_t nextUs_ = 0;
 };
 
-void ShowTop(double seconds)
+struct TopArguments {
+    double seconds = 1;
+};
+
+void ShowTop(const TopArguments &arguments)
 {
     CatchEnding();
-    Top(seconds).Run();
+    Top(arguments.seconds).Run();
 }
 
 } // namespace
 
 void AddTopCommand(CLI::App &app)
 {
-    const auto seconds = std::make_shared<double>(1);
-    CLI::App *command = app.add_subcommand("top", "Watch the running transfers, full screen");
-    AddSecondsOption(*command, "-d,--delay", *seconds, "Look again every so many seconds")
-        ->capture_default_str();
-    AddOutputOptions(*command, {.json = "use 'zevobandwidth transfers --watch --json'"});
-    command->footer(
-        "Shows per transfer its speed, the speed it is allowed now, what part that is of what the\n"
-        "user's limits allow one transfer alone, progress, time left and the last speeds; above\n"
-        "it what the groups are charged of their limits. Keys: arrows select, s sorts by another "
-        "column,\n"
-        "r reverses, / filters, x stops the selected transfer after a question, ? helps, q quits.\n"
-        "The time left is worked out from the progress that the service reports.\n\nExamples:\n"
+    const auto [command, arguments] = AddCommand(
+        app, "top", "Watch the running transfers, full screen", ShowTop,
+        "Shows per transfer its speed, the speed it is allowed now, what part that is of what the "
+        "user's limits allow one transfer alone, progress, time left and the last speeds; above it "
+        "what the groups are charged of their limits. Keys: arrows select, s sorts by another "
+        "column, r reverses, / filters, x stops the selected transfer after a question, ? helps, q "
+        "quits. The time left is worked out from the progress that the service reports.\n\n"
+        "Examples:\n"
         "  zevobandwidth top\n"
         "  zevobandwidth top -n -d 5\n");
-    command->callback([seconds] { ShowTop(*seconds); });
+    AddSecondsOption(command, "-d,--delay", arguments.seconds, "Look again every so many seconds")
+        ->capture_default_str();
+    AddOutputOptions(command, {.json = "use 'zevobandwidth transfers --watch --json'"});
 }
 
 } // namespace tool

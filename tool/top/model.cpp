@@ -24,17 +24,6 @@ constexpr std::size_t kRowsForGroups = 8; // a lower screen is for the transfers
 constexpr std::size_t kBarColumns = 20;
 constexpr std::uint64_t kLongestSeconds = 100 * 3600;
 
-constexpr const char *kSpeedTitle = "SPEED/s";
-constexpr const char *kAllowedTitle = "ALLOWED/s";
-constexpr const char *kShareTitle = "SHARE";
-constexpr const char *kDoneTitle = "DONE";
-constexpr const char *kLeftTitle = "LEFT";
-constexpr const char *kUserTitle = "USER";
-constexpr const char *kProtocolTitle = "PROTO";
-constexpr const char *kDirectionTitle = "DIR";
-constexpr const char *kPidTitle = "PID";
-constexpr const char *kFileTitle = "FILE";
-
 constexpr std::array kHelp = {
     "Arrows, Page Up/Down, Home, End   select a transfer",
     "s, S   sort by the next, by the previous column;   r   the other way round",
@@ -53,6 +42,12 @@ constexpr std::array kHelp = {
 std::string DirectionText(std::int32_t direction)
 {
     return direction == ZEVO_BW_TRANSFER_UPLOAD ? "up" : "down";
+}
+
+std::string LeftText(bool isActive, std::uint64_t seconds)
+{
+    if (!isActive) return "ending";
+    return seconds < kLongestSeconds ? FormatDuration(seconds) : "-";
 }
 
 std::string AllowedText(std::uint64_t speedBps)
@@ -91,39 +86,47 @@ TopLine PlainLine(const std::string &text, std::size_t columns, std::vector<Colo
 
 } // namespace
 
-// A column to sort by: which of two comes first.
-struct TopModel::Order {
-    const char *title;
-    bool (*before)(const Entry &, const Entry &);
+// A column of the transfers: its cells, and by which order it sorts.
+struct TopModel::Column {
+    GridColumn look;
+    std::string (*text)(const Entry &, const View &);
+    bool (*before)(const Entry &, const Entry &); // null: nothing to sort by
 };
 
-const std::vector<TopModel::Order> &TopModel::Orders()
+// In the order of the screen.
+const std::vector<TopModel::Column> &TopModel::Columns()
 {
-    using E = Entry;
-    static const std::vector<Order> orders = {
-        {kSpeedTitle,
-         [](const E &a, const E &b) { return a.transfer->speedBps > b.transfer->speedBps; }},
-        {kAllowedTitle,
-         [](const E &a, const E &b) {
-             return ZEVOBandwidthIsLargerThan(a.transfer->allowedBps, b.transfer->allowedBps) != 0;
-         }},
-        {kShareTitle,
-         [](const E &a, const E &b) { return a.share.value_or(0) > b.share.value_or(0); }},
-        {kDoneTitle,
-         [](const E &a, const E &b) { return a.transfer->progress > b.transfer->progress; }},
-        {kLeftTitle,
-         [](const E &a, const E &b) {
-             return a.secondsLeft.value_or(UINT64_MAX) < b.secondsLeft.value_or(UINT64_MAX);
-         }},
-        {kFileTitle, [](const E &a, const E &b) { return a.transfer->file < b.transfer->file; }},
-        {kUserTitle, [](const E &a, const E &b) { return a.transfer->user < b.transfer->user; }},
-        {kProtocolTitle,
-         [](const E &a, const E &b) { return a.transfer->protocol < b.transfer->protocol; }},
-        {kDirectionTitle,
-         [](const E &a, const E &b) { return a.transfer->direction < b.transfer->direction; }},
-        {kPidTitle, [](const E &a, const E &b) { return a.transfer->pid < b.transfer->pid; }},
+    using E = const Entry &;
+    using V = const View &;
+    using T = TopTransfer;
+    static const std::vector<Column> columns = {
+        {{"USER", false, 1, {}}, [](E e, V v) { return v.Clean(e.user); }, Less<&T::user>},
+        {{"PROTO", false, 6, {}}, [](E e, V v) { return v.Clean(e.service); }, Less<&T::service>},
+        {{"DIR", false, 4, {}},
+         [](E e, V) { return DirectionText(e.direction); },
+         Less<&T::direction>},
+        {{"PID", true, 7, {}}, [](E e, V) { return std::to_string(e.pid); }, Less<&T::pid>},
+        {{"SPEED/s", true, 0, {Color::kGreen}},
+         [](E e, V) { return FormatBytes(e.speedBps); },
+         More<&T::speedBps>},
+        {{"ALLOWED/s", true, 5, {}},
+         [](E e, V) { return AllowedText(e.allowedBps); },
+         [](E a, E b) { return ZEVOBandwidthIsLargerThan(a.allowedBps, b.allowedBps) != 0; }},
+        {{"SHARE", true, 10, {}},
+         [](E e, V) { return e.share ? Percent(*e.share) : "-"; },
+         More<&Entry::share>},
+        {{"DONE", true, 3, {}}, [](E e, V) { return Percent(e.progress); }, More<&T::progress>},
+        {{"LEFT", true, 8, {}},
+         [](E e, V) { return LeftText(e.active, e.secondsLeft); },
+         Less<&Entry::secondsLeft>},
+        {{"HISTORY", true, 9, {Color::kCyan}},
+         [](E e, V v) {
+             return HistoryGraph(e.track->speeds, e.allowedBps, v.graphColumns, v.utf8);
+         },
+         nullptr},
+        {{"FILE", false, 0, {}, true}, [](E e, V v) { return v.Clean(e.file); }, Less<&T::file>},
     };
-    return orders;
+    return columns;
 }
 
 TopModel::Key TopModel::KeyOf(const TopTransfer &transfer)
@@ -131,9 +134,9 @@ TopModel::Key TopModel::KeyOf(const TopTransfer &transfer)
     return {transfer.uid, transfer.pid, transfer.direction};
 }
 
-std::string TopModel::Clean(const std::string &text) const
+std::string TopModel::View::Clean(const std::string &text) const
 {
-    return utf8_ ? Printable(text) : AsciiOnly(Printable(text));
+    return utf8 ? Printable(text) : AsciiOnly(Printable(text));
 }
 
 // ---- figures ----
@@ -167,9 +170,9 @@ void TopModel::Record()
 
 bool TopModel::Matches(const TopTransfer &transfer) const
 {
-    const std::string text = Clean(transfer.user) + " " + Clean(transfer.protocol) + " " +
-                             DirectionText(transfer.direction) + " " +
-                             std::to_string(transfer.pid) + " " + Clean(transfer.file);
+    const std::string text = view_.Clean(transfer.user) + " " + view_.Clean(transfer.service) +
+                             " " + DirectionText(transfer.direction) + " " +
+                             std::to_string(transfer.pid) + " " + view_.Clean(transfer.file);
     return Lower(text).find(Lower(filter_)) != std::string::npos;
 }
 
@@ -179,16 +182,16 @@ void TopModel::Arrange()
     for (const TopTransfer &transfer : figures_.transfers) {
         if (!filter_.empty() && !Matches(transfer)) continue;
         const Track &track = tracks_[KeyOf(transfer)];
-        Entry entry{&transfer, &track, {}, {}};
+        Entry entry{transfer, &track};
         if (transfer.allowedBps != 0) entry.share = PartOf(transfer.allowedBps, transfer.limitBps);
         const Sample &first = track.samples.front();
         if (transfer.progress > first.progress && transfer.progress <= kWhole)
             entry.secondsLeft = static_cast<std::uint64_t>(figures_.nowUs - first.us) *
                                 (kWhole - transfer.progress) /
                                 (transfer.progress - first.progress) / 1'000'000;
-        shown_.push_back(entry);
+        shown_.push_back(std::move(entry));
     }
-    const auto before = Orders()[sortBy_].before;
+    const auto before = Columns()[sortBy_].before;
     std::stable_sort(shown_.begin(), shown_.end(), [&](const Entry &a, const Entry &b) {
         return reversed_ ? before(b, a) : before(a, b);
     });
@@ -199,7 +202,7 @@ void TopModel::Arrange()
 // and a question about the old one is withdrawn.
 void TopModel::FindSelection()
 {
-    const auto isSelected = [&](const Entry &e) { return KeyOf(*e.transfer) == selected_; };
+    const auto isSelected = [&](const Entry &e) { return KeyOf(e) == selected_; };
     const auto found = std::find_if(shown_.begin(), shown_.end(), isSelected);
     if (found != shown_.end()) {
         place_ = static_cast<std::size_t>(found - shown_.begin());
@@ -211,7 +214,7 @@ void TopModel::FindSelection()
     }
     place_ = shown_.empty() ? 0 : std::min(place_, shown_.size() - 1);
     selected_.reset();
-    if (!shown_.empty()) selected_ = KeyOf(*shown_[place_].transfer);
+    if (!shown_.empty()) selected_ = KeyOf(shown_[place_]);
 }
 
 void TopModel::Say(const std::string &message)
@@ -222,7 +225,7 @@ void TopModel::Say(const std::string &message)
 
 const TopTransfer *TopModel::Selected() const
 {
-    return shown_.empty() ? nullptr : shown_[place_].transfer;
+    return shown_.empty() ? nullptr : &shown_[place_];
 }
 
 // ---- keys ----
@@ -244,40 +247,29 @@ TopAction TopModel::Press(const TopKey &key)
     }
 }
 
-void TopModel::SortBy(std::size_t order)
+void TopModel::SortByColumnAfter(std::size_t step)
 {
-    sortBy_ = order % Orders().size();
+    do
+        sortBy_ = (sortBy_ + step) % Columns().size();
+    while (Columns()[sortBy_].before == nullptr);
     reversed_ = false;
     Arrange();
 }
 
 bool TopModel::Move(TopKey::Code code)
 {
-    const std::size_t last = shown_.empty() ? 0 : shown_.size() - 1;
-    switch (code) {
-    case TopKey::kUp:
-        place_ -= std::min<std::size_t>(place_, 1);
-        break;
-    case TopKey::kDown:
-        place_ += 1;
-        break;
-    case TopKey::kPageUp:
-        place_ -= std::min(place_, pageRows_);
-        break;
-    case TopKey::kPageDown:
-        place_ += pageRows_;
-        break;
-    case TopKey::kHome:
-        place_ = 0;
-        break;
-    case TopKey::kEnd:
-        place_ = last;
-        break;
-    default:
-        return false;
-    }
-    place_ = std::min(place_, last);
-    if (!shown_.empty()) selected_ = KeyOf(*shown_[place_].transfer);
+    const auto page = static_cast<std::ptrdiff_t>(pageRows_);
+    const auto all = static_cast<std::ptrdiff_t>(shown_.size());
+    const std::map<TopKey::Code, std::ptrdiff_t> steps = {
+        {TopKey::kUp, -1},         {TopKey::kDown, 1},    {TopKey::kPageUp, -page},
+        {TopKey::kPageDown, page}, {TopKey::kHome, -all}, {TopKey::kEnd, all},
+    };
+    const auto step = steps.find(code);
+    if (step == steps.end()) return false;
+    if (all == 0) return true;
+    const auto place = static_cast<std::ptrdiff_t>(place_) + step->second;
+    place_ = static_cast<std::size_t>(std::clamp<std::ptrdiff_t>(place, 0, all - 1));
+    selected_ = KeyOf(shown_[place_]);
     return true;
 }
 
@@ -290,8 +282,8 @@ TopAction TopModel::PressInList(const TopKey &key)
         return TopAction::kNone;
     }
     if (key.text == "q" || key.text == "Q") return TopAction::kQuit;
-    if (key.text == "s") SortBy(sortBy_ + 1);
-    if (key.text == "S") SortBy(sortBy_ + Orders().size() - 1);
+    if (key.text == "s") SortByColumnAfter(1);
+    if (key.text == "S") SortByColumnAfter(Columns().size() - 1);
     if (key.text == "r") {
         reversed_ = !reversed_;
         Arrange();
@@ -307,7 +299,7 @@ void TopModel::PressInFilter(const TopKey &key)
     if (key.code == TopKey::kEnter || key.code == TopKey::kEscape) mode_ = Mode::kList;
     if (key.code == TopKey::kEscape) filter_.clear();
     if (key.code == TopKey::kErase) EraseLast(filter_);
-    if (key.code == TopKey::kText) filter_ += Clean(key.text);
+    if (key.code == TopKey::kText) filter_ += view_.Clean(key.text);
     Arrange();
 }
 
@@ -339,14 +331,13 @@ std::string TopModel::Bottom() const
     if (mode_ == Mode::kFilter) return "Show only what holds: " + filter_ + "_";
     if (mode_ == Mode::kQuestion) {
         const TopTransfer &transfer = *Selected();
-        const bool isUpload = transfer.direction == ZEVO_BW_TRANSFER_UPLOAD;
-        return std::string("Stop the ") + (isUpload ? "upload" : "download") + " of " +
-               Clean(transfer.user) + ", process " + std::to_string(transfer.pid) + "? (y/n) " +
-               Clean(transfer.file);
+        return "Stop the " + DirectionOf(transfer) + " of " + view_.Clean(transfer.user) +
+               ", process " + std::to_string(transfer.pid) + "? (y/n) " +
+               view_.Clean(transfer.file);
     }
     if (mode_ == Mode::kHelp) return "Any key goes back.";
-    if (!message_.empty()) return Clean(message_);
-    if (!figures_.complaint.empty()) return Clean(figures_.complaint);
+    if (!message_.empty()) return view_.Clean(message_);
+    if (!figures_.complaint.empty()) return view_.Clean(figures_.complaint);
     return hints_ ? "q quit  s sort  r reverse  / filter  x stop  ? help" : "";
 }
 
@@ -373,20 +364,21 @@ std::vector<TopLine> TopModel::GroupLines(std::size_t rows, std::size_t columns)
     const std::size_t most = rows / 3;
     const std::size_t shown = count < most ? count : most - std::min<std::size_t>(most, 2);
     Grid grid({{"GROUP", false, 0, {}},
-               {kProtocolTitle, false, 2, {}},
-               {kDirectionTitle, false, 1, {}},
+               {"PROTO", false, 2, {}},
+               {"DIR", false, 1, {}},
                {"RUN", true, 4, {}},
-               {kSpeedTitle, true, 0, {Color::kGreen}},
+               {"SPEED/s", true, 0, {Color::kGreen}},
                {"LIMIT/s", true, 3, {}},
                {"USED", true, 1, {}},
                {"", false, 0, {Color::kCyan}}});
     for (std::size_t i = 0; i < shown; ++i) {
         const TopGroup &group = figures_.groups[i];
         const auto part = PartOf(group.speedBps, group.limitBps);
-        grid.AddRow({Clean(group.group), Clean(group.protocol), DirectionText(group.direction),
-                     std::to_string(group.transfers), FormatBytes(group.speedBps),
-                     group.limitBps ? AllowedText(*group.limitBps) : "-",
-                     part ? Percent(*part) : "-", part ? PartBar(*part, kBarColumns, utf8_) : ""});
+        grid.AddRow(
+            {view_.Clean(group.group), view_.Clean(group.protocol), DirectionText(group.direction),
+             std::to_string(group.transfers), FormatBytes(group.speedBps),
+             group.limitBps ? AllowedText(*group.limitBps) : "-", part ? Percent(*part) : "-",
+             part ? PartBar(*part, kBarColumns, view_.utf8) : ""});
     }
     std::vector<TopLine> lines = grid.Lines(columns);
     if (shown < count)
@@ -395,52 +387,28 @@ std::vector<TopLine> TopModel::GroupLines(std::size_t rows, std::size_t columns)
     return lines;
 }
 
-std::vector<std::string> TopModel::Cells(const Entry &entry, std::size_t graphColumns) const
-{
-    const TopTransfer &transfer = *entry.transfer;
-    std::string left = "-";
-    if (entry.secondsLeft && *entry.secondsLeft < kLongestSeconds)
-        left = FormatDuration(*entry.secondsLeft);
-    if (!transfer.active) left = "ending";
-    return {Clean(transfer.user),
-            Clean(transfer.protocol),
-            DirectionText(transfer.direction),
-            std::to_string(transfer.pid),
-            FormatBytes(transfer.speedBps),
-            AllowedText(transfer.allowedBps),
-            entry.share ? Percent(*entry.share) : "-",
-            Percent(transfer.progress),
-            left,
-            HistoryGraph(entry.track->speeds, transfer.allowedBps, graphColumns, utf8_),
-            Clean(transfer.file)};
-}
-
 std::vector<TopLine> TopModel::TransferLines(std::size_t rows, std::size_t columns)
 {
     if (rows == 0) return {};
-    Grid grid({{kUserTitle, false, 1, {}},
-               {kProtocolTitle, false, 6, {}},
-               {kDirectionTitle, false, 4, {}},
-               {kPidTitle, true, 7, {}},
-               {kSpeedTitle, true, 0, {Color::kGreen}},
-               {kAllowedTitle, true, 5, {}},
-               {kShareTitle, true, 10, {}},
-               {kDoneTitle, true, 3, {}},
-               {kLeftTitle, true, 8, {}},
-               {"HISTORY", true, 9, {Color::kCyan}},
-               {kFileTitle, false, 0, {}, true}});
+    std::vector<GridColumn> looks;
+    for (const Column &column : Columns())
+        looks.push_back(column.look);
+    Grid grid(std::move(looks));
     pageRows_ = std::max<std::size_t>(rows - 1, 1);
     firstRow_ = std::min(firstRow_, place_);
     if (place_ >= firstRow_ + pageRows_) firstRow_ = place_ - pageRows_ + 1;
     const std::size_t spare = columns > kUsualColumns ? (columns - kUsualColumns) / 2 : 0;
-    const std::size_t graphColumns = std::min(kLeastHistory + spare, kMaxHistory);
+    view_.graphColumns = std::min(kLeastHistory + spare, kMaxHistory);
     for (std::size_t i = firstRow_; i < std::min(firstRow_ + pageRows_, shown_.size()); ++i) {
         std::vector<Color> look;
-        if (!shown_[i].transfer->active) look = {Color::kRed};
+        if (!shown_[i].active) look = {Color::kRed};
         if (i == place_) look = {Color::kInverse};
-        grid.AddRow(Cells(shown_[i], graphColumns), std::move(look));
+        std::vector<std::string> cells;
+        for (const Column &column : Columns())
+            cells.push_back(column.text(shown_[i], view_));
+        grid.AddRow(std::move(cells), std::move(look));
     }
-    std::vector<TopLine> lines = grid.Lines(columns, Orders()[sortBy_].title);
+    std::vector<TopLine> lines = grid.Lines(columns, Columns()[sortBy_].look.title);
     lines.resize(std::min(lines.size(), rows));
     return lines;
 }

@@ -15,23 +15,16 @@
 
 #include <sys/types.h>
 
+#include "model/transfer_list.hpp"
 #include "top/text.hpp"
 
 namespace tool {
 
 // Texts are raw. The lines of the screen hold them printable.
-struct TopTransfer {
-    std::uint32_t uid = 0;
-    pid_t pid = 0;
-    std::int32_t direction = 0;
+struct TopTransfer : RunningTransfer {
     std::string user;
-    std::string protocol;
-    std::string file;
-    std::uint64_t speedBps = 0;
-    std::uint64_t allowedBps = 0;          // 0 unlimited
+    std::string service;                   // the protocol by its name
     std::optional<std::uint64_t> limitBps; // what the user's limits allow it alone, 0 unlimited
-    std::uint32_t progress = 0;            // ten-thousandths
-    bool active = true;
 };
 
 struct TopGroup {
@@ -62,7 +55,7 @@ enum class TopAction { kNone, kQuit, kStop };
 class TopModel {
 public:
     // utf8: the terminal shows more than ASCII. hints: the bottom line says which keys there are.
-    explicit TopModel(bool utf8, bool hints = true) : utf8_(utf8), hints_(hints) {}
+    explicit TopModel(bool utf8, bool hints = true) : view_{utf8}, hints_(hints) {}
 
     void Update(TopFigures figures);
     // kStop: the person has agreed to stop the selected transfer.
@@ -87,14 +80,27 @@ private:
         std::deque<Sample> samples;
     };
     // What is worked out from the figures and the track of a transfer.
-    struct Entry {
-        const TopTransfer *transfer;
-        const Track *track;
-        std::optional<std::uint64_t> share;       // allowed of the limit, ten-thousandths
-        std::optional<std::uint64_t> secondsLeft; // at the pace of the last minute
+    struct Entry : TopTransfer {
+        const Track *track = nullptr;
+        std::optional<std::uint64_t> share = {}; // allowed of the limit, ten-thousandths
+        std::uint64_t secondsLeft =
+            UINT64_MAX; // at the pace of the last minute; the most: not known
     };
-    struct Order;
-    static const std::vector<Order> &Orders();
+    template <auto field> static bool Less(const Entry &a, const Entry &b)
+    {
+        return a.*field < b.*field;
+    }
+    template <auto field> static bool More(const Entry &a, const Entry &b)
+    {
+        return b.*field < a.*field;
+    }
+    struct View {
+        bool utf8;
+        std::size_t graphColumns = 0;
+        std::string Clean(const std::string &text) const;
+    };
+    struct Column;
+    static const std::vector<Column> &Columns();
 
     static Key KeyOf(const TopTransfer &transfer);
     void Record();
@@ -105,16 +111,14 @@ private:
     bool Move(TopKey::Code code);
     void PressInFilter(const TopKey &key);
     TopAction PressInQuestion(const TopKey &key);
-    void SortBy(std::size_t order);
-    std::string Clean(const std::string &text) const;
-    std::vector<std::string> Cells(const Entry &entry, std::size_t graphColumns) const;
+    void SortByColumnAfter(std::size_t step);
     std::string Title() const;
     std::string Bottom() const;
     std::vector<TopLine> BottomLines(std::size_t rows, std::size_t columns) const;
     std::vector<TopLine> GroupLines(std::size_t rows, std::size_t columns) const;
     std::vector<TopLine> TransferLines(std::size_t rows, std::size_t columns);
 
-    const bool utf8_;
+    View view_;
     const bool hints_;
     TopFigures figures_;
     std::map<Key, Track> tracks_;
@@ -123,7 +127,7 @@ private:
     std::string filter_;
     std::string message_;
     std::int64_t saidUs_ = 0;
-    std::size_t sortBy_ = 0;
+    std::size_t sortBy_ = 4; // the speed
     bool reversed_ = false;
     std::optional<Key> selected_;
     std::size_t place_ = 0;    // of the selection in shown_
